@@ -1,0 +1,33 @@
+// The table of name=value defines handed to a stencil (from -D, or from a
+// configfile group's defines). Names are unique and compared byte for byte;
+// a walk yields each define as stencil text "$%define name {value}" in
+// ascending name order.
+#pragma once
+
+#include "pkx.h"
+
+typedef struct defines {
+    pkx_avl_t* entries;
+} defines_t;
+
+typedef struct defines_entry {
+    pkx_avl_node_t node;
+    const char* name;   // owned copy; the key
+    const char* value;  // owned copy
+    char* macro;        // owned: the define as stencil text
+} defines_entry_t;
+
+defines_t* defines_create(void);
+void defines_destroy(defines_t* defines);
+// 0 added; -1 the name exists already (table unchanged); -2 out of memory.
+int defines_add(defines_t* defines, const char* name, const char* value);
+int defines_count(defines_t* defines);
+const char* defines_find(defines_t* defines, const char* name);
+pkx_avl_walk_t* defines_walk_start(defines_t* defines);
+// The next define's macro text, or null at the end, when the walk is ended.
+char* defines_walk_next(defines_t* defines, pkx_avl_walk_t* walk);
+
+// Module state, visible to tests: number of live tables, and whether the
+// module's pool exists.
+int defines_live_tables(void);
+int defines_pool_exists(void);

@@ -1,0 +1,184 @@
+#include "e2e_util.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+extern char** environ;
+
+namespace e2e {
+
+namespace {
+
+// Pumps input into the child's stdin while draining its stdout and stderr,
+// so that neither side blocks on a full pipe.
+void pump(int in_fd, const std::string& input, int out_fd, int err_fd, Result& res) {
+    size_t written = 0;
+    if (input.empty()) {
+        close(in_fd);
+        in_fd = -1;
+    }
+    char buf[65536];
+    while (out_fd >= 0 || err_fd >= 0) {
+        pollfd fds[3];
+        int n = 0;
+        int idx_in = -1, idx_out = -1, idx_err = -1;
+        if (in_fd >= 0) { fds[n] = {in_fd, POLLOUT, 0}; idx_in = n++; }
+        if (out_fd >= 0) { fds[n] = {out_fd, POLLIN, 0}; idx_out = n++; }
+        if (err_fd >= 0) { fds[n] = {err_fd, POLLIN, 0}; idx_err = n++; }
+        if (poll(fds, n, -1) < 0) {
+            if (errno == EINTR) continue;
+            throw std::runtime_error("poll failed");
+        }
+        if (idx_in >= 0 && fds[idx_in].revents) {
+            ssize_t w = write(in_fd, input.data() + written, input.size() - written);
+            if (w > 0) written += static_cast<size_t>(w);
+            if (w < 0 || written == input.size()) {
+                close(in_fd);
+                in_fd = -1;
+            }
+        }
+        auto drain = [&](int idx, int& fd, std::string& sink) {
+            if (idx < 0 || !fds[idx].revents) return;
+            ssize_t r = read(fd, buf, sizeof buf);
+            if (r > 0) {
+                sink.append(buf, static_cast<size_t>(r));
+            } else {
+                close(fd);
+                fd = -1;
+            }
+        };
+        drain(idx_out, out_fd, res.out);
+        drain(idx_err, err_fd, res.err);
+    }
+    if (in_fd >= 0) close(in_fd);
+}
+
+}  // namespace
+
+Result run(const Run& r) {
+    int in[2], out[2], err[2];
+    if (pipe2(in, O_CLOEXEC) || pipe2(out, O_CLOEXEC) || pipe2(err, O_CLOEXEC))
+        throw std::runtime_error("pipe failed");
+    signal(SIGPIPE, SIG_IGN);
+
+    std::vector<std::string> argv_s = r.wrapper;
+    argv_s.insert(argv_s.end(), r.args.begin(), r.args.end());
+    std::vector<char*> argv;
+    for (auto& a : argv_s) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+
+    pid_t pid = fork();
+    if (pid < 0) throw std::runtime_error("fork failed");
+    if (pid == 0) {
+        dup2(in[0], 0);
+        dup2(out[1], 1);
+        dup2(err[1], 2);
+        for (auto& [k, v] : r.env) {
+            if (v) setenv(k.c_str(), v->c_str(), 1);
+            else unsetenv(k.c_str());
+        }
+        if (!r.cwd.empty() && chdir(r.cwd.c_str()) != 0) _exit(126);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    close(err[1]);
+    Result res;
+    pump(in[1], r.input, out[0], err[0], res);
+    int st = 0;
+    while (waitpid(pid, &st, 0) < 0 && errno == EINTR) {}
+    res.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+    return res;
+}
+
+TempDir::TempDir() {
+    const char* base = getenv("TMPDIR");
+    std::string tmpl = std::string(base && *base ? base : "/tmp") + "/kelvo-test-XXXXXX";
+    std::vector<char> buf(tmpl.begin(), tmpl.end());
+    buf.push_back('\0');
+    if (!mkdtemp(buf.data())) throw std::runtime_error("mkdtemp failed");
+    path_ = buf.data();
+}
+
+TempDir::~TempDir() {
+    std::error_code ec;
+    // Tests may leave files without permission bits; make them removable.
+    for (auto it = std::filesystem::recursive_directory_iterator(path_, ec);
+         !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+        std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
+                                     std::filesystem::perm_options::add, ec);
+    }
+    std::filesystem::remove_all(path_, ec);
+}
+
+void write_file(const std::string& path, const std::string& content) {
+    std::ofstream f(path, std::ios::binary | std::ios::trunc);
+    f << content;
+    if (!f) throw std::runtime_error("cannot write " + path);
+}
+
+std::string read_file(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    std::ostringstream s;
+    s << f.rdbuf();
+    return s.str();
+}
+
+bool exists(const std::string& path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+const char* kelvo_bin() { return KELVO_BIN; }
+const char* hgxrepo_bin() { return HGXREPO_BIN; }
+std::string source_dir() { return SOURCE_DIR; }
+
+void make_repository(const std::string& path, const std::string& manifest_json, bool snapshot) {
+    Run r;
+    r.args = {hgxrepo_bin(), "-r", path, "import"};
+    if (!snapshot) r.args.push_back("--no-snapshot");
+    r.args.push_back("-");
+    r.input = manifest_json;
+    Result res = run(r);
+    if (res.status != 0)
+        ADD_FAILURE() << "hgxrepo import failed (" << res.status << "): " << res.err;
+}
+
+Result kelvo(const std::string& repository, const std::vector<std::string>& args,
+             const std::string& input, std::map<std::string, std::optional<std::string>> env) {
+    Run r;
+    r.args = {kelvo_bin()};
+    r.args.insert(r.args.end(), args.begin(), args.end());
+    r.input = input;
+    r.env = {{"HGX_REPOSITORY", repository},
+             {"QRM_WERN", std::nullopt},
+             {"QRM_METHOD", std::nullopt},
+             {"QRM_RESTARTER", std::nullopt}};
+    for (auto& [k, v] : env) r.env[k] = v;
+    return run(r);
+}
+
+Result hgxrepo(const std::vector<std::string>& args, const std::string& input) {
+    Run r;
+    r.args = {hgxrepo_bin()};
+    r.args.insert(r.args.end(), args.begin(), args.end());
+    r.input = input;
+    return run(r);
+}
+
+}  // namespace e2e

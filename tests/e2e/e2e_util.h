@@ -1,0 +1,67 @@
+// Helpers for the end-to-end tests: run the real binaries in a scratch
+// directory and capture everything they print.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace e2e {
+
+struct Result {
+    int status = -1;  // exit status (0..255), or 128 + signal number
+    std::string out;
+    std::string err;
+};
+
+struct Run {
+    std::vector<std::string> args;  // argv, argv[0] included
+    std::string input;              // fed to standard input
+    // Environment changes on top of the test's own environment: a value sets
+    // the variable, std::nullopt removes it.
+    std::map<std::string, std::optional<std::string>> env;
+    std::string cwd;  // empty: the test's working directory
+    // Prefix of the command (e.g. {"setpriv", "--inh-caps=-all", ...}).
+    std::vector<std::string> wrapper;
+};
+
+Result run(const Run& r);
+
+// A scratch directory, removed with its contents when the object goes.
+class TempDir {
+  public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string operator/(const std::string& rel) const { return path_ + "/" + rel; }
+
+  private:
+    std::string path_;
+};
+
+void write_file(const std::string& path, const std::string& content);
+std::string read_file(const std::string& path);
+bool exists(const std::string& path);
+
+const char* kelvo_bin();
+const char* hgxrepo_bin();
+std::string source_dir();
+
+// Imports the manifest text into a new repository file at path with
+// hgxrepo; fails the current test (ADD_FAILURE) when the import fails.
+void make_repository(const std::string& path, const std::string& manifest_json,
+                     bool snapshot = true);
+
+// Runs kelvo with the given arguments (argv[0] added) against a repository
+// file; HGX_REPOSITORY is set, QRM_WERN, QRM_METHOD and QRM_RESTARTER are
+// unset unless env says otherwise.
+Result kelvo(const std::string& repository, const std::vector<std::string>& args,
+             const std::string& input = "",
+             std::map<std::string, std::optional<std::string>> env = {});
+
+Result hgxrepo(const std::vector<std::string>& args, const std::string& input = "");
+
+}  // namespace e2e
