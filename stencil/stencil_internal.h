@@ -98,11 +98,55 @@ struct stencil {
     stencil_syntax_error_list_t* errors;  // newest first; null when none
 };
 
-// ---- front end (parser.cpp, duplicate.cpp, syntax_errors.cpp) ----
+// ---- front end (load.cpp, parse_*.cpp, duplicate.cpp, syntax_error.cpp) ----
 
 void destroy_subexpressions(expression_t* container);
 int add_error(stencil_t* stencil, const char* text, size_t length, size_t location,
               syntax_error_t err);
+// add_error wrapped for a parse function: STENCIL_ERROR_SYNTAX once the error
+// is recorded, STENCIL_ERROR_NO_MEMORY when it could not be.
+int report_syntax_error(stencil_t* stencil, const char* text, size_t length, size_t location,
+                        syntax_error_t err);
+
+// The section whose pattern and body are being parsed (one per process, null
+// between loads), and the copy of the section whose body is being duplicated.
+extern match_t* parse_parent;
+extern thread_local match_t* duplicate_parent;
+
+// Parse functions return the bytes used (closing token included) or a
+// negative stencil_error_t; parse_definition may also return 0.
+int parse_stencil(const char* text, expression_t* container, stencil_t* stencil,
+                  const char* delimiters);
+int parse_property(const char* text, expression_t* expression, stencil_t* stencil);
+int parse_regex(const char* text, expression_t* expression, stencil_t* stencil);
+int parse_regex_invocation(const char* text, match_t* match, stencil_t* stencil);
+int parse_definition(const char* text, expression_t* container, stencil_t* stencil);
+int parse_macro(const char* text, expression_t* expression, stencil_t* stencil);
+int parse_invocation(const char* text, expression_t* container, stencil_t* stencil);
+int parse_macro_invocation(const char* text, expression_t* expression, stencil_t* stencil);
+
+int consume_comment(const char* text, stencil_t* stencil);
+int first_nonwhitespace_char(const char* text, int multi_line, stencil_t* stencil);
+int first_whitespace_char(const char* text, int multi_line, stencil_t* stencil);
+int fill_in_literal(literal_t* literal, const char* start, const char* end);
+// Appends a zero-filled record of `kind` (its type set) to the container.
+expression_t* _grow(expression_t* container, expression_type_t kind);
+int _make_str(char** str, const char* start, const char* end);
+int next_substring(const char* text, const char* prefix);
+// The `]` that ends a define splice in a property name or a pattern: extends
+// the define name by [piece, close), looks it up and appends its value to
+// *target. 0, or a negative stencil_error_t (SE_MACRO_NOT_FOUND reported
+// against [text, close]).
+int splice_define(stencil_t* stencil, const char* text, const char* piece, const char* close,
+                  char** define_name, char** target);
+
+// Deep copies for invocations: 0, -1 out of memory, -2 a name is missing from
+// the dictionary.
+int duplicate_subexpressions(expression_t* target, expression_t* source, stencil_t* stencil);
+int duplicate_literal(literal_t* target, literal_t* source, stencil_t* stencil);
+int duplicate_property(property_t* target, property_t* source, stencil_t* stencil);
+int duplicate_regex(match_t* target, match_t* source, stencil_t* stencil);
+int duplicate_macro(macro_t* target, macro_t* source, stencil_t* stencil);
 
 // ---- evaluation (emit*.cpp) ----
 
@@ -122,3 +166,56 @@ int emit_expression(expression_t* expression, stencil_output_buffer_t* buffer, s
 int expression_to_string(expression_t* expression, stencil_t* stencil, char** out);
 int string_buffer_append_expression(string_buffer_t* sb, expression_t* expression,
                                     stencil_t* stencil);
+
+// Dispatchers: each calls the operation of its name in the row of the
+// output-function table for the stencil's mode. emit_property first settles
+// the final property name.
+int emit_literal(literal_t* literal, stencil_output_buffer_t* buffer, stencil_t* stencil);
+int emit_property(property_t* property, stencil_output_buffer_t* buffer, stencil_t* stencil);
+int emit_regex(match_t* match, stencil_output_buffer_t* buffer, stencil_t* stencil);
+int emit_macro(macro_t* macro, stencil_output_buffer_t* buffer, stencil_t* stencil);
+// The mode's emit_property operation, without the name step.
+int emit_property_by_mode(property_t* property, stencil_output_buffer_t* buffer,
+                          stencil_t* stencil);
+
+int emit_normal_literal(literal_t* literal, stencil_output_buffer_t* buffer, stencil_t* stencil);
+int emit_list_properties_literal(literal_t* literal, stencil_output_buffer_t* buffer,
+                                 stencil_t* stencil);
+int emit_normal_property(property_t* property, stencil_output_buffer_t* buffer,
+                         stencil_t* stencil);
+int emit_list_properties_property(property_t* property, stencil_output_buffer_t* buffer,
+                                  stencil_t* stencil);
+int emit_normal_regex(match_t* match, stencil_output_buffer_t* buffer, stencil_t* stencil);
+int emit_normal_macro(macro_t* macro, stencil_output_buffer_t* buffer, stencil_t* stencil);
+
+// The first visit of a section (emit_expression with regex_pass 0): matches
+// the pattern, evaluates the body once per match, flattens the result.
+int emit_regex_first_pass(match_t* match, stencil_output_buffer_t* buffer, stencil_t* stencil);
+// The pre-step of a macro record: 0 for a definition (nothing to emit), 1 for
+// an invocation whose arguments are now evaluated and which is now the
+// stencil's current macro, or a negative stencil_error_t.
+int emit_macro_arguments(macro_t* macro, stencil_t* stencil);
+
+// Text substitution at evaluation time: escapes, grabs, macro arguments and
+// the named $% forms. Appends to sb; 0 or a negative stencil_error_t.
+int translate_grabs(const char* text, string_buffer_t* sb, regex_context_t* context,
+                    stencil_t* stencil);
+// Text of a grab (valid until the next call), "" when absent, null on no memory.
+const char* get_grab(int grab, const regex_context_t* context);
+const char* get_macro_expansion(const char** text, macro_t* macro);
+
+// Glob replacement; the result is valid until the next call, null on no memory.
+const char* replace_string(const char* source, const char* pattern, const char* replacement,
+                           int all);
+const char* match_glob(const char* source, const char* pattern);
+
+regex_context_t* match_regex(match_t* match, stencil_t* stencil);
+// Applies the transforms of the active sections to a name (regex 0) or to a
+// pattern (regex 1, anchored). Valid until the next call; null on failure.
+const char* transform_wern(const char* wern, regex_context_t* context, int regex);
+int is_absolute_wern(const char* wern);
+const char* transform_wern_pass_one(regex_context_t* context, string_buffer_t* sb);
+const char* transform_wern_pass_two(regex_context_t* context, string_buffer_t* sb);
+
+int stencil_output_buffer_cmp_kernel(stencil_output_buffer_t* buffer, const char* map,
+                                     size_t* position, size_t file_size);

@@ -1,0 +1,286 @@
+// The scanner that every piece of stencil text goes through, its small
+// helpers, and the release of an expression tree.
+//
+// The scanner never copies the text as a whole: each literal is a copy of the
+// stretch between two forms, so the loaded text can go once the parse is done.
+// Offsets are int: stencil_load refuses texts whose offsets would not fit.
+
+#include <cstdlib>
+#include <cstring>
+
+#include "stencil_internal.h"
+
+namespace {
+
+bool is_blank(char c) { return c == ' ' || c == '\t'; }
+
+size_t record_size(expression_type_t kind) {
+    switch (kind) {
+        case ET_LITERAL:
+            return sizeof(literal_t);
+        case ET_PROPERTY:
+            return sizeof(property_t);
+        case ET_REGEX:
+            return sizeof(match_t);
+        case ET_MACRO:
+            return sizeof(macro_t);
+        case ET_BASE:
+        case ET_PSEUDOBASE:
+            break;
+    }
+    return sizeof(expression_t);
+}
+
+// Does a `}` end a scan of this container? Only inside a property operand or
+// a body; at the top level and in invocation operands it is text.
+bool brace_closes(const expression_t* container) {
+    switch (container->type) {
+        case ET_PSEUDOBASE:
+        case ET_PROPERTY:
+        case ET_REGEX:
+        case ET_MACRO:
+            return true;
+        case ET_BASE:
+        case ET_LITERAL:
+            break;
+    }
+    return false;
+}
+
+}  // namespace
+
+expression_t* _grow(expression_t* container, expression_type_t kind) {
+    size_t count = static_cast<size_t>(container->num) + 1;
+    auto** grown = static_cast<expression_t**>(
+        realloc(container->sub_expressions, count * sizeof(expression_t*)));
+    // On a failed realloc the old array is still valid and still owns every
+    // child, so it is kept as it was: the children go with the tree.
+    if (grown == nullptr) return nullptr;
+    container->sub_expressions = grown;
+    auto* record = static_cast<expression_t*>(calloc(1, record_size(kind)));
+    if (record == nullptr) return nullptr;
+    // The type is set at once, so that whatever a parse function stores in
+    // the record before it fails is released by destroy_subexpressions.
+    record->type = kind;
+    grown[container->num++] = record;
+    return record;
+}
+
+int _make_str(char** str, const char* start, const char* end) {
+    if (start == end) return 0;
+    size_t add = end != nullptr ? strnlen(start, static_cast<size_t>(end - start)) : strlen(start);
+    size_t have = *str != nullptr ? strlen(*str) : 0;
+    auto* grown = static_cast<char*>(realloc(*str, have + add + 1));
+    if (grown == nullptr) return -1;
+    memcpy(grown + have, start, add);
+    grown[have + add] = '\0';
+    *str = grown;
+    return 0;
+}
+
+int next_substring(const char* text, const char* prefix) {
+    return strncmp(text, prefix, strlen(prefix));
+}
+
+int fill_in_literal(literal_t* literal, const char* start, const char* end) {
+    char* str = strndup(start, static_cast<size_t>(end - start));
+    if (str == nullptr) return -1;
+    literal->expression.type = ET_LITERAL;
+    literal->str = str;
+    return 0;
+}
+
+int consume_comment(const char* text, stencil_t* stencil) {
+    const char* line = text;
+    for (;;) {
+        const char* p = line;
+        while (is_blank(*p)) ++p;
+        // The blanks in front of a line that is not a comment stay with it.
+        if (*p != ';') return static_cast<int>(line - text);
+        const char* newline = strchr(line, '\n');
+        if (newline == nullptr) return static_cast<int>(strlen(text));
+        stencil->line_number++;
+        line = newline + 1;
+    }
+}
+
+int first_nonwhitespace_char(const char* text, int multi_line, stencil_t* stencil) {
+    const char* p = text;
+    for (;;) {
+        if (is_blank(*p)) {
+            ++p;
+        } else if (*p == '\n' && multi_line) {
+            stencil->line_number++;
+            ++p;
+            p += consume_comment(p, stencil);
+        } else {
+            return static_cast<int>(p - text);
+        }
+    }
+}
+
+int first_whitespace_char(const char* text, int multi_line, stencil_t* /*stencil*/) {
+    const char* p = text;
+    while (*p != '\0' && !is_blank(*p) && !(multi_line && *p == '\n')) ++p;
+    return static_cast<int>(p - text);
+}
+
+int splice_define(stencil_t* stencil, const char* text, const char* piece, const char* close,
+                  char** define_name, char** target) {
+    if (_make_str(define_name, piece, close) != 0) return STENCIL_ERROR_NO_MEMORY;
+    const char* value = nullptr;
+    if (stencil->defines != nullptr)
+        value = defines_find(stencil->defines, *define_name != nullptr ? *define_name : "");
+    if (value == nullptr) {
+        size_t at = static_cast<size_t>(close - text);
+        return report_syntax_error(stencil, text, at + 1, at, SE_MACRO_NOT_FOUND);
+    }
+    // A null end appends the whole value, so an empty value still turns a
+    // null target into an empty string.
+    if (_make_str(target, value, nullptr) != 0) return STENCIL_ERROR_NO_MEMORY;
+    return 0;
+}
+
+int parse_stencil(const char* text, expression_t* container, stencil_t* stencil,
+                  const char* delimiters) {
+    auto* literal = reinterpret_cast<literal_t*>(_grow(container, ET_LITERAL));
+    if (literal == nullptr) return STENCIL_ERROR_NO_MEMORY;
+    const char* literal_start = text;
+    const bool newline_stops = delimiters != nullptr && strchr(delimiters, '\n') != nullptr;
+    const bool brace_stops = brace_closes(container);
+
+    const char* p = text;
+    for (;;) {
+        const char c = *p;
+        if (c == '\0') break;
+        if (c == '\n') {
+            // A newline delimiter is left uncounted: the caller crosses it.
+            if (newline_stops) break;
+            stencil->line_number++;
+            ++p;
+            int comment = consume_comment(p, stencil);
+            if (comment > 0) {
+                // Comment lines split the literal; the newline in front of
+                // them stays with the first half.
+                if (fill_in_literal(literal, literal_start, p) != 0) return STENCIL_ERROR_NO_MEMORY;
+                literal = reinterpret_cast<literal_t*>(_grow(container, ET_LITERAL));
+                if (literal == nullptr) return STENCIL_ERROR_NO_MEMORY;
+                p += comment;
+                literal_start = p;
+            }
+            continue;
+        }
+        if (c == '$' && p[1] == '%') {
+            const char* form = p + 2;
+            const char* args = nullptr;
+            int r;
+            if (*form == '/') {
+                args = form + 1;
+                expression_t* match = _grow(container, ET_REGEX);
+                r = match != nullptr ? parse_regex(args, match, stencil) : STENCIL_ERROR_NO_MEMORY;
+            } else if (*form == '[') {
+                args = form + 1;
+                r = parse_invocation(args, container, stencil);
+            } else if (*form == '{') {
+                args = form + 1;
+                expression_t* property = _grow(container, ET_PROPERTY);
+                r = property != nullptr ? parse_property(args, property, stencil)
+                                        : STENCIL_ERROR_NO_MEMORY;
+            } else if (*form == 'd' && next_substring(form + 1, "efine") == 0) {
+                args = form + 6;
+                r = parse_definition(args, container, stencil);
+            } else {
+                // No form: `$%` stays in the literal, and the character behind
+                // it is looked at like any other.
+                p = form;
+                continue;
+            }
+            if (fill_in_literal(literal, literal_start, p) != 0) return STENCIL_ERROR_NO_MEMORY;
+            if (r < 0) return r;
+            if (r == 0) {
+                // A `$%define` that defines nothing ends the scan behind the
+                // word, which then stands in the literal.
+                free(literal->str);
+                literal->str = nullptr;
+                if (fill_in_literal(literal, literal_start, args) != 0)
+                    return STENCIL_ERROR_NO_MEMORY;
+                return static_cast<int>(args - text);
+            }
+            p = args + r;
+            literal = reinterpret_cast<literal_t*>(_grow(container, ET_LITERAL));
+            if (literal == nullptr) return STENCIL_ERROR_NO_MEMORY;
+            literal_start = p;
+            continue;
+        }
+        if (c == '\\') {
+            // The escaped character is not looked at, but a newline so
+            // passed is still a line.
+            if (p[1] == '\0') {
+                ++p;
+            } else {
+                if (p[1] == '\n') stencil->line_number++;
+                p += 2;
+            }
+            continue;
+        }
+        if (c == '}') {
+            if (brace_stops) break;
+            ++p;
+            continue;
+        }
+        if (c != '$' && delimiters != nullptr && strchr(delimiters, c) != nullptr) break;
+        ++p;
+    }
+    if (fill_in_literal(literal, literal_start, p) != 0) return STENCIL_ERROR_NO_MEMORY;
+    return static_cast<int>(p - text);
+}
+
+void destroy_subexpressions(expression_t* container) {
+    if (container == nullptr) return;
+    for (int i = 0; i < container->num; ++i) {
+        expression_t* child = container->sub_expressions[i];
+        if (child == nullptr) continue;
+        switch (child->type) {
+            case ET_LITERAL:
+                free(reinterpret_cast<literal_t*>(child)->str);
+                break;
+            case ET_PROPERTY: {
+                auto* property = reinterpret_cast<property_t*>(child);
+                free(property->property_name);
+                destroy_subexpressions(&property->first_expression);
+                destroy_subexpressions(&property->second_expression);
+                break;
+            }
+            case ET_REGEX: {
+                auto* match = reinterpret_cast<match_t*>(child);
+                free(match->name);
+                free(match->regex);
+                destroy_subexpressions(&match->first_expression);
+                destroy_subexpressions(&match->second_expression);
+                break;
+            }
+            case ET_MACRO: {
+                auto* macro = reinterpret_cast<macro_t*>(child);
+                free(macro->name);
+                for (int a = 0; a < macro->num_args; ++a) {
+                    if (macro->args != nullptr) free(macro->args[a]);
+                    if (macro->arg_expressions != nullptr)
+                        destroy_subexpressions(&macro->arg_expressions[a]);
+                }
+                free(macro->args);
+                free(macro->arg_expressions);
+                macro->invocation = nullptr;
+                break;
+            }
+            case ET_BASE:
+            case ET_PSEUDOBASE:
+                break;
+        }
+        destroy_subexpressions(child);
+        free(child);
+        container->sub_expressions[i] = nullptr;
+    }
+    free(container->sub_expressions);
+    container->sub_expressions = nullptr;
+    container->num = 0;
+}

@@ -1,0 +1,138 @@
+// The scanner and the form parsers, seen through the shape of the tree they
+// build: container rule, comments, escapes, properties, sections, macros.
+
+#include <gtest/gtest.h>
+
+#include "stencil_parse_util.h"
+
+using namespace parse_test;
+
+namespace {
+
+struct shape_case {
+    const char* text;
+    const char* tree;  // dump of base
+    int lines;         // line_number after the load
+};
+
+void PrintTo(const shape_case& c, std::ostream* os) { *os << quote(c.text); }
+
+class ParseShape : public testing::TestWithParam<shape_case> {};
+
+TEST_P(ParseShape, BuildsTree) {
+    const shape_case& c = GetParam();
+    auto defines = make_defines({{"v", "w"}, {"e", ""}});
+    // The prelude's definitions of v and e come first; cut them off.
+    auto loaded = load_text(c.text, defines.get());
+    ASSERT_EQ(loaded.result, STENCIL_SUCCESS) << c.text;
+    std::string tree = dump_children(&loaded.stencil->base);
+    const std::string prelude = "\"\" m e()[\"\"] \"\" \"\" m v()[\"w\"] \"\" ";
+    ASSERT_EQ(tree.substr(0, prelude.size()), prelude);
+    EXPECT_EQ(tree.substr(prelude.size()), c.tree) << c.text;
+    EXPECT_EQ(loaded.stencil->line_number, c.lines) << c.text;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Scanner, ParseShape,
+    testing::Values(
+        shape_case{"", R"("")", 0},
+        shape_case{"}", R"("}")", 0},
+        shape_case{"a$%{b}c", R"("a" {"b"} "c")", 0},
+        shape_case{"x\\", R"("x\")", 0},
+        shape_case{"x$", R"("x$")", 0},
+        shape_case{"x$%", R"("x$%")", 0},
+        shape_case{"$%$%{a}", R"("$%" {"a"} "")", 0},
+        shape_case{"$%date", R"("$%date")", 0},
+        shape_case{"\\$%{a}", R"("\$%{a}")", 0},
+        // Comments split literals; the newline stays with the first half.
+        shape_case{"a\n;c\nb", R"("a\n" "b")", 2},
+        shape_case{"a\n;c", R"("a\n" "")", 1},
+        shape_case{";first\nx", R"("x")", 1},
+        shape_case{" \t;first\n  x", R"("  x")", 1},
+        shape_case{"a\n;1\n\n;2\nb", R"("a\n" "\n" "b")", 4},
+        shape_case{"a;b\n", R"("a;b\n")", 1},
+        shape_case{"a\\\n;b", R"("a\\n;b")", 1},
+        // A `$%define` that defines nothing ends the parse behind the word.
+        shape_case{"x$%defined y\nz", R"("x$%define")", 0},
+        shape_case{"x$%define", R"("x$%define")", 0},
+        shape_case{"x$%define m", R"("x$%define")", 0},
+        // Properties.
+        shape_case{"$%{a}", R"("" {"a"} "")", 0},
+        shape_case{"$%{}", R"("" {null} "")", 0},
+        shape_case{"$%{wrn:/n/f:default/:properties/c/p}", R"("" {"wrn:/n/f:default/:properties/c/p"} "")", 0},
+        shape_case{"$%{a:,}", R"("" {"a" T1 "" / } "")", 0},
+        shape_case{"$%{a::,b}", R"("" {"a::,b"} "")", 0},
+        shape_case{"$%{a:b:,c}", R"("" {"a:b" T1 "c" / } "")", 0},
+        shape_case{"$%{a:?x/y/z}", R"("" {"a" T4 "x" / "y/z"} "")", 0},
+        shape_case{"$%{a:?yes}", R"("" {"a" T4 "yes" / } "")", 0},
+        shape_case{"$%{a:,x/y}", R"("" {"a" T1 "x/y" / } "")", 0},
+        shape_case{"$%{a:^*p/s}", R"("" {"a" T6 "p" / "s"} "")", 0},
+        shape_case{"$%{a:''x/y}", R"("" {"a" T8 "x" / "y"} "")", 0},
+        shape_case{"$%{a:'x/y}", R"("" {"a" T7 "x" / "y"} "")", 0},
+        shape_case{"$%{a:+$%{b:?c/d}}", R"("" {"a" T3 "" {"b" T4 "c" / "d"} "" / } "")", 0},
+        shape_case{"$%{a:,one\n;c\ntwo}", R"("" {"a" T1 "one\n" "two" / } "")", 2},
+        shape_case{"$%{a\\}", R"("" {"a\"} "")", 0},
+        shape_case{"$%{n$%[v]x}", R"("" {"nwx"} "")", 0},
+        shape_case{"$%{$%[e]}", R"("" {""} "")", 0},
+        // Sections.
+        shape_case{"$%/a(b)c/ {x}", R"("" /"a(b)c"/["x"] "")", 0},
+        shape_case{"$%/a/b/{x}", R"("" /"a/b"/["x"] "")", 0},
+        shape_case{"$%/a/\n;c\n{x}", R"("" /"a"/["x"] "")", 2},
+        shape_case{"$%/a\\/{b/{x}", R"("" /"a\/{b"/["x"] "")", 0},
+        shape_case{"$%/a$%[v]b/{x}", R"("" /"awb"/["x"] "")", 0},
+        shape_case{"$%//{x}", R"("" /null/["x"] "")", 0},
+        // Definitions and invocations.
+        shape_case{"$%define m {b}$%[m]",
+                   R"("" m m()["b"] "" m m()["b"] "")", 0},
+        shape_case{"$%define m a b {x}$%[m 1 2]",
+                   R"("" m m(a,b)["x"] "" m m("1","2")["x"] "")", 0},
+        shape_case{"$%define m a b {x}$%[m 1  2]",
+                   R"("" m m(a,b)["x"] "" m m("1","2")["x"] "")", 0},
+        shape_case{"$%define m a{ x}", R"("" m m(a)["x"] "")", 0},
+        shape_case{"$%define m a { x}", R"("" m m(a)[" x"] "")", 0},
+        shape_case{"$%define m a\n;c\nb {x}", R"("" m m(a,b)["x"] "")", 2},
+        shape_case{"$%define m\n{x}", R"("" m m()["x"] "")", 1},
+        shape_case{"$%define x y/ {z}", R"("" m x(y/)["z"] "")", 0},
+        shape_case{"$%define m a b {x}$%[m 1\n;c\n2]",
+                   R"("" m m(a,b)["x"] "" m m("1","2")["x"] "")", 2},
+        shape_case{"$%define m a {x}$%[m 1\\ 2]", R"("" m m(a)["x"] "" m m("1\ 2")["x"] "")", 0},
+        shape_case{"$%define m a b {x}$%[m $%{p:,x y} 2]",
+                   R"("" m m(a,b)["x"] "" m m("" {"p" T1 "x y" / } "","2")["x"] "")", 0},
+        shape_case{"$%define m a {x}$%[m a}b]", R"("" m m(a)["x"] "" m m("a}b")["x"] "")", 0},
+        shape_case{"$%define m a {x}$%[m\n;c\n1]", R"("" m m(a)["x"] "" m m("1")["x"] "")", 2},
+        shape_case{"$%define r /p/ {y}$%[r]", R"("" /"p"/ def r["y"] "" /"p"/ inv r["y"] "")", 0},
+        shape_case{"$%define r /p/ {y}$%[r:]", R"("" /"p"/ def r["y"] "" /"p"/ inv r["y"] "")", 0},
+        shape_case{"$%define r /p/ {y}$%[r:^p/s]",
+                   R"("" /"p"/ def r["y"] "" /"p"/ inv r T5 "p" / "s"["y"] "")", 0},
+        shape_case{"$%define r /p/ {y}$%[r:^*p]",
+                   R"("" /"p"/ def r["y"] "" /"p"/ inv r T5 "*p" / ["y"] "")", 0},
+        shape_case{"$%define r /p/ {y}$%[r:''x/y]",
+                   R"("" /"p"/ def r["y"] "" /"p"/ inv r T8 "x" / "y"["y"] "")", 0},
+        shape_case{"$%define r /p/ {y}$%[r:'a}b]",
+                   R"("" /"p"/ def r["y"] "" /"p"/ inv r T7 "a}b" / ["y"] "")", 0}));
+
+// The defines reach the tree in name order, whatever order they were added.
+TEST(ParsePrelude, DefinesInNameOrderAheadOfText) {
+    auto defines = make_defines({{"b", "2"}, {"a", "1\n"}});
+    auto loaded = load_text("t", defines.get());
+    ASSERT_EQ(loaded.result, STENCIL_SUCCESS);
+    EXPECT_EQ(dump_children(&loaded.stencil->base),
+              R"("" m a()["1\n"] "" "" m b()["2"] "" "t")");
+    // The prelude's newline counts too.
+    EXPECT_EQ(loaded.stencil->line_number, 1);
+}
+
+TEST(ParsePrelude, UnbalancedBraceInValueLeavesPreludeLiteral) {
+    auto defines = make_defines({{"a", "x}y"}});
+    auto loaded = load_text("t", defines.get());
+    ASSERT_EQ(loaded.result, STENCIL_SUCCESS);
+    EXPECT_EQ(dump_children(&loaded.stencil->base), R"("" m a()["x"] "y}" "t")");
+}
+
+TEST(ParsePrelude, DefineClashingWithStencilDefinition) {
+    auto defines = make_defines({{"m", "x"}});
+    auto loaded = load_text("$%define m {y}", defines.get());
+    EXPECT_EQ(loaded.result, STENCIL_ERROR_SYNTAX);
+}
+
+}  // namespace

@@ -1,0 +1,132 @@
+// Helpers for the parser tests: load a stencil from a text through a
+// temporary file, and render an expression tree as a compact string so that
+// a test can state the whole shape it expects.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "stencil_internal.h"
+
+namespace parse_test {
+
+struct stencil_deleter {
+    void operator()(stencil_t* s) const { stencil_destroy(s); }
+};
+using stencil_ptr = std::unique_ptr<stencil_t, stencil_deleter>;
+
+struct defines_deleter {
+    void operator()(defines_t* d) const { defines_destroy(d); }
+};
+using defines_ptr = std::unique_ptr<defines_t, defines_deleter>;
+
+inline defines_ptr make_defines(const std::vector<std::pair<std::string, std::string>>& pairs) {
+    defines_ptr defines(defines_create());
+    for (const auto& [name, value] : pairs) EXPECT_EQ(defines_add(defines.get(), name.c_str(), value.c_str()), 0);
+    return defines;
+}
+
+// A file in a fresh temporary directory, removed with the object.
+class temp_file {
+public:
+    explicit temp_file(const std::string& content) {
+        char dir[] = "/tmp/stencil_parse_XXXXXX";
+        dir_ = mkdtemp(dir);
+        path_ = dir_ + "/stencil";
+        FILE* f = fopen(path_.c_str(), "w");
+        fwrite(content.data(), 1, content.size(), f);
+        fclose(f);
+    }
+    ~temp_file() {
+        unlink(path_.c_str());
+        rmdir(dir_.c_str());
+    }
+    const std::string& path() const { return path_; }
+    const std::string& dir() const { return dir_; }
+
+private:
+    std::string dir_;
+    std::string path_;
+};
+
+struct load_result {
+    stencil_error_t result;
+    stencil_ptr stencil;
+};
+
+inline load_result load_text(const std::string& text, defines_t* defines = nullptr) {
+    temp_file file(text);
+    stencil_t* stencil = nullptr;
+    stencil_error_t result = stencil_load(file.path().c_str(), &stencil, defines);
+    return {result, stencil_ptr(stencil)};
+}
+
+inline std::string quote(const char* s) {
+    if (s == nullptr) return "null";
+    std::string out = "\"";
+    for (const char* p = s; *p; ++p) {
+        if (*p == '\n')
+            out += "\\n";
+        else
+            out += *p;
+    }
+    return out + "\"";
+}
+
+std::string dump(const expression_t* e);
+
+inline std::string dump_children(const expression_t* e) {
+    std::string out;
+    for (int i = 0; i < e->num; ++i) {
+        if (i) out += ' ';
+        out += dump(e->sub_expressions[i]);
+    }
+    return out;
+}
+
+// literal: "text"; property: {name T first / second};
+// section: /regex/[body] (def marks a definition, inv an invocation);
+// macro: m name(args)[body].
+inline std::string dump(const expression_t* e) {
+    switch (e->type) {
+        case ET_LITERAL:
+            return quote(reinterpret_cast<const literal_t*>(e)->str);
+        case ET_PROPERTY: {
+            auto* p = reinterpret_cast<const property_t*>(e);
+            std::string out = "{" + quote(p->property_name);
+            if (p->transform != PT_NONE)
+                out += " T" + std::to_string(p->transform) + " " + dump_children(&p->first_expression) +
+                       " / " + dump_children(&p->second_expression);
+            return out + "}";
+        }
+        case ET_REGEX: {
+            auto* m = reinterpret_cast<const match_t*>(e);
+            std::string out = "/" + quote(m->regex) + "/";
+            if (m->name) out += (m->invocable ? " inv " : " def ") + std::string(m->name);
+            if (m->transform != PT_NONE)
+                out += " T" + std::to_string(m->transform) + " " + dump_children(&m->first_expression) +
+                       " / " + dump_children(&m->second_expression);
+            return out + "[" + dump_children(e) + "]";
+        }
+        case ET_MACRO: {
+            auto* m = reinterpret_cast<const macro_t*>(e);
+            std::string out = "m " + std::string(m->name) + "(";
+            for (int i = 0; i < m->num_args; ++i) {
+                if (i) out += ",";
+                if (m->args) out += m->args[i];
+                else if (m->arg_expressions) out += dump_children(&m->arg_expressions[i]);
+            }
+            return out + ")[" + dump_children(e) + "]";
+        }
+        default:
+            return "?";
+    }
+}
+
+}  // namespace parse_test
