@@ -1,0 +1,108 @@
+# Shared helpers of the benchmark scripts; sourced, not run.
+#
+# Sets SRC, BUILD, KELVO, HGXREPO and WORK (BUILD/bench-work, where generated
+# manifests and repositories are kept between runs; FRESH=1 rebuilds them),
+# and provides:
+#   measure LABEL [--prepare CMD] CMD   mean wall time of CMD, in ms, into $MEAN_MS
+#                                       (hyperfine if installed, else a loop)
+#   ratio A B                           A / B with two decimals
+#   per_item MS N                       MS / N, in microseconds
+#   make_repo NAME MANIFEST             imports MANIFEST into WORK/NAME.db once
+
+SRC=$(cd "$(dirname "$0")/.." && pwd)
+BUILD=${1:-build}
+[ -d "$BUILD" ] || { echo "bench: build directory $BUILD not found (run: make build)" >&2; exit 1; }
+BUILD=$(cd "$BUILD" && pwd)
+KELVO=$BUILD/tool/kelvo
+HGXREPO=$BUILD/hgxrepo/hgxrepo
+for b in "$KELVO" "$HGXREPO"; do
+    [ -x "$b" ] || { echo "bench: $b is missing; build first (make build)" >&2; exit 1; }
+done
+WORK=$BUILD/bench-work
+mkdir -p "$WORK"
+
+# Runs per measurement; BENCH_RUNS overrides.
+RUNS=${BENCH_RUNS:-50}
+
+# BENCH_NO_HYPERFINE=1 uses the plain timing loop even where hyperfine exists.
+if [ "${BENCH_NO_HYPERFINE:-0}" != 1 ] && command -v hyperfine >/dev/null 2>&1; then
+    HAVE_HYPERFINE=1
+else
+    HAVE_HYPERFINE=0
+fi
+
+# measure LABEL [--prepare CMD] CMD
+# CMD is a shell command line.  Its output is discarded.  With hyperfine a
+# command without shell syntax runs without an intermediate shell (-N), so
+# that short runs are not drowned in the shell's own start-up; otherwise
+# hyperfine subtracts the shell's cost itself.  Without hyperfine each run is
+# timed with date +%s%N (which adds the cost of two date processes to each
+# figure), the prepare step outside the timed part.
+measure() {
+    label=$1; shift
+    prepare=""
+    if [ "$1" = "--prepare" ]; then prepare=$2; shift 2; fi
+    cmd=$1
+    case $cmd in
+        *'|'*|*'>'*|*'<'*|*';'*|*'&'*|*'$'*) shell_opt="" ;;
+        *) shell_opt="-N" ;;
+    esac
+    if [ "$HAVE_HYPERFINE" = 1 ]; then
+        json=$WORK/hyperfine.json
+        if [ -n "$prepare" ]; then
+            hyperfine $shell_opt --style none --warmup 3 --runs "$RUNS" \
+                --prepare "$prepare" --export-json "$json" "$cmd" >/dev/null 2>&1 ||
+                { echo "bench: command failed: $cmd" >&2; exit 1; }
+        else
+            hyperfine $shell_opt --style none --warmup 3 --runs "$RUNS" \
+                --export-json "$json" "$cmd" >/dev/null 2>&1 ||
+                { echo "bench: command failed: $cmd" >&2; exit 1; }
+        fi
+        MEAN_MS=$(jq -r '.results[0].mean * 1000' "$json" 2>/dev/null ||
+                  python3 -c 'import json,sys; print(json.load(open(sys.argv[1]))["results"][0]["mean"]*1000)' "$json")
+        sd=$(jq -r '.results[0].stddev * 1000' "$json" 2>/dev/null || echo 0)
+    else
+        total=0
+        i=0
+        while [ "$i" -lt "$RUNS" ]; do
+            [ -n "$prepare" ] && sh -c "$prepare" >/dev/null 2>&1
+            t0=$(date +%s%N)
+            if [ -n "$shell_opt" ]; then
+                # no shell syntax: run it directly, split at blanks, unglobbed
+                set -f
+                $cmd >/dev/null 2>&1 || { set +f; echo "bench: command failed: $cmd" >&2; exit 1; }
+                set +f
+            else
+                sh -c "$cmd" >/dev/null 2>&1 || { echo "bench: command failed: $cmd" >&2; exit 1; }
+            fi
+            t1=$(date +%s%N)
+            total=$((total + t1 - t0))
+            i=$((i + 1))
+        done
+        MEAN_MS=$(awk -v t="$total" -v n="$RUNS" 'BEGIN { printf "%.4f", t / n / 1e6 }')
+        sd=0
+    fi
+    printf '  %-52s %10.3f ms  (± %.3f, %s runs)\n' "$label" "$MEAN_MS" "$sd" "$RUNS"
+}
+
+ratio() {
+    awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else print "n/a" }'
+}
+
+per_item() {
+    awk -v ms="$1" -v n="$2" 'BEGIN { if (n > 0) printf "%.3f", ms * 1000 / n; else print "n/a" }'
+}
+
+# make_repo NAME MANIFEST: WORK/NAME.db from MANIFEST, kept between runs
+# unless FRESH=1 or the manifest is newer than the repository.
+make_repo() {
+    db=$WORK/$1.db
+    if [ "${FRESH:-0}" = 1 ] || [ ! -s "$db" ] || [ "$2" -nt "$db" ]; then
+        rm -f "$db" "$db-wal" "$db-shm"
+        t0=$(date +%s%N)
+        "$HGXREPO" -r "$db" import "$2" || { echo "bench: import of $2 failed" >&2; exit 1; }
+        t1=$(date +%s%N)
+        printf '  (imported %s in %.1f s)\n' "$1" "$(awk -v t=$((t1 - t0)) 'BEGIN { print t / 1e9 }')"
+    fi
+    REPO_DB=$db
+}
