@@ -1,0 +1,62 @@
+// Small helpers private to the evaluation sources.
+#pragma once
+
+#include <climits>
+#include <cstdlib>
+
+#include "string_buffer.h"
+
+namespace stencil_eval {
+
+// A string_buffer_t on the evaluating function's frame. The text is released
+// on every path out unless it has been handed on with take().
+struct LocalBuffer {
+    string_buffer_t sb{};
+
+    LocalBuffer() = default;
+    LocalBuffer(const LocalBuffer&) = delete;
+    LocalBuffer& operator=(const LocalBuffer&) = delete;
+    ~LocalBuffer() { string_buffer_free(&sb); }
+
+    // 0, or -1 when the first block cannot be had.
+    int init() { return string_buffer_init(&sb); }
+    string_buffer_t* get() { return &sb; }
+    const char* str() const { return string_buffer_get_str(&sb); }
+    char* take() { return string_buffer_take_ownership(&sb); }
+};
+
+// A heap text owned by the frame (free() on every path out).
+struct HeapText {
+    char* text = nullptr;
+
+    HeapText() = default;
+    HeapText(const HeapText&) = delete;
+    HeapText& operator=(const HeapText&) = delete;
+    ~HeapText() { std::free(text); }
+
+    char* release() {
+        char* t = text;
+        text = nullptr;
+        return t;
+    }
+};
+
+// Sets up a thread-local scratch buffer on its first use and registers it
+// with the exit-time list. 0, or -1 when it cannot be created.
+inline int scratch_ready(string_buffer_t* scratch) {
+    if (string_buffer_get_str(scratch) != nullptr) {
+        return 0;
+    }
+    if (string_buffer_init(scratch) != 0) {
+        return -1;
+    }
+    string_buffer_atexit_free(scratch);
+    return 0;
+}
+
+// Results are summed only for their sign; keep the sum from overflowing.
+inline int add_clamped(int sum, int r) { return r > INT_MAX - sum ? INT_MAX : sum + r; }
+
+inline int clamp_length(ssize_t n) { return n > INT_MAX ? INT_MAX : static_cast<int>(n); }
+
+}  // namespace stencil_eval

@@ -1,0 +1,186 @@
+// Property references: the final name, the value text in normal mode, the
+// listed name in list mode.
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "emit_local.h"
+#include "stencil_internal.h"
+
+using stencil_eval::HeapText;
+using stencil_eval::LocalBuffer;
+
+namespace {
+
+// Appends the values of a defined property, joined by delim.
+bool append_joined(string_buffer_t* sb, const property_info_t* info, const char* delim) {
+    for (int i = 0; i < info->num_values; i++) {
+        if (i > 0 && string_buffer_append_string(sb, delim) < 0) {
+            return false;
+        }
+        if (string_buffer_append_string(sb, info->values[i]) < 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+int build_text(property_t* property, string_buffer_t* sb, stencil_t* stencil) {
+    const property_info_t* info = repository_get_property(stencil->repository, property->property_name);
+    // A group, an instance and a property without values are not defined.
+    const bool defined = info != nullptr && info->num_values != 0 && info->values != nullptr;
+
+    switch (property->transform) {
+        case PT_NONE:
+            if (defined && !append_joined(sb, info, " ")) {
+                return STENCIL_ERROR_NO_MEMORY;
+            }
+            return 0;
+        case PT_DELIM: {
+            // The delimiter is evaluated even for an undefined property, so a
+            // failure inside it is always reported.
+            HeapText delim;
+            int r = expression_to_string(&property->first_expression, stencil, &delim.text);
+            if (r < 0) {
+                return r;
+            }
+            if (defined && !append_joined(sb, info, delim.text)) {
+                return STENCIL_ERROR_NO_MEMORY;
+            }
+            return 0;
+        }
+        case PT_IFNDEF:
+            return defined ? 0
+                           : string_buffer_append_expression(sb, &property->first_expression,
+                                                             stencil);
+        case PT_IFDEF:
+            return defined ? string_buffer_append_expression(sb, &property->first_expression,
+                                                             stencil)
+                           : 0;
+        case PT_BOOL: {
+            // Only the exact first value "true" counts; only the branch
+            // taken is evaluated.
+            const bool truth = defined && std::strcmp(info->values[0], "true") == 0;
+            return string_buffer_append_expression(
+                sb, truth ? &property->first_expression : &property->second_expression, stencil);
+        }
+        case PT_PREFIX_SUFFIX:
+        case PT_PREFIX_SUFFIX_IFDEF: {
+            if (!defined) {
+                return 0;
+            }
+            HeapText prefix;
+            HeapText suffix;
+            int r = expression_to_string(&property->first_expression, stencil, &prefix.text);
+            if (r < 0) {
+                return r;
+            }
+            r = expression_to_string(&property->second_expression, stencil, &suffix.text);
+            if (r < 0) {
+                return r;
+            }
+            for (int i = 0; i < info->num_values; i++) {
+                if (string_buffer_append_string(sb, prefix.text) < 0 ||
+                    string_buffer_append_string(sb, info->values[i]) < 0 ||
+                    string_buffer_append_string(sb, suffix.text) < 0) {
+                    return STENCIL_ERROR_NO_MEMORY;
+                }
+            }
+            return 0;
+        }
+        case PT_REPLACE_FIRST:
+        case PT_REPLACE_ALL: {
+            if (!defined) {
+                return 0;
+            }
+            HeapText pattern;
+            HeapText replacement;
+            int r = expression_to_string(&property->first_expression, stencil, &pattern.text);
+            if (r < 0) {
+                return r;
+            }
+            r = expression_to_string(&property->second_expression, stencil, &replacement.text);
+            if (r < 0) {
+                return r;
+            }
+            const int all = property->transform == PT_REPLACE_ALL ? 1 : 0;
+            for (int i = 0; i < info->num_values; i++) {
+                // "first" is per value: each value gets its own first match.
+                const char* replaced =
+                    replace_string(info->values[i], pattern.text, replacement.text, all);
+                if (replaced == nullptr) {
+                    return STENCIL_ERROR_NO_MEMORY;
+                }
+                if ((i > 0 && string_buffer_append_char(sb, ' ') < 0) ||
+                    string_buffer_append_string(sb, replaced) < 0) {
+                    return STENCIL_ERROR_NO_MEMORY;
+                }
+            }
+            return 0;
+        }
+        default:
+            return STENCIL_ERROR_INTERNAL_ERROR;
+    }
+}
+
+}  // namespace
+
+int emit_property(property_t* property, stencil_output_buffer_t* buffer, stencil_t* stencil) {
+    char* const parsed_name = property->property_name;
+    LocalBuffer name;
+    if (name.init() != 0) {
+        return STENCIL_ERROR_NO_MEMORY;
+    }
+    // Inside sections their prefixes, suffixes and replacements act on the
+    // name first; the name of "$%{}" outside any section stays null, which
+    // ends the evaluation like a failed transform.
+    const char* raw = stencil->context != nullptr ? transform_wern(parsed_name, stencil->context, 0)
+                                                  : parsed_name;
+    if (raw == nullptr) {
+        return STENCIL_ERROR_NO_MEMORY;
+    }
+    int r = translate_grabs(raw, name.get(), stencil->context, stencil);
+    if (r != 0) {
+        return r;
+    }
+    // The mode's operation reads the final name from the record; the parsed
+    // name is put back afterwards so that each visit starts from it again.
+    HeapText final_name;
+    final_name.text = name.take();
+    property->property_name = final_name.text;
+    r = emit_property_by_mode(property, buffer, stencil);
+    property->property_name = parsed_name;
+    return r;
+}
+
+int emit_normal_property(property_t* property, stencil_output_buffer_t* buffer,
+                         stencil_t* stencil) {
+    LocalBuffer text;
+    if (text.init() != 0) {
+        return STENCIL_ERROR_NO_MEMORY;
+    }
+    int r = build_text(property, text.get(), stencil);
+    if (r < 0) {
+        return r;
+    }
+    std::free(buffer->buffer);
+    buffer->buffer = text.take();
+    return 0;
+}
+
+int emit_list_properties_property(property_t* property, stencil_output_buffer_t* buffer,
+                                  stencil_t*) {
+    const char* name = property->property_name != nullptr ? property->property_name : "";
+    const size_t length = std::strlen(name);
+    char* line = static_cast<char*>(std::malloc(length + 2));
+    if (line == nullptr) {
+        return STENCIL_ERROR_NO_MEMORY;
+    }
+    std::memcpy(line, name, length);
+    line[length] = '\n';
+    line[length + 1] = '\0';
+    std::free(buffer->buffer);
+    buffer->buffer = line;
+    return stencil_eval::clamp_length(static_cast<ssize_t>(length + 1));
+}

@@ -1,0 +1,136 @@
+// The output tree: nodes of text, each followed by its chained children, and
+// the operations that grow, flatten, release and write it.
+//
+// Only the root handed to callers is a heap record of its own; every other
+// node lives by value in its parent's `chained` array, which grows by one
+// record per grow_chain. A pointer to a slot is therefore invalid after the
+// next grow_chain on its parent.
+
+#include <errno.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "stencil_internal.h"
+
+namespace {
+
+int coalesce_buffer_chain_kernel(const stencil_output_buffer_t* node, string_buffer_t* sb) {
+    if (node == nullptr) {
+        return 0;
+    }
+    if (node->buffer != nullptr && string_buffer_append_string(sb, node->buffer) < 0) {
+        return STENCIL_ERROR_NO_MEMORY;
+    }
+    for (int i = 0; i < node->num; i++) {
+        if (coalesce_buffer_chain_kernel(&node->chained[i], sb) < 0) {
+            return STENCIL_ERROR_NO_MEMORY;
+        }
+    }
+    return 0;
+}
+
+// Writes all of text, repeating on EINTR and continuing after a short write
+// so that a pipe that takes the text in pieces still gets all of it.
+stencil_error_t write_all(int fd, const char* text, size_t length) {
+    while (length > 0) {
+        ssize_t n = write(fd, text, length);
+        if (n < 0) {
+            switch (errno) {
+                case EINTR:
+                    continue;
+                case EFBIG:
+                    return STENCIL_ERROR_TOO_BIG;
+                case ENOSPC:
+                    return STENCIL_ERROR_NO_SPACE;
+                default:
+                    // EIO, and every failure no caller has a message for:
+                    // the walk stops here, as the output is incomplete.
+                    return STENCIL_ERROR_IO;
+            }
+        }
+        text += n;
+        length -= static_cast<size_t>(n);
+    }
+    return STENCIL_SUCCESS;
+}
+
+}  // namespace
+
+stencil_output_buffer_t* grow_chain(stencil_output_buffer_t* buffer) {
+    if (buffer == nullptr) {
+        return nullptr;
+    }
+    auto* grown = static_cast<stencil_output_buffer_t*>(
+        std::realloc(buffer->chained, sizeof(stencil_output_buffer_t) * (buffer->num + 1)));
+    if (grown == nullptr) {
+        // The node's chain is given up; releasing it here keeps the failure
+        // from leaking the records that the old array still holds.
+        free_sub_output_buffer(buffer);
+        return nullptr;
+    }
+    buffer->chained = grown;
+    stencil_output_buffer_t* slot = &grown[buffer->num];
+    buffer->num++;
+    slot->buffer = nullptr;
+    slot->num = 0;
+    slot->chained = nullptr;
+    return slot;
+}
+
+int coalesce_buffer_chain(const stencil_output_buffer_t* buffer, string_buffer_t* sb) {
+    if (sb == nullptr) {
+        return STENCIL_ERROR_INTERNAL_ERROR;
+    }
+    return coalesce_buffer_chain_kernel(buffer, sb);
+}
+
+void free_sub_output_buffer(stencil_output_buffer_t* buffer) {
+    if (buffer == nullptr) {
+        return;
+    }
+    for (int i = 0; i < buffer->num; i++) {
+        free_output_buffer(&buffer->chained[i]);
+    }
+    std::free(buffer->chained);
+    buffer->chained = nullptr;
+    buffer->num = 0;
+}
+
+void free_output_buffer(stencil_output_buffer_t* buffer) {
+    if (buffer == nullptr) {
+        return;
+    }
+    free_sub_output_buffer(buffer);
+    std::free(buffer->buffer);
+    buffer->buffer = nullptr;
+}
+
+void stencil_output_buffer_destroy(stencil_output_buffer_t* buffer) {
+    if (buffer == nullptr) {
+        return;
+    }
+    free_output_buffer(buffer);
+    std::free(buffer);
+}
+
+stencil_error_t stencil_output_buffer_emit(stencil_output_buffer_t* buffer, int fd) {
+    if (buffer == nullptr) {
+        return STENCIL_SUCCESS;
+    }
+    if (buffer->buffer != nullptr) {
+        stencil_error_t rc = write_all(fd, buffer->buffer, std::strlen(buffer->buffer));
+        if (rc != STENCIL_SUCCESS) {
+            return rc;
+        }
+    }
+    for (int i = 0; i < buffer->num; i++) {
+        stencil_error_t rc = stencil_output_buffer_emit(&buffer->chained[i], fd);
+        if (rc != STENCIL_SUCCESS) {
+            return rc;
+        }
+    }
+    return STENCIL_SUCCESS;
+}
+

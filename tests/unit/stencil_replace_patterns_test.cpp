@@ -1,0 +1,109 @@
+// Replacement patterns: anchors, wildcards, sets, and the one pattern that
+// matches without taking a character.
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "stencil_internal.h"
+
+namespace {
+
+struct Case {
+    const char* source;
+    const char* pattern;
+    const char* replacement;
+    int all;
+    const char* result;
+};
+
+const Case kCases[] = {
+    {"foobar", "o", "0", 0, "f0obar"},
+    {"foobar", "o", "0", 1, "f00bar"},
+    {"foobar", "#f", "X", 0, "Xoobar"},
+    {"foobar", "#o", "X", 0, "foobar"},
+    {"foobar", "%r", "X", 0, "foobaX"},
+    {"foobar", "%o", "X", 0, "foobar"},
+    {"foobar", "%#foobar", "X", 1, "X"},
+    {"foobar", "#%foobar", "X", 0, "X"},
+    {"foobar", "%#foo", "X", 0, "foobar"},
+    {"foobar", "f*b", "X", 0, "Xar"},
+    {"abcabc", "a*c", "X", 1, "XX"},
+    {"abcabc", "a*", "X", 1, "X"},
+    {"abcabc", "b?", "X", 1, "aXaX"},
+    {"a1b2", "[0-9]", "_", 1, "a_b_"},
+    {"a1b2", "[!0-9]", "_", 1, "_1_2"},
+    {"foo", "%*o", "X", 0, "foX"},
+    {"foo", "foo*", "X", 0, "X"},
+    {"a-b", "[a-]", "X", 1, "XXb"},
+    {"a]b", "[]]", "X", 1, "aXb"},
+    {"abz", "[z-a]", "X", 1, "XbX"},
+    {"abc", "[a", "X", 0, "abc"},
+    {"a*b", "\\*", "X", 0, "aXb"},
+    {"abc", "abc\\", "X", 0, "abc"},
+    {"abc", "", "X", 0, "Xabc"},
+    {"abc", "#", "X", 0, "Xabc"},
+    {"abc", "%", "X", 0, "abc"},
+    {"", "*", "X", 0, ""},
+    // An empty pattern accepts one match at the first position, also with
+    // all set (otherwise the walk would never move on).
+    {"abc", "", "X", 1, "Xabc"},
+    {"abc", "#", "X", 1, "Xabc"},
+    {"abc", "%", "X", 1, "abc"},
+    // Further shapes around the same rules.
+    {"aaa", "#a", "X", 1, "Xaa"},        // a start anchor accepts at most once
+    {"aXaYa", "%a", "Z", 1, "aXaYZ"},     // an end anchor only the last
+    {"abab", "ab", "", 1, ""},            // empty replacement
+    {"abc", "x", "X", 1, "abc"},          // no match at all
+    {"a.b", "[\\.]", "-", 1, "a-b"},     // a quoted member
+    {"a-c", "[x\\-]", "+", 1, "a+c"},     // quoted '-' is a member, no range
+    {"b-d", "[a-c-e]", "X", 1, "X-X"},    // chained range: a-c, then c-e
+    {"ab", "[!a]", "X", 0, "aX"},
+    {"abc", "a**c", "X", 0, "X"},         // stars in a row count as one
+    {"aXbc", "?b", "-", 0, "a-c"},
+    {"hello", "l", "L", 0, "heLlo"},      // first match only
+    {"x/y", "*", "Z", 1, "Z"},            // trailing star takes everything
+};
+
+class ReplacePatterns : public ::testing::TestWithParam<Case> {};
+
+TEST_P(ReplacePatterns, Replaces) {
+    const Case& c = GetParam();
+    const char* result = replace_string(c.source, c.pattern, c.replacement, c.all);
+    ASSERT_NE(result, nullptr);
+    EXPECT_STREQ(result, c.result) << "source '" << c.source << "' pattern '" << c.pattern
+                                    << "' all " << c.all;
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, ReplacePatterns, ::testing::ValuesIn(kCases));
+
+TEST(MatchGlob, EndOfMatch) {
+    struct GlobCase {
+        const char* source;
+        const char* pattern;
+        int end;  // offset of the result in source, or -1 for no match
+    };
+    const GlobCase cases[] = {
+        {"abcabc", "a*c", 3},  {"abcabc", "a*", 6}, {"abc", "", 0},     {"", "*", 0},
+        {"", "?", -1},         {"", "[a]", -1},     {"abc", "ab\\", -1}, {"ab", "a*z", -1},
+        {"a", "a*b", -1},      {"xyz", "x?z", 3},   {"q", "[!]]", 1},   {"]", "[!]]", -1},
+    };
+    for (const GlobCase& c : cases) {
+        const char* r = match_glob(c.source, c.pattern);
+        const int end = r == nullptr ? -1 : static_cast<int>(r - c.source);
+        EXPECT_EQ(end, c.end) << "'" << c.source << "' '" << c.pattern << "'";
+    }
+    EXPECT_EQ(match_glob("abc", nullptr), nullptr);
+    const char* r = match_glob(nullptr, "");
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(*r, '\0');
+}
+
+TEST(ReplaceString, ResultLastsUntilTheNextCall) {
+    const std::string first = replace_string("aaa", "a", "b", 1);
+    const char* second = replace_string("xyz", "y", "", 0);
+    EXPECT_EQ(first, "bbb");
+    EXPECT_STREQ(second, "xz");
+}
+
+}  // namespace
