@@ -1,0 +1,263 @@
+// The kelvo command line: option checks and their order, the usage text,
+// the error exit's suffixes, stencil load failures and syntax reports.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "e2e_util.h"
+
+namespace {
+
+const char* const WERN = "wrn:/net/foo:default";
+
+const char* const MANIFEST = R"({
+  "services": { "net/foo": { "instances": { "default": { "groups": {
+    "config": { "properties": { "port": 8080, "name": "alpha" } }
+  } } } } }
+})";
+
+// Written out here rather than taken from the program, so that a change of
+// the text shows.
+const std::string USAGE =
+    "Usage: kelvo [-alux] [-D name=value]... [-f wern] [-g group] [-i file]\n"
+    "\t[-m mode] [-o file] [-O user] [-R dir [-L opts [-p]]] [-S dir]\n\n"
+    "\t-a  process all configfile dependencies for wern\n"
+    "\t-D  define name as value\n"
+    "\t-f  set instance wern (default is $QRM_WERN)\n"
+    "\t-g  set the group any output files are associated with\n"
+    "\t-i  set input file (default is stdin)\n"
+    "\t-l  list referenced properties from input file\n"
+    "\t-L  use lofs <opts> to loopback mount the output file(s)\n"
+    "\t-m  set output file mode (default is 644)\n"
+    "\t-o  set output file (default is stdout)\n"
+    "\t-O  set the owner of any output files\n"
+    "\t-p  create intermediate directories\n"
+    "\t-R  set root prefix for all output files\n"
+    "\t-S  set stencil directory (default is /lib/wrn/stencils)\n"
+    "\t-u  unlink output file(s) and undo any lofs mounts\n"
+    "\t-x  terminate kelvo on any error\n";
+
+class KelvoCli : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        repo = dir / "repo.db";
+        e2e::make_repository(repo, MANIFEST);
+        stencils = dir / "stencils";
+        ASSERT_EQ(mkdir(stencils.c_str(), 0755), 0);
+    }
+    e2e::Result run(const std::vector<std::string>& args, const std::string& input = "",
+                    std::map<std::string, std::optional<std::string>> env = {}) {
+        return e2e::kelvo(repo, args, input, std::move(env));
+    }
+    e2e::TempDir dir;
+    std::string repo;
+    std::string stencils;
+};
+
+struct UsageCase {
+    std::vector<std::string> args;
+    std::string message;  // after "kelvo: ", before the usage text
+};
+
+TEST_F(KelvoCli, CombinationChecksInOrder) {
+    const std::string W = WERN;
+    const std::vector<UsageCase> cases = {
+        // A stray word is refused before any check of the combination.
+        {{"-a", "-D", "x=y", "-f", W, "extra"}, "Illegal argument -- extra\n"},
+        {{"-f", W, "extra", "-a"}, "Illegal argument -- extra\n"},
+        // -D is looked at before -i.
+        {{"-a", "-D", "x=y", "-i", "f", "-f", W}, "Option -a cannot be present with -D\n"},
+        {{"-a", "-o", "f", "-f", W}, "Option -a cannot be present with -i or -o\n"},
+        {{"-a", "-i", "f", "-f", W}, "Option -a cannot be present with -i or -o\n"},
+        // Without -a, the missing -o is found before the missing -R.
+        {{"-L", "ro", "-f", W}, "Option -L requires either -a or -o\n"},
+        {{"-L", "ro", "-o", "/f", "-f", W}, "Option -L requires -R\n"},
+        {{"-a", "-L", "ro", "-f", W}, "Option -L requires -R\n"},
+        {{"-p", "-f", W}, "Option -p requires -L\n"},
+        {{"-a", "-p", "-f", W}, "Option -p requires -L\n"},
+        {{"-o", "f"}, "No WERN (use -f)\n"},
+        // -R takes the next word as its directory, and attached text too; a
+        // -R at the very end leaves the prefix unset.
+        {{"-L", "ro", "-o", "/f", "-R", "/r", "-p"}, "No WERN (use -f)\n"},
+        {{"-L", "ro", "-o", "/f", "-R/r", "-p"}, "No WERN (use -f)\n"},
+        {{"-L", "ro", "-o", "/f", "-p", "-R"}, "Option -L requires -R\n"},
+        // An undo in a single run needs a file.
+        {{"-u", "-f", W}, "Option -u requires either -a or -o\n"},
+        {{"-u"}, "No WERN (use -f)\n"},
+        {{"-m", "4755", "-f", W}, "Invalid mode: 4755\n"},
+        {{"-m", "2644"}, "Invalid mode: 2644\n"},
+        {{"-m", "644x"}, "Invalid mode: 644x\n"},
+        {{"-m", "9"}, "Invalid mode: 9\n"},
+        {{"-m", ""}, "Invalid mode: \n"},
+        // -m acts when it is read, before later faults.
+        {{"-m", "9", "extra"}, "Invalid mode: 9\n"},
+    };
+    for (const UsageCase& c : cases) {
+        std::string joined;
+        for (const auto& a : c.args) joined += a + " ";
+        SCOPED_TRACE(joined);
+        e2e::Result r = run(c.args);
+        EXPECT_EQ(r.status, 2);
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.err, "kelvo: " + c.message + USAGE);
+    }
+}
+
+TEST_F(KelvoCli, AcceptedModesAndCombinations) {
+    e2e::write_file(stencils + "/s", "port=$%{config/port}\n");
+    for (const char* mode : {"644", "0644", "1644"}) {
+        e2e::Result r = run({"-m", mode, "-S", stencils, "-i", "s", "-f", WERN});
+        EXPECT_EQ(r.status, 0) << mode << ": " << r.err;
+        EXPECT_EQ(r.out, "port=8080\n");
+    }
+    // -x in a single run changes nothing; the stencil may come from stdin.
+    e2e::Result r = run({"-x", "-f", WERN}, "name=$%{config/name}\n");
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.out, "name=alpha\n");
+    EXPECT_EQ(r.status, 0);
+}
+
+TEST_F(KelvoCli, GetoptDiagnosticThenUsage) {
+    const std::string prog = e2e::kelvo_bin();
+    e2e::Result r = run({"-z", "-f", WERN});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.err, prog + ": invalid option -- 'z'\n" + USAGE);
+    r = run({"-f"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.err, prog + ": option requires an argument -- 'f'\n" + USAGE);
+    // The stencil is never read for a bad command line.
+    EXPECT_EQ(r.out, "");
+}
+
+TEST_F(KelvoCli, WernFromEnvironmentAndOption) {
+    e2e::make_repository(repo, R"({"services": {"net/bar": {"instances": {"default": {"groups": {
+        "config": {"properties": {"name": "beta"}}}}}}}})");
+    const std::string stencil = "$%{config/name}\n";
+    e2e::Result r = run({}, stencil, {{"QRM_WERN", WERN}});
+    EXPECT_EQ(r.out, "alpha\n");
+    r = run({"-f", "wrn:/net/bar:default"}, stencil, {{"QRM_WERN", WERN}});
+    EXPECT_EQ(r.out, "beta\n");
+    EXPECT_EQ(r.status, 0);
+}
+
+TEST_F(KelvoCli, DefinesFromCommandLine) {
+    e2e::Result r = run({"-f", WERN, "-D", "a=b=c", "-D", "e="}, "[$%[a]][$%[e]]\n");
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.out, "[b=c][]\n");
+    EXPECT_EQ(r.status, 0);
+
+    // A duplicate name: the define's own message, no program name, no usage.
+    r = run({"-f", WERN, "-D", "a=1", "-D", "a=2"}, "x\n");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "Invalid define: a already exists\n");
+    EXPECT_EQ(r.out, "");
+
+    // No "=": status 1 with the errno suffix, not the usage text.
+    r = run({"-f", WERN, "-D", "a"}, "x\n");
+    EXPECT_EQ(r.status, 1);
+    // errno holds whatever it holds at that moment: any "text (number)".
+    const std::string head = "kelvo: Invalid -D argument: a: ";
+    ASSERT_EQ(r.err.compare(0, head.size(), head), 0) << r.err;
+    size_t open_paren = r.err.rfind(" (");
+    ASSERT_NE(open_paren, std::string::npos) << r.err;
+    std::string number = r.err.substr(open_paren + 2);
+    EXPECT_EQ(number.find_first_not_of("0123456789"), number.size() - 2) << r.err;
+    EXPECT_EQ(number.substr(number.size() - 2), ")\n") << r.err;
+    EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << r.err;
+}
+
+TEST_F(KelvoCli, RepositoryFailureCarriesLibraryText) {
+    e2e::Result r = run({"-f", "wrn:/net/none:default"}, "x\n");
+    EXPECT_EQ(r.status, 3);
+    const std::string head = "kelvo: Unable to get properties for wrn:/net/none:default: ";
+    ASSERT_EQ(r.err.compare(0, head.size(), head), 0) << r.err;
+    EXPECT_GT(r.err.size(), head.size() + 1);  // some text of the library
+    EXPECT_EQ(r.err.back(), '\n');
+    EXPECT_EQ(r.err.find('\n'), r.err.size() - 1);
+
+    r = e2e::kelvo(dir / "missing.db", {"-f", WERN}, "x\n");
+    EXPECT_EQ(r.status, 3);
+    EXPECT_EQ(r.err.compare(0, strlen("kelvo: Unable to get properties for wrn:/net/foo:default: "),
+                            "kelvo: Unable to get properties for wrn:/net/foo:default: "),
+              0)
+        << r.err;
+}
+
+TEST_F(KelvoCli, StencilLoadFailures) {
+    ASSERT_EQ(mkdir((stencils + "/adir").c_str(), 0755), 0);
+    e2e::Result r = run({"-f", WERN, "-S", stencils, "-i", "nosuch"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "Stencil file at " + stencils + "/nosuch does not exist\n");
+
+    // An absolute -i still lies below the stencil directory.
+    r = run({"-f", WERN, "-S", stencils, "-i", "/nosuch"});
+    EXPECT_EQ(r.err, "Stencil file at " + stencils + "//nosuch does not exist\n");
+
+    // A directory has no message of its own: the run stops with the code.
+    r = run({"-f", WERN, "-S", stencils, "-i", "adir"});
+    EXPECT_EQ(r.status, 1);
+    const std::string tail = "kelvo: Unhandled error in stencil_load: -10\n";
+    ASSERT_GE(r.err.size(), tail.size()) << r.err;
+    EXPECT_EQ(r.err.substr(r.err.size() - tail.size()), tail);
+
+    // Over 1023 bytes the path is cut, and the cut path is what is tried.
+    std::string long_name(1100, 'n');
+    std::string cut = (stencils + "/" + long_name).substr(0, 1023);
+    r = run({"-f", WERN, "-S", stencils, "-i", long_name});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "Stencil filename " + cut + " is too long\n");
+    EXPECT_EQ(r.out, "");
+}
+
+TEST_F(KelvoCli, StencilWithoutReadPermission) {
+    e2e::write_file(stencils + "/secret", "x\n");
+    ASSERT_EQ(chmod((stencils + "/secret").c_str(), 0), 0);
+    e2e::Run run_spec;
+    run_spec.args = {e2e::kelvo_bin(), "-f", WERN, "-S", stencils, "-i", "secret"};
+    run_spec.env = {{"HGX_REPOSITORY", repo}, {"QRM_WERN", std::nullopt}};
+    if (geteuid() == 0) {
+        // Root reads anything; without the override capabilities it does not.
+        run_spec.wrapper = {"setpriv", "--inh-caps=-all", "--bounding-set=-all", "--"};
+    }
+    e2e::Result r = e2e::run(run_spec);
+    if (r.status == 127 || r.err.find("setpriv:") != std::string::npos)
+        GTEST_SKIP() << "cannot drop capabilities here: " << r.err;
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "Insufficient permissions to access " + stencils + "/secret\n");
+}
+
+TEST_F(KelvoCli, SyntaxErrorReport) {
+    e2e::write_file(stencils + "/bad", "one\ntwo\n$%[nosuch]\nthree\n");
+    e2e::Result r = run({"-f", WERN, "-S", stencils, "-i", "bad"});
+    EXPECT_EQ(r.status, 4);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, "Stencil at " + stencils +
+                         "/bad has syntax errors:\n"
+                         "  Line 2:  Attempted to invoke unknown entity \"nosuch\"\n");
+}
+
+TEST_F(KelvoCli, ListMode) {
+    e2e::Result r = run({"-l", "-f", WERN}, "$%{config/port} and $%{config/name}\n");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("config/port"), std::string::npos) << r.out;
+    EXPECT_LT(r.out.find("config/port"), r.out.find("config/name")) << r.out;
+}
+
+TEST_F(KelvoCli, LoopbackWithoutCapabilities) {
+    e2e::Run run_spec;
+    // The rest of the command line is bad too: the privileges fail first.
+    run_spec.args = {e2e::kelvo_bin(), "-L", "ro", "extra"};
+    run_spec.env = {{"HGX_REPOSITORY", repo}, {"QRM_WERN", std::nullopt}};
+    if (geteuid() == 0) run_spec.wrapper = {"setpriv", "--inh-caps=-all", "--bounding-set=-all", "--"};
+    e2e::Result r = e2e::run(run_spec);
+    if (r.status == 127 || r.err.find("setpriv:") != std::string::npos)
+        GTEST_SKIP() << "cannot drop capabilities here: " << r.err;
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, std::string("kelvo: Unable to acquire sys_mount privileges: ") +
+                         strerror(EPERM) + " (" + std::to_string(EPERM) + ")\n");
+}
+
+}  // namespace

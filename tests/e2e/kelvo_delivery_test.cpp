@@ -1,0 +1,260 @@
+// Delivery of a stencil's output to a file (compare first, rewrite in place,
+// mode, owner, group, clean-up), loopback mounts and undo.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "e2e_util.h"
+
+namespace {
+
+const char* const WERN = "wrn:/net/foo:default";
+
+std::string manifest(const std::string& port) {
+    return R"({"services": {"net/foo": {"instances": {"default": {"groups": {
+        "config": {"properties": {"port": )" + port + R"(}}}}}}}})";
+}
+
+struct stat stat_of(const std::string& path) {
+    struct stat st{};
+    EXPECT_EQ(stat(path.c_str(), &st), 0) << path;
+    return st;
+}
+
+class KelvoDelivery : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        repo = dir / "repo.db";
+        e2e::make_repository(repo, manifest("8080"));
+        stencils = dir / "stencils";
+        ASSERT_EQ(mkdir(stencils.c_str(), 0755), 0);
+        e2e::write_file(stencils + "/s", "port=$%{config/port}\n");
+        root = dir / "root";
+        ASSERT_EQ(mkdir(root.c_str(), 0755), 0);
+    }
+    std::vector<std::string> base() const { return {"-f", WERN, "-S", stencils, "-i", "s"}; }
+    e2e::Result run(std::vector<std::string> extra, std::vector<std::string> wrapper = {}) {
+        std::vector<std::string> args = base();
+        args.insert(args.end(), extra.begin(), extra.end());
+        if (wrapper.empty()) return e2e::kelvo(repo, args);
+        e2e::Run r;
+        r.wrapper = std::move(wrapper);
+        r.args = {e2e::kelvo_bin()};
+        r.args.insert(r.args.end(), args.begin(), args.end());
+        r.env = {{"HGX_REPOSITORY", repo}, {"QRM_WERN", std::nullopt}};
+        return e2e::run(r);
+    }
+    e2e::TempDir dir;
+    std::string repo, stencils, root;
+};
+
+TEST_F(KelvoDelivery, NewFileGetsTextAndMode) {
+    const std::string out = dir / "out.conf";
+    e2e::Result r = run({"-o", out, "-m", "640"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err + r.out, "");
+    EXPECT_EQ(e2e::read_file(out), "port=8080\n");
+    EXPECT_EQ(stat_of(out).st_mode & 07777, 0640u);
+}
+
+TEST_F(KelvoDelivery, UnchangedFileIsLeftWhollyAlone) {
+    const std::string out = dir / "out.conf";
+    e2e::write_file(out, "port=8080\n");
+    ASSERT_EQ(chmod(out.c_str(), 0600), 0);
+    struct timespec old_times[2] = {{1000000, 0}, {1000000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, out.c_str(), old_times, 0), 0);
+    struct stat before = stat_of(out);
+
+    // Mode, owner and group asked for differ; none of them is applied.
+    std::vector<std::string> extra = {"-o", out, "-m", "644", "-g", "nogroup"};
+    if (geteuid() == 0) extra.insert(extra.end(), {"-O", "nobody"});
+    e2e::Result r = run(extra);
+    EXPECT_EQ(r.status, 0) << r.err;
+    struct stat after = stat_of(out);
+    EXPECT_EQ(after.st_mode, before.st_mode);
+    EXPECT_EQ(after.st_uid, before.st_uid);
+    EXPECT_EQ(after.st_gid, before.st_gid);
+    EXPECT_EQ(after.st_mtim.tv_sec, 1000000);
+    EXPECT_EQ(after.st_ino, before.st_ino);
+}
+
+TEST_F(KelvoDelivery, ChangedFileRewrittenInPlace) {
+    const std::string out = dir / "out.conf";
+    // Longer than the new text, so a missing truncation shows.
+    e2e::write_file(out, "port=1\nsomething that was here before\n");
+    ASSERT_EQ(chmod(out.c_str(), 0600), 0);
+    ino_t inode = stat_of(out).st_ino;
+    e2e::Result r = run({"-o", out, "-m", "1644"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(e2e::read_file(out), "port=8080\n");
+    struct stat st = stat_of(out);
+    EXPECT_EQ(st.st_ino, inode);
+    EXPECT_EQ(st.st_mode & 07777, 01644u);
+}
+
+TEST_F(KelvoDelivery, OwnerAndGroupApplied) {
+    if (geteuid() != 0) GTEST_SKIP() << "changing a file's owner needs root";
+    const std::string out = dir / "out.conf";
+    e2e::Result r = run({"-o", out, "-O", "nobody", "-g", "nogroup"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    struct stat st = stat_of(out);
+    EXPECT_EQ(st.st_uid, 65534u);
+    EXPECT_EQ(st.st_gid, 65534u);
+}
+
+TEST_F(KelvoDelivery, UnknownUserOrGroupRemovesTheFile) {
+    const std::string out = dir / "out.conf";
+    e2e::Result r = run({"-o", out, "-O", "no-such-user-kelvo"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "User no-such-user-kelvo does not exist\n");
+    EXPECT_FALSE(e2e::exists(out));
+
+    // A changed existing file is gone as well after the failure.
+    e2e::write_file(out, "old\n");
+    r = run({"-o", out, "-g", "no-such-group-kelvo"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "Group no-such-group-kelvo does not exist\n");
+    EXPECT_FALSE(e2e::exists(out));
+}
+
+TEST_F(KelvoDelivery, OpenFailures) {
+    // No directory, no -p: the open for writing reports it.
+    std::string out = dir / "missing/out.conf";
+    e2e::Result r = run({"-o", out});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "Could not open output file at " + out + ": No such file or directory\n");
+
+    // A directory where the file should be.
+    out = dir / "adir";
+    ASSERT_EQ(mkdir(out.c_str(), 0755), 0);
+    r = run({"-o", out});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, out + " exists and is a directory\n");
+    EXPECT_TRUE(e2e::exists(out));
+
+    // Prefix and name together over 1023 bytes: refused, nothing made.
+    std::string name = "/" + std::string(1100 - root.size(), 'x');
+    r = run({"-o", name, "-R", root});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "Output filename " + (root + "/" + name).substr(0, 1023) + " is too long\n");
+
+    // A syntax error leaves an existing file as it was.
+    out = dir / "keep.conf";
+    e2e::write_file(out, "old\n");
+    e2e::write_file(stencils + "/s", "$%[nosuch]\n");
+    r = run({"-o", out});
+    EXPECT_EQ(r.status, 4);
+    EXPECT_EQ(e2e::read_file(out), "old\n");
+}
+
+TEST_F(KelvoDelivery, RootPrefixAndListMode) {
+    ASSERT_EQ(mkdir((root + "/etc").c_str(), 0755), 0);
+    e2e::Result r = run({"-o", "/etc/x.conf", "-R", root, "-l"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(e2e::read_file(root + "/etc/x.conf").find("config/port"), std::string::npos);
+}
+
+// Everything below mounts: as root, in a private mount namespace of its own,
+// so nothing outlives the test.
+class KelvoMount : public KelvoDelivery {
+  protected:
+    void SetUp() override {
+        KelvoDelivery::SetUp();
+        if (geteuid() != 0) GTEST_SKIP() << "mount tests need root";
+        e2e::Run probe;
+        probe.args = {"unshare", "--mount", "--propagation", "private", "true"};
+        if (e2e::run(probe).status != 0) GTEST_SKIP() << "unshare --mount is not possible here";
+    }
+    // Runs a shell script in one private mount namespace, so that later
+    // commands see the mounts of earlier ones. $K is kelvo.
+    e2e::Result script(const std::string& text) {
+        e2e::Run r;
+        r.wrapper = {"unshare", "--mount", "--propagation", "private"};
+        // The written files lie below the prefix at the test directory's path.
+        r.args = {"sh", "-c", "mkdir -p $R$T || exit 99\n" + text};
+        r.env = {{"HGX_REPOSITORY", repo}, {"QRM_WERN", WERN}, {"K", e2e::kelvo_bin()},
+                 {"S", stencils}, {"R", root}, {"T", dir.path()}};
+        return e2e::run(r);
+    }
+};
+
+TEST_F(KelvoMount, WrittenFileShowsAtItsPath) {
+    // The mount point does not exist: an empty file is made for it.
+    e2e::Result r = script(
+        "$K -S $S -i s -o $T/m.conf -R $R -L ro || exit 9\n"
+        "cat $T/m.conf\n"
+        "grep -c \" $T/m.conf \" /proc/self/mountinfo\n"
+        "grep \" $T/m.conf \" /proc/self/mountinfo | grep -q ' ro,' && echo readonly\n");
+    if (r.status == 9 && r.err.find("mount -F lofs") != std::string::npos)
+        GTEST_SKIP() << "bind mounts are refused here: " << r.err;
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.out, "port=8080\n1\nreadonly\n");
+    EXPECT_EQ(r.status, 0);
+}
+
+TEST_F(KelvoMount, ChangedContentRemountsUnchangedTouchesNothing) {
+    // After each run, the access mode of every mount on the path. The later
+    // runs ask for "rw": an unchanged run must leave the "ro" mount as it
+    // is, a changed one must replace it.
+    e2e::Result r = script(
+        "modes() { grep \" $T/m.conf \" /proc/self/mountinfo | cut -d' ' -f6 | cut -d, -f1"
+        " | tr '\\n' ' '; echo; }\n"
+        "$K -S $S -i s -o $T/m.conf -R $R -L ro || exit 9\n"
+        "modes\n"
+        "$K -S $S -i s -o $T/m.conf -R $R -L rw || exit 8\n"
+        "modes\n"
+        "echo 'changed=$%{config/port}' > $S/s\n"
+        "$K -S $S -i s -o $T/m.conf -R $R -L rw || exit 7\n"
+        "modes\n"
+        "cat $T/m.conf\n");
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "ro \nro \nrw \nchanged=8080\n");
+}
+
+TEST_F(KelvoMount, UndoWithAndWithoutMountFlag) {
+    e2e::write_file(dir / "plain", "kept\n");
+    e2e::Result r = script(
+        "$K -S $S -i s -o $T/m.conf -R $R -L ro || exit 9\n"
+        // Without -L the mount stays and only the file below the prefix goes.
+        "$K -u -o $T/m.conf -R $R; echo undo=$?\n"
+        "grep -c \" $T/m.conf \" /proc/self/mountinfo\n"
+        "test -e $R$T/m.conf || echo gone\n"
+        "$K -S $S -i s -o $T/m.conf -R $R -L ro || exit 8\n"
+        "$K -u -o $T/m.conf -R $R -L ro; echo undo=$?\n"
+        "grep -c \" $T/m.conf \" /proc/self/mountinfo\n"
+        "test -e $T/m.conf && echo mount-point-stays\n"
+        // A path on an ordinary file system: nothing to unmount.
+        "mkdir -p $R$T && cp $T/plain $R$T/plain\n"
+        "$K -u -o $T/plain -R $R -L ro; echo undo=$?\n"
+        // Nothing there at all: -1, seen as 255, and no message.
+        "$K -u -o $T/none -R $R -L ro; echo undo=$?\n");
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.out,
+              "undo=0\n1\ngone\nundo=0\n0\nmount-point-stays\nundo=0\nundo=255\n");
+}
+
+TEST_F(KelvoMount, RelativePathRefusedAndFileRemoved) {
+    ASSERT_EQ(mkdir((root + "/rel").c_str(), 0755), 0);
+    e2e::Result r = script("cd $T && $K -S $S -i s -o rel/m.conf -R $R -L ro\n");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "Mount point is not an absolute path: rel/m.conf\n");
+    EXPECT_FALSE(e2e::exists(root + "/rel/m.conf"));
+}
+
+TEST_F(KelvoMount, CreatesIntermediateDirectories) {
+    e2e::Result r = script(
+        "mkdir $T/deep\n"
+        "$K -S $S -i s -o $T/deep/m.conf -R $R -L rw -p || exit 9\n"
+        "test -f $R$T/deep/m.conf && echo written\n"
+        // Again, now that the directories exist.
+        "$K -S $S -i s -o $T/deep/n.conf -R $R -L rw -p && echo again\n");
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.out, "written\nagain\n");
+}
+
+}  // namespace

@@ -1,0 +1,92 @@
+// The kelvo program: command line, run control, delivery of a stencil's
+// output to a file, configfile mode, loopback mounts and undo.
+//
+// Everything but main() lives in the library kelvo_tool so that tests link
+// exactly what the program runs. Only this module turns result codes into
+// messages and an exit status; the layers below return codes.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdarg>
+#include <cstdio>
+
+#include "defines.h"
+#include "repository.h"
+
+// Exit statuses. The underlying type is int because a failed undo delivers -1
+// through the same variable (seen by the parent as 255).
+typedef enum kelvo_error : int {
+    KELVO_SUCCESS = 0,
+    KELVO_SYSERR = 1,
+    KELVO_USAGE = 2,
+    KELVO_QRMERR = 3,
+    KELVO_STENERR = 4,
+} kelvo_error_t;
+
+// The stencil directory when -S is not given; also what usage() shows.
+inline constexpr const char* KELVO_DEFAULT_STENCIL_DIR = "/lib/wrn/stencils";
+
+// The program's entry; main() only calls this. Returns the exit status.
+int kelvo_main(int argc, char** argv);
+
+// Common error exit. Prints "prog: " and the message on standard error, then
+// the usage text (status 2), or, for a format without a line end, the text of
+// errno (status 1) or of the repository library's last error (status 3).
+// Never returns.
+[[noreturn]] void die(kelvo_error_t status, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+[[noreturn]] void vdie(kelvo_error_t status, const char* format, va_list args)
+    __attribute__((format(printf, 2, 0)));
+void usage(FILE* stream);
+
+// Adds one define, reporting -1 (name exists) and -2 (no memory) on standard
+// error; returns the result of defines_add unchanged.
+int add_single_define(defines_t* defines, char* name, const char* value);
+// Handles the argument of -D ("name=value"); returns only on success.
+void add_optarg_define(defines_t* defines, char* argument);
+
+// One whole generation: load the stencil, evaluate it, deliver the text to
+// standard output or to output_file below root_prefix (compare first; a file
+// already holding the text is left wholly alone). KELVO_SUCCESS, KELVO_SYSERR
+// or KELVO_STENERR.
+kelvo_error_t apply_stencil(repository_t* repository, defines_t* defines, const char* input_file,
+                            const char* output_file, const char* root_prefix,
+                            const char* stencil_dir, mode_t mode, const char* owner_name,
+                            const char* group_name, char* lofs_options, ssize_t lofs_options_len,
+                            int create_dirs, int list_mode);
+
+// Configfile mode: one output per property group of type "configfile", in
+// ascending order of group names. Returns the run's status. The run variables
+// named in the configfile convention are overwritten for each group; defines
+// is replaced by a fresh table after each applied group, hence the pointer.
+struct configfile_run {
+    const char* root_prefix;
+    const char* stencil_dir;
+    char* lofs_options;
+    ssize_t lofs_options_len;
+    int create_dirs;
+    int list_mode;
+    int undo;
+    int stop_on_error;
+};
+int run_configfiles(repository_t* repository, defines_t** defines, const configfile_run& run);
+
+// Reads the single-valued property `name` of the group whose name, plus "/",
+// stands at the start of property_path. 0 (value or null when optional and
+// missing) or -1 after a message.
+int get_single_property(repository_t* repository, const char* name, char* property_path,
+                        size_t name_start, size_t name_room, int optional, const char** value);
+// Adds the "<group>/defines/*" properties of a group; 0, or 1 if any add failed.
+int add_configfile_defines(defines_t* defines, repository_t* repository, const char* group);
+
+// Loopback mounts: the file `special` is shown at `mount_point`.
+// The option string that -L builds; *len receives the size of the buffer,
+// which is what mount operations get as the option room. Null: no memory.
+char* lofs_options_create(const char* argument, ssize_t* len);
+int file_mount(const char* special, const char* mount_point, const char* options,
+               ssize_t options_len, mode_t mode);
+int file_unmount(const char* mount_point);
+// Unlinks <root_prefix>/<output_file> (or output_file), after removing the
+// mount on output_file when mount_flag is set. 0 or -1.
+int undo_file(const char* output_file, const char* root_prefix, int mount_flag);
