@@ -4,6 +4,10 @@
 // bound handle reads the file read-only inside one read transaction that lasts
 // until the handle is destroyed, so one handle sees one consistent state.
 //
+// Children are iterated in ascending byte order of their names (services by
+// their whole name). A text copied into a buffer that is too small is cut
+// and terminated, and the result is still the whole text's length.
+//
 // Conventions: operations that return int give 0 on success and -1 on failure;
 // the failure's code is then available from hgx_error(). Operations that copy
 // text into a caller's buffer return the length of the text (without the
@@ -85,6 +89,9 @@ typedef enum hgx_type {
 
 hgx_handle_t* hgx_handle_create(hgx_version_t version);
 int hgx_handle_bind(hgx_handle_t* handle);
+// As hgx_handle_bind, but for the named file; a null or empty path falls back
+// to HGX_REPOSITORY and the default. Used by tools that take a file option.
+int hgx_handle_bind_path(hgx_handle_t* handle, const char* path);
 void hgx_handle_destroy(hgx_handle_t* handle);
 
 hgx_scope_t* hgx_scope_create(hgx_handle_t* handle);
@@ -109,7 +116,10 @@ void hgx_iter_destroy(hgx_iter_t* iter);
 int hgx_handle_get_scope(hgx_handle_t* handle, const char* name, hgx_scope_t* scope);
 
 // Resolves a wern; each non-null object is set to what the wern names at that
-// level. HGX_ERROR_NOT_FOUND for a wern that names nothing,
+// level, and objects below it are left unset. Behind the separator, the last
+// part names a property where the group before it has one of that name, else
+// a nested group; an instance's groups are looked up in its current composed
+// view. The flags are judged by the wern's form before any lookup. HGX_ERROR_NOT_FOUND for a wern that names nothing,
 // HGX_ERROR_INVALID_ARGUMENT for one that is not well-formed,
 // HGX_ERROR_CONSTRAINT_VIOLATED where the flags are not met.
 int hgx_handle_decode_wern(hgx_handle_t* handle, const char* wern, hgx_scope_t* scope,
@@ -117,7 +127,10 @@ int hgx_handle_decode_wern(hgx_handle_t* handle, const char* wern, hgx_scope_t* 
                            hgx_propertygroup_t* pg, hgx_property_t* property, int flags);
 
 // Cuts a writable wern in place; each non-null out-parameter receives a
-// pointer into the copy, or null where that part is absent.
+// pointer into the copy, or null where that part is absent. Without the
+// repository a nested group cannot be told from a property: of the parts
+// behind the separator, the last is the property when there are two or more,
+// the rest the group path. scope_path and snapshot are always null.
 int hgx_parse_wern(char* wern, const char** scope, const char** scope_path,
                    const char** service, const char** instance, const char** pg,
                    const char** property, const char** snapshot);
@@ -149,6 +162,7 @@ ssize_t hgx_property_to_wern(const hgx_property_t* property, char* buf, size_t s
 
 ssize_t hgx_service_get_name(const hgx_service_t* service, char* buf, size_t size);
 ssize_t hgx_instance_get_name(const hgx_instance_t* instance, char* buf, size_t size);
+ssize_t hgx_snapshot_get_name(const hgx_snapshot_t* snapshot, char* buf, size_t size);
 ssize_t hgx_pg_get_name(const hgx_propertygroup_t* pg, char* buf, size_t size);
 ssize_t hgx_pg_get_type(const hgx_propertygroup_t* pg, char* buf, size_t size);
 ssize_t hgx_property_get_name(const hgx_property_t* property, char* buf, size_t size);

@@ -1,0 +1,776 @@
+// hgxrepo: fills and inspects the repository.
+//
+// Reading commands (export, list, show) go through the client interface of
+// hgx.h, as every other reader does; changing commands go through the
+// library's writer, inside one transaction that is committed only when the
+// whole command succeeded. A failed command prints one line, "hgxrepo: what",
+// and leaves the file as it was.
+#include "hgxrepo.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+
+#include "hgx.h"
+#include "hgx_write.h"
+#include "manifest.h"
+
+namespace {
+
+const char USAGE[] =
+    "usage: hgxrepo [-r FILE] import [--no-snapshot] MANIFEST...\n"
+    "       hgxrepo [-r FILE] export [WERN]\n"
+    "       hgxrepo [-r FILE] snapshot WERN [NAME]\n"
+    "       hgxrepo [-r FILE] setprop WERN [-t TYPE] [VALUE...]\n"
+    "       hgxrepo [-r FILE] delprop WERN\n"
+    "       hgxrepo [-r FILE] addpg WERN TYPE\n"
+    "       hgxrepo [-r FILE] delpg WERN\n"
+    "       hgxrepo [-r FILE] delete WERN\n"
+    "       hgxrepo [-r FILE] list\n"
+    "       hgxrepo [-r FILE] show WERN [SNAPSHOT]\n"
+    "The repository file is FILE, else $HGX_REPOSITORY, else " HGX_DEFAULT_REPOSITORY
+    ".\n"
+    "A MANIFEST of - is standard input.\n";
+
+constexpr const char* PROG = "hgxrepo: ";
+
+// A command's failure: the message, without the program prefix.
+struct Failure {
+    std::string what;
+};
+
+struct WriterCloser {
+    void operator()(hgx_writer_t* w) const { hgx_writer_close(w); }
+};
+using Writer = std::unique_ptr<hgx_writer_t, WriterCloser>;
+
+struct HandleCloser {
+    void operator()(hgx_handle_t* h) const { hgx_handle_destroy(h); }
+};
+using Handle = std::unique_ptr<hgx_handle_t, HandleCloser>;
+
+template <typename T, void (*Destroy)(T*)>
+struct Obj {
+    T* p;
+    explicit Obj(T* o) : p(o) {}
+    ~Obj() { Destroy(p); }
+    Obj(const Obj&) = delete;
+    Obj& operator=(const Obj&) = delete;
+    operator T*() const { return p; }
+};
+using Service = Obj<hgx_service_t, hgx_service_destroy>;
+using Instance = Obj<hgx_instance_t, hgx_instance_destroy>;
+using Snapshot = Obj<hgx_snapshot_t, hgx_snapshot_destroy>;
+using Pg = Obj<hgx_propertygroup_t, hgx_pg_destroy>;
+using Prop = Obj<hgx_property_t, hgx_property_destroy>;
+using Value = Obj<hgx_value_t, hgx_value_destroy>;
+using Iter = Obj<hgx_iter_t, hgx_iter_destroy>;
+using Scope = Obj<hgx_scope_t, hgx_scope_destroy>;
+
+std::string repository_path(const std::string& option) {
+    if (!option.empty()) return option;
+    const char* env = std::getenv("HGX_REPOSITORY");
+    return env && *env ? env : HGX_DEFAULT_REPOSITORY;
+}
+
+std::string lib_error() { return hgx_strerror(hgx_error()); }
+
+// ---- writing -------------------------------------------------------------
+
+Writer open_writer(const std::string& path, bool create) {
+    std::string message;
+    hgx_writer_t* w = hgx_writer_open(path.c_str(), create, &message);
+    if (!w) throw Failure{message};
+    return Writer(w);
+}
+
+[[noreturn]] void write_failed(hgx_writer_t* w, const std::string& path) {
+    std::string detail = hgx_writer_message(w);
+    throw Failure{path + ": cannot write: " + (detail.empty() ? lib_error() : detail)};
+}
+
+void commit(hgx_writer_t* w, const std::string& path) {
+    if (hgx_writer_commit(w) < 0) write_failed(w, path);
+}
+
+void write_groups(hgx_writer_t* w, const std::string& path, const hgx_owner& owner,
+                  const std::vector<manifest::Group>& groups) {
+    for (const manifest::Group& g : groups) {
+        hgx_owner pg;
+        if (hgx_writer_add_pg(w, owner, g.name, g.type, &pg) < 0) write_failed(w, path);
+        for (const manifest::Property& p : g.properties)
+            if (hgx_writer_add_property(w, pg, p.name, p.type, p.blob) < 0) write_failed(w, path);
+        write_groups(w, path, pg, g.groups);
+    }
+}
+
+// Loads checked manifests into the file in one transaction.
+void import_documents(const std::string& path, const std::vector<manifest::Document>& docs,
+                      bool snapshot) {
+    Writer w = open_writer(path, true);
+    std::set<std::string> names;
+    for (const manifest::Document& doc : docs) {
+        for (const manifest::Service& s : doc.services) {
+            // A service named again replaces what was stored, also what an
+            // earlier manifest of the same run stored.
+            hgx_id_t old = hgx_writer_find_service(w.get(), s.name);
+            if (old < 0 || (old > 0 && hgx_writer_delete_service(w.get(), old) < 0))
+                write_failed(w.get(), path);
+            hgx_id_t sid = hgx_writer_add_service(w.get(), s.name);
+            if (sid < 0) write_failed(w.get(), path);
+            write_groups(w.get(), path, {hgx_owner::SERVICE, sid, sid, 0}, s.groups);
+            for (const manifest::Instance& in : s.instances) {
+                hgx_id_t iid = hgx_writer_add_instance(w.get(), sid, in.name);
+                if (iid < 0) write_failed(w.get(), path);
+                write_groups(w.get(), path, {hgx_owner::INSTANCE, iid, sid, iid}, in.groups);
+            }
+            names.insert(s.name);
+        }
+    }
+    if (snapshot) {
+        for (const std::string& name : names) {
+            hgx_id_t sid = hgx_writer_find_service(w.get(), name);
+            std::vector<hgx_id_t> instances;
+            if (sid <= 0 || hgx_writer_instances(w.get(), sid, &instances) < 0)
+                write_failed(w.get(), path);
+            for (hgx_id_t iid : instances)
+                if (hgx_writer_take_snapshot(w.get(), sid, iid, "running") < 0)
+                    write_failed(w.get(), path);
+        }
+    }
+    commit(w.get(), path);
+}
+
+// The objects a wern names on the write side, where groups are the owner's
+// own (nothing is composed).
+struct Target {
+    hgx_wern_parts parts;
+    hgx_id_t service = 0, instance = 0;
+    hgx_owner owner;  // the service or the instance
+};
+
+Target resolve_owner(hgx_writer_t* w, const std::string& path, const std::string& wern) {
+    Target t;
+    if (hgx_wern_split(wern.c_str(), &t.parts) < 0)
+        throw Failure{"not a valid wern: " + manifest::quote(wern)};
+    if (t.parts.scope_only) throw Failure{wern + ": names no service"};
+    if (t.parts.scope != "localhost") throw Failure{wern + ": no such scope"};
+    t.service = hgx_writer_find_service(w, t.parts.service);
+    if (t.service < 0) write_failed(w, path);
+    if (t.service == 0) throw Failure{"no such service: wrn:/" + t.parts.service};
+    t.owner = {hgx_owner::SERVICE, t.service, t.service, 0};
+    if (t.parts.has_instance) {
+        t.instance = hgx_writer_find_instance(w, t.service, t.parts.instance);
+        if (t.instance < 0) write_failed(w, path);
+        if (t.instance == 0)
+            throw Failure{"no such instance: wrn:/" + t.parts.service + ":" + t.parts.instance};
+        t.owner = {hgx_owner::INSTANCE, t.instance, t.service, t.instance};
+    }
+    return t;
+}
+
+// Follows the first `count` parts of the path as groups.
+hgx_owner walk_groups(hgx_writer_t* w, const std::string& path, const Target& t, size_t count,
+                      const std::string& wern) {
+    hgx_owner cur = t.owner;
+    for (size_t i = 0; i < count; ++i) {
+        hgx_owner next;
+        int rc = hgx_writer_find_pg(w, cur, t.parts.path[i], &next);
+        if (rc < 0) write_failed(w, path);
+        if (rc == 0) {
+            std::string g;
+            for (size_t k = 0; k <= i; ++k) g += (k ? "/" : "") + t.parts.path[k];
+            throw Failure{wern + ": no group " + manifest::quote(g)};
+        }
+        cur = next;
+    }
+    return cur;
+}
+
+hgx_type_t parse_type(const std::string& name) {
+    hgx_type_t t = hgx_string_to_type(name.c_str());
+    if (t == HGX_TYPE_INVALID) throw Failure{"unknown type " + manifest::quote(name)};
+    return t;
+}
+
+void cmd_setprop(const std::string& path, const std::string& wern, const std::string* type_name,
+                 const std::vector<std::string>& values) {
+    Writer w = open_writer(path, false);
+    Target t = resolve_owner(w.get(), path, wern);
+    if (t.parts.path.size() < 2) throw Failure{wern + ": names no property"};
+    hgx_owner pg = walk_groups(w.get(), path, t, t.parts.path.size() - 1, wern);
+    const std::string& name = t.parts.path.back();
+    hgx_type_t type = HGX_TYPE_ASTRING;
+    if (type_name) {
+        type = parse_type(*type_name);
+    } else if (hgx_writer_find_property(w.get(), pg, name, &type) < 0) {
+        write_failed(w.get(), path);
+    }
+    for (const std::string& v : values) {
+        const char* why = nullptr;
+        if (hgx_value_check(type, v, &why) < 0)
+            throw Failure{wern + ": value " + manifest::quote(v) + " " + why + " (type " +
+                          hgx_type_to_string(type) + ")"};
+    }
+    if (hgx_writer_set_property(w.get(), pg, name, type, values) < 0) write_failed(w.get(), path);
+    commit(w.get(), path);
+}
+
+void cmd_delprop(const std::string& path, const std::string& wern) {
+    Writer w = open_writer(path, false);
+    Target t = resolve_owner(w.get(), path, wern);
+    if (t.parts.path.size() < 2) throw Failure{wern + ": names no property"};
+    hgx_owner pg = walk_groups(w.get(), path, t, t.parts.path.size() - 1, wern);
+    if (hgx_writer_delete_property(w.get(), pg, t.parts.path.back()) < 0) {
+        if (hgx_error() == HGX_ERROR_NOT_FOUND) throw Failure{"no such property: " + wern};
+        write_failed(w.get(), path);
+    }
+    commit(w.get(), path);
+}
+
+void cmd_addpg(const std::string& path, const std::string& wern, const std::string& type) {
+    Writer w = open_writer(path, false);
+    Target t = resolve_owner(w.get(), path, wern);
+    if (t.parts.path.empty()) throw Failure{wern + ": names no group"};
+    if (type.empty() || type.size() > static_cast<size_t>(hgx_limit(HGX_LIMIT_PG_TYPE_LENGTH)))
+        throw Failure{"group type must be 1 to 63 bytes: " + manifest::quote(type)};
+    hgx_owner parent = walk_groups(w.get(), path, t, t.parts.path.size() - 1, wern);
+    int rc = hgx_writer_find_pg(w.get(), parent, t.parts.path.back(), nullptr);
+    if (rc < 0) write_failed(w.get(), path);
+    if (rc > 0) throw Failure{"group exists already: " + wern};
+    if (hgx_writer_add_pg(w.get(), parent, t.parts.path.back(), type, nullptr) < 0)
+        write_failed(w.get(), path);
+    commit(w.get(), path);
+}
+
+void cmd_delpg(const std::string& path, const std::string& wern) {
+    Writer w = open_writer(path, false);
+    Target t = resolve_owner(w.get(), path, wern);
+    if (t.parts.path.empty()) throw Failure{wern + ": names no group"};
+    hgx_owner pg = walk_groups(w.get(), path, t, t.parts.path.size(), wern);
+    if (hgx_writer_delete_pg(w.get(), pg) < 0) write_failed(w.get(), path);
+    commit(w.get(), path);
+}
+
+void cmd_delete(const std::string& path, const std::string& wern) {
+    Writer w = open_writer(path, false);
+    Target t = resolve_owner(w.get(), path, wern);
+    if (!t.parts.path.empty())
+        throw Failure{wern + ": delete removes a service or an instance; use delpg or delprop"};
+    int rc = t.instance ? hgx_writer_delete_instance(w.get(), t.service, t.instance)
+                        : hgx_writer_delete_service(w.get(), t.service);
+    if (rc < 0) write_failed(w.get(), path);
+    commit(w.get(), path);
+}
+
+void cmd_snapshot(const std::string& path, const std::string& wern, const std::string& name) {
+    if (!hgx_valid_name(name)) throw Failure{"bad snapshot name " + manifest::quote(name)};
+    Writer w = open_writer(path, false);
+    Target t = resolve_owner(w.get(), path, wern);
+    if (!t.parts.path.empty()) throw Failure{wern + ": names no service or instance"};
+    std::vector<hgx_id_t> instances;
+    if (t.instance) {
+        instances.push_back(t.instance);
+    } else if (hgx_writer_instances(w.get(), t.service, &instances) < 0) {
+        write_failed(w.get(), path);
+    }
+    for (hgx_id_t iid : instances)
+        if (hgx_writer_take_snapshot(w.get(), t.service, iid, name) < 0)
+            write_failed(w.get(), path);
+    commit(w.get(), path);
+}
+
+// ---- reading -------------------------------------------------------------
+
+Handle open_reader(const std::string& path) {
+    Handle h(hgx_handle_create(HGX_VERSION));
+    if (!h) throw Failure{lib_error()};
+    if (hgx_handle_bind_path(h.get(), path.c_str()) < 0) throw Failure{path + ": " + lib_error()};
+    return h;
+}
+
+[[noreturn]] void read_failed(const std::string& path) {
+    throw Failure{path + ": cannot read: " + lib_error()};
+}
+
+std::string text_of(ssize_t (*get)(const hgx_propertygroup_t*, char*, size_t),
+                    const hgx_propertygroup_t* o) {
+    char buf[1100];
+    if (get(o, buf, sizeof buf) < 0) throw Failure{"cannot read: " + lib_error()};
+    return buf;
+}
+
+std::string name_of(const hgx_property_t* p) {
+    char buf[1100];
+    if (hgx_property_get_name(p, buf, sizeof buf) < 0) throw Failure{"cannot read: " + lib_error()};
+    return buf;
+}
+
+std::vector<std::string> values_of(hgx_handle_t* h, const hgx_property_t* p) {
+    Iter it(hgx_iter_create(h));
+    Value v(hgx_value_create(h));
+    if (!it || !v || hgx_iter_property_values(it, p) < 0)
+        throw Failure{"cannot read values: " + lib_error()};
+    std::vector<std::string> out;
+    std::string buf(4097, '\0');
+    int rc;
+    while ((rc = hgx_iter_next_value(it, v)) == 1) {
+        ssize_t n = hgx_value_get_as_string(v, buf.data(), buf.size());
+        if (n < 0) throw Failure{"cannot read values: " + lib_error()};
+        out.emplace_back(buf.data(), static_cast<size_t>(n));
+    }
+    if (rc < 0) throw Failure{"cannot read values: " + lib_error()};
+    return out;
+}
+
+// Kinds of group walks: own groups, the current composed view, a snapshot.
+enum class Walk { OWN, COMPOSED, SNAPSHOT };
+
+// Visits every group below a parent depth-first, a group before its nested
+// groups; `visit` gets the group and its path.
+template <typename Visit>
+void walk_pg(hgx_handle_t* h, hgx_propertygroup_t* pg, Walk walk, const std::string& path,
+             Visit& visit) {
+    visit(pg, path);
+    Iter it(hgx_iter_create(h));
+    Pg child(hgx_pg_create(h));
+    if (!it || !child) throw Failure{lib_error()};
+    int rc =
+        walk == Walk::OWN ? hgx_iter_pg_pgs(it, pg) : hgx_iter_pg_pgs_composed(it, pg, nullptr);
+    if (rc < 0) throw Failure{"cannot read groups: " + lib_error()};
+    while ((rc = hgx_iter_next_pg(it, child)) == 1)
+        walk_pg(h, child, walk, path + "/" + text_of(hgx_pg_get_name, child), visit);
+    if (rc < 0) throw Failure{"cannot read groups: " + lib_error()};
+}
+
+// Starts a walk of a service's or instance's groups.
+template <typename Visit>
+void walk_top(hgx_handle_t* h, hgx_service_t* svc, hgx_instance_t* inst, hgx_snapshot_t* snap,
+              Walk walk, Visit& visit) {
+    Iter it(hgx_iter_create(h));
+    Pg pg(hgx_pg_create(h));
+    if (!it || !pg) throw Failure{lib_error()};
+    int rc = !inst               ? hgx_iter_service_pgs(it, svc)
+             : walk == Walk::OWN ? hgx_iter_instance_pgs(it, inst)
+                                 : hgx_iter_instance_pgs_composed(it, inst, snap);
+    if (rc < 0) throw Failure{"cannot read groups: " + lib_error()};
+    while ((rc = hgx_iter_next_pg(it, pg)) == 1)
+        walk_pg(h, pg, walk, text_of(hgx_pg_get_name, pg), visit);
+    if (rc < 0) throw Failure{"cannot read groups: " + lib_error()};
+}
+
+template <typename Each>
+void each_property(hgx_handle_t* h, hgx_propertygroup_t* pg, Each each) {
+    Iter it(hgx_iter_create(h));
+    Prop p(hgx_property_create(h));
+    if (!it || !p || hgx_iter_pg_properties(it, pg) < 0)
+        throw Failure{"cannot read properties: " + lib_error()};
+    int rc;
+    while ((rc = hgx_iter_next_property(it, p)) == 1) each(p.p);
+    if (rc < 0) throw Failure{"cannot read properties: " + lib_error()};
+}
+
+// ---- export ----------------------------------------------------------------
+
+bool canonical_unsigned(const std::string& v) {
+    if (v.empty() || v.size() > 20 || (v.size() > 1 && v[0] == '0')) return false;
+    for (char c : v)
+        if (c < '0' || c > '9') return false;
+    return hgx_value_check(HGX_TYPE_COUNT, v) == 0;
+}
+
+bool canonical_negative(const std::string& v) {
+    return v.size() > 1 && v[0] == '-' && canonical_unsigned(v.substr(1)) && v != "-0" &&
+           hgx_value_check(HGX_TYPE_INTEGER, v) == 0;
+}
+
+// The shortest manifest form that reads back as the same type and values.
+nlohmann::ordered_json property_json(hgx_type_t type, const std::vector<std::string>& values) {
+    using json = nlohmann::ordered_json;
+    auto one_or_array = [&](auto convert) {
+        if (values.size() == 1) return json(convert(values[0]));
+        json a = json::array();
+        for (const std::string& v : values) a.push_back(convert(values.size() ? v : v));
+        return a;
+    };
+    bool all = !values.empty();
+    switch (type) {
+        case HGX_TYPE_ASTRING:
+            return one_or_array([](const std::string& v) { return v; });
+        case HGX_TYPE_BOOLEAN:
+            if (!all) break;
+            return one_or_array([](const std::string& v) { return v == "true"; });
+        case HGX_TYPE_COUNT:
+            for (const std::string& v : values) all = all && canonical_unsigned(v);
+            if (!all) break;
+            return one_or_array([](const std::string& v) { return std::stoull(v); });
+        case HGX_TYPE_INTEGER: {
+            // Numbers read back as integers only where one of them is
+            // negative; the rest must be written as the reader would.
+            bool neg = false;
+            for (const std::string& v : values) {
+                neg = neg || canonical_negative(v);
+                all = all && (canonical_negative(v) || canonical_unsigned(v));
+            }
+            if (!all || !neg) break;
+            return one_or_array([](const std::string& v) -> json {
+                if (v[0] == '-') return json(std::stoll(v));
+                return json(std::stoull(v));
+            });
+        }
+        default:
+            break;
+    }
+    json o = json::object();
+    o["type"] = hgx_type_to_string(type);
+    o["values"] = values;
+    return o;
+}
+
+nlohmann::ordered_json group_json(hgx_handle_t* h, hgx_propertygroup_t* pg) {
+    using json = nlohmann::ordered_json;
+    json g = json::object();
+    g["type"] = text_of(hgx_pg_get_type, pg);
+    json props = json::object();
+    each_property(h, pg, [&](hgx_property_t* p) {
+        hgx_type_t type;
+        if (hgx_property_type(p, &type) < 0) throw Failure{"cannot read: " + lib_error()};
+        props[name_of(p)] = property_json(type, values_of(h, p));
+    });
+    if (!props.empty()) g["properties"] = std::move(props);
+    Iter it(hgx_iter_create(h));
+    Pg child(hgx_pg_create(h));
+    if (!it || !child || hgx_iter_pg_pgs(it, pg) < 0)
+        throw Failure{"cannot read groups: " + lib_error()};
+    json groups = json::object();
+    int rc;
+    while ((rc = hgx_iter_next_pg(it, child)) == 1)
+        groups[text_of(hgx_pg_get_name, child)] = group_json(h, child);
+    if (rc < 0) throw Failure{"cannot read groups: " + lib_error()};
+    if (!groups.empty()) g["groups"] = std::move(groups);
+    return g;
+}
+
+nlohmann::ordered_json groups_json(hgx_handle_t* h, hgx_service_t* svc, hgx_instance_t* inst) {
+    using json = nlohmann::ordered_json;
+    Iter it(hgx_iter_create(h));
+    Pg pg(hgx_pg_create(h));
+    if (!it || !pg) throw Failure{lib_error()};
+    int rc = inst ? hgx_iter_instance_pgs(it, inst) : hgx_iter_service_pgs(it, svc);
+    if (rc < 0) throw Failure{"cannot read groups: " + lib_error()};
+    json groups = json::object();
+    while ((rc = hgx_iter_next_pg(it, pg)) == 1)
+        groups[text_of(hgx_pg_get_name, pg)] = group_json(h, pg);
+    if (rc < 0) throw Failure{"cannot read groups: " + lib_error()};
+    return groups;
+}
+
+nlohmann::ordered_json instance_json(hgx_handle_t* h, hgx_instance_t* inst) {
+    nlohmann::ordered_json o = nlohmann::ordered_json::object();
+    nlohmann::ordered_json g = groups_json(h, nullptr, inst);
+    if (!g.empty()) o["groups"] = std::move(g);
+    return o;
+}
+
+std::string service_name(hgx_service_t* s) {
+    char buf[1100];
+    if (hgx_service_get_name(s, buf, sizeof buf) < 0) throw Failure{"cannot read: " + lib_error()};
+    return buf;
+}
+
+std::string instance_name(hgx_instance_t* i) {
+    char buf[1100];
+    if (hgx_instance_get_name(i, buf, sizeof buf) < 0) throw Failure{"cannot read: " + lib_error()};
+    return buf;
+}
+
+// `only` restricts the service to one instance and leaves its groups out.
+nlohmann::ordered_json service_json(hgx_handle_t* h, hgx_service_t* svc, hgx_instance_t* only) {
+    using json = nlohmann::ordered_json;
+    json o = json::object();
+    if (only) {
+        o["instances"][instance_name(only)] = instance_json(h, only);
+        return o;
+    }
+    json g = groups_json(h, svc, nullptr);
+    if (!g.empty()) o["groups"] = std::move(g);
+    Iter it(hgx_iter_create(h));
+    Instance inst(hgx_instance_create(h));
+    if (!it || !inst || hgx_iter_service_instances(it, svc) < 0)
+        throw Failure{"cannot read instances: " + lib_error()};
+    json instances = json::object();
+    int rc;
+    while ((rc = hgx_iter_next_instance(it, inst)) == 1)
+        instances[instance_name(inst)] = instance_json(h, inst);
+    if (rc < 0) throw Failure{"cannot read instances: " + lib_error()};
+    if (!instances.empty()) o["instances"] = std::move(instances);
+    return o;
+}
+
+// Decodes a wern that must name a service or an instance.
+void decode_owner(hgx_handle_t* h, const std::string& wern, hgx_service_t* svc,
+                  hgx_instance_t* inst, bool* is_instance) {
+    hgx_wern_parts parts;
+    if (hgx_wern_split(wern.c_str(), &parts) < 0)
+        throw Failure{"not a valid wern: " + manifest::quote(wern)};
+    if (parts.scope_only || !parts.path.empty())
+        throw Failure{wern + ": names no service or instance"};
+    if (hgx_handle_decode_wern(h, wern.c_str(), nullptr, svc, inst, nullptr, nullptr, 0) < 0)
+        throw Failure{wern + ": " + lib_error()};
+    *is_instance = parts.has_instance;
+}
+
+void cmd_export(const std::string& path, const std::string* wern, std::ostream& out) {
+    using json = nlohmann::ordered_json;
+    Handle h = open_reader(path);
+    json services = json::object();
+    Service svc(hgx_service_create(h.get()));
+    Instance inst(hgx_instance_create(h.get()));
+    if (!svc || !inst) throw Failure{lib_error()};
+    if (wern) {
+        bool is_instance = false;
+        decode_owner(h.get(), *wern, svc, inst, &is_instance);
+        services[service_name(svc)] = service_json(h.get(), svc, is_instance ? inst.p : nullptr);
+    } else {
+        Scope scope(hgx_scope_create(h.get()));
+        Iter it(hgx_iter_create(h.get()));
+        if (!scope || !it || hgx_handle_get_scope(h.get(), "localhost", scope) < 0 ||
+            hgx_iter_scope_services(it, scope) < 0)
+            read_failed(path);
+        int rc;
+        while ((rc = hgx_iter_next_service(it, svc)) == 1)
+            services[service_name(svc)] = service_json(h.get(), svc, nullptr);
+        if (rc < 0) read_failed(path);
+    }
+    json doc = json::object();
+    doc["services"] = std::move(services);
+    std::string text;
+    try {
+        text = doc.dump(2);
+    } catch (const json::type_error&) {
+        throw Failure{path + ": a name or value is not valid UTF-8 and cannot be exported"};
+    }
+    out << text << '\n';
+}
+
+void cmd_list(const std::string& path, std::ostream& out) {
+    Handle h = open_reader(path);
+    Scope scope(hgx_scope_create(h.get()));
+    Iter it(hgx_iter_create(h.get()));
+    Iter inner(hgx_iter_create(h.get()));
+    Service svc(hgx_service_create(h.get()));
+    Instance inst(hgx_instance_create(h.get()));
+    if (!scope || !it || !inner || !svc || !inst ||
+        hgx_handle_get_scope(h.get(), "localhost", scope) < 0 ||
+        hgx_iter_scope_services(it, scope) < 0)
+        read_failed(path);
+    char buf[1100];
+    int rc;
+    while ((rc = hgx_iter_next_service(it, svc)) == 1) {
+        if (hgx_service_to_wern(svc, buf, sizeof buf) < 0) read_failed(path);
+        out << buf << '\n';
+        if (hgx_iter_service_instances(inner, svc) < 0) read_failed(path);
+        int ri;
+        while ((ri = hgx_iter_next_instance(inner, inst)) == 1) {
+            if (hgx_instance_to_wern(inst, buf, sizeof buf) < 0) read_failed(path);
+            out << buf << '\n';
+        }
+        if (ri < 0) read_failed(path);
+    }
+    if (rc < 0) read_failed(path);
+}
+
+// One line per group ("PATH/ TYPE") and per property ("PATH TYPE "V1" ...").
+// An instance shows its composed view, or the snapshot given.
+void cmd_show(const std::string& path, const std::string& wern, const std::string* snapshot,
+              std::ostream& out) {
+    Handle h = open_reader(path);
+    Service svc(hgx_service_create(h.get()));
+    Instance inst(hgx_instance_create(h.get()));
+    Snapshot snap(hgx_snapshot_create(h.get()));
+    if (!svc || !inst || !snap) throw Failure{lib_error()};
+    bool is_instance = false;
+    decode_owner(h.get(), wern, svc, inst, &is_instance);
+    Walk walk = is_instance ? Walk::COMPOSED : Walk::OWN;
+    if (snapshot) {
+        if (!is_instance) throw Failure{wern + ": only an instance has snapshots"};
+        if (hgx_instance_get_snapshot(inst, snapshot->c_str(), snap) < 0)
+            throw Failure{wern + ": no snapshot " + manifest::quote(*snapshot)};
+        walk = Walk::SNAPSHOT;
+    }
+    auto visit = [&](hgx_propertygroup_t* pg, const std::string& p) {
+        out << p << "/ " << text_of(hgx_pg_get_type, pg) << '\n';
+        each_property(h.get(), pg, [&](hgx_property_t* prop) {
+            hgx_type_t type;
+            if (hgx_property_type(prop, &type) < 0) throw Failure{"cannot read: " + lib_error()};
+            out << p << '/' << name_of(prop) << ' ' << hgx_type_to_string(type);
+            for (const std::string& v : values_of(h.get(), prop))
+                out << ' ' << manifest::quote(v, std::string::npos);
+            out << '\n';
+        });
+    };
+    walk_top(h.get(), svc, is_instance ? inst.p : nullptr, snapshot ? snap.p : nullptr, walk,
+             visit);
+}
+
+// ---- command line ----------------------------------------------------------
+
+std::string read_input(const std::string& name) {
+    std::ostringstream s;
+    if (name == "-") {
+        s << std::cin.rdbuf();
+        if (std::cin.bad()) throw Failure{"<stdin>: cannot read"};
+        return s.str();
+    }
+    std::ifstream f(name, std::ios::binary);
+    if (!f) throw Failure{name + ": cannot read: " + std::strerror(errno)};
+    s << f.rdbuf();
+    if (f.bad()) throw Failure{name + ": cannot read"};
+    return s.str();
+}
+
+struct Usage {};
+
+int run(const std::vector<std::string>& args) {
+    std::string file_option;
+    size_t i = 0;
+    while (i < args.size() && args[i].size() > 1 && args[i][0] == '-') {
+        if (args[i] == "-r") {
+            if (i + 1 >= args.size()) throw Usage{};
+            file_option = args[i + 1];
+            if (file_option.empty()) throw Usage{};
+            i += 2;
+        } else if (args[i].rfind("-r", 0) == 0) {
+            file_option = args[i].substr(2);
+            ++i;
+        } else if (args[i] == "-h" || args[i] == "--help") {
+            std::cout << USAGE;
+            return 0;
+        } else {
+            throw Usage{};
+        }
+    }
+    if (i >= args.size()) throw Usage{};
+    const std::string cmd = args[i++];
+    std::vector<std::string> rest(args.begin() + static_cast<std::ptrdiff_t>(i), args.end());
+    const std::string path = repository_path(file_option);
+    auto arity = [&](size_t min, size_t max) {
+        if (rest.size() < min || rest.size() > max) throw Usage{};
+    };
+
+    if (cmd == "import") {
+        bool snapshot = true;
+        if (!rest.empty() && rest[0] == "--no-snapshot") {
+            snapshot = false;
+            rest.erase(rest.begin());
+        }
+        if (rest.empty()) throw Usage{};
+        std::vector<manifest::Document> docs(rest.size());
+        for (size_t k = 0; k < rest.size(); ++k) {
+            std::string error;
+            std::string name = rest[k] == "-" ? "<stdin>" : rest[k];
+            if (manifest::parse(read_input(rest[k]), name, &docs[k], &error) < 0)
+                throw Failure{error};
+        }
+        import_documents(path, docs, snapshot);
+    } else if (cmd == "export") {
+        arity(0, 1);
+        cmd_export(path, rest.empty() ? nullptr : &rest[0], std::cout);
+    } else if (cmd == "snapshot") {
+        arity(1, 2);
+        cmd_snapshot(path, rest[0], rest.size() > 1 ? rest[1] : "running");
+    } else if (cmd == "setprop") {
+        arity(1, SIZE_MAX);
+        std::string type;
+        size_t first = 1;
+        bool typed = false;
+        if (rest.size() > 1 && rest[1] == "-t") {
+            if (rest.size() < 3) throw Usage{};
+            type = rest[2];
+            typed = true;
+            first = 3;
+            if (rest.size() > 3 && rest[3] == "--") first = 4;
+        } else if (rest.size() > 1 && rest[1] == "--") {
+            first = 2;
+        }
+        std::vector<std::string> values(rest.begin() + static_cast<std::ptrdiff_t>(first),
+                                        rest.end());
+        cmd_setprop(path, rest[0], typed ? &type : nullptr, values);
+    } else if (cmd == "delprop") {
+        arity(1, 1);
+        cmd_delprop(path, rest[0]);
+    } else if (cmd == "addpg") {
+        arity(2, 2);
+        cmd_addpg(path, rest[0], rest[1]);
+    } else if (cmd == "delpg") {
+        arity(1, 1);
+        cmd_delpg(path, rest[0]);
+    } else if (cmd == "delete") {
+        arity(1, 1);
+        cmd_delete(path, rest[0]);
+    } else if (cmd == "list") {
+        arity(0, 0);
+        cmd_list(path, std::cout);
+    } else if (cmd == "show") {
+        arity(1, 2);
+        cmd_show(path, rest[0], rest.size() > 1 ? &rest[1] : nullptr, std::cout);
+    } else {
+        throw Usage{};
+    }
+    std::cout.flush();
+    if (!std::cout) throw Failure{"cannot write standard output"};
+    return 0;
+}
+
+// Keeps a message to one line whatever a name or value held.
+std::string one_line(std::string s) {
+    for (char& c : s)
+        if (c == '\n' || c == '\r') c = ' ';
+    return s;
+}
+
+}  // namespace
+
+int hgxrepo_main(int argc, char** argv) {
+    std::vector<std::string> args;
+    for (int k = 1; k < argc; ++k) args.emplace_back(argv[k]);
+    try {
+        return run(args);
+    } catch (const Usage&) {
+        std::cerr << USAGE;
+        return 2;
+    } catch (const Failure& f) {
+        std::cout.flush();
+        std::cerr << PROG << one_line(f.what) << '\n';
+        return 1;
+    } catch (const std::bad_alloc&) {
+        std::cerr << PROG << "out of memory\n";
+        return 1;
+    }
+}
+
+int hgxrepo_import_text(const std::string& path, const std::string& text, bool snapshot,
+                        std::string* error) {
+    try {
+        manifest::Document doc;
+        std::string message;
+        if (manifest::parse(text, "manifest", &doc, &message) < 0) throw Failure{message};
+        import_documents(path, {doc}, snapshot);
+        return 0;
+    } catch (const Failure& f) {
+        if (error) *error = PROG + one_line(f.what);
+        return 1;
+    } catch (const std::bad_alloc&) {
+        if (error) *error = std::string(PROG) + "out of memory";
+        return 1;
+    }
+}

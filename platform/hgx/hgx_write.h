@@ -1,0 +1,100 @@
+// libhgx's own write operations, beyond the read interface of hgx.h. They are
+// what hgxrepo fills and edits the repository with.
+//
+// A writer opens the repository file read-write and holds one write
+// transaction from hgx_writer_open to hgx_writer_commit; closing a writer that
+// did not commit rolls everything back, and removes the file again if the
+// writer created it. Objects are named by ids (hgx_id_t, 0 = none); functions
+// that return an id give -1 on failure, others 0 or -1, with hgx_error() set
+// and hgx_writer_message() telling more where the store failed.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "hgx.h"
+
+typedef struct hgx_writer hgx_writer_t;
+typedef int64_t hgx_id_t;
+
+// Owner of groups: a service, an instance, or a group (nested groups). For an
+// instance and its groups, `instance` is set; `service` always is.
+struct hgx_owner {
+    enum Kind { SERVICE, INSTANCE, PG } kind = SERVICE;
+    hgx_id_t id = 0;  // of the service, instance or group
+    hgx_id_t service = 0;
+    hgx_id_t instance = 0;
+};
+
+// The parts of a well-formed wern, by syntax alone.
+struct hgx_wern_parts {
+    bool scope_only = false;  // "wrn://localhost"
+    std::string scope;        // "localhost" unless written otherwise
+    std::string service;
+    bool has_instance = false;
+    std::string instance;
+    std::vector<std::string> path;  // group path and property behind the separator
+};
+
+// 0, or -1 with HGX_ERROR_INVALID_ARGUMENT for a wern that is not well-formed.
+int hgx_wern_split(const char* wern, hgx_wern_parts* parts);
+
+// Names: a segment starts with a letter or digit and holds letters, digits
+// and "_.,+-"; a service name is segments joined by '/'.
+bool hgx_valid_name(std::string_view name);
+bool hgx_valid_service_name(std::string_view name);
+
+// 0 when the value fits the type (and the value length limit), else -1 with
+// HGX_ERROR_INVALID_VALUE; *why (if given) receives a short reason.
+int hgx_value_check(hgx_type_t type, std::string_view value, const char** why = nullptr);
+
+// Values as stored: each followed by a NUL byte.
+std::string hgx_values_blob(const std::vector<std::string>& values);
+
+// Opens the file (creating it, schema included, when create is set and it does
+// not exist) and begins the write transaction. Null on failure; a message for
+// the user is in *message.
+hgx_writer_t* hgx_writer_open(const char* path, bool create, std::string* message);
+int hgx_writer_commit(hgx_writer_t* w);
+void hgx_writer_close(hgx_writer_t* w);
+// The store's text for the last failure of this writer.
+const char* hgx_writer_message(const hgx_writer_t* w);
+
+hgx_id_t hgx_writer_find_service(hgx_writer_t* w, std::string_view name);
+hgx_id_t hgx_writer_add_service(hgx_writer_t* w, std::string_view name);
+// Removes a service with its instances, snapshots, groups and properties.
+int hgx_writer_delete_service(hgx_writer_t* w, hgx_id_t service);
+// Ids of a service's instances, in name order.
+int hgx_writer_instances(hgx_writer_t* w, hgx_id_t service, std::vector<hgx_id_t>* out);
+
+hgx_id_t hgx_writer_find_instance(hgx_writer_t* w, hgx_id_t service, std::string_view name);
+hgx_id_t hgx_writer_add_instance(hgx_writer_t* w, hgx_id_t service, std::string_view name);
+int hgx_writer_delete_instance(hgx_writer_t* w, hgx_id_t service, hgx_id_t instance);
+
+// Own groups only; nothing is composed on the write side. find gives 1 with
+// *pg set, 0 if there is none, -1 on failure.
+int hgx_writer_find_pg(hgx_writer_t* w, const hgx_owner& owner, std::string_view name,
+                       hgx_owner* pg);
+int hgx_writer_add_pg(hgx_writer_t* w, const hgx_owner& owner, std::string_view name,
+                      std::string_view type, hgx_owner* pg);
+// Removes a group with its nested groups and all their properties.
+int hgx_writer_delete_pg(hgx_writer_t* w, const hgx_owner& pg);
+
+// 1 with *type set, 0 if the group has no property of that name, -1 failure.
+int hgx_writer_find_property(hgx_writer_t* w, const hgx_owner& pg, std::string_view name,
+                             hgx_type_t* type);
+// Adds a property that the group does not have yet; blob as hgx_values_blob
+// gives, values not checked (the caller did).
+int hgx_writer_add_property(hgx_writer_t* w, const hgx_owner& pg, std::string_view name,
+                            hgx_type_t type, std::string_view blob);
+// Sets a property, replacing one of that name; checks the values.
+int hgx_writer_set_property(hgx_writer_t* w, const hgx_owner& pg, std::string_view name,
+                            hgx_type_t type, const std::vector<std::string>& values);
+int hgx_writer_delete_property(hgx_writer_t* w, const hgx_owner& pg, std::string_view name);
+
+// Takes the snapshot `name` of an instance: a frozen copy of its composed
+// view now, replacing a snapshot of that name.
+int hgx_writer_take_snapshot(hgx_writer_t* w, hgx_id_t service, hgx_id_t instance,
+                             std::string_view name);

@@ -1,0 +1,635 @@
+// The repository client against real repository files built with the
+// library's writer: wern decoding, composed views, snapshots, iteration,
+// read consistency while another process writes, and bind failures.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "hgx.h"
+#include "hgx_write.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct TempDir {
+    std::string path;
+    TempDir() {
+        char tmpl[] = "/tmp/hgx_test.XXXXXX";
+        path = mkdtemp(tmpl);
+    }
+    ~TempDir() { fs::remove_all(path); }
+};
+
+hgx_owner pg(hgx_writer_t* w, const hgx_owner& owner, const char* name,
+             const char* type = "application") {
+    hgx_owner out;
+    EXPECT_EQ(hgx_writer_add_pg(w, owner, name, type, &out), 0) << name;
+    return out;
+}
+
+void prop(hgx_writer_t* w, const hgx_owner& g, const char* name, hgx_type_t type,
+          std::vector<std::string> values) {
+    EXPECT_EQ(hgx_writer_set_property(w, g, name, type, values), 0) << name;
+}
+
+// net/foo has groups of its own and two instances; "default" overrides some
+// of the service's groups and properties and lacks others.
+void build(const std::string& path) {
+    std::string msg;
+    hgx_writer_t* w = hgx_writer_open(path.c_str(), true, &msg);
+    ASSERT_NE(w, nullptr) << msg;
+    for (const char* name : {"a", "Zed", "net/bar"}) ASSERT_GT(hgx_writer_add_service(w, name), 0);
+    hgx_id_t s = hgx_writer_add_service(w, "net/foo");
+    hgx_owner so{hgx_owner::SERVICE, s, s, 0};
+    hgx_owner sg = pg(w, so, "general", "framework");
+    prop(w, sg, "enabled", HGX_TYPE_BOOLEAN, {"true"});
+    prop(w, sg, "svc_only", HGX_TYPE_ASTRING, {"x"});
+    hgx_owner sc = pg(w, so, "config");
+    prop(w, sc, "port", HGX_TYPE_COUNT, {"80"});
+    prop(w, sc, "svconly", HGX_TYPE_ASTRING, {"s"});
+    hgx_owner stls = pg(w, sc, "tls");
+    prop(w, stls, "cert", HGX_TYPE_ASTRING, {"x"});
+    pg(w, sc, "svcnest");
+    hgx_owner shared = pg(w, so, "shared_only");
+    prop(w, shared, "a", HGX_TYPE_ASTRING, {"1"});
+
+    hgx_id_t i = hgx_writer_add_instance(w, s, "default");
+    ASSERT_GT(hgx_writer_add_instance(w, s, "other"), 0);
+    hgx_owner io{hgx_owner::INSTANCE, i, s, i};
+    hgx_owner ic = pg(w, io, "config");
+    prop(w, ic, "port", HGX_TYPE_COUNT, {"8080"});
+    prop(w, ic, "hosts", HGX_TYPE_ASTRING, {"c", "a", "b"});
+    prop(w, ic, "none", HGX_TYPE_ASTRING, {});
+    prop(w, ic, "dual", HGX_TYPE_ASTRING, {"prop"});
+    hgx_owner dual = pg(w, ic, "dual");
+    prop(w, dual, "inner", HGX_TYPE_ASTRING, {"i"});
+    hgx_owner itls = pg(w, ic, "tls");
+    prop(w, itls, "on", HGX_TYPE_BOOLEAN, {"false"});
+    hgx_owner ig = pg(w, io, "general", "framework");
+    prop(w, ig, "enabled", HGX_TYPE_BOOLEAN, {"false"});
+    pg(w, io, "inst_only");
+    ASSERT_EQ(hgx_writer_take_snapshot(w, s, i, "running"), 0);
+    ASSERT_EQ(hgx_writer_commit(w), 0);
+    hgx_writer_close(w);
+}
+
+// Changes to "default" after its snapshot: a new port and general/enabled.
+void change(const std::string& path) {
+    std::string msg;
+    hgx_writer_t* w = hgx_writer_open(path.c_str(), false, &msg);
+    ASSERT_NE(w, nullptr) << msg;
+    hgx_id_t s = hgx_writer_find_service(w, "net/foo");
+    hgx_id_t i = hgx_writer_find_instance(w, s, "default");
+    hgx_owner io{hgx_owner::INSTANCE, i, s, i}, g;
+    ASSERT_EQ(hgx_writer_find_pg(w, io, "config", &g), 1);
+    prop(w, g, "port", HGX_TYPE_COUNT, {"9999"});
+    ASSERT_EQ(hgx_writer_find_pg(w, io, "general", &g), 1);
+    prop(w, g, "enabled", HGX_TYPE_BOOLEAN, {"true"});
+    ASSERT_GT(hgx_writer_add_service(w, "late"), 0);
+    ASSERT_EQ(hgx_writer_commit(w), 0);
+    hgx_writer_close(w);
+}
+
+class Client : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        path = dir.path + "/repo.db";
+        build(path);
+        h = bind(path);
+        ASSERT_NE(h, nullptr);
+    }
+    void TearDown() override { hgx_handle_destroy(h); }
+
+    static hgx_handle_t* bind(const std::string& p) {
+        hgx_handle_t* handle = hgx_handle_create(HGX_VERSION);
+        if (hgx_handle_bind_path(handle, p.c_str()) != 0) {
+            ADD_FAILURE() << "bind: " << hgx_strerror(hgx_error());
+            hgx_handle_destroy(handle);
+            return nullptr;
+        }
+        return handle;
+    }
+
+    hgx_instance_t* instance(const char* wern) {
+        hgx_instance_t* inst = hgx_instance_create(h);
+        EXPECT_EQ(hgx_handle_decode_wern(h, wern, nullptr, nullptr, inst, nullptr, nullptr,
+                                         HGX_DECODE_INSTANCE_ONLY),
+                  0);
+        return inst;
+    }
+
+    // Names of a group walk, "name" for groups and "name=v1,v2" for
+    // properties, each group followed by its properties and nested groups.
+    void dump_pg(hgx_propertygroup_t* g, bool composed, const hgx_snapshot_t* snap,
+                 std::vector<std::string>& out, const std::string& prefix) {
+        char buf[1100];
+        ASSERT_GE(hgx_pg_get_name(g, buf, sizeof buf), 0);
+        std::string name = prefix + buf;
+        out.push_back(name + "/");
+        hgx_iter_t* it = hgx_iter_create(h);
+        hgx_iter_t* vit = hgx_iter_create(h);
+        hgx_property_t* p = hgx_property_create(h);
+        hgx_value_t* v = hgx_value_create(h);
+        ASSERT_EQ(hgx_iter_pg_properties(it, g), 0);
+        while (hgx_iter_next_property(it, p) == 1) {
+            hgx_property_get_name(p, buf, sizeof buf);
+            std::string line = name + "/" + buf + "=";
+            ASSERT_EQ(hgx_iter_property_values(vit, p), 0);
+            for (int n = 0; hgx_iter_next_value(vit, v) == 1; ++n) {
+                hgx_value_get_as_string(v, buf, sizeof buf);
+                line += (n ? "," : "") + std::string(buf);
+            }
+            out.push_back(line);
+        }
+        hgx_propertygroup_t* child = hgx_pg_create(h);
+        ASSERT_EQ(composed ? hgx_iter_pg_pgs_composed(it, g, snap) : hgx_iter_pg_pgs(it, g), 0);
+        while (hgx_iter_next_pg(it, child) == 1) dump_pg(child, composed, snap, out, name + "/");
+        hgx_pg_destroy(child);
+        hgx_value_destroy(v);
+        hgx_property_destroy(p);
+        hgx_iter_destroy(vit);
+        hgx_iter_destroy(it);
+    }
+
+    std::vector<std::string> dump_instance(hgx_instance_t* inst, bool composed,
+                                           const hgx_snapshot_t* snap) {
+        std::vector<std::string> out;
+        hgx_iter_t* it = hgx_iter_create(h);
+        hgx_propertygroup_t* g = hgx_pg_create(h);
+        EXPECT_EQ(composed ? hgx_iter_instance_pgs_composed(it, inst, snap)
+                           : hgx_iter_instance_pgs(it, inst),
+                  0);
+        while (hgx_iter_next_pg(it, g) == 1) dump_pg(g, composed, snap, out, "");
+        hgx_pg_destroy(g);
+        hgx_iter_destroy(it);
+        return out;
+    }
+
+    TempDir dir;
+    std::string path;
+    hgx_handle_t* h = nullptr;
+};
+
+struct DecodeCase {
+    const char* wern;
+    int flags;
+    int error;            // 0: success
+    const char* names;    // what is set: "s", "si", "sp" (service+group), "sipP" ...
+    const char* pg_wern;  // wern of the group set, if any
+    const char* prop_wern;
+};
+
+TEST_F(Client, DecodeWernForms) {
+    const std::string long_name(1024 - 5, 'a');
+    const std::string too_long = "wrn:/" + long_name + "a";
+    const std::string at_limit = "wrn:/" + long_name;
+    const DecodeCase cases[] = {
+        {"wrn:/net/foo", 0, 0, "s", nullptr, nullptr},
+        {"wrn://localhost/net/foo", 0, 0, "s", nullptr, nullptr},
+        {"wrn://localhost/net/foo:default", 0, 0, "si", nullptr, nullptr},
+        {"wrn:/net/foo:default", HGX_DECODE_INSTANCE_ONLY, 0, "si", nullptr, nullptr},
+        {"wrn:/net/foo", HGX_DECODE_SERVICE_ONLY, 0, "s", nullptr, nullptr},
+        {"wrn:/net/foo/:properties/config", 0, 0, "sp", "wrn:/net/foo/:properties/config", nullptr},
+        {"wrn:/net/foo/:properties/config/port", 0, 0, "spP", "wrn:/net/foo/:properties/config",
+         "wrn:/net/foo/:properties/config/port"},
+        {"wrn:/net/foo/:properties/config/tls", 0, 0, "sp", "wrn:/net/foo/:properties/config/tls",
+         nullptr},
+        {"wrn://localhost/net/foo/:properties/config/tls/cert", 0, 0, "spP",
+         "wrn:/net/foo/:properties/config/tls", "wrn:/net/foo/:properties/config/tls/cert"},
+        // An instance's groups resolve in its composed view.
+        {"wrn:/net/foo:default/:properties/config/svconly", 0, 0, "sipP",
+         "wrn:/net/foo:default/:properties/config",
+         "wrn:/net/foo:default/:properties/config/svconly"},
+        {"wrn:/net/foo:default/:properties/shared_only", 0, 0, "sip",
+         "wrn:/net/foo:default/:properties/shared_only", nullptr},
+        {"wrn:/net/foo:default/:properties/config/tls/cert", 0, 0, "sipP",
+         "wrn:/net/foo:default/:properties/config/tls",
+         "wrn:/net/foo:default/:properties/config/tls/cert"},
+        // A property and a nested group of one name: the property wins, and
+        // the group is reached through its own properties.
+        {"wrn:/net/foo:default/:properties/config/dual", 0, 0, "sipP",
+         "wrn:/net/foo:default/:properties/config", "wrn:/net/foo:default/:properties/config/dual"},
+        {"wrn:/net/foo:default/:properties/config/dual/inner", 0, 0, "sipP",
+         "wrn:/net/foo:default/:properties/config/dual",
+         "wrn:/net/foo:default/:properties/config/dual/inner"},
+        {"wrn:/nope", 0, HGX_ERROR_NOT_FOUND, "", nullptr, nullptr},
+        {"wrn:/net/foo:nope", 0, HGX_ERROR_NOT_FOUND, "", nullptr, nullptr},
+        {"wrn:/net/foo:nope", HGX_DECODE_INSTANCE_ONLY, HGX_ERROR_NOT_FOUND, "", nullptr, nullptr},
+        {"wrn:/net/foo/:properties/nope", 0, HGX_ERROR_NOT_FOUND, "", nullptr, nullptr},
+        {"wrn:/net/foo/:properties/config/nope", 0, HGX_ERROR_NOT_FOUND, "", nullptr, nullptr},
+        {"wrn:/net/foo/:properties/config/port/x", 0, HGX_ERROR_NOT_FOUND, "", nullptr, nullptr},
+        {"wrn:/net/foo/:properties/inst_only", 0, HGX_ERROR_NOT_FOUND, "", nullptr, nullptr},
+        {"wrn://otherhost/net/foo", 0, HGX_ERROR_NOT_FOUND, "", nullptr, nullptr},
+        {at_limit.c_str(), 0, HGX_ERROR_NOT_FOUND, "", nullptr, nullptr},
+        {too_long.c_str(), 0, HGX_ERROR_INVALID_ARGUMENT, "", nullptr, nullptr},
+        {"", 0, HGX_ERROR_INVALID_ARGUMENT, "", nullptr, nullptr},
+        {"wrn:", 0, HGX_ERROR_INVALID_ARGUMENT, "", nullptr, nullptr},
+        {"wrn:/", 0, HGX_ERROR_INVALID_ARGUMENT, "", nullptr, nullptr},
+        {"wrn:net/foo", 0, HGX_ERROR_INVALID_ARGUMENT, "", nullptr, nullptr},
+        {"svc:/net/foo", 0, HGX_ERROR_INVALID_ARGUMENT, "", nullptr, nullptr},
+        {"wrn:/net//foo", 0, HGX_ERROR_INVALID_ARGUMENT, "", nullptr, nullptr},
+        {"wrn:/net/foo/", 0, HGX_ERROR_INVALID_ARGUMENT, "", nullptr, nullptr},
+        {"wrn:/-net", 0, HGX_ERROR_INVALID_ARGUMENT, "", nullptr, nullptr},
+        {"wrn:/net/foo:", 0, HGX_ERROR_INVALID_ARGUMENT, "", nullptr, nullptr},
+        {"wrn:/net/foo:a:b", 0, HGX_ERROR_INVALID_ARGUMENT, "", nullptr, nullptr},
+        {"wrn:/net/foo/:properties/", 0, HGX_ERROR_INVALID_ARGUMENT, "", nullptr, nullptr},
+        {"wrn:/net/foo/:props/config", 0, HGX_ERROR_INVALID_ARGUMENT, "", nullptr, nullptr},
+        {"wrn:/net/foo/:properties/config//port", 0, HGX_ERROR_INVALID_ARGUMENT, "", nullptr,
+         nullptr},
+        {"wrn:/net/foo:default", HGX_DECODE_SERVICE_ONLY, HGX_ERROR_CONSTRAINT_VIOLATED, "",
+         nullptr, nullptr},
+        {"wrn:/nope:x", HGX_DECODE_SERVICE_ONLY, HGX_ERROR_CONSTRAINT_VIOLATED, "", nullptr,
+         nullptr},
+        {"wrn:/net/foo/:properties/config", HGX_DECODE_SERVICE_ONLY, HGX_ERROR_CONSTRAINT_VIOLATED,
+         "", nullptr, nullptr},
+        {"wrn:/net/foo", HGX_DECODE_INSTANCE_ONLY, HGX_ERROR_CONSTRAINT_VIOLATED, "", nullptr,
+         nullptr},
+        {"wrn:/net/foo:default/:properties/config", HGX_DECODE_INSTANCE_ONLY,
+         HGX_ERROR_CONSTRAINT_VIOLATED, "", nullptr, nullptr},
+    };
+    hgx_scope_t* scope = hgx_scope_create(h);
+    hgx_service_t* svc = hgx_service_create(h);
+    hgx_instance_t* inst = hgx_instance_create(h);
+    hgx_propertygroup_t* g = hgx_pg_create(h);
+    hgx_property_t* p = hgx_property_create(h);
+    char buf[1100];
+    for (const DecodeCase& c : cases) {
+        SCOPED_TRACE(c.wern);
+        int rc = hgx_handle_decode_wern(h, c.wern, scope, svc, inst, g, p, c.flags);
+        if (c.error) {
+            EXPECT_EQ(rc, -1);
+            EXPECT_EQ(hgx_error(), c.error) << hgx_strerror(hgx_error());
+            continue;
+        }
+        ASSERT_EQ(rc, 0) << hgx_strerror(hgx_error());
+        std::string names = c.names;
+        EXPECT_EQ(hgx_service_to_wern(svc, buf, sizeof buf) >= 0, names.find('s') != names.npos);
+        EXPECT_EQ(hgx_instance_to_wern(inst, buf, sizeof buf) >= 0, names.find('i') != names.npos);
+        if (names.find('i') != names.npos) {
+            EXPECT_STREQ(buf, "wrn:/net/foo:default");
+        }
+        ssize_t n = hgx_pg_to_wern(g, buf, sizeof buf);
+        EXPECT_EQ(n >= 0, names.find('p') != names.npos);
+        if (c.pg_wern) {
+            EXPECT_STREQ(buf, c.pg_wern);
+        }
+        n = hgx_property_to_wern(p, buf, sizeof buf);
+        EXPECT_EQ(n >= 0, names.find('P') != names.npos);
+        if (c.prop_wern) {
+            EXPECT_STREQ(buf, c.prop_wern);
+        }
+    }
+    hgx_property_destroy(p);
+    hgx_pg_destroy(g);
+    hgx_instance_destroy(inst);
+    hgx_service_destroy(svc);
+    hgx_scope_destroy(scope);
+}
+
+TEST(ParseWern, CutsInPlace) {
+    struct {
+        const char* wern;
+        const char *scope, *service, *instance, *pg, *prop;
+    } cases[] = {
+        {"wrn:/net/foo", nullptr, "net/foo", nullptr, nullptr, nullptr},
+        {"wrn:/net/foo:default", nullptr, "net/foo", "default", nullptr, nullptr},
+        {"wrn://localhost/net/foo:default/:properties/config/port", "localhost", "net/foo",
+         "default", "config", "port"},
+        {"wrn:/a/:properties/g1/g2/p", nullptr, "a", nullptr, "g1/g2", "p"},
+        {"wrn:/a/:properties/g1", nullptr, "a", nullptr, "g1", nullptr},
+    };
+    auto eq = [](const char* got, const char* want) {
+        if (!want) return got == nullptr;
+        return got && std::string(got) == want;
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.wern);
+        std::string copy = c.wern;
+        const char *scope, *scope_path, *service, *instance, *g, *p, *snap;
+        ASSERT_EQ(
+            hgx_parse_wern(copy.data(), &scope, &scope_path, &service, &instance, &g, &p, &snap),
+            0);
+        EXPECT_TRUE(eq(scope, c.scope));
+        EXPECT_TRUE(eq(service, c.service));
+        EXPECT_TRUE(eq(instance, c.instance));
+        EXPECT_TRUE(eq(g, c.pg));
+        EXPECT_TRUE(eq(p, c.prop));
+        EXPECT_EQ(snap, nullptr);
+    }
+    std::string bad = "wrn:/net/foo:";
+    const char* service = "x";
+    EXPECT_EQ(
+        hgx_parse_wern(bad.data(), nullptr, nullptr, &service, nullptr, nullptr, nullptr, nullptr),
+        -1);
+    EXPECT_EQ(service, nullptr);
+}
+
+TEST_F(Client, ComposedViewAddsServiceGroupsRecursively) {
+    hgx_instance_t* inst = instance("wrn:/net/foo:default");
+    std::vector<std::string> composed = {
+        "config/",          "config/dual=prop",      "config/hosts=c,a,b", "config/none=",
+        "config/port=8080", "config/svconly=s",      "config/dual/",       "config/dual/inner=i",
+        "config/svcnest/",  "config/tls/",           "config/tls/cert=x",  "config/tls/on=false",
+        "general/",         "general/enabled=false", "general/svc_only=x", "inst_only/",
+        "shared_only/",     "shared_only/a=1",
+    };
+    EXPECT_EQ(dump_instance(inst, true, nullptr), composed);
+    std::vector<std::string> own = {
+        "config/",
+        "config/dual=prop",
+        "config/hosts=c,a,b",
+        "config/none=",
+        "config/port=8080",
+        "config/dual/",
+        "config/dual/inner=i",
+        "config/tls/",
+        "config/tls/on=false",
+        "general/",
+        "general/enabled=false",
+        "inst_only/",
+    };
+    EXPECT_EQ(dump_instance(inst, false, nullptr), own);
+
+    // The snapshot taken at build time is the composed view of that moment.
+    hgx_snapshot_t* snap = hgx_snapshot_create(h);
+    ASSERT_EQ(hgx_instance_get_snapshot(inst, "running", snap), 0);
+    EXPECT_EQ(dump_instance(inst, true, snap), composed);
+    EXPECT_EQ(hgx_instance_get_snapshot(inst, "nope", snap), -1);
+    EXPECT_EQ(hgx_error(), HGX_ERROR_NOT_FOUND);
+
+    // An instance's own group joins the composed view in a composed walk
+    // of its nested groups.
+    hgx_propertygroup_t* g = hgx_pg_create(h);
+    ASSERT_EQ(hgx_instance_get_pg(inst, "config", g), 0);
+    std::vector<std::string> out;
+    dump_pg(g, true, nullptr, out, "");
+    EXPECT_NE(std::find(out.begin(), out.end(), "config/svcnest/"), out.end());
+    EXPECT_EQ(std::find(out.begin(), out.end(), "config/svconly=s"), out.end());
+    EXPECT_EQ(hgx_instance_get_pg(inst, "shared_only", g), -1);
+    EXPECT_EQ(hgx_error(), HGX_ERROR_NOT_FOUND);
+    ASSERT_EQ(hgx_instance_get_pg_composed(inst, nullptr, "shared_only", g), 0);
+    char buf[100];
+    ASSERT_EQ(hgx_pg_get_type(g, buf, sizeof buf), 11);
+    EXPECT_STREQ(buf, "application");
+    hgx_pg_destroy(g);
+    hgx_snapshot_destroy(snap);
+    hgx_instance_destroy(inst);
+}
+
+TEST_F(Client, SnapshotIsFrozenWhileGeneralReadOutsideItIsCurrent) {
+    change(path);
+    hgx_handle_destroy(h);
+    h = bind(path);
+    ASSERT_NE(h, nullptr);
+    hgx_instance_t* inst = instance("wrn:/net/foo:default");
+    hgx_snapshot_t* snap = hgx_snapshot_create(h);
+    ASSERT_EQ(hgx_instance_get_snapshot(inst, "running", snap), 0);
+    auto frozen = dump_instance(inst, true, snap);
+    EXPECT_NE(std::find(frozen.begin(), frozen.end(), "config/port=8080"), frozen.end());
+    EXPECT_NE(std::find(frozen.begin(), frozen.end(), "general/enabled=false"), frozen.end());
+    auto current = dump_instance(inst, true, nullptr);
+    EXPECT_NE(std::find(current.begin(), current.end(), "config/port=9999"), current.end());
+
+    hgx_propertygroup_t* g = hgx_pg_create(h);
+    std::vector<std::string> out;
+    ASSERT_EQ(hgx_instance_get_pg_composed(inst, nullptr, "general", g), 0);
+    dump_pg(g, true, nullptr, out, "");
+    EXPECT_EQ(out,
+              (std::vector<std::string>{"general/", "general/enabled=true", "general/svc_only=x"}));
+    out.clear();
+    ASSERT_EQ(hgx_instance_get_pg_composed(inst, snap, "general", g), 0);
+    dump_pg(g, true, nullptr, out, "");
+    EXPECT_EQ(
+        out, (std::vector<std::string>{"general/", "general/enabled=false", "general/svc_only=x"}));
+    hgx_pg_destroy(g);
+    hgx_snapshot_destroy(snap);
+    hgx_instance_destroy(inst);
+}
+
+std::vector<std::string> service_names(hgx_handle_t* h) {
+    std::vector<std::string> names;
+    hgx_scope_t* scope = hgx_scope_create(h);
+    hgx_iter_t* it = hgx_iter_create(h);
+    hgx_service_t* s = hgx_service_create(h);
+    char buf[1100];
+    EXPECT_EQ(hgx_handle_get_scope(h, "localhost", scope), 0);
+    EXPECT_EQ(hgx_iter_scope_services(it, scope), 0);
+    int rc;
+    while ((rc = hgx_iter_next_service(it, s)) == 1) {
+        hgx_service_get_name(s, buf, sizeof buf);
+        names.push_back(buf);
+    }
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(hgx_iter_next_service(it, s), 0) << "an ended walk stays ended";
+    hgx_service_destroy(s);
+    hgx_iter_destroy(it);
+    hgx_scope_destroy(scope);
+    return names;
+}
+
+TEST_F(Client, IterationOrderEndsAndRestarts) {
+    EXPECT_EQ(service_names(h), (std::vector<std::string>{"Zed", "a", "net/bar", "net/foo"}));
+
+    hgx_service_t* s = hgx_service_create(h);
+    hgx_instance_t* inst = hgx_instance_create(h);
+    hgx_propertygroup_t* g = hgx_pg_create(h);
+    hgx_iter_t* it = hgx_iter_create(h);
+    char buf[1100];
+    ASSERT_EQ(hgx_handle_decode_wern(h, "wrn:/net/foo", nullptr, s, nullptr, nullptr, nullptr,
+                                     HGX_DECODE_SERVICE_ONLY),
+              0);
+    ASSERT_EQ(hgx_iter_service_instances(it, s), 0);
+    std::vector<std::string> names;
+    while (hgx_iter_next_instance(it, inst) == 1) {
+        ASSERT_GT(hgx_instance_to_wern(inst, buf, sizeof buf), 0);
+        names.push_back(buf);
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"wrn:/net/foo:default", "wrn:/net/foo:other"}));
+
+    // The same iterator restarts on a walk of another kind, and refuses a
+    // step of the wrong kind.
+    ASSERT_EQ(hgx_iter_service_pgs(it, s), 0);
+    EXPECT_EQ(hgx_iter_next_instance(it, inst), -1);
+    EXPECT_EQ(hgx_error(), HGX_ERROR_TYPE_MISMATCH);
+    names.clear();
+    while (hgx_iter_next_pg(it, g) == 1) {
+        ASSERT_GT(hgx_pg_to_wern(g, buf, sizeof buf), 0);
+        names.push_back(buf);
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"wrn:/net/foo/:properties/config",
+                                               "wrn:/net/foo/:properties/general",
+                                               "wrn:/net/foo/:properties/shared_only"}));
+    // An instance without groups: the walk ends at once.
+    ASSERT_EQ(hgx_handle_decode_wern(h, "wrn:/net/foo:other", nullptr, nullptr, inst, nullptr,
+                                     nullptr, 0),
+              0);
+    ASSERT_EQ(hgx_iter_instance_pgs(it, inst), 0);
+    EXPECT_EQ(hgx_iter_next_pg(it, g), 0);
+
+    // A short buffer gets a cut, terminated text and the whole length.
+    EXPECT_EQ(hgx_service_to_wern(s, buf, 5), 12);
+    EXPECT_STREQ(buf, "wrn:");
+    hgx_iter_destroy(it);
+    hgx_pg_destroy(g);
+    hgx_instance_destroy(inst);
+    hgx_service_destroy(s);
+}
+
+TEST_F(Client, BoundHandleKeepsItsStateWhileAnotherProcessWrites) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        // The writer must not wait for the reader's open transaction.
+        std::string msg;
+        hgx_writer_t* w = hgx_writer_open(path.c_str(), false, &msg);
+        if (!w) _exit(2);
+        hgx_id_t s = hgx_writer_find_service(w, "net/foo");
+        hgx_id_t i = hgx_writer_find_instance(w, s, "default");
+        hgx_owner io{hgx_owner::INSTANCE, i, s, i}, g;
+        if (hgx_writer_find_pg(w, io, "config", &g) != 1) _exit(3);
+        if (hgx_writer_set_property(w, g, "port", HGX_TYPE_COUNT, {"1"}) != 0) _exit(4);
+        if (hgx_writer_add_service(w, "late") <= 0) _exit(5);
+        if (hgx_writer_commit(w) != 0) _exit(6);
+        hgx_writer_close(w);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_EQ(WEXITSTATUS(status), 0);
+
+    hgx_instance_t* inst = instance("wrn:/net/foo:default");
+    auto seen = dump_instance(inst, false, nullptr);
+    EXPECT_NE(std::find(seen.begin(), seen.end(), "config/port=8080"), seen.end());
+    EXPECT_EQ(service_names(h).size(), 4u);
+    hgx_instance_destroy(inst);
+
+    hgx_handle_t* fresh = bind(path);
+    ASSERT_NE(fresh, nullptr);
+    EXPECT_EQ(service_names(fresh).size(), 5u);
+    hgx_handle_destroy(fresh);
+}
+
+TEST(Bind, EachFailureHasItsOwnCodeAndText) {
+    TempDir dir;
+    std::string text = dir.path + "/text", other = dir.path + "/other.db",
+                empty = dir.path + "/empty", sub = dir.path + "/sub";
+    std::ofstream(text) << "this is not a database at all, just some text that is long enough\n";
+    std::ofstream(empty).flush();
+    fs::create_directory(sub);
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(other.c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(
+        sqlite3_exec(db, "CREATE TABLE t(x); PRAGMA user_version=7;", nullptr, nullptr, nullptr),
+        SQLITE_OK);
+    sqlite3_close(db);
+
+    struct {
+        std::string file;
+        hgx_error_t code;
+    } cases[] = {
+        {dir.path + "/missing.db", HGX_ERROR_NO_REPOSITORY},
+        {dir.path + "/missing/deeper.db", HGX_ERROR_NO_REPOSITORY},
+        {text, HGX_ERROR_NOT_A_REPOSITORY},
+        {other, HGX_ERROR_SCHEMA_MISMATCH},
+        {empty, HGX_ERROR_SCHEMA_MISMATCH},
+        {sub, HGX_ERROR_REPOSITORY_ACCESS},
+    };
+    std::set<std::string> texts;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.file);
+        hgx_handle_t* h = hgx_handle_create(HGX_VERSION);
+        ASSERT_NE(h, nullptr);
+        // Through the environment, as a reader finds its repository.
+        setenv("HGX_REPOSITORY", c.file.c_str(), 1);
+        EXPECT_EQ(hgx_handle_bind(h), -1);
+        EXPECT_EQ(hgx_error(), c.code);
+        texts.insert(hgx_strerror(hgx_error()));
+        // A failed bind leaves the handle unbound.
+        hgx_scope_t* scope = hgx_scope_create(h);
+        EXPECT_EQ(hgx_handle_get_scope(h, "localhost", scope), -1);
+        EXPECT_EQ(hgx_error(), HGX_ERROR_NOT_BOUND);
+        hgx_scope_destroy(scope);
+        hgx_handle_destroy(h);
+    }
+    unsetenv("HGX_REPOSITORY");
+    EXPECT_EQ(texts.size(), 4u);
+    EXPECT_EQ(texts.count(hgx_strerror(HGX_ERROR_INTERNAL)), 0u);
+    EXPECT_EQ(hgx_handle_create(2), nullptr);
+    EXPECT_EQ(hgx_error(), HGX_ERROR_VERSION_MISMATCH);
+}
+
+TEST(Writer, RefusesValuesThatDoNotFitTheirType) {
+    struct {
+        hgx_type_t type;
+        const char* value;
+        bool ok;
+    } cases[] = {
+        {HGX_TYPE_BOOLEAN, "true", true},
+        {HGX_TYPE_BOOLEAN, "yes", false},
+        {HGX_TYPE_COUNT, "18446744073709551615", true},
+        {HGX_TYPE_COUNT, "18446744073709551616", false},
+        {HGX_TYPE_COUNT, "-1", false},
+        {HGX_TYPE_COUNT, "", false},
+        {HGX_TYPE_INTEGER, "-9223372036854775808", true},
+        {HGX_TYPE_INTEGER, "9223372036854775808", false},
+        {HGX_TYPE_INTEGER, "1x", false},
+        {HGX_TYPE_NET_ADDRESS_V4, "10.1.2.3", true},
+        {HGX_TYPE_NET_ADDRESS_V4, "10.1.2.0/24", true},
+        {HGX_TYPE_NET_ADDRESS_V4, "10.1.2", false},
+        {HGX_TYPE_NET_ADDRESS_V4, "::1", false},
+        {HGX_TYPE_NET_ADDRESS_V6, "::1", true},
+        {HGX_TYPE_NET_ADDRESS_V6, "fe80::/129", false},
+        {HGX_TYPE_NET_ADDRESS, "10.0.0.1", true},
+        {HGX_TYPE_NET_ADDRESS, "host", false},
+        {HGX_TYPE_HOSTNAME, "a-b.example.", true},
+        {HGX_TYPE_HOSTNAME, "-a.example", false},
+        {HGX_TYPE_USTRING, "\xc3\xa9", true},
+        {HGX_TYPE_USTRING, "\xc3", false},
+        {HGX_TYPE_OPAQUE, "0aFf", true},
+        {HGX_TYPE_OPAQUE, "0a0", false},
+        {HGX_TYPE_TIME, "12.5", true},
+        {HGX_TYPE_TIME, "12.", false},
+        {HGX_TYPE_WERN, "wrn:/a:b", true},
+        {HGX_TYPE_WERN, "wrn:a", false},
+        {HGX_TYPE_URI, "https://x/", true},
+        {HGX_TYPE_URI, "//x", false},
+        {HGX_TYPE_ASTRING, "anything at all", true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(hgx_type_to_string(c.type)) + " " + c.value);
+        EXPECT_EQ(hgx_value_check(c.type, c.value) == 0, c.ok);
+        if (!c.ok) {
+            EXPECT_EQ(hgx_error(), HGX_ERROR_INVALID_VALUE);
+        }
+    }
+    EXPECT_EQ(hgx_value_check(HGX_TYPE_ASTRING, std::string(4096, 'x')), 0);
+    EXPECT_EQ(hgx_value_check(HGX_TYPE_ASTRING, std::string(4097, 'x')), -1);
+    EXPECT_EQ(hgx_value_check(HGX_TYPE_ASTRING, std::string("a\0b", 3)), -1);
+}
+
+TEST(Writer, FailedFirstWriteLeavesNoFile) {
+    TempDir dir;
+    std::string path = dir.path + "/new.db", msg;
+    hgx_writer_t* w = hgx_writer_open(path.c_str(), true, &msg);
+    ASSERT_NE(w, nullptr) << msg;
+    ASSERT_GT(hgx_writer_add_service(w, "a"), 0);
+    EXPECT_EQ(hgx_writer_add_service(w, "a"), -1);
+    EXPECT_EQ(hgx_error(), HGX_ERROR_EXISTS);
+    hgx_writer_close(w);
+    EXPECT_FALSE(fs::exists(path));
+    EXPECT_EQ(hgx_writer_open(path.c_str(), false, &msg), nullptr);
+    EXPECT_EQ(hgx_error(), HGX_ERROR_NO_REPOSITORY);
+    EXPECT_FALSE(fs::exists(path));
+}
+
+}  // namespace
