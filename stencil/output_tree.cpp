@@ -32,9 +32,11 @@ int coalesce_buffer_chain_kernel(const stencil_output_buffer_t* node, string_buf
 }
 
 // Writes all of text, repeating on EINTR and continuing after a short write
-// so that a pipe that takes the text in pieces still gets all of it.
+// so that a pipe that takes the text in pieces still gets all of it. A node
+// with an empty text still gets its one write call: a descriptor that
+// refuses every write (a full device, a closed one) fails there too.
 stencil_error_t write_all(int fd, const char* text, size_t length) {
-    while (length > 0) {
+    for (;;) {
         ssize_t n = write(fd, text, length);
         if (n < 0) {
             switch (errno) {
@@ -50,10 +52,16 @@ stencil_error_t write_all(int fd, const char* text, size_t length) {
                     return STENCIL_ERROR_IO;
             }
         }
+        if (n == 0 && length > 0) {
+            // No progress and no error: retrying could go on for ever.
+            return STENCIL_ERROR_IO;
+        }
         text += n;
         length -= static_cast<size_t>(n);
+        if (length == 0) {
+            return STENCIL_SUCCESS;
+        }
     }
-    return STENCIL_SUCCESS;
 }
 
 }  // namespace
