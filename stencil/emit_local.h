@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstdlib>
 
+#include "stencil.h"
 #include "string_buffer.h"
 
 namespace stencil_eval {
@@ -58,5 +59,10 @@ inline int scratch_ready(string_buffer_t* scratch) {
 inline int add_clamped(int sum, int r) { return r > INT_MAX - sum ? INT_MAX : sum + r; }
 
 inline int clamp_length(ssize_t n) { return n > INT_MAX ? INT_MAX : static_cast<int>(n); }
+
+// Joins the text of a section's or an invocation's chain into the node's own
+// text and releases the chain, so the tree stays one level deep whatever the
+// nesting. The chain is released on failure too. 0 or negative.
+int flatten_output_chain(stencil_output_buffer_t* buffer);
 
 }  // namespace stencil_eval

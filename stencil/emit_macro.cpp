@@ -13,7 +13,6 @@
 #include "emit_local.h"
 #include "stencil_internal.h"
 
-using stencil_eval::LocalBuffer;
 
 namespace {
 
@@ -31,27 +30,6 @@ void release_arguments(macro_t* macro) {
     }
     std::free(macro->args);
     macro->args = nullptr;
-}
-
-int evaluate_argument(expression_t* argument, stencil_t* stencil, char** value) {
-    LocalBuffer text;
-    if (text.init() != 0) {
-        return STENCIL_ERROR_NO_MEMORY;
-    }
-    const stencil_output_mode_t saved_mode = stencil->mode;
-    stencil->mode = STENCIL_OUTPUT_NORMAL;
-    stencil_output_buffer_t head{};
-    int r = emit_expression(argument, &head, stencil, 0);
-    stencil->mode = saved_mode;
-    if (r >= 0) {
-        r = coalesce_buffer_chain(&head, text.get());
-    }
-    free_output_buffer(&head);
-    if (r < 0) {
-        return r;
-    }
-    *value = text.take();
-    return 0;
 }
 
 }  // namespace
@@ -72,7 +50,7 @@ int emit_macro_arguments(macro_t* macro, stencil_t* stencil) {
         for (int i = 0; i < macro->num_args; i++) {
             // Values made so far stay in args; the stencil's destruction or
             // the next visit releases them.
-            int r = evaluate_argument(&macro->arg_expressions[i], stencil, &macro->args[i]);
+            int r = expression_to_string(&macro->arg_expressions[i], stencil, &macro->args[i]);
             if (r < 0) {
                 return r;
             }
@@ -86,17 +64,5 @@ int emit_normal_macro(macro_t* macro, stencil_output_buffer_t* buffer, stencil_t
     if (is_definition(macro)) {
         return 0;
     }
-    LocalBuffer text;
-    if (text.init() != 0) {
-        free_sub_output_buffer(buffer);
-        return STENCIL_ERROR_NO_MEMORY;
-    }
-    const stencil_output_buffer_t head{nullptr, buffer->num, buffer->chained};
-    int r = coalesce_buffer_chain(&head, text.get());
-    if (r >= 0) {
-        std::free(buffer->buffer);
-        buffer->buffer = text.take();
-    }
-    free_sub_output_buffer(buffer);
-    return r;
+    return stencil_eval::flatten_output_chain(buffer);
 }

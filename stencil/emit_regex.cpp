@@ -197,18 +197,5 @@ int emit_regex_first_pass(match_t* match, stencil_output_buffer_t* buffer, stenc
 }
 
 int emit_normal_regex(match_t*, stencil_output_buffer_t* buffer, stencil_t*) {
-    LocalBuffer text;
-    if (text.init() != 0) {
-        free_sub_output_buffer(buffer);
-        return STENCIL_ERROR_NO_MEMORY;
-    }
-    // A head that shares the chain but not the node's own text field.
-    const stencil_output_buffer_t head{nullptr, buffer->num, buffer->chained};
-    int r = coalesce_buffer_chain(&head, text.get());
-    if (r >= 0) {
-        std::free(buffer->buffer);
-        buffer->buffer = text.take();
-    }
-    free_sub_output_buffer(buffer);
-    return r;
+    return stencil_eval::flatten_output_chain(buffer);
 }

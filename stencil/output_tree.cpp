@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "emit_local.h"
 #include "stencil_internal.h"
 
 namespace {
@@ -104,6 +105,24 @@ void free_sub_output_buffer(stencil_output_buffer_t* buffer) {
     std::free(buffer->chained);
     buffer->chained = nullptr;
     buffer->num = 0;
+}
+
+int stencil_eval::flatten_output_chain(stencil_output_buffer_t* buffer) {
+    stencil_eval::LocalBuffer text;
+    if (text.init() != 0) {
+        free_sub_output_buffer(buffer);
+        return STENCIL_ERROR_NO_MEMORY;
+    }
+    // A head that shares the chain but not the node's own text field, which
+    // is about to receive the joined text.
+    const stencil_output_buffer_t head{nullptr, buffer->num, buffer->chained};
+    int r = coalesce_buffer_chain(&head, text.get());
+    if (r >= 0) {
+        std::free(buffer->buffer);
+        buffer->buffer = text.take();
+    }
+    free_sub_output_buffer(buffer);
+    return r;
 }
 
 void free_output_buffer(stencil_output_buffer_t* buffer) {
