@@ -181,4 +181,18 @@ Result hgxrepo(const std::vector<std::string>& args, const std::string& input) {
     return run(r);
 }
 
+void expect_stencil_cases(const std::string& repository, const std::string& wern,
+                          const std::vector<StencilCase>& cases,
+                          const std::vector<std::string>& extra,
+                          const std::map<std::string, std::optional<std::string>>& env) {
+    for (const StencilCase& c : cases) {
+        std::vector<std::string> args = {"-f", wern};
+        args.insert(args.end(), extra.begin(), extra.end());
+        Result r = kelvo(repository, args, c.stencil, env);
+        EXPECT_EQ(r.out, c.out) << c.name << ": stencil [" << c.stencil << "]";
+        EXPECT_EQ(r.err, c.err) << c.name;
+        EXPECT_EQ(r.status, c.status) << c.name;
+    }
+}
+
 }  // namespace e2e

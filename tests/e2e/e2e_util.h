@@ -64,4 +64,20 @@ Result kelvo(const std::string& repository, const std::vector<std::string>& args
 
 Result hgxrepo(const std::vector<std::string>& args, const std::string& input = "");
 
+// One stencil fed to kelvo on standard input, and everything it must print.
+struct StencilCase {
+    const char* name;
+    std::string stencil;
+    std::string out;
+    std::string err = "";
+    int status = 0;
+};
+
+// Runs each case as `kelvo -f wern extra...` against the repository and
+// checks standard output, standard error and the status as whole texts.
+void expect_stencil_cases(const std::string& repository, const std::string& wern,
+                          const std::vector<StencilCase>& cases,
+                          const std::vector<std::string>& extra = {},
+                          const std::map<std::string, std::optional<std::string>>& env = {});
+
 }  // namespace e2e

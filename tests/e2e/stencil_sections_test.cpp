@@ -35,11 +35,7 @@ constexpr char kManifest[] = R"({
 
 constexpr char kWern[] = "wrn:/net/foo:default";
 
-struct Case {
-    const char* name;
-    std::string stencil;
-    std::string out;
-};
+using Case = e2e::StencilCase;
 
 class StencilSections : public ::testing::Test {
   protected:
@@ -55,14 +51,7 @@ class StencilSections : public ::testing::Test {
 
     // Every case must succeed silently with exactly the given output.
     static void run_cases(const std::vector<Case>& cases, const std::vector<std::string>& extra = {}) {
-        for (const Case& c : cases) {
-            std::vector<std::string> args = {"-f", kWern};
-            args.insert(args.end(), extra.begin(), extra.end());
-            e2e::Result r = e2e::kelvo(repo(), args, c.stencil);
-            EXPECT_EQ(r.out, c.out) << c.name << ": stencil [" << c.stencil << "]";
-            EXPECT_EQ(r.err, "") << c.name;
-            EXPECT_EQ(r.status, 0) << c.name;
-        }
+        e2e::expect_stencil_cases(repo(), kWern, cases, extra);
     }
 
     static e2e::TempDir* dir_;

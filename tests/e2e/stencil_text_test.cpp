@@ -42,13 +42,7 @@ constexpr char kManifest[] = R"({
 
 constexpr char kWern[] = "wrn:/net/foo:default";
 
-struct Case {
-    const char* name;
-    std::string stencil;
-    std::string out;
-    std::string err;
-    int status;
-};
+using Case = e2e::StencilCase;
 
 class StencilText : public ::testing::Test {
   protected:
@@ -63,15 +57,8 @@ class StencilText : public ::testing::Test {
     static std::string repo() { return *dir_ / "repo.db"; }
 
     static void run_cases(const std::vector<Case>& cases, const std::vector<std::string>& extra = {},
-                          std::map<std::string, std::optional<std::string>> env = {}) {
-        for (const Case& c : cases) {
-            std::vector<std::string> args = {"-f", kWern};
-            args.insert(args.end(), extra.begin(), extra.end());
-            e2e::Result r = e2e::kelvo(repo(), args, c.stencil, env);
-            EXPECT_EQ(r.out, c.out) << c.name << ": stencil [" << c.stencil << "]";
-            EXPECT_EQ(r.err, c.err) << c.name;
-            EXPECT_EQ(r.status, c.status) << c.name;
-        }
+                          const std::map<std::string, std::optional<std::string>>& env = {}) {
+        e2e::expect_stencil_cases(repo(), kWern, cases, extra, env);
     }
 
     static e2e::TempDir* dir_;
