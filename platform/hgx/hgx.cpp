@@ -137,16 +137,6 @@ int fail(hgx_error_t code) {
     return -1;
 }
 
-// Runs an API body, turning an exhausted heap into HGX_ERROR_NO_MEMORY.
-template <typename R, typename F>
-R guarded(R failure, F&& body) {
-    try {
-        return body();
-    } catch (const std::bad_alloc&) {
-        set_error(HGX_ERROR_NO_MEMORY);
-        return failure;
-    }
-}
 
 // Checks that an object is usable as a parent or source: not null, of a bound
 // handle, set.

@@ -27,6 +27,7 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <new>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -54,6 +55,19 @@ constexpr size_t VALUE_LIMIT = 4096;
 extern const char* const SCHEMA_SQL;
 
 void set_error(hgx_error_t code);
+
+// Runs the body of an API call. The store's C++ containers may throw
+// std::bad_alloc; nothing may cross the C interface, so an exhausted heap
+// becomes HGX_ERROR_NO_MEMORY and the call's failure value.
+template <typename R, typename F>
+R guarded(R failure, F&& body) {
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        set_error(HGX_ERROR_NO_MEMORY);
+        return failure;
+    }
+}
 
 struct Row {
     int64_t id = 0;

@@ -85,15 +85,6 @@ int owner_kind(const hgx_owner& o) {
     }
 }
 
-template <typename R, typename F>
-R guarded(R failure, F&& body) {
-    try {
-        return body();
-    } catch (const std::bad_alloc&) {
-        set_error(HGX_ERROR_NO_MEMORY);
-        return failure;
-    }
-}
 
 bool digits(std::string_view s) {
     if (s.empty()) return false;
