@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <vector>
 
 #include "hgx.h"
 #include "host.h"
@@ -98,9 +97,10 @@ int run_configfiles(repository_t* repository, defines_t** defines, const configf
                         repository_get_wern(repository));
     // One buffer for the run: "<group>/" stays in front, and only the
     // property name behind it is rewritten for each read.
-    std::vector<char> buffer(static_cast<size_t>(limit) + 1);
-    char* property_path = buffer.data();
     const size_t wern_limit = static_cast<size_t>(limit);
+    std::unique_ptr<char, free_deleter> buffer(static_cast<char*>(malloc(wern_limit + 1)));
+    if (!buffer) die(KELVO_SYSERR, gettext("Out of memory\n"));
+    char* property_path = buffer.get();
 
     // Ascending order of group names.
     property_list group_list(repository_get_pgs_by_type(repository, "configfile"));

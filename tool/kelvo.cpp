@@ -76,9 +76,6 @@ void report_write_failure(stencil_error_t result, const char* path) {
         case STENCIL_ERROR_NO_SPACE:
             fprintf(stderr, gettext("Could not write %s: filesystem full\n"), path);
             break;
-        case STENCIL_ERROR_NO_MEMORY:
-            fprintf(stderr, gettext("Out of memory\n"));
-            break;
         default:  // STENCIL_ERROR_IO, and any failure the writer does not name
             fprintf(stderr, gettext("Could not write %s: IO error\n"), path);
             break;

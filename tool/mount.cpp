@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
+#include <memory>
 #include <string_view>
 
 #include "host.h"
@@ -77,6 +77,10 @@ unsigned long apply_words(unsigned long flags, std::string_view options) {
     }
     return flags;
 }
+
+struct free_deleter {
+    void operator()(void* p) const { free(p); }
+};
 
 void report_mount_failure(const char* options, const char* special, const char* mount_point) {
     fprintf(stderr, gettext("mount -F %s -O -o %s %s %s failed: %s\n"), "lofs", options, special,
@@ -157,8 +161,11 @@ int undo_file(const char* output_file, const char* root_prefix, int mount_flag) 
         int result = file_unmount(output_file);
         if (result != 0) return result;
     }
+    if (root_prefix == nullptr) return unlink(output_file);
     // No length limit: the path is built to the size it needs.
-    std::string path = root_prefix != nullptr ? std::string(root_prefix) + "/" + output_file
-                                              : std::string(output_file);
-    return unlink(path.c_str());
+    size_t size = strlen(output_file) + strlen(root_prefix) + 2;
+    std::unique_ptr<char, free_deleter> path(static_cast<char*>(malloc(size)));
+    if (!path) die(KELVO_SYSERR, gettext("Out of memory\n"));
+    snprintf(path.get(), size, "%s/%s", root_prefix, output_file);
+    return unlink(path.get());
 }

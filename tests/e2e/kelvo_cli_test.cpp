@@ -100,6 +100,8 @@ TEST_F(KelvoCli, CombinationChecksInOrder) {
         {{"-m", ""}, "Invalid mode: \n"},
         // -m acts when it is read, before later faults.
         {{"-m", "9", "extra"}, "Invalid mode: 9\n"},
+        // The usage text shows the default stencil directory, whatever -S says.
+        {{"-S", "/elsewhere", "-m", "9"}, "Invalid mode: 9\n"},
     };
     for (const UsageCase& c : cases) {
         std::string joined;

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "e2e_util.h"
@@ -13,6 +14,11 @@
 namespace {
 
 const char* const WERN = "wrn:/net/foo:default";
+
+// A run as one value: status, standard output and standard error are
+// compared whole and shown together when they differ.
+using Whole = std::tuple<int, std::string, std::string>;
+Whole whole(const e2e::Result& r) { return {r.status, r.out, r.err}; }
 
 class KelvoConfigfile : public ::testing::Test {
   protected:
@@ -53,16 +59,13 @@ class KelvoConfigfile : public ::testing::Test {
 
 TEST_F(KelvoConfigfile, NoGroupsDoesNothing) {
     repository("");
-    e2e::Result r = run();
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.err + r.out, "");
+    EXPECT_EQ(whole(run()), Whole(0, "", ""));
 }
 
 TEST_F(KelvoConfigfile, EachGroupWritesItsFile) {
     e2e::write_file(stencils + "/t", "other\n");
     repository(group("a") + "," + group("b", "t", "0600"));
-    e2e::Result r = run();
-    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(whole(run()), Whole(0, "", ""));
     EXPECT_EQ(e2e::read_file(out("a")), "port=8080\n");
     EXPECT_EQ(e2e::read_file(out("b")), "other\n");
     struct stat st{};
@@ -116,8 +119,7 @@ TEST_F(KelvoConfigfile, StatusOverGroups) {
         if (c.stop && c.status != 0) expected_err += "kelvo: kelvo terminated\n";
         repository(ga + "," + gb);
         e2e::Result r = run(c.stop ? std::vector<std::string>{"-x"} : std::vector<std::string>{});
-        EXPECT_EQ(r.status, c.status);
-        EXPECT_EQ(r.err, expected_err);
+        EXPECT_EQ(whole(r), Whole(c.status, "", expected_err));
         EXPECT_EQ(e2e::exists(out("b")), c.b_written);
         EXPECT_EQ(e2e::exists(out("a")), std::string(c.a) == "ok");
     }
@@ -150,14 +152,12 @@ TEST_F(KelvoConfigfile, BadGroupDescriptions) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         repository(c.groups);
-        e2e::Result r = run();
-        EXPECT_EQ(r.status, 3);
-        EXPECT_EQ(r.err, c.err);
+        EXPECT_EQ(whole(run()), Whole(3, "", c.err));
         EXPECT_FALSE(e2e::exists(out("a")));
     }
     // A disabled group needs nothing else.
     repository(R"("a": {"type": "configfile", "properties": {"disabled": "true"}})");
-    EXPECT_EQ(run().status, 0);
+    EXPECT_EQ(whole(run()), Whole(0, "", ""));
 }
 
 TEST_F(KelvoConfigfile, GroupDefines) {
@@ -166,8 +166,7 @@ TEST_F(KelvoConfigfile, GroupDefines) {
     // record with two values is passed over.
     repository(group("a", "d", "0644", "", R"("defines": {"properties": {"x": "1", "z": ["p", "q"]}})") +
                R"(, "ba": {"properties": {"unused": "u"}, "groups": {"defines": {"properties": {"y": "2"}}}})");
-    e2e::Result r = run();
-    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(whole(run()), Whole(0, "", ""));
     EXPECT_EQ(e2e::read_file(out("a")), "x=1 y=2\n");
 }
 
@@ -179,17 +178,15 @@ TEST_F(KelvoConfigfile, DuplicateDefineStaysForNextGroup) {
     repository(group("a", "d", "0644", "",
                      R"("defines": {"properties": {"x": "1"}, "groups": {"sub": {"properties": {"x": "2"}}}})") +
                "," + group("b", "d"));
-    e2e::Result r = run();
-    EXPECT_EQ(r.err, "Invalid define: x already exists\n");
-    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(whole(run()), Whole(0, "", "Invalid define: x already exists\n"));
     EXPECT_FALSE(e2e::exists(out("a")));
     EXPECT_EQ(e2e::read_file(out("b")), "x=2\n");
 }
 
 TEST_F(KelvoConfigfile, CommandLineOwnerGroupModeDoNotApply) {
     repository(group("a", "s", "0640"));
-    e2e::Result r = run({"-m", "600", "-O", "no-such-user-kelvo", "-g", "no-such-group-kelvo"});
-    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(whole(run({"-m", "600", "-O", "no-such-user-kelvo", "-g", "no-such-group-kelvo"})),
+              Whole(0, "", ""));
     struct stat st{};
     ASSERT_EQ(stat(out("a").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0640u);
@@ -215,40 +212,34 @@ TEST_F(KelvoConfigfile, OwnerAndUser) {
         SCOPED_TRACE(c.name);
         unlink(out("a").c_str());
         repository(group("a", "s", "0644", c.extra));
-        e2e::Result r = run();
-        EXPECT_EQ(r.status, 0);
-        EXPECT_EQ(r.err, c.err);
+        EXPECT_EQ(whole(run()), Whole(0, "", c.err));
         struct stat st{};
         ASSERT_EQ(stat(out("a").c_str(), &st), 0);
         EXPECT_EQ(st.st_uid, c.uid);
     }
     repository(group("a", "s", "0644", R"("owner": ["a", "b"], "user": ["c", "d"])"));
-    e2e::Result r = run();
-    EXPECT_EQ(r.status, 3);
-    EXPECT_EQ(r.err, "Property a/owner may only have one value\nProperty a/user may only have one value\n");
+    EXPECT_EQ(whole(run()),
+              Whole(3, "",
+                    "Property a/owner may only have one value\n"
+                    "Property a/user may only have one value\n"));
 }
 
 TEST_F(KelvoConfigfile, ListModeWritesEachPath) {
     repository(group("a"));
-    e2e::Result r = run({"-l"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(e2e::read_file(out("a")).find("config/port"), std::string::npos);
+    EXPECT_EQ(whole(run({"-l"})), Whole(0, "", ""));
+    EXPECT_EQ(e2e::read_file(out("a")), "config/port\n");
 }
 
 TEST_F(KelvoConfigfile, Undo) {
     // The stencil need not exist for an undo, though it must be named.
     repository(group("a", "nosuch") + "," + group("b", "nosuch"));
     e2e::write_file(out("b"), "x\n");
-    e2e::Result r = run({"-u"});
     // a is missing (-1), b is removed: the last group decides.
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(whole(run({"-u"})), Whole(0, "", ""));
     EXPECT_FALSE(e2e::exists(out("b")));
 
     e2e::write_file(out("b"), "x\n");
-    r = run({"-u", "-x"});
-    EXPECT_EQ(r.status, 255);
-    EXPECT_EQ(r.err, "kelvo: kelvo terminated\n");
+    EXPECT_EQ(whole(run({"-u", "-x"})), Whole(255, "", "kelvo: kelvo terminated\n"));
     EXPECT_TRUE(e2e::exists(out("b")));
 }
 
