@@ -36,23 +36,18 @@ int add_argument_name(macro_t* macro, const char* start, const char* end) {
 }  // namespace
 
 int parse_definition(const char* text, expression_t* container, stencil_t* stencil) {
-    // When nothing gets defined the scanner resumes right behind `$%define`
-    // and crosses this stretch itself; the lines counted here are given
-    // back so that each newline still counts once.
-    const int saved_line = stencil->line_number;
-    auto defines_nothing = [&] {
-        stencil->line_number = saved_line;
-        return 0;
-    };
-
+    // The newlines that the skips cross are counted even when nothing gets
+    // defined: the scan that called ends behind the word `$%define`, and a
+    // caller in a nested text takes the character there, a newline too, for
+    // its closing token without counting it.
     int skip = first_nonwhitespace_char(text, 1, stencil);
-    if (skip == 0 || text[skip] == '\0') return defines_nothing();
+    if (skip == 0 || text[skip] == '\0') return 0;
     const char* name_start = text + skip;
     const int name_length = first_whitespace_char(name_start, 1, stencil);
     const char* p = name_start + name_length;
-    if (*p == '\0') return defines_nothing();
+    if (*p == '\0') return 0;
     p += first_nonwhitespace_char(p, 1, stencil);
-    if (*p == '\0') return defines_nothing();
+    if (*p == '\0') return 0;
 
     char* name = strndup(name_start, static_cast<size_t>(name_length));
     if (name == nullptr) return STENCIL_ERROR_NO_MEMORY;

@@ -97,6 +97,10 @@ INSTANTIATE_TEST_SUITE_P(
         error_case{"$%[m", SE_UNTERMINATED_SECTION, "m", 1, 0},
         error_case{"$%[m 1", SE_UNTERMINATED_SECTION, "1", 1, 0},
         error_case{"$%[m\n1\n", SE_UNTERMINATED_SECTION, "1\n", 2, 2},
+        // A `$%define` that defines nothing still counts the newline its
+        // whitespace skip crossed; the operand takes that newline for its
+        // closing token, and the scan goes on behind it.
+        error_case{"$%{a:,$%define\n$%{b", SE_UNTERMINATED_SECTION, "b", 1, 1},
         // Arguments are parsed before the name is looked up.
         error_case{"$%[zz $%{a]", SE_UNTERMINATED_SECTION, "a]", 2, 0}));
 
