@@ -75,7 +75,15 @@ TEST_P(ReplacePatterns, Replaces) {
                                     << "' all " << c.all;
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, ReplacePatterns, ::testing::ValuesIn(kCases));
+// Shown by gtest and ctest in place of the record's bytes.
+void PrintTo(const Case& c, std::ostream* os) {
+    *os << "'" << c.source << "' '" << c.pattern << "' all " << c.all;
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, ReplacePatterns, ::testing::ValuesIn(kCases),
+                         [](const ::testing::TestParamInfo<Case>& info) {
+                             return "row" + std::to_string(info.index);
+                         });
 
 TEST(MatchGlob, EndOfMatch) {
     struct GlobCase {
