@@ -690,6 +690,9 @@ int run(const std::vector<std::string>& args) {
         cmd_snapshot(path, rest[0], rest.size() > 1 ? rest[1] : "running");
     } else if (cmd == "setprop") {
         arity(1, SIZE_MAX);
+        // The type option stands behind the wern; in front of it, it would
+        // be taken for the wern.
+        if (rest[0] == "-t") throw Usage{};
         std::string type;
         size_t first = 1;
         bool typed = false;

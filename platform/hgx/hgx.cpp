@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -267,6 +268,77 @@ int start_pgs_of(hgx_iter* it, const Ctx& parent, int kind, int64_t owner) {
     return 0;
 }
 
+// True where the file's write-ahead log is absent or empty.
+bool wal_is_empty(const std::string& file) {
+    struct stat st;
+    return stat((file + "-wal").c_str(), &st) != 0 || st.st_size == 0;
+}
+
+// Opens the file read-only, begins the read transaction and checks the
+// schema; HGX_ERROR_NONE with *out set, else the failure's code and nothing
+// left open. The transaction starts with BEGIN and is pinned by the first read
+// of the file, the header read of the schema check; from then on every
+// statement of the connection sees that state. `immutable` reads the main
+// file alone, without locks or WAL.
+hgx_error_t open_reading(const std::string& file, bool immutable, sqlite3** out) {
+    // An absolute path behind an empty authority, so that one beginning
+    // with "//" is not taken for a host.
+    std::string uri = file.size() > 0 && file[0] == '/' ? "file://" : "file:";
+    for (unsigned char c : file) {
+        // Only the bytes that a URI path cannot hold as they are.
+        if (c == '%' || c == '?' || c == '#' || c < 0x20 || c >= 0x7f) {
+            char esc[4];
+            std::snprintf(esc, sizeof esc, "%%%02X", c);
+            uri += esc;
+        } else {
+            uri += static_cast<char>(c);
+        }
+    }
+    uri += immutable ? "?mode=ro&immutable=1" : "?mode=ro";
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(uri.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr) !=
+        SQLITE_OK) {
+        sqlite3_close_v2(db);
+        return HGX_ERROR_REPOSITORY_ACCESS;
+    }
+    sqlite3_busy_timeout(db, 5000);
+    auto give_up = [&](hgx_error_t code) {
+        sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+        sqlite3_close_v2(db);
+        return code;
+    };
+    if (sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr) != SQLITE_OK)
+        return give_up(HGX_ERROR_REPOSITORY_ACCESS);
+    int version = -1, app = -1;
+    for (auto [sql, value] : {std::pair{"PRAGMA user_version", &version},
+                              std::pair{"PRAGMA application_id", &app}}) {
+        sqlite3_stmt* st = nullptr;
+        int rc = sqlite3_prepare_v2(db, sql, -1, &st, nullptr);
+        if (rc == SQLITE_OK) rc = sqlite3_step(st);
+        if (rc == SQLITE_ROW) *value = sqlite3_column_int(st, 0);
+        sqlite3_finalize(st);
+        if (rc != SQLITE_ROW) {
+            int code = sqlite3_extended_errcode(db);
+            if ((code & 0xff) == SQLITE_NOTADB || (code & 0xff) == SQLITE_CORRUPT)
+                return give_up(HGX_ERROR_NOT_A_REPOSITORY);
+            // The WAL index (-shm) could not be opened or created.
+            if (code == SQLITE_CANTOPEN || code == SQLITE_READONLY_DIRECTORY ||
+                code == SQLITE_READONLY_CANTINIT || code == SQLITE_READONLY_RECOVERY)
+                return give_up(HGX_ERROR_REPOSITORY_LOG);
+            return give_up(HGX_ERROR_REPOSITORY_ACCESS);
+        }
+    }
+    if (version != HGX_SCHEMA_VERSION || app != HGX_APPLICATION_ID)
+        return give_up(HGX_ERROR_SCHEMA_MISMATCH);
+    sqlite3_stmt* probe = nullptr;
+    int rc = sqlite3_prepare_v2(db, "SELECT id FROM services LIMIT 1", -1, &probe, nullptr);
+    if (rc == SQLITE_OK) rc = sqlite3_step(probe);
+    sqlite3_finalize(probe);
+    if (rc != SQLITE_ROW && rc != SQLITE_DONE) return give_up(HGX_ERROR_SCHEMA_MISMATCH);
+    *out = db;
+    return HGX_ERROR_NONE;
+}
+
 }  // namespace
 
 hgx_handle_t* hgx_handle_create(hgx_version_t version) {
@@ -300,43 +372,15 @@ int hgx_handle_bind_path(hgx_handle_t* handle, const char* path) {
             return fail(HGX_ERROR_REPOSITORY_ACCESS);
 
         sqlite3* db = nullptr;
-        if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-            sqlite3_close_v2(db);
-            return fail(HGX_ERROR_REPOSITORY_ACCESS);
-        }
-        sqlite3_busy_timeout(db, 5000);
-        // The read transaction starts with BEGIN and is pinned by the first
-        // read of the file, the header read of the schema check; from then on
-        // every statement of this handle sees that state.
-        auto give_up = [&](hgx_error_t code) {
-            sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-            sqlite3_close_v2(db);
-            return fail(code);
-        };
-        if (sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr) != SQLITE_OK)
-            return give_up(HGX_ERROR_REPOSITORY_ACCESS);
-        int version = -1, app = -1;
-        for (auto [sql, out] : {std::pair{"PRAGMA user_version", &version},
-                                std::pair{"PRAGMA application_id", &app}}) {
-            sqlite3_stmt* st = nullptr;
-            int rc = sqlite3_prepare_v2(db, sql, -1, &st, nullptr);
-            if (rc == SQLITE_OK) rc = sqlite3_step(st);
-            if (rc == SQLITE_ROW) *out = sqlite3_column_int(st, 0);
-            sqlite3_finalize(st);
-            if (rc != SQLITE_ROW) {
-                int code = sqlite3_errcode(db);
-                return give_up(code == SQLITE_NOTADB || code == SQLITE_CORRUPT
-                                   ? HGX_ERROR_NOT_A_REPOSITORY
-                                   : HGX_ERROR_REPOSITORY_ACCESS);
-            }
-        }
-        if (version != HGX_SCHEMA_VERSION || app != HGX_APPLICATION_ID)
-            return give_up(HGX_ERROR_SCHEMA_MISMATCH);
-        sqlite3_stmt* probe = nullptr;
-        int rc = sqlite3_prepare_v2(db, "SELECT id FROM services LIMIT 1", -1, &probe, nullptr);
-        if (rc == SQLITE_OK) rc = sqlite3_step(probe);
-        sqlite3_finalize(probe);
-        if (rc != SQLITE_ROW && rc != SQLITE_DONE) return give_up(HGX_ERROR_SCHEMA_MISMATCH);
+        hgx_error_t code = open_reading(file, false, &db);
+        // A reader of a WAL database needs its -shm file. Where that is
+        // missing and this user cannot create it (a repository written by
+        // another user into a directory this one cannot write), the file
+        // can still be read without the WAL machinery, provided the WAL holds
+        // nothing: then the main file is the whole committed state.
+        if (code == HGX_ERROR_REPOSITORY_LOG && wal_is_empty(file))
+            code = open_reading(file, true, &db);
+        if (code != HGX_ERROR_NONE) return fail(code);
         handle->db = db;
         handle->store.attach(db);
         handle->path = file;
@@ -936,6 +980,9 @@ const char* hgx_strerror(hgx_error_t code) {
             return "Repository file is a database of another schema or version";
         case HGX_ERROR_INTERNAL:
             return "Internal error of the repository store";
+        case HGX_ERROR_REPOSITORY_LOG:
+            return "Repository file's write-ahead log cannot be read: its -shm file is missing "
+                   "or unreadable, and this user cannot create it in that directory";
     }
     return "Unknown error";
 }

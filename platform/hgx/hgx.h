@@ -54,6 +54,7 @@ typedef enum hgx_error {
     HGX_ERROR_NOT_A_REPOSITORY = 1017,    // file is not an SQLite database
     HGX_ERROR_SCHEMA_MISMATCH = 1018,     // database of another schema or version
     HGX_ERROR_INTERNAL = 1019,            // unexpected failure of the store
+    HGX_ERROR_REPOSITORY_LOG = 1020,      // write-ahead log of the file cannot be read
 } hgx_error_t;
 
 typedef enum hgx_type {

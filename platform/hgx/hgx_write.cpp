@@ -340,6 +340,13 @@ hgx_writer_t* hgx_writer_open(const char* path, bool create, std::string* messag
         // WAL, so that readers holding their snapshot and this writer do not
         // block each other.
         if (exec(db, "PRAGMA journal_mode=WAL") != SQLITE_OK) return db_refuse(sqlite3_errcode(db));
+        // The -wal and -shm files stay when the writer closes (the log cut
+        // to nothing), created like the file itself: a reader that cannot
+        // create files in the directory, such as another user reading a
+        // repository that root wrote, needs them to read a WAL database.
+        int persist = 1;
+        sqlite3_file_control(db, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
+        exec(db, "PRAGMA journal_size_limit=0");
         exec(db, "PRAGMA cache_size=-262144");
         exec(db, "PRAGMA temp_store=MEMORY");
         if (exec(db, "BEGIN IMMEDIATE") != SQLITE_OK) return db_refuse(sqlite3_errcode(db));

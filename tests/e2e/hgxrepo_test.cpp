@@ -2,6 +2,10 @@
 // commands, refused input (one line, status 1, file unchanged), bad command
 // lines (usage, status 2).
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
 
 #include <string>
 #include <vector>
@@ -186,6 +190,39 @@ TEST_F(Hgxrepo, RefusedCommandsSayWhatAndWhereAndChangeNothing) {
     EXPECT_FALSE(e2e::exists(dir / "new.db"));
 }
 
+// A user who cannot write the repository's directory still reads the
+// repository that root wrote: through the -wal and -shm files the writer
+// leaves behind, or, where those are gone and the log held nothing, from the
+// file alone. A log that cannot be read is said so.
+TEST_F(Hgxrepo, UserWhoCannotWriteTheDirectoryReadsTheRepository) {
+    if (geteuid() != 0 || access("/usr/bin/setpriv", X_OK) != 0)
+        GTEST_SKIP() << "needs root and setpriv to run kelvo as another user";
+    ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+    ASSERT_EQ(chmod(repo.c_str(), 0644), 0);
+    auto kelvo_as_nobody = [&] {
+        e2e::Run r;
+        r.args = {e2e::kelvo_bin(), "-f", "wrn:/net/foo:default"};
+        r.input = "$%{config/port}\n";
+        r.env = {{"HGX_REPOSITORY", repo}};
+        r.wrapper = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+        return e2e::run(r);
+    };
+    e2e::Result r = kelvo_as_nobody();
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "8080\n");
+
+    std::remove((repo + "-wal").c_str());
+    std::remove((repo + "-shm").c_str());
+    r = kelvo_as_nobody();
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "8080\n");
+
+    write_file(repo + "-wal", "a log whose index is gone");
+    r = kelvo_as_nobody();
+    EXPECT_EQ(r.status, 3);
+    EXPECT_NE(r.err.find("write-ahead log cannot be read"), std::string::npos) << r.err;
+}
+
 TEST(HgxrepoCommandLine, BadCommandLinesGiveUsage) {
     const std::vector<std::vector<std::string>> cases = {
         {},
@@ -199,6 +236,7 @@ TEST(HgxrepoCommandLine, BadCommandLinesGiveUsage) {
         {"show"},
         {"addpg", "wrn:/a/:properties/g"},
         {"setprop", "wrn:/a/:properties/g/p", "-t"},
+        {"setprop", "-t", "count", "wrn:/a/:properties/g/p", "1"},
         {"snapshot"},
     };
     for (const auto& args : cases) {
