@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace e2e {
@@ -27,6 +28,11 @@ struct Run {
 };
 
 Result run(const Run& r);
+
+// A run as one value: status, standard output and standard error are
+// compared whole and shown together when they differ.
+using Whole = std::tuple<int, std::string, std::string>;
+inline Whole whole(const Result& r) { return {r.status, r.out, r.err}; }
 
 // A scratch directory, removed with its contents when the object goes.
 class TempDir {

@@ -1,6 +1,7 @@
-// hgxrepo as users run it: import, export and the round trip, the editing
-// commands, refused input (one line, status 1, file unchanged), bad command
-// lines (usage, status 2).
+// hgxrepo as users run it: import, export and the round trip, the types of
+// the property forms, the editing commands, refused input and manifests (one
+// line naming the place, status 1, file unchanged), bad command lines (usage,
+// status 2).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -75,29 +76,164 @@ class Hgxrepo : public ::testing::Test {
         EXPECT_EQ(r.err.rfind("hgxrepo: ", 0), 0u) << r.err;
         EXPECT_NE(r.err.find(what), std::string::npos) << r.err;
         EXPECT_TRUE(read_file(repo) == before) << "repository file changed";
+        last_err = r.err;
     }
     TempDir dir;
-    std::string repo;
+    std::string repo, last_err;
 };
 
 TEST_F(Hgxrepo, ExportOfImportedExportIsTheSame) {
-    e2e::Result first = run({"export"});
+    const std::string a = dir / "a.db", b = dir / "b.db";
+    e2e::make_repository(a, R"({"services": {
+      "net/foo": {
+        "groups": {"general": {"type": "framework", "properties": {"enabled": true}}},
+        "instances": {
+          "default": {"groups": {"config": {"type": "application", "properties": {
+              "port": 8080, "hosts": ["a.example", "b.example"], "empty": [],
+              "mode": {"type": "astring", "values": ["0644"]},
+              "lead": {"type": "count", "values": ["007"]},
+              "posint": {"type": "integer", "values": ["5"]},
+              "noflags": {"type": "boolean"},
+              "t": {"type": "time", "values": ["1.5"]},
+              "quote": "a \"b\" \\ \n é"},
+            "groups": {"tls": {"properties": {"on": false}, "groups": {"deep": {}}}}}}},
+          "bare": {}
+        }
+      },
+      "empty": {}
+    }})");
+    e2e::Result first = hgxrepo({"-r", a, "export"});
     ASSERT_EQ(first.status, 0) << first.err;
-    std::string copy = dir / "copy.db";
-    e2e::Result imported = hgxrepo({"-r", copy, "import", "-"}, first.out);
+    e2e::Result imported = hgxrepo({"-r", b, "import", "-"}, first.out);
     ASSERT_EQ(imported.status, 0) << imported.err;
-    e2e::Result second = hgxrepo({"-r", copy, "export"});
+    e2e::Result second = hgxrepo({"-r", b, "export"});
     ASSERT_EQ(second.status, 0) << second.err;
     EXPECT_EQ(first.out, second.out);
-    EXPECT_NE(first.out.find("\"hosts\""), std::string::npos);
+    // The values that need the object form survive the trip.
+    std::string shown = hgxrepo({"-r", b, "show", "wrn:/net/foo:default"}).out;
+    for (const char* line : {"config/lead count \"007\"", "config/posint integer \"5\"",
+                             "config/noflags boolean\n", "config/tls/deep/ application",
+                             "config/hosts astring \"a.example\" \"b.example\""})
+        EXPECT_NE(shown.find(line), std::string::npos) << line << "\n" << shown;
 
     // One instance alone, and the listing.
     e2e::Result one = run({"export", "wrn:/net/foo:default"});
     ASSERT_EQ(one.status, 0) << one.err;
     EXPECT_EQ(one.out.find("\"general\""), std::string::npos);
     EXPECT_NE(one.out.find("\"default\""), std::string::npos);
-    e2e::Result list = run({"list"});
-    EXPECT_EQ(list.out, "wrn:/net/foo\nwrn:/net/foo:default\nwrn:/other\n");
+    EXPECT_EQ(run({"list"}).out, "wrn:/net/foo\nwrn:/net/foo:default\nwrn:/other\n");
+}
+
+TEST_F(Hgxrepo, PropertyFormsGiveTheirTypes) {
+    ASSERT_EQ(run({"import", "-"}, R"({"services": {"s": {"instances": {"i": {"groups": {"g": {
+        "properties": {
+          "str": "x", "yes": true, "n": 7, "neg": -3, "empty": [],
+          "strs": ["b", "a"], "bools": [false, true], "counts": [3, 1], "ints": [2, -1],
+          "obj": {"type": "net_address_v6", "values": "::1"},
+          "objs": {"type": "integer", "values": ["5", "-5"]},
+          "novalues": {"type": "count"}
+        }}}}}}}})").status, 0);
+    EXPECT_EQ(run({"show", "wrn:/s:i"}).out,
+              "g/ application\n"
+              "g/bools boolean \"false\" \"true\"\n"
+              "g/counts count \"3\" \"1\"\n"
+              "g/empty astring\n"
+              "g/ints integer \"2\" \"-1\"\n"
+              "g/n count \"7\"\n"
+              "g/neg integer \"-3\"\n"
+              "g/novalues count\n"
+              "g/obj net_address_v6 \"::1\"\n"
+              "g/objs integer \"5\" \"-5\"\n"
+              "g/str astring \"x\"\n"
+              "g/strs astring \"b\" \"a\"\n"
+              "g/yes boolean \"true\"\n");
+}
+
+TEST_F(Hgxrepo, ImportReplacesNamedServicesWhollyAndSnapshotsInstances) {
+    const std::string r = dir / "r.db";
+    e2e::make_repository(r, R"({"services": {
+        "a": {"groups": {"old": {}}, "instances": {"i": {}, "j": {}}},
+        "b": {"instances": {"k": {}}}}})", false);
+    e2e::make_repository(r, R"({"services": {"a": {"instances": {"i": {"groups": {"g": {}}}}}}})");
+    EXPECT_EQ(hgxrepo({"-r", r, "list"}).out, "wrn:/a\nwrn:/a:i\nwrn:/b\nwrn:/b:k\n");
+    EXPECT_EQ(hgxrepo({"-r", r, "show", "wrn:/a:i", "running"}).out, "g/ application\n");
+    // b was not imported the second time, so it has no snapshot.
+    EXPECT_EQ(hgxrepo({"-r", r, "show", "wrn:/b:k", "running"}).status, 1);
+}
+
+std::string wrap(const std::string& props) {
+    return R"({"services": {"a": {"groups": {"g": {"properties": {)" + props + "}}}}}}";
+}
+
+// Each manifest read from standard input; '`' marks the place the message
+// must name, what is a part of the message.
+TEST_F(Hgxrepo, RefusedManifestsNameTheirPlace) {
+    const std::string long_value(4097, 'v'), long_name(1010, 'p');
+    const struct {
+        const char* name;
+        std::string manifest;
+        const char* what;
+    } cases[] = {
+        {"float", wrap(R"("p": `1.5)"), "floating-point"},
+        {"exponent", wrap(R"("p": `1e3)"), "floating-point"},
+        {"null", wrap(R"("p": `null)"), "null"},
+        {"null in array", wrap(R"("p": ["a", `null])"), "null"},
+        {"mixed array", wrap(R"("p": [1, `"x"])"), "mixes"},
+        {"bool and number", wrap(R"("p": [true, `1])"), "mixes"},
+        {"nested array", wrap(R"("p": [`[1]])"), "not a valid value"},
+        {"unknown type", wrap(R"("p": {"type": `"nope", "values": []})"), "unknown type"},
+        {"object without type", wrap(R"("p": `{"values": []})"), "no \"type\""},
+        {"object number value", wrap(R"("p": {"type": "count", "values": [`5]})"), "strings"},
+        {"count not a number", wrap(R"("p": {"type": "count", "values": ["1", `"x"]})"),
+         "type count"},
+        {"negative count", wrap(R"("p": {"type": "count", "values": `"-1"})"), "type count"},
+        {"boolean", wrap(R"("p": {"type": "boolean", "values": [`"yes"]})"), "type boolean"},
+        {"ipv4", wrap(R"("p": {"type": "net_address_v4", "values": [`"1.2.3"]})"), "IPv4"},
+        {"ipv6", wrap(R"("p": {"type": "net_address_v6", "values": [`"1.2.3.4"]})"), "IPv6"},
+        {"too big", wrap(R"("p": `18446744073709551616)"), "out of range"},
+        {"too small", wrap(R"("p": `-9223372036854775809)"), "out of range"},
+        {"long value", wrap(R"("p": `")" + long_value + "\""), "4096"},
+        {"nul in value", wrap(R"("p": `"a\u0000b")"), "NUL"},
+        {"duplicate property", wrap(R"("p": 1, `"p": 2)"), "duplicate key \"p\""},
+        {"duplicate service", R"({"services": {"a": {}, `"a": {}}})", "duplicate key \"a\""},
+        {"bad property name", wrap(R"(`"-p": 1)"), "bad property name"},
+        {"bad service name", R"({"services": {`"a//b": {}}})", "bad service name"},
+        {"bad instance name", R"({"services": {"a": {"instances": {`"x:y": {}}}}})",
+         "bad instance name"},
+        {"bad group name", R"({"services": {"a": {"groups": {`"g/h": {}}}}})", "bad group name"},
+        {"long wern", wrap("`\"" + long_name + "\": 1"), "longer than 1024"},
+        {"long group type",
+         R"({"services": {"a": {"groups": {"g": {"type": `")" + std::string(64, 't') + "\"}}}}}",
+         "group type"},
+        {"unknown key", R"({"services": {"a": {"groups": {"g": {`"typo": 1}}}}})",
+         "unknown key \"typo\""},
+        {"services not object", R"({"services": `[]})", "must be an object"},
+        {"not an object", "`[]", "must be an object"},
+        {"third line",
+         "{\"services\": {\n  \"a\": {\"groups\": {\"g\": {\"properties\": {\n"
+         "    \"ok\": \"x\",\n    \"p\": false,\n    `\"p\": 1}}}}}}",
+         "duplicate"},
+        {"syntax", "{\"services\": {\"a\": {},`}}", "syntax error"},
+        {"empty", "`", "syntax error"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string text = c.manifest;
+        size_t mark = text.find('`');
+        ASSERT_NE(mark, std::string::npos);
+        text.erase(mark, 1);
+        size_t line = 1, col = 1;
+        for (size_t i = 0; i < mark; ++i) {
+            if (text[i] == '\n') {
+                ++line;
+                col = 0;
+            }
+            ++col;
+        }
+        refused({"import", "-"},
+                "<stdin>:" + std::to_string(line) + ":" + std::to_string(col) + ": ", text);
+        EXPECT_NE(last_err.find(c.what), std::string::npos) << last_err;
+    }
 }
 
 TEST_F(Hgxrepo, EditingCommandsAndSnapshots) {
@@ -141,10 +277,7 @@ TEST_F(Hgxrepo, EditingCommandsAndSnapshots) {
 
 TEST_F(Hgxrepo, RefusedCommandsSayWhatAndWhereAndChangeNothing) {
     const std::string bad = dir / "bad.json";
-    write_file(bad,
-               "{\"services\": {\n  \"a\": {\"groups\": {\"g\": {\"properties\": {\n"
-               "    \"port\": 1.5}}}}}}\n");
-    refused({"import", bad}, "bad.json:3:13: ");
+    // A file's name stands for the place.
     write_file(bad, "{\"services\": {\"a\": {}, \"a\": {}}}");
     refused({"import", bad}, "bad.json:1:24: duplicate key");
     refused({"import", "-"}, "<stdin>:1:2: ", "{\"nope\": 1}");
@@ -225,19 +358,10 @@ TEST_F(Hgxrepo, UserWhoCannotWriteTheDirectoryReadsTheRepository) {
 
 TEST(HgxrepoCommandLine, BadCommandLinesGiveUsage) {
     const std::vector<std::vector<std::string>> cases = {
-        {},
-        {"-r"},
-        {"-x", "list"},
-        {"bogus"},
-        {"import"},
-        {"import", "--no-snapshot"},
-        {"export", "a", "b"},
-        {"list", "extra"},
-        {"show"},
-        {"addpg", "wrn:/a/:properties/g"},
+        {}, {"-r"}, {"-x", "list"}, {"bogus"}, {"import"}, {"import", "--no-snapshot"},
+        {"export", "a", "b"}, {"list", "extra"}, {"show"}, {"addpg", "wrn:/a/:properties/g"},
         {"setprop", "wrn:/a/:properties/g/p", "-t"},
-        {"setprop", "-t", "count", "wrn:/a/:properties/g/p", "1"},
-        {"snapshot"},
+        {"setprop", "-t", "count", "wrn:/a/:properties/g/p", "1"}, {"snapshot"},
     };
     for (const auto& args : cases) {
         e2e::Result r = hgxrepo(args);

@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <regex>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "e2e_util.h"
@@ -41,10 +41,8 @@ const std::string USAGE =
     "\t-u  unlink output file(s) and undo any lofs mounts\n"
     "\t-x  terminate kelvo on any error\n";
 
-// A run as one value: status, standard output and standard error are
-// compared whole and shown together when they differ.
-using Whole = std::tuple<int, std::string, std::string>;
-Whole whole(const e2e::Result& r) { return {r.status, r.out, r.err}; }
+using e2e::whole;
+using e2e::Whole;
 
 class KelvoCli : public ::testing::Test {
   protected:
@@ -57,6 +55,18 @@ class KelvoCli : public ::testing::Test {
     e2e::Result run(const std::vector<std::string>& args, const std::string& input = "",
                     std::map<std::string, std::optional<std::string>> env = {}) {
         return e2e::kelvo(repo, args, input, std::move(env));
+    }
+    // Without any capabilities: root loses its overrides.
+    e2e::Result run_without_capabilities(const std::vector<std::string>& args) {
+        e2e::Run spec;
+        spec.args = {e2e::kelvo_bin()};
+        spec.args.insert(spec.args.end(), args.begin(), args.end());
+        spec.env = {{"HGX_REPOSITORY", repo}, {"QRM_WERN", std::nullopt}};
+        if (geteuid() == 0) spec.wrapper = {"setpriv", "--inh-caps=-all", "--bounding-set=-all", "--"};
+        return e2e::run(spec);
+    }
+    static bool cannot_drop(const e2e::Result& r) {
+        return r.status == 127 || r.err.find("setpriv:") != std::string::npos;
     }
     e2e::TempDir dir;
     std::string repo;
@@ -153,37 +163,22 @@ TEST_F(KelvoCli, DefinesFromCommandLine) {
     EXPECT_EQ(whole(run({"-f", WERN, "-D", "a=1", "-D", "a=2"}, "x\n")),
               Whole(1, "", "Invalid define: a already exists\n"));
 
-    // No "=": status 1 with the errno suffix, not the usage text.
+    // No "=": status 1 with the errno suffix, not the usage text. errno
+    // holds whatever it holds at that moment: any "text (number)".
     e2e::Result r = run({"-f", WERN, "-D", "a"}, "x\n");
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "");
-    // errno holds whatever it holds at that moment: any "text (number)".
-    const std::string head = "kelvo: Invalid -D argument: a: ";
-    ASSERT_EQ(r.err.compare(0, head.size(), head), 0) << r.err;
-    size_t open_paren = r.err.rfind(" (");
-    ASSERT_NE(open_paren, std::string::npos) << r.err;
-    std::string number = r.err.substr(open_paren + 2);
-    EXPECT_EQ(number.find_first_not_of("0123456789"), number.size() - 2) << r.err;
-    EXPECT_EQ(number.substr(number.size() - 2), ")\n") << r.err;
-    EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << r.err;
+    EXPECT_TRUE(std::regex_match(r.err, std::regex("kelvo: Invalid -D argument: a: [^\n]* \\([0-9]+\\)\n")))
+        << r.err;
 }
 
 TEST_F(KelvoCli, RepositoryFailureCarriesLibraryText) {
-    e2e::Result r = run({"-f", "wrn:/net/none:default"}, "x\n");
-    EXPECT_EQ(r.status, 3);
-    EXPECT_EQ(r.out, "");
-    const std::string head = "kelvo: Unable to get properties for wrn:/net/none:default: ";
-    ASSERT_EQ(r.err.compare(0, head.size(), head), 0) << r.err;
-    EXPECT_GT(r.err.size(), head.size() + 1);  // some text of the library
-    EXPECT_EQ(r.err.back(), '\n');
-    EXPECT_EQ(r.err.find('\n'), r.err.size() - 1);
-
-    r = e2e::kelvo(dir / "missing.db", {"-f", WERN}, "x\n");
-    EXPECT_EQ(r.status, 3);
-    EXPECT_EQ(r.err.compare(0, strlen("kelvo: Unable to get properties for wrn:/net/foo:default: "),
-                            "kelvo: Unable to get properties for wrn:/net/foo:default: "),
-              0)
-        << r.err;
+    EXPECT_EQ(whole(run({"-f", "wrn:/net/none:default"}, "x\n")),
+              Whole(3, "", "kelvo: Unable to get properties for wrn:/net/none:default: "
+                           "No such object in the repository\n"));
+    EXPECT_EQ(whole(e2e::kelvo(dir / "missing.db", {"-f", WERN}, "x\n")),
+              Whole(3, "", "kelvo: Unable to get properties for wrn:/net/foo:default: "
+                           "Repository file does not exist\n"));
 }
 
 TEST_F(KelvoCli, StencilLoadFailures) {
@@ -195,14 +190,18 @@ TEST_F(KelvoCli, StencilLoadFailures) {
     EXPECT_EQ(whole(run({"-f", WERN, "-S", stencils, "-i", "/nosuch"})),
               Whole(1, "", "Stencil file at " + stencils + "//nosuch does not exist\n"));
 
-    // A directory has no message of its own: the run stops with the code.
-    // (What the stencil layer prints before that is its own matter.)
+    // A directory, or a file taken for one, has no message of its own: the
+    // stencil layer names the failed call, and the run stops with the code.
+    const std::string tail = "kelvo: Unhandled error in stencil_load: -10\n";
     e2e::Result r = run({"-f", WERN, "-S", stencils, "-i", "adir"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "");
-    const std::string tail = "kelvo: Unhandled error in stencil_load: -10\n";
+    EXPECT_EQ(r.err.rfind("mmap: ", 0), 0u) << r.err;
     ASSERT_GE(r.err.size(), tail.size()) << r.err;
     EXPECT_EQ(r.err.substr(r.err.size() - tail.size()), tail);
+    e2e::write_file(stencils + "/file", "x\n");
+    EXPECT_EQ(whole(run({"-f", WERN, "-S", stencils, "-i", "file/below"})),
+              Whole(1, "", "mmap: " + std::to_string(ENOTDIR) + " " + strerror(ENOTDIR) + "\n" + tail));
 
     // Over 1023 bytes the path is cut, and the cut path is what is tried.
     std::string long_name(1100, 'n');
@@ -214,16 +213,8 @@ TEST_F(KelvoCli, StencilLoadFailures) {
 TEST_F(KelvoCli, StencilWithoutReadPermission) {
     e2e::write_file(stencils + "/secret", "x\n");
     ASSERT_EQ(chmod((stencils + "/secret").c_str(), 0), 0);
-    e2e::Run run_spec;
-    run_spec.args = {e2e::kelvo_bin(), "-f", WERN, "-S", stencils, "-i", "secret"};
-    run_spec.env = {{"HGX_REPOSITORY", repo}, {"QRM_WERN", std::nullopt}};
-    if (geteuid() == 0) {
-        // Root reads anything; without the override capabilities it does not.
-        run_spec.wrapper = {"setpriv", "--inh-caps=-all", "--bounding-set=-all", "--"};
-    }
-    e2e::Result r = e2e::run(run_spec);
-    if (r.status == 127 || r.err.find("setpriv:") != std::string::npos)
-        GTEST_SKIP() << "cannot drop capabilities here: " << r.err;
+    e2e::Result r = run_without_capabilities({"-f", WERN, "-S", stencils, "-i", "secret"});
+    if (cannot_drop(r)) GTEST_SKIP() << "cannot drop capabilities here: " << r.err;
     EXPECT_EQ(whole(r), Whole(1, "", "Insufficient permissions to access " + stencils + "/secret\n"));
 }
 
@@ -236,21 +227,10 @@ TEST_F(KelvoCli, SyntaxErrorReport) {
                         "  Line 2:  Attempted to invoke unknown entity \"nosuch\"\n"));
 }
 
-TEST_F(KelvoCli, ListMode) {
-    // One line per reference, in stencil order, and nothing of the text.
-    EXPECT_EQ(whole(run({"-l", "-f", WERN}, "$%{config/port} and $%{config/name}\n")),
-              Whole(0, "config/port\nconfig/name\n", ""));
-}
-
 TEST_F(KelvoCli, LoopbackWithoutCapabilities) {
-    e2e::Run run_spec;
     // The rest of the command line is bad too: the privileges fail first.
-    run_spec.args = {e2e::kelvo_bin(), "-L", "ro", "extra"};
-    run_spec.env = {{"HGX_REPOSITORY", repo}, {"QRM_WERN", std::nullopt}};
-    if (geteuid() == 0) run_spec.wrapper = {"setpriv", "--inh-caps=-all", "--bounding-set=-all", "--"};
-    e2e::Result r = e2e::run(run_spec);
-    if (r.status == 127 || r.err.find("setpriv:") != std::string::npos)
-        GTEST_SKIP() << "cannot drop capabilities here: " << r.err;
+    e2e::Result r = run_without_capabilities({"-L", "ro", "extra"});
+    if (cannot_drop(r)) GTEST_SKIP() << "cannot drop capabilities here: " << r.err;
     EXPECT_EQ(whole(r), Whole(1, "",
                               std::string("kelvo: Unable to acquire sys_mount privileges: ") +
                                   strerror(EPERM) + " (" + std::to_string(EPERM) + ")\n"));

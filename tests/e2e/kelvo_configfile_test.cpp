@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "e2e_util.h"
@@ -15,10 +14,8 @@ namespace {
 
 const char* const WERN = "wrn:/net/foo:default";
 
-// A run as one value: status, standard output and standard error are
-// compared whole and shown together when they differ.
-using Whole = std::tuple<int, std::string, std::string>;
-Whole whole(const e2e::Result& r) { return {r.status, r.out, r.err}; }
+using e2e::whole;
+using e2e::Whole;
 
 class KelvoConfigfile : public ::testing::Test {
   protected:
@@ -57,18 +54,21 @@ class KelvoConfigfile : public ::testing::Test {
     std::string repo, stencils;
 };
 
-TEST_F(KelvoConfigfile, NoGroupsDoesNothing) {
+TEST_F(KelvoConfigfile, EachGroupWritesItsFile) {
     repository("");
     EXPECT_EQ(whole(run()), Whole(0, "", ""));
-}
 
-TEST_F(KelvoConfigfile, EachGroupWritesItsFile) {
     e2e::write_file(stencils + "/t", "other\n");
-    repository(group("a") + "," + group("b", "t", "0600"));
-    EXPECT_EQ(whole(run()), Whole(0, "", ""));
+    repository(group("a", "s", "0640") + "," + group("b", "t", "0600"));
+    // Mode, owner and group of the command line do not apply, not even as
+    // a lookup of the names.
+    EXPECT_EQ(whole(run({"-m", "644", "-O", "no-such-user-kelvo", "-g", "no-such-group-kelvo"})),
+              Whole(0, "", ""));
     EXPECT_EQ(e2e::read_file(out("a")), "port=8080\n");
     EXPECT_EQ(e2e::read_file(out("b")), "other\n");
     struct stat st{};
+    ASSERT_EQ(stat(out("a").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
     ASSERT_EQ(stat(out("b").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0600u);
 }
@@ -181,15 +181,6 @@ TEST_F(KelvoConfigfile, DuplicateDefineStaysForNextGroup) {
     EXPECT_EQ(whole(run()), Whole(0, "", "Invalid define: x already exists\n"));
     EXPECT_FALSE(e2e::exists(out("a")));
     EXPECT_EQ(e2e::read_file(out("b")), "x=2\n");
-}
-
-TEST_F(KelvoConfigfile, CommandLineOwnerGroupModeDoNotApply) {
-    repository(group("a", "s", "0640"));
-    EXPECT_EQ(whole(run({"-m", "600", "-O", "no-such-user-kelvo", "-g", "no-such-group-kelvo"})),
-              Whole(0, "", ""));
-    struct stat st{};
-    ASSERT_EQ(stat(out("a").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
 }
 
 TEST_F(KelvoConfigfile, OwnerAndUser) {

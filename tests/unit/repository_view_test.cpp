@@ -11,6 +11,7 @@
 
 #include "hgxrepo.h"
 #include "repository.h"
+#include "unit_util.h"
 
 namespace {
 
@@ -53,10 +54,7 @@ const char* kManifest = R"({
 class RepositoryView : public ::testing::Test {
   protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/repository_view_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        file_ = dir_ + "/repository.db";
+        file_ = dir_ / "repository.db";
         import(kManifest, true);
         setenv("HGX_REPOSITORY", file_.c_str(), 1);
         unsetenv("QRM_METHOD");
@@ -66,7 +64,6 @@ class RepositoryView : public ::testing::Test {
         repository_destroy(view_);
         EXPECT_EQ(repository_live_views(), 0);
         EXPECT_FALSE(repository_pool_exists());
-        std::filesystem::remove_all(dir_);
     }
     void import(const std::string& manifest, bool snapshot) {
         std::string error;
@@ -105,7 +102,8 @@ class RepositoryView : public ::testing::Test {
         return node == nullptr ? nullptr : &node->info;
     }
 
-    std::string dir_, file_;
+    unit::TempDir dir_;
+    std::string file_;
     repository_t* view_ = nullptr;
 };
 
@@ -157,14 +155,6 @@ TEST_F(RepositoryView, CreateReadsTheInstanceUnderRelativeNames) {
     // A stencil that stays inside its instance costs no further traffic.
     EXPECT_EQ(pkx_avl_numnodes(view_->other_props), 0u);
     EXPECT_EQ(pkx_avl_numnodes(view_->instance_names), 0u);
-}
-
-TEST_F(RepositoryView, EnvironmentFeedsMethodAndRestarter) {
-    setenv("QRM_METHOD", "start", 1);
-    setenv("QRM_RESTARTER", "wrn:/system/restarter:default", 1);
-    open("wrn:/net/foo:default");
-    EXPECT_STREQ(repository_get_qrm_method(view_), "start");
-    EXPECT_STREQ(repository_get_restarter(view_), "wrn:/system/restarter:default");
 }
 
 TEST_F(RepositoryView, SnapshotHoldsExceptForGeneral) {

@@ -16,16 +16,10 @@ struct Buffer {
     ~Buffer() { string_buffer_free(&sb); }
 };
 
-TEST(StringBufferGrowth, FreshBufferIsEmptyWithSixteenBytes) {
-    Buffer b;
-    EXPECT_EQ(string_buffer_strlen(&b.sb), 0);
-    EXPECT_STREQ(string_buffer_get_str(&b.sb), "");
-    EXPECT_EQ(b.sb.allocated, 16);
-    EXPECT_EQ(b.sb.used, 1);
-}
-
 TEST(StringBufferGrowth, FourteenCharactersFitTheFifteenthDoubles) {
     Buffer b;
+    EXPECT_EQ(b.sb.allocated, 16);
+    EXPECT_EQ(b.sb.used, 1);
     for (int i = 0; i < 14; i++) {
         ASSERT_EQ(string_buffer_append_char(&b.sb, 'a' + i), i + 1);
     }

@@ -1,6 +1,6 @@
 // Evaluation internals that the program's output cannot show: the shape of
-// the output tree, the state of the stencil around an evaluation, the
-// composition of section transforms, substitution results and the writer.
+// the output tree, the state of the stencil around an evaluation, and the
+// writer.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -15,6 +15,7 @@
 
 #include "hgxrepo.h"
 #include "stencil_internal.h"
+#include "unit_util.h"
 
 namespace {
 
@@ -25,12 +26,9 @@ constexpr char kManifest[] = R"({"services": {"net/foo": {"instances": {"default
 class Eval : public ::testing::Test {
   protected:
     void SetUp() override {
-        char dir[] = "/tmp/stencil_eval_XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
         std::string error;
-        ASSERT_EQ(hgxrepo_import_text(dir_ + "/repo.db", kManifest, true, &error), 0) << error;
-        setenv("HGX_REPOSITORY", (dir_ + "/repo.db").c_str(), 1);
+        ASSERT_EQ(hgxrepo_import_text(dir_ / "repo.db", kManifest, true, &error), 0) << error;
+        setenv("HGX_REPOSITORY", (dir_ / "repo.db").c_str(), 1);
         unsetenv("QRM_METHOD");
         unsetenv("QRM_RESTARTER");
         ASSERT_EQ(repository_create("wrn:/net/foo:default", nullptr, &repository_), REPOSITORY_SUCCESS);
@@ -38,21 +36,13 @@ class Eval : public ::testing::Test {
     void TearDown() override {
         stencil_destroy(stencil_);
         repository_destroy(repository_);
-        std::remove((dir_ + "/stencil").c_str());
-        std::remove((dir_ + "/repo.db").c_str());
-        std::remove((dir_ + "/repo.db-wal").c_str());
-        std::remove((dir_ + "/repo.db-shm").c_str());
-        rmdir(dir_.c_str());
     }
 
     stencil_t* load(const std::string& text) {
-        const std::string path = dir_ + "/stencil";
-        FILE* f = std::fopen(path.c_str(), "w");
-        std::fputs(text.c_str(), f);
-        std::fclose(f);
+        unit::write_file(dir_ / "stencil", text);
         stencil_destroy(stencil_);
         stencil_ = nullptr;
-        EXPECT_EQ(stencil_load(path.c_str(), &stencil_, nullptr), STENCIL_SUCCESS);
+        EXPECT_EQ(stencil_load((dir_ / "stencil").c_str(), &stencil_, nullptr), STENCIL_SUCCESS);
         return stencil_;
     }
 
@@ -65,12 +55,12 @@ class Eval : public ::testing::Test {
         return text;
     }
 
-    std::string dir_;
+    unit::TempDir dir_;
     repository_t* repository_ = nullptr;
     stencil_t* stencil_ = nullptr;
 };
 
-TEST_F(Eval, TreeHasOneSlotPerChild) {
+TEST_F(Eval, TreeHasOneSlotPerChildSectionsAndMacrosFlattened) {
     stencil_t* s = load("abc$%{net/host}def");
     stencil_output_buffer_t* out = nullptr;
     ASSERT_EQ(stencil_apply(s, repository_, STENCIL_OUTPUT_NORMAL, &out), STENCIL_SUCCESS);
@@ -86,42 +76,13 @@ TEST_F(Eval, TreeHasOneSlotPerChild) {
     EXPECT_EQ(s->mode, STENCIL_OUTPUT_INVALID);
     EXPECT_EQ(s->context, nullptr);
     EXPECT_EQ(s->macro, nullptr);
-}
 
-TEST_F(Eval, SectionsAndMacrosAreFlattened) {
-    stencil_t* s = load("$%/net/(.*)/ {$%1;}$%define m a {<$%a>}$%[m z]");
-    stencil_output_buffer_t* out = nullptr;
+    s = load("$%/net/(.*)/ {$%1;}$%define m a {<$%a>}$%[m z]");
     ASSERT_EQ(stencil_apply(s, repository_, STENCIL_OUTPUT_NORMAL, &out), STENCIL_SUCCESS);
     EXPECT_EQ(flatten(out), "host;port;<z>");
     for (int i = 0; i < out->num; i++) {
         EXPECT_EQ(out->chained[i].num, 0) << "slot " << i;
     }
-    stencil_output_buffer_destroy(out);
-}
-
-TEST_F(Eval, ListModeLeavesLiteralsNull) {
-    stencil_t* s = load("abc$%{net/host}def");
-    stencil_output_buffer_t* out = nullptr;
-    ASSERT_EQ(stencil_apply(s, repository_, STENCIL_OUTPUT_LIST_PROPERTIES, &out), STENCIL_SUCCESS);
-    ASSERT_EQ(out->num, 3);
-    EXPECT_EQ(out->chained[0].buffer, nullptr);
-    EXPECT_STREQ(out->chained[1].buffer, "net/host\n");
-    EXPECT_EQ(out->chained[2].buffer, nullptr);
-    stencil_output_buffer_destroy(out);
-}
-
-TEST_F(Eval, EmptyStencilWritesNothing) {
-    stencil_t* s = load("");
-    stencil_output_buffer_t* out = nullptr;
-    ASSERT_EQ(stencil_apply(s, repository_, STENCIL_OUTPUT_NORMAL, &out), STENCIL_SUCCESS);
-    EXPECT_EQ(flatten(out), "");
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    EXPECT_EQ(stencil_output_buffer_emit(out, fds[1]), STENCIL_SUCCESS);
-    close(fds[1]);
-    char byte;
-    EXPECT_EQ(read(fds[0], &byte, 1), 0);
-    close(fds[0]);
     stencil_output_buffer_destroy(out);
 }
 
@@ -165,94 +126,6 @@ TEST_F(Eval, OperandsAreEvaluatedInNormalModeDuringListing) {
     EXPECT_EQ(s->mode, STENCIL_OUTPUT_LIST_PROPERTIES);
     s->repository = nullptr;
     s->mode = STENCIL_OUTPUT_INVALID;
-}
-
-// Transforms of nested sections: an outer one with prefix "pre" and suffix
-// "post" around an inner one that replaces "a" by "b".
-TEST(TransformWern, PrefixesNestOutsideInReplacementsSkipOuterPrefixes) {
-    match_t outer{};
-    outer.transform = PT_PREFIX_SUFFIX;
-    match_t inner{};
-    inner.transform = PT_REPLACE_FIRST;
-    char pre[] = "pre", post[] = "post", a[] = "a", b[] = "b";
-    regex_context_t outer_ctx{};
-    outer_ctx.regex = &outer;
-    outer_ctx.first_transform = pre;
-    outer_ctx.second_transform = post;
-    regex_context_t inner_ctx{};
-    inner_ctx.regex = &inner;
-    inner_ctx.prev = &outer_ctx;
-    inner_ctx.first_transform = a;
-    inner_ctx.second_transform = b;
-
-    EXPECT_STREQ(transform_wern("aXa", &inner_ctx, 0), "prebXapost");
-    EXPECT_EQ(outer_ctx.mark, 3u);
-    EXPECT_EQ(inner_ctx.mark, 3u);
-    EXPECT_STREQ(transform_wern("aXa", &inner_ctx, 1), "^prebXapost$");
-    EXPECT_EQ(outer_ctx.mark, 4u);
-    EXPECT_EQ(inner_ctx.mark, 4u);
-
-    // Absolute names are taken as written; a null name adds nothing.
-    EXPECT_STREQ(transform_wern("wrn:/s:i/:properties/g/aXa", &inner_ctx, 0),
-                 "wrn:/s:i/:properties/g/aXa");
-    EXPECT_STREQ(transform_wern(nullptr, &inner_ctx, 1), "^prepost$");
-    EXPECT_STREQ(transform_wern("a|b", nullptr, 1), "^a|b$");
-    EXPECT_EQ(is_absolute_wern("wrn:/s/:properties"), 0);
-    EXPECT_EQ(is_absolute_wern(nullptr), 0);
-}
-
-TEST(Substitution, GrabsAcrossContexts) {
-    // Outer section: one grab; inner: one grab numbered 2. Name "ab/cd".
-    char wern[] = "ab/cd";
-    property_info_t info{wern, REPO_TYPE_PROPERTY, nullptr, HGX_TYPE_ASTRING, 0, nullptr};
-    regmatch_t outer_m[3] = {{0, 5}, {0, 2}, {-1, -1}};
-    regmatch_t inner_m[3] = {{0, 5}, {3, 5}, {-1, -1}};
-    property_list_node_t outer_node{nullptr, outer_m, &info};
-    property_list_node_t inner_node{nullptr, inner_m, &info};
-    match_t outer{};
-    outer.grabs = 1;
-    match_t inner{};
-    inner.grabs = 1;
-    inner.grab_start = 1;
-    regex_context_t outer_ctx{};
-    outer_ctx.regex = &outer;
-    outer_ctx.match = &outer_node;
-    regex_context_t inner_ctx{};
-    inner_ctx.regex = &inner;
-    inner_ctx.match = &inner_node;
-    inner_ctx.prev = &outer_ctx;
-
-    struct Case {
-        const char* text;
-        const char* result;
-    };
-    const Case cases[] = {
-        {"$%1-$%2", "ab-cd"}, {"$%3", "$%3"},       {"$%0", "$%0"},   {"$%1abc", "ababc"},
-        {"$%02", "cd"},       {"$%0x1", "ab"},       {"$%12", "$%12"}, {"$$%1", "$$%1"},
-    };
-    for (const Case& c : cases) {
-        string_buffer_t sb;
-        string_buffer_init(&sb);
-        EXPECT_EQ(translate_grabs(c.text, &sb, &inner_ctx, nullptr), 0) << c.text;
-        EXPECT_STREQ(string_buffer_get_str(&sb), c.result) << c.text;
-        string_buffer_free(&sb);
-    }
-    EXPECT_EQ(translate_grabs("x", nullptr, nullptr, nullptr), STENCIL_ERROR_INTERNAL_ERROR);
-}
-
-TEST(Substitution, MethodAndRestarterMissing) {
-    // A view whose accessors have nothing: both forms fail the translation.
-    repository_t view{};
-    stencil_t stencil{};
-    stencil.repository = &view;
-    string_buffer_t sb;
-    string_buffer_init(&sb);
-    EXPECT_EQ(translate_grabs("$%m", &sb, nullptr, &stencil), STENCIL_ERROR_NO_METHOD);
-    EXPECT_EQ(translate_grabs("$%r", &sb, nullptr, &stencil), STENCIL_ERROR_NO_RESTARTER);
-    string_buffer_clear(&sb);
-    EXPECT_EQ(translate_grabs("[$%i]", &sb, nullptr, &stencil), 0);
-    EXPECT_STREQ(string_buffer_get_str(&sb), "[]");
-    string_buffer_free(&sb);
 }
 
 TEST(Writer, LongTextThroughAPipeComesOutWhole) {

@@ -127,24 +127,4 @@ TEST(ParseErrorReport, Messages) {
     }
 }
 
-TEST(ParseErrorReport, UnknownCodeAndNullArguments) {
-    stencil_syntax_error_t unknown{"q", 0, 3, static_cast<syntax_error_t>(17)};
-    testing::internal::CaptureStderr();
-    display_syntax_error(&unknown);
-    display_syntax_error(nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "  Line 3:  Unhandled error: 17 \"q\"\n");
-
-    EXPECT_EQ(stencil_syntax_error_iterator_create(nullptr), nullptr);
-    EXPECT_EQ(stencil_syntax_error_iterator_next(nullptr), nullptr);
-    stencil_syntax_error_iterator_destroy(nullptr);
-}
-
-TEST(ParseErrorReport, SuccessfulLoadHasNoErrors) {
-    auto loaded = load_text("$%{a} $%/b/{c}");
-    ASSERT_EQ(loaded.result, STENCIL_SUCCESS);
-    stencil_syntax_error_iter_t* iter = stencil_syntax_error_iterator_create(loaded.stencil.get());
-    EXPECT_EQ(stencil_syntax_error_iterator_next(iter), nullptr);
-    stencil_syntax_error_iterator_destroy(iter);
-}
-
 }  // namespace

@@ -1,7 +1,13 @@
 // The scanner and the form parsers, seen through the shape of the tree they
-// build: container rule, comments, escapes, properties, sections, macros.
+// build: container rule, comments, escapes, properties, sections, macros;
+// the defines prelude; and where the text comes from (files of awkward
+// sizes, standard input in uneven reads).
 
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
 
 #include "stencil_parse_util.h"
 
@@ -92,6 +98,9 @@ INSTANTIATE_TEST_SUITE_P(
         shape_case{"$%define m a { x}", R"("" m m(a)[" x"] "")", 0},
         shape_case{"$%define m a\n;c\nb {x}", R"("" m m(a,b)["x"] "")", 2},
         shape_case{"$%define m\n{x}", R"("" m m()["x"] "")", 1},
+        // An empty body holds an empty literal, in its copy too.
+        shape_case{"$%define m {}$%[m]", R"("" m m()[""] "" m m()[""] "")", 0},
+        shape_case{"$%define r //{y}$%[r]", R"("" /null/ def r["y"] "" /null/ inv r["y"] "")", 0},
         shape_case{"$%define x y/ {z}", R"("" m x(y/)["z"] "")", 0},
         shape_case{"$%define m a b {x}$%[m 1\n;c\n2]",
                    R"("" m m(a,b)["x"] "" m m("1","2")["x"] "")", 2},
@@ -111,13 +120,14 @@ INSTANTIATE_TEST_SUITE_P(
         shape_case{"$%define r /p/ {y}$%[r:'a}b]",
                    R"("" /"p"/ def r["y"] "" /"p"/ inv r T7 "a}b" / ["y"] "")", 0}));
 
-// The defines reach the tree in name order, whatever order they were added.
+// The defines reach the tree in byte order of their names, whatever order
+// they were added in; a value may hold forms.
 TEST(ParsePrelude, DefinesInNameOrderAheadOfText) {
-    auto defines = make_defines({{"b", "2"}, {"a", "1\n"}});
+    auto defines = make_defines({{"b", "2"}, {"a", "1\n"}, {"B", "<$%{p}>"}});
     auto loaded = load_text("t", defines.get());
     ASSERT_EQ(loaded.result, STENCIL_SUCCESS);
     EXPECT_EQ(dump_children(&loaded.stencil->base),
-              R"("" m a()["1\n"] "" "" m b()["2"] "" "t")");
+              R"("" m B()["<" {"p"} ">"] "" "" m a()["1\n"] "" "" m b()["2"] "" "t")");
     // The prelude's newline counts too.
     EXPECT_EQ(loaded.stencil->line_number, 1);
 }
@@ -133,6 +143,62 @@ TEST(ParsePrelude, DefineClashingWithStencilDefinition) {
     auto defines = make_defines({{"m", "x"}});
     auto loaded = load_text("$%define m {y}", defines.get());
     EXPECT_EQ(loaded.result, STENCIL_ERROR_SYNTAX);
+}
+
+std::string only_literal(const stencil_t* stencil) {
+    EXPECT_EQ(stencil->base.num, 1);
+    return reinterpret_cast<const literal_t*>(stencil->base.sub_expressions[0])->str;
+}
+
+TEST(StencilLoad, FileSizesAroundPageBoundaries) {
+    const size_t page = static_cast<size_t>(getpagesize());
+    for (size_t size : {size_t{0}, size_t{1}, page - 1, page, page + 1, 2 * page}) {
+        std::string text(size, 'x');
+        if (size > 0) text[size - 1] = 'y';
+        auto loaded = load_text(text);
+        ASSERT_EQ(loaded.result, STENCIL_SUCCESS) << size;
+        EXPECT_EQ(only_literal(loaded.stencil.get()), text) << size;
+    }
+}
+
+// Feeds the text to descriptor 0 through a pipe, in the given chunk sizes,
+// and loads from standard input.
+load_result load_stdin(const std::string& text, const std::vector<size_t>& chunks) {
+    int fds[2];
+    EXPECT_EQ(pipe(fds), 0);
+    int saved = dup(0);
+    dup2(fds[0], 0);
+    close(fds[0]);
+    std::thread writer([&] {
+        size_t at = 0;
+        for (size_t i = 0; at < text.size(); ++i) {
+            size_t n = std::min(chunks[i % chunks.size()], text.size() - at);
+            EXPECT_EQ(write(fds[1], text.data() + at, n), static_cast<ssize_t>(n));
+            at += n;
+            usleep(1000);  // let each piece arrive as a read of its own
+        }
+        close(fds[1]);
+    });
+    stencil_t* stencil = nullptr;
+    stencil_error_t result = stencil_load(nullptr, &stencil, nullptr);
+    writer.join();
+    dup2(saved, 0);
+    close(saved);
+    return {result, stencil_ptr(stencil)};
+}
+
+TEST(StencilLoad, StandardInputInUnevenReads) {
+    std::string text;
+    for (int i = 0; i < 60; ++i) text += "line " + std::to_string(i) + " $%{p" + std::to_string(i) + "}\n";
+    auto whole = load_text(text);
+    auto piecewise = load_stdin(text, {1, 127, 128, 129, 3, 300});
+    ASSERT_EQ(piecewise.result, STENCIL_SUCCESS);
+    EXPECT_EQ(dump_children(&piecewise.stencil->base), dump_children(&whole.stencil->base));
+    EXPECT_EQ(piecewise.stencil->line_number, 60);
+
+    auto empty = load_stdin("", {1});
+    ASSERT_EQ(empty.result, STENCIL_SUCCESS);
+    EXPECT_EQ(only_literal(empty.stencil.get()), "");
 }
 
 }  // namespace

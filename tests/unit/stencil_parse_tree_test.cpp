@@ -113,12 +113,6 @@ TEST(ParseTree, MacroCopiesAreSeparateAndPointAtDefinition) {
     EXPECT_NE(p1->property_name, p2->property_name);
 }
 
-TEST(ParseTree, EmptyBodyCopyHoldsEmptyLiteral) {
-    auto loaded = load_text("$%define m {}$%[m]");
-    ASSERT_EQ(loaded.result, STENCIL_SUCCESS);
-    EXPECT_EQ(dump(child(&loaded.stencil->base, 3)), R"(m m()[""])");
-}
-
 TEST(ParseTree, InvocationInBodyCopiesFromEarlierDefinition) {
     auto loaded = load_text("$%define a x {[$%x]}$%define b {$%[a q]}$%[b]");
     ASSERT_EQ(loaded.result, STENCIL_SUCCESS);
@@ -179,13 +173,6 @@ TEST(ParseTree, UnnamedSectionInMacroBodyIgnoresInvocationSite) {
     EXPECT_EQ(copy->parent, nullptr);
     EXPECT_EQ(copy->grab_start, 0);
     EXPECT_EQ(duplicate_parent, nullptr);
-}
-
-TEST(ParseTree, EmptyPatternCopies) {
-    auto loaded = load_text("$%define r //{y}$%[r]");
-    ASSERT_EQ(loaded.result, STENCIL_SUCCESS);
-    match_t* copy = as_match(child(&loaded.stencil->base, 3));
-    EXPECT_EQ(dump(&copy->expression), R"(/null/ inv r["y"])");
 }
 
 }  // namespace

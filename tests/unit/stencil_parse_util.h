@@ -4,15 +4,13 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "stencil_internal.h"
+#include "unit_util.h"
 
 namespace parse_test {
 
@@ -32,38 +30,16 @@ inline defines_ptr make_defines(const std::vector<std::pair<std::string, std::st
     return defines;
 }
 
-// A file in a fresh temporary directory, removed with the object.
-class temp_file {
-public:
-    explicit temp_file(const std::string& content) {
-        char dir[] = "/tmp/stencil_parse_XXXXXX";
-        dir_ = mkdtemp(dir);
-        path_ = dir_ + "/stencil";
-        FILE* f = fopen(path_.c_str(), "w");
-        fwrite(content.data(), 1, content.size(), f);
-        fclose(f);
-    }
-    ~temp_file() {
-        unlink(path_.c_str());
-        rmdir(dir_.c_str());
-    }
-    const std::string& path() const { return path_; }
-    const std::string& dir() const { return dir_; }
-
-private:
-    std::string dir_;
-    std::string path_;
-};
-
 struct load_result {
     stencil_error_t result;
     stencil_ptr stencil;
 };
 
 inline load_result load_text(const std::string& text, defines_t* defines = nullptr) {
-    temp_file file(text);
+    unit::TempDir dir;
+    unit::write_file(dir / "stencil", text);
     stencil_t* stencil = nullptr;
-    stencil_error_t result = stencil_load(file.path().c_str(), &stencil, defines);
+    stencil_error_t result = stencil_load((dir / "stencil").c_str(), &stencil, defines);
     return {result, stencil_ptr(stencil)};
 }
 

@@ -107,11 +107,4 @@ TEST(MatchGlob, EndOfMatch) {
     EXPECT_EQ(*r, '\0');
 }
 
-TEST(ReplaceString, ResultLastsUntilTheNextCall) {
-    const std::string first = replace_string("aaa", "a", "b", 1);
-    const char* second = replace_string("xyz", "y", "", 0);
-    EXPECT_EQ(first, "bbb");
-    EXPECT_STREQ(second, "xz");
-}
-
 }  // namespace

@@ -1,4 +1,4 @@
-// Defines and dictionary tables: duplicates, walk order and text, and the
+// Defines and dictionary tables: duplicates, walk text, and the
 // shared pool's life from first table to last.
 
 #include <gtest/gtest.h>
@@ -31,26 +31,6 @@ TEST(SupportDefines, DuplicateKeepsTheEarlierValue) {
     EXPECT_EQ(defines_count(d), 1);
     EXPECT_EQ(walk_all(d), std::vector<std::string>{"$%define a {first}"});
     defines_destroy(d);
-}
-
-TEST(SupportDefines, WalkYieldsMacroTextsInNameOrder) {
-    struct Case {
-        std::vector<std::pair<const char*, const char*>> adds;
-        std::vector<std::string> expected;
-    } cases[] = {
-        {{}, {}},
-        {{{"b", "2"}, {"a", "1"}}, {"$%define a {1}", "$%define b {2}"}},
-        {{{"e", ""}}, {"$%define e {}"}},
-        {{{"x", "{ $%{p} }"}, {"B", "b c"}, {"a", "q"}},
-         {"$%define B {b c}", "$%define a {q}", "$%define x {{ $%{p} }}"}},
-    };
-    for (const Case& c : cases) {
-        defines_t* d = defines_create();
-        for (auto [n, v] : c.adds) ASSERT_EQ(defines_add(d, n, v), 0);
-        EXPECT_EQ(defines_count(d), static_cast<int>(c.adds.size()));
-        EXPECT_EQ(walk_all(d), c.expected);
-        defines_destroy(d);
-    }
 }
 
 TEST(SupportDefines, PoolLivesFromFirstTableToLast) {

@@ -11,6 +11,7 @@
 
 #include "host.h"
 #include "kelvo.h"
+#include "unit_util.h"
 
 namespace {
 
@@ -34,9 +35,8 @@ TEST(ToolHost, StrlcpyAndStrlcat) {
 }
 
 TEST(ToolHost, Mkdirp) {
-    char tmpl[] = "/tmp/tool-host-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    std::string base = tmpl;
+    unit::TempDir dir;
+    const std::string& base = dir.path;
     std::string deep = base + "/a//b/c/";
     EXPECT_EQ(mkdirp(deep.c_str(), 0755), 0);
     struct stat st;
@@ -46,15 +46,10 @@ TEST(ToolHost, Mkdirp) {
     EXPECT_NE(mkdirp((base + "/a/b/c").c_str(), 0755), 0);
     EXPECT_EQ(errno, EEXIST);
     // A file in the way is a real failure.
-    std::string file = base + "/f";
-    FILE* f = fopen(file.c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    fclose(f);
+    unit::write_file(dir / "f", "");
     errno = 0;
-    EXPECT_NE(mkdirp((file + "/x").c_str(), 0755), 0);
+    EXPECT_NE(mkdirp((dir / "f/x").c_str(), 0755), 0);
     EXPECT_EQ(errno, ENOTDIR);
-    std::string cmd = "rm -rf " + base;
-    ASSERT_EQ(system(cmd.c_str()), 0);
 }
 
 TEST(ToolHost, MountinfoPaths) {
@@ -89,20 +84,16 @@ TEST(ToolHost, LofsOptionString) {
 }
 
 TEST(ToolHost, UndoBuildsPathBelowPrefix) {
-    char tmpl[] = "/tmp/tool-undo-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    std::string base = tmpl;
-    std::string file = base + "/f";
-    FILE* f = fopen(file.c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    fclose(f);
+    unit::TempDir dir;
+    const std::string& base = dir.path;
+    const std::string file = dir / "f";
+    unit::write_file(file, "");
     // "/f" below the prefix gives base + "//f": the same file.
     EXPECT_EQ(undo_file("/f", base.c_str(), 0), 0);
     EXPECT_NE(access(file.c_str(), F_OK), 0);
     EXPECT_EQ(undo_file("/f", base.c_str(), 0), -1);
     // A relative mount point is refused before anything is unlinked.
     EXPECT_EQ(undo_file("f", base.c_str(), 1), -1);
-    rmdir(base.c_str());
 }
 
 }  // namespace
