@@ -9,14 +9,5 @@ for b in startup properties sections; do
     printf '\n##### %s\n' "$b"
     sh "$HERE/$b.sh" "$BUILD"
 done
-if [ -e "$HERE/repo_scale" ]; then
-    printf '\n##### repo_scale\n'
-    if [ -x "$HERE/repo_scale" ]; then
-        "$HERE/repo_scale" "$BUILD"
-    else
-        sh "$HERE/repo_scale" "$BUILD"
-    fi
-elif [ -e "$HERE/repo_scale.sh" ]; then
-    printf '\n##### repo_scale\n'
-    sh "$HERE/repo_scale.sh" "$BUILD"
-fi
+printf '\n##### repo_scale\n'
+sh "$HERE/repo_scale" "$BUILD"

@@ -21,9 +21,6 @@ struct list_deleter {
 };
 using property_list = std::unique_ptr<property_list_node_t, list_deleter>;
 
-struct free_deleter {
-    void operator()(void* p) const { free(p); }
-};
 
 // The mode text of a group: octal with nothing after it. Reports and gives
 // false for a bad one.
@@ -71,7 +68,7 @@ int add_configfile_defines(defines_t* defines, repository_t* repository, const c
     // number of slashes, so every record whose name holds "<group>/defines"
     // is taken, also those of other groups whose names end in <group>.
     size_t size = strlen(group) + strlen("defines/*") + 2;
-    std::unique_ptr<char, free_deleter> pattern(static_cast<char*>(malloc(size)));
+    heap_text pattern(static_cast<char*>(malloc(size)));
     if (!pattern) die(KELVO_SYSERR, gettext("Out of memory\n"));
     snprintf(pattern.get(), size, "%s/defines/*", group);
 
@@ -81,7 +78,7 @@ int add_configfile_defines(defines_t* defines, repository_t* repository, const c
         // Records with other than one value, group records among them, are
         // passed over silently.
         if (node->info->num_values != 1) continue;
-        std::unique_ptr<char, free_deleter> name_copy(strdup(node->info->wern));
+        heap_text name_copy(strdup(node->info->wern));
         if (!name_copy) die(KELVO_SYSERR, gettext("Out of memory\n"));
         char* slash = strrchr(name_copy.get(), '/');
         char* name = slash != nullptr ? slash + 1 : name_copy.get();
@@ -98,7 +95,7 @@ int run_configfiles(repository_t* repository, defines_t** defines, const configf
     // One buffer for the run: "<group>/" stays in front, and only the
     // property name behind it is rewritten for each read.
     const size_t wern_limit = static_cast<size_t>(limit);
-    std::unique_ptr<char, free_deleter> buffer(static_cast<char*>(malloc(wern_limit + 1)));
+    heap_text buffer(static_cast<char*>(malloc(wern_limit + 1)));
     if (!buffer) die(KELVO_SYSERR, gettext("Out of memory\n"));
     char* property_path = buffer.get();
 

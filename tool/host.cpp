@@ -2,14 +2,11 @@
 // capabilities and the mount table.
 #include "host.h"
 
-#include <fcntl.h>
 #include <sys/capability.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 
@@ -115,26 +112,16 @@ bool mountinfo_has_mount_point(std::string_view text, std::string_view path) {
 }
 
 int host_is_mount_point(const char* path) {
-    int fd = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return -1;
+    std::unique_ptr<FILE, int (*)(FILE*)> table(fopen("/proc/self/mountinfo", "re"), fclose);
+    if (!table) return -1;
     std::string text;
     char buf[8192];
-    for (;;) {
-        ssize_t n = read(fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            int saved = errno;
-            close(fd);
-            errno = saved;
-            return -1;
-        }
-        if (n == 0) break;
-        text.append(buf, static_cast<size_t>(n));
-    }
-    close(fd);
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, table.get())) > 0) text.append(buf, n);
+    if (ferror(table.get())) return -1;
     if (mountinfo_has_mount_point(text, path)) return 1;
     // The table holds canonical paths; a path spelled with "//", "." or a
     // symbolic link in it still names the same mount point.
-    std::unique_ptr<char, void (*)(void*)> resolved(realpath(path, nullptr), free);
+    heap_text resolved(realpath(path, nullptr));
     return resolved && mountinfo_has_mount_point(text, resolved.get()) ? 1 : 0;
 }

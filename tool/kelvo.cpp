@@ -32,11 +32,6 @@ const char* prog_name = "kelvo";
 constexpr const char* STDIN_NAME = "(standard input)";
 constexpr const char* STDOUT_NAME = "(standard output)";
 
-struct free_deleter {
-    void operator()(void* p) const { free(p); }
-};
-using heap_text = std::unique_ptr<char, free_deleter>;
-
 // The -m text: octal, nothing after the digits, no setuid or setgid bit.
 // Only those two bits are refused; the sticky bit and higher bits pass.
 mode_t parse_mode_option(const char* text) {

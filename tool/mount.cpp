@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string_view>
 
 #include "host.h"
@@ -77,10 +76,6 @@ unsigned long apply_words(unsigned long flags, std::string_view options) {
     }
     return flags;
 }
-
-struct free_deleter {
-    void operator()(void* p) const { free(p); }
-};
 
 void report_mount_failure(const char* options, const char* special, const char* mount_point) {
     fprintf(stderr, gettext("mount -F %s -O -o %s %s %s failed: %s\n"), "lofs", options, special,
@@ -164,7 +159,7 @@ int undo_file(const char* output_file, const char* root_prefix, int mount_flag) 
     if (root_prefix == nullptr) return unlink(output_file);
     // No length limit: the path is built to the size it needs.
     size_t size = strlen(output_file) + strlen(root_prefix) + 2;
-    std::unique_ptr<char, free_deleter> path(static_cast<char*>(malloc(size)));
+    heap_text path(static_cast<char*>(malloc(size)));
     if (!path) die(KELVO_SYSERR, gettext("Out of memory\n"));
     snprintf(path.get(), size, "%s/%s", root_prefix, output_file);
     return unlink(path.get());

@@ -84,6 +84,9 @@ Result run(const Run& r) {
     pid_t pid = fork();
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
+        // The harness ignores SIGPIPE for itself; the program under test
+        // gets the default, as it would from a shell.
+        signal(SIGPIPE, SIG_DFL);
         dup2(in[0], 0);
         dup2(out[1], 1);
         dup2(err[1], 2);
