@@ -28,41 +28,34 @@ int duplicate_subexpressions(expression_t* target, expression_t* source, stencil
     target->type = source->type;
     for (int i = 0; i < source->num; ++i) {
         expression_t* child = source->sub_expressions[i];
-        if (child == nullptr) continue;
+        // Only the four kinds of record are copied; a container is never the
+        // child of a finished tree and would be passed over.
+        if (child == nullptr || child->type == ET_BASE || child->type == ET_PSEUDOBASE) continue;
+        expression_t* copy = _grow(target, child->type);
+        if (copy == nullptr) return -1;
         int r;
         switch (child->type) {
-            case ET_LITERAL: {
-                expression_t* copy = _grow(target, ET_LITERAL);
-                if (copy == nullptr) return -1;
+            case ET_LITERAL:
                 r = duplicate_literal(reinterpret_cast<literal_t*>(copy),
                                       reinterpret_cast<literal_t*>(child), stencil);
                 break;
-            }
-            case ET_PROPERTY: {
-                expression_t* copy = _grow(target, ET_PROPERTY);
-                if (copy == nullptr) return -1;
+            case ET_PROPERTY:
                 r = duplicate_property(reinterpret_cast<property_t*>(copy),
                                        reinterpret_cast<property_t*>(child), stencil);
                 break;
-            }
-            case ET_REGEX: {
-                expression_t* copy = _grow(target, ET_REGEX);
-                if (copy == nullptr) return -1;
+            case ET_REGEX:
                 r = duplicate_regex(reinterpret_cast<match_t*>(copy),
                                     reinterpret_cast<match_t*>(child), stencil);
                 break;
-            }
-            case ET_MACRO: {
-                expression_t* copy = _grow(target, ET_MACRO);
-                if (copy == nullptr) return -1;
+            case ET_MACRO:
                 r = duplicate_macro(reinterpret_cast<macro_t*>(copy),
                                     reinterpret_cast<macro_t*>(child), stencil);
                 break;
-            }
             case ET_BASE:
             case ET_PSEUDOBASE:
             default:
-                continue;
+                r = 0;  // passed over above
+                break;
         }
         if (r != 0) return r;
     }

@@ -1,4 +1,5 @@
-// Small helpers private to the evaluation sources.
+// Small helpers private to the stencil sources: frame-owned texts for the
+// parser and the evaluation, and the evaluation's scratch and sum rules.
 #pragma once
 
 #include <climits>

@@ -13,7 +13,6 @@
 #include "emit_local.h"
 #include "stencil_internal.h"
 
-
 namespace {
 
 bool is_definition(const macro_t* macro) {

@@ -1,7 +1,6 @@
 // Property references: the final name, the value text in normal mode, the
 // listed name in list mode.
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 

@@ -6,9 +6,9 @@
 // record per grow_chain. A pointer to a slot is therefore invalid after the
 // next grow_chain on its parent.
 
-#include <errno.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 

@@ -12,8 +12,6 @@
 
 namespace {
 
-bool is_blank(char c) { return c == ' ' || c == '\t'; }
-
 size_t record_size(expression_type_t kind) {
     switch (kind) {
         case ET_LITERAL:

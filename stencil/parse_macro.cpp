@@ -14,13 +14,6 @@
 
 namespace {
 
-bool is_blank(char c) { return c == ' ' || c == '\t'; }
-
-int unterminated_at(stencil_t* stencil, const char* text, const char* at) {
-    size_t offset = static_cast<size_t>(at - text);
-    return report_syntax_error(stencil, text, offset, offset, SE_UNTERMINATED_SECTION);
-}
-
 // Adds a copy of [start, end) to a definition's argument names.
 int add_argument_name(macro_t* macro, const char* start, const char* end) {
     auto** grown = static_cast<char**>(

@@ -4,17 +4,12 @@
 // define splice `$%[define]`; the operands are stencil text scanned by
 // parse_stencil, so they may span lines and hold forms of their own.
 
-#include <cstdlib>
 #include <cstring>
 
+#include "emit_local.h"
 #include "stencil_internal.h"
 
 namespace {
-
-struct free_on_exit {
-    char* str = nullptr;
-    ~free_on_exit() { free(str); }
-};
 
 bool is_operator(char c) { return c != '\0' && strchr("'+,-?^", c) != nullptr; }
 
@@ -40,14 +35,14 @@ int parse_property(const char* text, expression_t* expression, stencil_t* stenci
 
     // Once a splice has begun the define name is never cleared: a further
     // `]` extends it by the text since the last one.
-    free_on_exit define_name;
+    stencil_eval::HeapText define_name;
     bool spliced = false;
     const char* piece = text;
     const char* p = text;
     for (;;) {
         const char c = *p;
         const size_t at = static_cast<size_t>(p - text);
-        if (c == '\0') return report_syntax_error(stencil, text, at, at, SE_UNTERMINATED_SECTION);
+        if (c == '\0') return unterminated_at(stencil, text, p);
         if (c == '\n') {
             stencil->line_number++;
             return report_syntax_error(stencil, text, at + 1, at, SE_UNTERMINATED_SECTION);
@@ -69,7 +64,7 @@ int parse_property(const char* text, expression_t* expression, stencil_t* stenci
             continue;
         }
         if (c == ']' && spliced) {
-            int r = splice_define(stencil, text, piece, p, &define_name.str,
+            int r = splice_define(stencil, text, piece, p, &define_name.text,
                                   &property->property_name);
             if (r < 0) return r;
             piece = ++p;
@@ -124,19 +119,13 @@ int parse_property(const char* text, expression_t* expression, stencil_t* stenci
     int r = scan_operand(p, &property->first_expression, stencil, delimiters);
     if (r < 0) return r;
     const char* stop = p + r;
-    if (*stop == '\0') {
-        size_t at = static_cast<size_t>(stop - text);
-        return report_syntax_error(stencil, text, at, at, SE_UNTERMINATED_SECTION);
-    }
+    if (*stop == '\0') return unterminated_at(stencil, text, stop);
     if (*stop != '/') return static_cast<int>(stop + 1 - text);
 
     const char* second = stop + 1;
     r = scan_operand(second, &property->second_expression, stencil, nullptr);
     if (r < 0) return r;
     stop = second + r;
-    if (*stop == '\0') {
-        size_t at = static_cast<size_t>(stop - text);
-        return report_syntax_error(stencil, text, at, at, SE_UNTERMINATED_SECTION);
-    }
+    if (*stop == '\0') return unterminated_at(stencil, text, stop);
     return static_cast<int>(stop + 1 - text);
 }

@@ -1,19 +1,14 @@
 // Regular expression sections: `$%/pattern/ {body}`, the named form that
 // parse_definition hands over, and `$%[name:op first/second]` invocations.
 
-#include <cstdlib>
 #include <cstring>
 
+#include "emit_local.h"
 #include "stencil_internal.h"
 
 match_t* parse_parent = nullptr;
 
 namespace {
-
-struct free_on_exit {
-    char* str = nullptr;
-    ~free_on_exit() { free(str); }
-};
 
 // Puts parse_parent back to the enclosing section on every way out of
 // parse_regex, so a later load in the same process starts with it null.
@@ -21,11 +16,6 @@ struct restore_parse_parent {
     match_t* saved;
     ~restore_parse_parent() { parse_parent = saved; }
 };
-
-int unterminated_at(stencil_t* stencil, const char* text, const char* at) {
-    size_t offset = static_cast<size_t>(at - text);
-    return report_syntax_error(stencil, text, offset, offset, SE_UNTERMINATED_SECTION);
-}
 
 }  // namespace
 
@@ -44,7 +34,7 @@ int parse_regex(const char* text, expression_t* expression, stencil_t* stencil) 
     // are known since they are stored before its body is scanned.
     match->grab_start = match->parent != nullptr ? match->parent->grabs + match->parent->grab_start : 0;
 
-    free_on_exit define_name;
+    stencil_eval::HeapText define_name;
     bool spliced = false;
     int grabs = 0;
     const char* piece = text;
@@ -94,7 +84,7 @@ int parse_regex(const char* text, expression_t* expression, stencil_t* stencil) 
                 break;
             case ']':
                 if (spliced) {
-                    int r = splice_define(stencil, text, piece, p, &define_name.str, &match->regex);
+                    int r = splice_define(stencil, text, piece, p, &define_name.text, &match->regex);
                     if (r < 0) return r;
                     piece = ++p;
                     continue;

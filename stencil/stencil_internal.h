@@ -107,6 +107,9 @@ int add_error(stencil_t* stencil, const char* text, size_t length, size_t locati
 // is recorded, STENCIL_ERROR_NO_MEMORY when it could not be.
 int report_syntax_error(stencil_t* stencil, const char* text, size_t length, size_t location,
                         syntax_error_t err);
+// SE_UNTERMINATED_SECTION for the form that begins at text, recorded against
+// [text, at) with `at` as the offending character.
+int unterminated_at(stencil_t* stencil, const char* text, const char* at);
 
 // The section whose pattern and body are being parsed (one per process, null
 // between loads), and the copy of the section whose body is being duplicated.
@@ -125,6 +128,8 @@ int parse_macro(const char* text, expression_t* expression, stencil_t* stencil);
 int parse_invocation(const char* text, expression_t* container, stencil_t* stencil);
 int parse_macro_invocation(const char* text, expression_t* expression, stencil_t* stencil);
 
+// The blanks of stencil text; a newline is handled apart wherever it counts.
+inline bool is_blank(char c) { return c == ' ' || c == '\t'; }
 int consume_comment(const char* text, stencil_t* stencil);
 int first_nonwhitespace_char(const char* text, int multi_line, stencil_t* stencil);
 int first_whitespace_char(const char* text, int multi_line, stencil_t* stencil);

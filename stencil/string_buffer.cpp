@@ -80,13 +80,7 @@ int string_buffer_init(string_buffer_t* sb) {
 }
 
 ssize_t string_buffer_append_char(string_buffer_t* sb, char c) {
-    if (sb == nullptr || reallocate(sb, 1) < 0) {
-        return -1;
-    }
-    sb->buf[sb->used - 1] = c;
-    sb->buf[sb->used] = '\0';
-    sb->used++;
-    return sb->used - 1;
+    return sb == nullptr ? -1 : append_bytes(sb, &c, 1);
 }
 
 ssize_t string_buffer_append_string(string_buffer_t* sb, const char* text) {
@@ -141,13 +135,7 @@ void string_buffer_trim(string_buffer_t* sb, size_t length) {
 }
 
 void string_buffer_free(string_buffer_t* sb) {
-    if (sb == nullptr) {
-        return;
-    }
-    std::free(sb->buf);
-    sb->buf = nullptr;
-    sb->used = 0;
-    sb->allocated = 0;
+    std::free(string_buffer_take_ownership(sb));
 }
 
 void string_buffer_atexit_free(string_buffer_t* sb) {

@@ -65,6 +65,11 @@ int report_syntax_error(stencil_t* stencil, const char* text, size_t length, siz
                                                                 : STENCIL_ERROR_NO_MEMORY;
 }
 
+int unterminated_at(stencil_t* stencil, const char* text, const char* at) {
+    const size_t offset = static_cast<size_t>(at - text);
+    return report_syntax_error(stencil, text, offset, offset, SE_UNTERMINATED_SECTION);
+}
+
 stencil_syntax_error_iter_t* stencil_syntax_error_iterator_create(stencil_t* stencil) {
     if (stencil == nullptr) return nullptr;
     auto* iter = static_cast<stencil_syntax_error_iter_t*>(malloc(sizeof(stencil_syntax_error_iter_t)));

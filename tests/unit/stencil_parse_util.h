@@ -55,7 +55,7 @@ inline std::string quote(const char* s) {
     return out + "\"";
 }
 
-std::string dump(const expression_t* e);
+inline std::string dump(const expression_t* e);
 
 inline std::string dump_children(const expression_t* e) {
     std::string out;
