@@ -7,18 +7,16 @@
 // and leaves the file as it was.
 #include "hgxrepo.h"
 
-#include <unistd.h>
-
-#include <cstdio>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
+#include <type_traits>
 
 #include "hgx.h"
 #include "hgx_write.h"
@@ -302,16 +300,12 @@ Handle open_reader(const std::string& path) {
     throw Failure{path + ": cannot read: " + lib_error()};
 }
 
-std::string text_of(ssize_t (*get)(const hgx_propertygroup_t*, char*, size_t),
-                    const hgx_propertygroup_t* o) {
+// A name or type of an object, none longer than a wern. The object is not
+// deduced, so that the owning wrappers convert to it.
+template <typename T>
+std::string text_of(ssize_t (*get)(const T*, char*, size_t), std::type_identity_t<const T*> o) {
     char buf[1100];
     if (get(o, buf, sizeof buf) < 0) throw Failure{"cannot read: " + lib_error()};
-    return buf;
-}
-
-std::string name_of(const hgx_property_t* p) {
-    char buf[1100];
-    if (hgx_property_get_name(p, buf, sizeof buf) < 0) throw Failure{"cannot read: " + lib_error()};
     return buf;
 }
 
@@ -399,7 +393,7 @@ nlohmann::ordered_json property_json(hgx_type_t type, const std::vector<std::str
     auto one_or_array = [&](auto convert) {
         if (values.size() == 1) return json(convert(values[0]));
         json a = json::array();
-        for (const std::string& v : values) a.push_back(convert(values.size() ? v : v));
+        for (const std::string& v : values) a.push_back(convert(v));
         return a;
     };
     bool all = !values.empty();
@@ -444,7 +438,7 @@ nlohmann::ordered_json group_json(hgx_handle_t* h, hgx_propertygroup_t* pg) {
     each_property(h, pg, [&](hgx_property_t* p) {
         hgx_type_t type;
         if (hgx_property_type(p, &type) < 0) throw Failure{"cannot read: " + lib_error()};
-        props[name_of(p)] = property_json(type, values_of(h, p));
+        props[text_of(hgx_property_get_name, p)] = property_json(type, values_of(h, p));
     });
     if (!props.empty()) g["properties"] = std::move(props);
     Iter it(hgx_iter_create(h));
@@ -481,24 +475,12 @@ nlohmann::ordered_json instance_json(hgx_handle_t* h, hgx_instance_t* inst) {
     return o;
 }
 
-std::string service_name(hgx_service_t* s) {
-    char buf[1100];
-    if (hgx_service_get_name(s, buf, sizeof buf) < 0) throw Failure{"cannot read: " + lib_error()};
-    return buf;
-}
-
-std::string instance_name(hgx_instance_t* i) {
-    char buf[1100];
-    if (hgx_instance_get_name(i, buf, sizeof buf) < 0) throw Failure{"cannot read: " + lib_error()};
-    return buf;
-}
-
 // `only` restricts the service to one instance and leaves its groups out.
 nlohmann::ordered_json service_json(hgx_handle_t* h, hgx_service_t* svc, hgx_instance_t* only) {
     using json = nlohmann::ordered_json;
     json o = json::object();
     if (only) {
-        o["instances"][instance_name(only)] = instance_json(h, only);
+        o["instances"][text_of(hgx_instance_get_name, only)] = instance_json(h, only);
         return o;
     }
     json g = groups_json(h, svc, nullptr);
@@ -510,7 +492,7 @@ nlohmann::ordered_json service_json(hgx_handle_t* h, hgx_service_t* svc, hgx_ins
     json instances = json::object();
     int rc;
     while ((rc = hgx_iter_next_instance(it, inst)) == 1)
-        instances[instance_name(inst)] = instance_json(h, inst);
+        instances[text_of(hgx_instance_get_name, inst)] = instance_json(h, inst);
     if (rc < 0) throw Failure{"cannot read instances: " + lib_error()};
     if (!instances.empty()) o["instances"] = std::move(instances);
     return o;
@@ -539,7 +521,8 @@ void cmd_export(const std::string& path, const std::string* wern, std::ostream& 
     if (wern) {
         bool is_instance = false;
         decode_owner(h.get(), *wern, svc, inst, &is_instance);
-        services[service_name(svc)] = service_json(h.get(), svc, is_instance ? inst.p : nullptr);
+        services[text_of(hgx_service_get_name, svc)] =
+            service_json(h.get(), svc, is_instance ? inst.p : nullptr);
     } else {
         Scope scope(hgx_scope_create(h.get()));
         Iter it(hgx_iter_create(h.get()));
@@ -548,7 +531,8 @@ void cmd_export(const std::string& path, const std::string* wern, std::ostream& 
             read_failed(path);
         int rc;
         while ((rc = hgx_iter_next_service(it, svc)) == 1)
-            services[service_name(svc)] = service_json(h.get(), svc, nullptr);
+            services[text_of(hgx_service_get_name, svc)] =
+                service_json(h.get(), svc, nullptr);
         if (rc < 0) read_failed(path);
     }
     json doc = json::object();
@@ -612,7 +596,8 @@ void cmd_show(const std::string& path, const std::string& wern, const std::strin
         each_property(h.get(), pg, [&](hgx_property_t* prop) {
             hgx_type_t type;
             if (hgx_property_type(prop, &type) < 0) throw Failure{"cannot read: " + lib_error()};
-            out << p << '/' << name_of(prop) << ' ' << hgx_type_to_string(type);
+            out << p << '/' << text_of(hgx_property_get_name, prop) << ' '
+                << hgx_type_to_string(type);
             for (const std::string& v : values_of(h.get(), prop))
                 out << ' ' << manifest::quote(v, std::string::npos);
             out << '\n';

@@ -208,8 +208,8 @@ class Builder {
     std::vector<Frame> stack_;
 };
 
-constexpr size_t WERN_LIMIT = 1024;
-constexpr size_t PG_TYPE_LIMIT = 63;
+const size_t WERN_LIMIT = static_cast<size_t>(hgx_limit(HGX_LIMIT_WERN_LENGTH));
+const size_t PG_TYPE_LIMIT = static_cast<size_t>(hgx_limit(HGX_LIMIT_PG_TYPE_LENGTH));
 
 // Thrown inside this file only, to leave the checking walk at the first fault.
 struct Fault {

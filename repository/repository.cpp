@@ -438,12 +438,18 @@ int fill_instance_tree(pkx_avl_t* tree, hgx_handle_t* handle) {
     return REPOSITORY_SUCCESS;
 }
 
+struct RegexFree {
+    regex_t* regex;
+    ~RegexFree() { regfree(regex); }
+};
+
 // Pulls into other_props every service or instance whose wern the pattern
 // selects, unless it was pulled before. A pattern that does not compile
 // pulls nothing and is no failure here.
 int match_instances(repository_t* repository, const char* pattern) {
     regex_t regex;
     if (regcomp(&regex, pattern, REG_EXTENDED | REG_NOSUB) != 0) return 0;
+    RegexFree release{&regex};
     pkx_avl_t* names = repository->instance_names;
     for (auto* node = static_cast<property_table_node_t*>(pkx_avl_first(names)); node != nullptr;
          node = static_cast<property_table_node_t*>(pkx_avl_next(names, node))) {
@@ -452,20 +458,11 @@ int match_instances(repository_t* repository, const char* pattern) {
             continue;
         repository_error_t r = fill_tree(repository->other_props, global_pool, node->info.wern,
                                          nullptr, repository->handle, 0);
-        if (r != REPOSITORY_SUCCESS) {
-            regfree(&regex);
-            return r;
-        }
+        if (r != REPOSITORY_SUCCESS) return r;
         node->info.inst_have_pulled_properties = 1;
     }
-    regfree(&regex);
     return 0;
 }
-
-struct RegexFree {
-    regex_t* regex;
-    ~RegexFree() { regfree(regex); }
-};
 
 }  // namespace
 

@@ -29,14 +29,9 @@
 
 using namespace hgx_detail;
 
-namespace hgx_detail {
-hgx_error_t get_error();
-}
-
 struct hgx_handle {
     sqlite3* db = nullptr;
     Store store;
-    std::string path;
     ~hgx_handle() {
         store.clear();
         if (db) {
@@ -132,12 +127,6 @@ struct hgx_iter : hgx_object {
 };
 
 namespace {
-
-int fail(hgx_error_t code) {
-    set_error(code);
-    return -1;
-}
-
 
 // Checks that an object is usable as a parent or source: not null, of a bound
 // handle, set.
@@ -310,23 +299,16 @@ hgx_error_t open_reading(const std::string& file, bool immutable, sqlite3** out)
     if (sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr) != SQLITE_OK)
         return give_up(HGX_ERROR_REPOSITORY_ACCESS);
     int version = -1, app = -1;
-    for (auto [sql, value] : {std::pair{"PRAGMA user_version", &version},
-                              std::pair{"PRAGMA application_id", &app}}) {
-        sqlite3_stmt* st = nullptr;
-        int rc = sqlite3_prepare_v2(db, sql, -1, &st, nullptr);
-        if (rc == SQLITE_OK) rc = sqlite3_step(st);
-        if (rc == SQLITE_ROW) *value = sqlite3_column_int(st, 0);
-        sqlite3_finalize(st);
-        if (rc != SQLITE_ROW) {
-            int code = sqlite3_extended_errcode(db);
-            if ((code & 0xff) == SQLITE_NOTADB || (code & 0xff) == SQLITE_CORRUPT)
-                return give_up(HGX_ERROR_NOT_A_REPOSITORY);
-            // The WAL index (-shm) could not be opened or created.
-            if (code == SQLITE_CANTOPEN || code == SQLITE_READONLY_DIRECTORY ||
-                code == SQLITE_READONLY_CANTINIT || code == SQLITE_READONLY_RECOVERY)
-                return give_up(HGX_ERROR_REPOSITORY_LOG);
-            return give_up(HGX_ERROR_REPOSITORY_ACCESS);
-        }
+    int code = pragma_int(db, "PRAGMA user_version", &version);
+    if (code == 0) code = pragma_int(db, "PRAGMA application_id", &app);
+    if (code != 0) {
+        if ((code & 0xff) == SQLITE_NOTADB || (code & 0xff) == SQLITE_CORRUPT)
+            return give_up(HGX_ERROR_NOT_A_REPOSITORY);
+        // The WAL index (-shm) could not be opened or created.
+        if (code == SQLITE_CANTOPEN || code == SQLITE_READONLY_DIRECTORY ||
+            code == SQLITE_READONLY_CANTINIT || code == SQLITE_READONLY_RECOVERY)
+            return give_up(HGX_ERROR_REPOSITORY_LOG);
+        return give_up(HGX_ERROR_REPOSITORY_ACCESS);
     }
     if (version != HGX_SCHEMA_VERSION || app != HGX_APPLICATION_ID)
         return give_up(HGX_ERROR_SCHEMA_MISMATCH);
@@ -383,7 +365,6 @@ int hgx_handle_bind_path(hgx_handle_t* handle, const char* path) {
         if (code != HGX_ERROR_NONE) return fail(code);
         handle->db = db;
         handle->store.attach(db);
-        handle->path = file;
         return 0;
     });
 }

@@ -55,6 +55,13 @@ constexpr size_t VALUE_LIMIT = 4096;
 extern const char* const SCHEMA_SQL;
 
 void set_error(hgx_error_t code);
+hgx_error_t get_error();
+
+// Sets the thread's error and gives the failure value of int operations.
+inline int fail(hgx_error_t code) {
+    set_error(code);
+    return -1;
+}
 
 // Runs the body of an API call. The store's C++ containers may throw
 // std::bad_alloc; nothing may cross the C interface, so an exhausted heap
@@ -131,16 +138,18 @@ struct ComposedPg {
     std::string type;
 };
 
-// Merges two lists sorted by name: every entry of `own` stands, and entries of
-// `inherited` whose name `own` lacks are added. The result stays sorted.
-std::vector<ComposedPg> merge_pgs(const std::vector<Row>& own, const std::vector<Row>& inherited);
-std::vector<Row> merge_props(std::vector<Row> own, const std::vector<Row>& inherited);
-
 // Composed children of a composed group (inst/svc pair; either may be 0), and
 // the top level of an instance's composed view.
 int composed_children(Store& s, int64_t inst_pg, int64_t svc_pg, std::vector<ComposedPg>* out);
 int composed_top(Store& s, int64_t service, int64_t instance, std::vector<ComposedPg>* out);
 int composed_props(Store& s, int64_t inst_pg, int64_t svc_pg, std::vector<Row>* out);
+
+// Binds a text parameter; SQLite keeps its own copy.
+void bind_text(sqlite3_stmt* st, int i, std::string_view s);
+
+// Reads the integer a PRAGMA query gives: 0 with *out set, else the
+// connection's extended error code.
+int pragma_int(sqlite3* db, const char* sql, int* out);
 
 // Syntax of names and werns.
 bool valid_segment(std::string_view s);
@@ -160,8 +169,5 @@ int split_wern(std::string_view wern, WernParts* out);
 
 std::string service_wern(std::string_view service);
 std::string instance_wern(std::string_view service, std::string_view instance);
-
-// Counts the values in a blob.
-size_t blob_count(std::string_view blob);
 
 }  // namespace hgx_detail

@@ -1,7 +1,5 @@
 // Cached statements, row readers, the composed view and wern syntax, shared by
 // the read and the write side.
-#include <cstring>
-
 #include "hgx_internal.h"
 
 namespace hgx_detail {
@@ -105,8 +103,17 @@ int Store::row(sqlite3_stmt* st, Row* out, int text_col, int type_col) {
     return -1;
 }
 
-static void bind_text(sqlite3_stmt* st, int i, std::string_view s) {
+void bind_text(sqlite3_stmt* st, int i, std::string_view s) {
     sqlite3_bind_text(st, i, s.data(), static_cast<int>(s.size()), SQLITE_TRANSIENT);
+}
+
+int pragma_int(sqlite3* db, const char* sql, int* out) {
+    sqlite3_stmt* st = nullptr;
+    int rc = sqlite3_prepare_v2(db, sql, -1, &st, nullptr);
+    if (rc == SQLITE_OK) rc = sqlite3_step(st);
+    if (rc == SQLITE_ROW) *out = sqlite3_column_int(st, 0);
+    sqlite3_finalize(st);
+    return rc == SQLITE_ROW ? 0 : sqlite3_extended_errcode(db);
 }
 
 int Store::services(std::vector<Row>* out) {
@@ -180,6 +187,10 @@ int Store::prop_by_name(int64_t pg, std::string_view name, Row* out) {
     return row(st, out, 2, 3);
 }
 
+namespace {
+
+// Merges two lists sorted by name: every entry of `own` stands, and entries of
+// `inherited` whose name `own` lacks are added. The result stays sorted.
 std::vector<ComposedPg> merge_pgs(const std::vector<Row>& own, const std::vector<Row>& inherited) {
     std::vector<ComposedPg> out;
     out.reserve(own.size() + inherited.size());
@@ -224,6 +235,8 @@ std::vector<Row> merge_props(std::vector<Row> own, const std::vector<Row>& inher
     return out;
 }
 
+}  // namespace
+
 int composed_children(Store& s, int64_t inst_pg, int64_t svc_pg, std::vector<ComposedPg>* out) {
     std::vector<Row> a, b;
     if (inst_pg && s.pgs(OWNER_PG, inst_pg, &a) < 0) return -1;
@@ -252,9 +265,11 @@ static bool alnum(char c) {
 }
 
 bool valid_segment(std::string_view s) {
+    // Not strchr: it would take a NUL byte in the name for the set's terminator.
+    constexpr std::string_view punctuation = "_.,+-";
     if (s.empty() || !alnum(s[0])) return false;
     for (char c : s)
-        if (!alnum(c) && !std::strchr("_.,+-", c)) return false;
+        if (!alnum(c) && punctuation.find(c) == std::string_view::npos) return false;
     return true;
 }
 
@@ -341,12 +356,6 @@ std::string instance_wern(std::string_view service, std::string_view instance) {
     s += ':';
     s += instance;
     return s;
-}
-
-size_t blob_count(std::string_view blob) {
-    size_t n = 0;
-    for (char c : blob) n += c == '\0';
-    return n;
 }
 
 }  // namespace hgx_detail

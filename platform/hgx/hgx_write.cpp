@@ -39,20 +39,11 @@ struct hgx_writer {
 
 namespace {
 
-int fail(hgx_error_t code) {
-    set_error(code);
-    return -1;
-}
-
 // Records the store's failure text for the writer and gives -1.
 int store_fail(hgx_writer* w) {
     w->message = sqlite3_errmsg(w->db);
     set_error(w->store.fail_code());
     return -1;
-}
-
-void bind_text(sqlite3_stmt* st, int i, std::string_view s) {
-    sqlite3_bind_text(st, i, s.data(), static_cast<int>(s.size()), SQLITE_TRANSIENT);
 }
 
 // Steps a statement that returns no rows, then resets it.
@@ -65,15 +56,6 @@ int run(hgx_writer* w, sqlite3_stmt* st) {
 
 int exec(sqlite3* db, const char* sql) { return sqlite3_exec(db, sql, nullptr, nullptr, nullptr); }
 
-int pragma_int(sqlite3* db, const char* sql, int* out) {
-    sqlite3_stmt* st = nullptr;
-    int rc = sqlite3_prepare_v2(db, sql, -1, &st, nullptr);
-    if (rc == SQLITE_OK) rc = sqlite3_step(st);
-    if (rc == SQLITE_ROW) *out = sqlite3_column_int(st, 0);
-    sqlite3_finalize(st);
-    return rc == SQLITE_ROW ? 0 : sqlite3_errcode(db);
-}
-
 int owner_kind(const hgx_owner& o) {
     switch (o.kind) {
         case hgx_owner::SERVICE:
@@ -84,7 +66,6 @@ int owner_kind(const hgx_owner& o) {
             return OWNER_PG;
     }
 }
-
 
 bool digits(std::string_view s) {
     if (s.empty()) return false;
@@ -319,6 +300,7 @@ hgx_writer_t* hgx_writer_open(const char* path, bool create, std::string* messag
         sqlite3_busy_timeout(w->db, 10000);
         sqlite3* db = w->db;
         auto db_refuse = [&](int code) -> hgx_writer_t* {
+            code &= 0xff;  // the primary code of an extended one
             if (code == SQLITE_NOTADB || code == SQLITE_CORRUPT)
                 return refuse(HGX_ERROR_NOT_A_REPOSITORY, hgx_strerror(HGX_ERROR_NOT_A_REPOSITORY));
             return refuse(HGX_ERROR_REPOSITORY_ACCESS, sqlite3_errmsg(db));

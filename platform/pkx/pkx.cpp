@@ -14,11 +14,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <string>
 
+// All a tree needs of its pool; the entry size only serves to check node_offset
+// at creation, and the name is not kept.
 struct pkx_avl_pool {
-    std::string name;
-    size_t entry_size;
     size_t node_offset;
     pkx_avl_compare_fn compare;
 };
@@ -170,21 +169,10 @@ node_t* first_leaf(node_t* n) {
 
 }  // namespace
 
-pkx_avl_pool_t* pkx_avl_pool_create(const char* name, size_t entry_size, size_t node_offset,
+pkx_avl_pool_t* pkx_avl_pool_create(const char* /*name*/, size_t entry_size, size_t node_offset,
                                     pkx_avl_compare_fn compare, uint32_t /*flags*/) {
     if (compare == nullptr || node_offset + sizeof(pkx_avl_node_t) > entry_size) return nullptr;
-    auto* pool = new (std::nothrow) pkx_avl_pool;
-    if (pool == nullptr) return nullptr;
-    try {
-        pool->name = name != nullptr ? name : "";
-    } catch (...) {
-        delete pool;
-        return nullptr;
-    }
-    pool->entry_size = entry_size;
-    pool->node_offset = node_offset;
-    pool->compare = compare;
-    return pool;
+    return new (std::nothrow) pkx_avl_pool{node_offset, compare};
 }
 
 void pkx_avl_pool_destroy(pkx_avl_pool_t* pool) { delete pool; }

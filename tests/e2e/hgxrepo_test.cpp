@@ -201,6 +201,8 @@ TEST_F(Hgxrepo, RefusedManifestsNameTheirPlace) {
         {"bad instance name", R"({"services": {"a": {"instances": {`"x:y": {}}}}})",
          "bad instance name"},
         {"bad group name", R"({"services": {"a": {"groups": {`"g/h": {}}}}})", "bad group name"},
+        {"nul in group name", R"({"services": {"a": {"groups": {`"g\u0000h": {}}}}})",
+         "bad group name"},
         {"long wern", wrap("`\"" + long_name + "\": 1"), "longer than 1024"},
         {"long group type",
          R"({"services": {"a": {"groups": {"g": {"type": `")" + std::string(64, 't') + "\"}}}}}",
