@@ -9,15 +9,8 @@
 #   per_item MS N                       MS / N, in microseconds
 #   make_repo NAME MANIFEST             imports MANIFEST into WORK/NAME.db once
 
-SRC=$(cd "$(dirname "$0")/.." && pwd)
-BUILD=${1:-build}
-[ -d "$BUILD" ] || { echo "bench: build directory $BUILD not found (run: make build)" >&2; exit 1; }
-BUILD=$(cd "$BUILD" && pwd)
-KELVO=$BUILD/tool/kelvo
-HGXREPO=$BUILD/hgxrepo/hgxrepo
-for b in "$KELVO" "$HGXREPO"; do
-    [ -x "$b" ] || { echo "bench: $b is missing; build first (make build)" >&2; exit 1; }
-done
+. "$(dirname "$0")/../scripts/binaries.sh"
+locate_binaries bench "${1:-build}"
 WORK=$BUILD/bench-work
 mkdir -p "$WORK"
 

@@ -10,15 +10,8 @@
 # a run in list mode.  It exits non-zero as soon as a command fails.
 set -eu
 
-SRC=$(cd "$(dirname "$0")/.." && pwd)
-BUILD=${1:-build}
-[ -d "$BUILD" ] || { echo "demo: build directory $BUILD not found (run: make build)" >&2; exit 1; }
-BUILD=$(cd "$BUILD" && pwd)
-KELVO=$BUILD/tool/kelvo
-HGXREPO=$BUILD/hgxrepo/hgxrepo
-for b in "$KELVO" "$HGXREPO"; do
-    [ -x "$b" ] || { echo "demo: $b is missing; build first (make build)" >&2; exit 1; }
-done
+. "$(dirname "$0")/../scripts/binaries.sh"
+locate_binaries demo "${1:-build}"
 
 DEMO=$BUILD/demo
 REPO=$DEMO/repository.db
