@@ -14,11 +14,6 @@
 // Children come in ascending byte order of their names.
 #include "hgx.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -29,16 +24,11 @@
 
 using namespace hgx_detail;
 
+// A bound handle owns its store, opened for reading: one state of the
+// repository for the handle's life.
 struct hgx_handle {
-    sqlite3* db = nullptr;
-    Store store;
-    ~hgx_handle() {
-        store.clear();
-        if (db) {
-            sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-            sqlite3_close_v2(db);
-        }
-    }
+    std::unique_ptr<Store> bound;
+    Store& store() { return *bound; }
 };
 
 namespace {
@@ -132,7 +122,7 @@ namespace {
 // handle, set.
 bool usable(const hgx_object* o) {
     if (!o) return fail(HGX_ERROR_INVALID_ARGUMENT), false;
-    if (!o->h || !o->h->db) return fail(HGX_ERROR_NOT_BOUND), false;
+    if (!o->h || !o->h->bound) return fail(HGX_ERROR_NOT_BOUND), false;
     if (!o->set) return fail(HGX_ERROR_NOT_SET), false;
     return true;
 }
@@ -251,74 +241,10 @@ std::vector<ComposedPg> as_pgs(const std::vector<Row>& rows) {
 
 int start_pgs_of(hgx_iter* it, const Ctx& parent, int kind, int64_t owner) {
     std::vector<Row> rows;
-    if (it->h->store.pgs(kind, owner, &rows) < 0) return -1;
+    if (it->h->store().pgs(kind, owner, &rows) < 0) return -1;
     start(it, hgx_iter::PGS, parent);
     it->pgs = as_pgs(rows);
     return 0;
-}
-
-// True where the file's write-ahead log is absent or empty.
-bool wal_is_empty(const std::string& file) {
-    struct stat st;
-    return stat((file + "-wal").c_str(), &st) != 0 || st.st_size == 0;
-}
-
-// Opens the file read-only, begins the read transaction and checks the
-// schema; HGX_ERROR_NONE with *out set, else the failure's code and nothing
-// left open. The transaction starts with BEGIN and is pinned by the first read
-// of the file, the header read of the schema check; from then on every
-// statement of the connection sees that state. `immutable` reads the main
-// file alone, without locks or WAL.
-hgx_error_t open_reading(const std::string& file, bool immutable, sqlite3** out) {
-    // An absolute path behind an empty authority, so that one beginning
-    // with "//" is not taken for a host.
-    std::string uri = file.size() > 0 && file[0] == '/' ? "file://" : "file:";
-    for (unsigned char c : file) {
-        // Only the bytes that a URI path cannot hold as they are.
-        if (c == '%' || c == '?' || c == '#' || c < 0x20 || c >= 0x7f) {
-            char esc[4];
-            std::snprintf(esc, sizeof esc, "%%%02X", c);
-            uri += esc;
-        } else {
-            uri += static_cast<char>(c);
-        }
-    }
-    uri += immutable ? "?mode=ro&immutable=1" : "?mode=ro";
-    sqlite3* db = nullptr;
-    if (sqlite3_open_v2(uri.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr) !=
-        SQLITE_OK) {
-        sqlite3_close_v2(db);
-        return HGX_ERROR_REPOSITORY_ACCESS;
-    }
-    sqlite3_busy_timeout(db, 5000);
-    auto give_up = [&](hgx_error_t code) {
-        sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-        sqlite3_close_v2(db);
-        return code;
-    };
-    if (sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr) != SQLITE_OK)
-        return give_up(HGX_ERROR_REPOSITORY_ACCESS);
-    int version = -1, app = -1;
-    int code = pragma_int(db, "PRAGMA user_version", &version);
-    if (code == 0) code = pragma_int(db, "PRAGMA application_id", &app);
-    if (code != 0) {
-        if ((code & 0xff) == SQLITE_NOTADB || (code & 0xff) == SQLITE_CORRUPT)
-            return give_up(HGX_ERROR_NOT_A_REPOSITORY);
-        // The WAL index (-shm) could not be opened or created.
-        if (code == SQLITE_CANTOPEN || code == SQLITE_READONLY_DIRECTORY ||
-            code == SQLITE_READONLY_CANTINIT || code == SQLITE_READONLY_RECOVERY)
-            return give_up(HGX_ERROR_REPOSITORY_LOG);
-        return give_up(HGX_ERROR_REPOSITORY_ACCESS);
-    }
-    if (version != HGX_SCHEMA_VERSION || app != HGX_APPLICATION_ID)
-        return give_up(HGX_ERROR_SCHEMA_MISMATCH);
-    sqlite3_stmt* probe = nullptr;
-    int rc = sqlite3_prepare_v2(db, "SELECT id FROM services LIMIT 1", -1, &probe, nullptr);
-    if (rc == SQLITE_OK) rc = sqlite3_step(probe);
-    sqlite3_finalize(probe);
-    if (rc != SQLITE_ROW && rc != SQLITE_DONE) return give_up(HGX_ERROR_SCHEMA_MISMATCH);
-    *out = db;
-    return HGX_ERROR_NONE;
 }
 
 }  // namespace
@@ -338,34 +264,16 @@ int hgx_handle_bind(hgx_handle_t* handle) { return hgx_handle_bind_path(handle, 
 int hgx_handle_bind_path(hgx_handle_t* handle, const char* path) {
     return guarded(-1, [&]() -> int {
         if (!handle) return fail(HGX_ERROR_INVALID_ARGUMENT);
-        if (handle->db) return fail(HGX_ERROR_IN_USE);
-        std::string file;
+        if (handle->bound) return fail(HGX_ERROR_IN_USE);
+        std::string where;
         if (path && *path) {
-            file = path;
+            where = path;
         } else {
             const char* env = std::getenv("HGX_REPOSITORY");
-            file = env && *env ? env : HGX_DEFAULT_REPOSITORY;
+            where = env && *env ? env : HGX_DEFAULT_REPOSITORY;
         }
-        struct stat st;
-        if (stat(file.c_str(), &st) != 0)
-            return fail(errno == ENOENT || errno == ENOTDIR ? HGX_ERROR_NO_REPOSITORY
-                                                            : HGX_ERROR_REPOSITORY_ACCESS);
-        if (S_ISDIR(st.st_mode) || access(file.c_str(), R_OK) != 0)
-            return fail(HGX_ERROR_REPOSITORY_ACCESS);
-
-        sqlite3* db = nullptr;
-        hgx_error_t code = open_reading(file, false, &db);
-        // A reader of a WAL database needs its -shm file. Where that is
-        // missing and this user cannot create it (a repository written by
-        // another user into a directory this one cannot write), the file
-        // can still be read without the WAL machinery, provided the WAL holds
-        // nothing: then the main file is the whole committed state.
-        if (code == HGX_ERROR_REPOSITORY_LOG && wal_is_empty(file))
-            code = open_reading(file, true, &db);
-        if (code != HGX_ERROR_NONE) return fail(code);
-        handle->db = db;
-        handle->store.attach(db);
-        return 0;
+        handle->bound = open_store(where, OpenMode::READ, nullptr);
+        return handle->bound ? 0 : -1;
     });
 }
 
@@ -391,7 +299,7 @@ void hgx_iter_destroy(hgx_iter_t* o) { delete o; }
 
 int hgx_handle_get_scope(hgx_handle_t* handle, const char* name, hgx_scope_t* scope) {
     if (!handle || !name || !scope) return fail(HGX_ERROR_INVALID_ARGUMENT);
-    if (!handle->db) return fail(HGX_ERROR_NOT_BOUND);
+    if (!handle->bound) return fail(HGX_ERROR_NOT_BOUND);
     if (scope->h != handle) return fail(HGX_ERROR_HANDLE_MISMATCH);
     if (std::strcmp(name, "localhost") != 0) return fail(HGX_ERROR_NOT_FOUND);
     scope->set = true;
@@ -403,7 +311,7 @@ int hgx_handle_decode_wern(hgx_handle_t* handle, const char* wern, hgx_scope_t* 
                            hgx_propertygroup_t* pg, hgx_property_t* property, int flags) {
     return guarded(-1, [&]() -> int {
         if (!handle || !wern) return fail(HGX_ERROR_INVALID_ARGUMENT);
-        if (!handle->db) return fail(HGX_ERROR_NOT_BOUND);
+        if (!handle->bound) return fail(HGX_ERROR_NOT_BOUND);
         for (hgx_object* o :
              std::initializer_list<hgx_object*>{scope, service, instance, pg, property})
             if (o && o->h != handle) return fail(HGX_ERROR_HANDLE_MISMATCH);
@@ -419,7 +327,7 @@ int hgx_handle_decode_wern(hgx_handle_t* handle, const char* wern, hgx_scope_t* 
             return fail(HGX_ERROR_CONSTRAINT_VIOLATED);
         if (w.scope != "localhost") return fail(HGX_ERROR_NOT_FOUND);
 
-        Store& s = handle->store;
+        Store& s = handle->store();
         Row svc, inst;
         Ctx ctx;
         if (!w.scope_only) {
@@ -555,7 +463,7 @@ int hgx_iter_scope_services(hgx_iter_t* iter, const hgx_scope_t* scope) {
     return guarded(-1, [&]() -> int {
         if (!iter || !usable(scope) || !same_handle(scope, iter)) return -1;
         std::vector<Row> rows;
-        if (iter->h->store.services(&rows) < 0) return -1;
+        if (iter->h->store().services(&rows) < 0) return -1;
         start(iter, hgx_iter::SERVICES, Ctx{});
         iter->rows = std::move(rows);
         return 0;
@@ -566,7 +474,7 @@ int hgx_iter_service_instances(hgx_iter_t* iter, const hgx_service_t* service) {
     return guarded(-1, [&]() -> int {
         if (!iter || !usable(service) || !same_handle(service, iter)) return -1;
         std::vector<Row> rows;
-        if (iter->h->store.instances(service->id, &rows) < 0) return -1;
+        if (iter->h->store().instances(service->id, &rows) < 0) return -1;
         Ctx c;
         c.service_id = service->id;
         c.service = service->name;
@@ -603,7 +511,7 @@ int hgx_iter_instance_pgs_composed(hgx_iter_t* iter, const hgx_instance_t* insta
             return start_pgs_of(iter, snapshot_ctx(snapshot), OWNER_SNAPSHOT, snapshot->id);
         }
         std::vector<ComposedPg> pgs;
-        if (composed_top(iter->h->store, instance->service_id, instance->id, &pgs) < 0) return -1;
+        if (composed_top(iter->h->store(), instance->service_id, instance->id, &pgs) < 0) return -1;
         start(iter, hgx_iter::PGS, instance_ctx(instance, MODE_COMPOSED));
         iter->pgs = std::move(pgs);
         return 0;
@@ -614,7 +522,7 @@ int hgx_iter_pg_properties(hgx_iter_t* iter, const hgx_propertygroup_t* pg) {
     return guarded(-1, [&]() -> int {
         if (!iter || !usable(pg) || !same_handle(pg, iter)) return -1;
         std::vector<Row> rows;
-        Store& s = iter->h->store;
+        Store& s = iter->h->store();
         if (pg->ctx.mode == MODE_COMPOSED ? composed_props(s, pg->id, pg->svc, &rows)
                                           : s.props(pg->id, &rows))
             return -1;
@@ -629,7 +537,7 @@ int hgx_iter_pg_pgs(hgx_iter_t* iter, const hgx_propertygroup_t* pg) {
         if (!iter || !usable(pg) || !same_handle(pg, iter)) return -1;
         if (pg->ctx.mode != MODE_COMPOSED) return start_pgs_of(iter, pg->ctx, OWNER_PG, pg->id);
         std::vector<ComposedPg> pgs;
-        if (composed_children(iter->h->store, pg->id, pg->svc, &pgs) < 0) return -1;
+        if (composed_children(iter->h->store(), pg->id, pg->svc, &pgs) < 0) return -1;
         start(iter, hgx_iter::PGS, pg->ctx);
         iter->pgs = std::move(pgs);
         return 0;
@@ -640,7 +548,7 @@ int hgx_iter_pg_pgs_composed(hgx_iter_t* iter, const hgx_propertygroup_t* pg,
                              const hgx_snapshot_t* snapshot) {
     return guarded(-1, [&]() -> int {
         if (!iter || !usable(pg) || !same_handle(pg, iter)) return -1;
-        Store& s = iter->h->store;
+        Store& s = iter->h->store();
         if (snapshot) {
             if (!usable(snapshot) || !same_handle(snapshot, iter)) return -1;
             Ctx c = snapshot_ctx(snapshot);
@@ -702,7 +610,7 @@ namespace {
 int step(hgx_iter* it, hgx_iter::Kind kind, hgx_object* out, size_t count) {
     if (!it || !out) return fail(HGX_ERROR_INVALID_ARGUMENT);
     if (it->h != out->h) return fail(HGX_ERROR_HANDLE_MISMATCH);
-    if (!it->h->db) return fail(HGX_ERROR_NOT_BOUND);
+    if (!it->h->bound) return fail(HGX_ERROR_NOT_BOUND);
     if (it->kind == hgx_iter::NONE) return fail(HGX_ERROR_NOT_SET);
     if (it->kind != kind) return fail(HGX_ERROR_TYPE_MISMATCH);
     return it->pos < count ? 1 : 0;
@@ -835,7 +743,7 @@ int hgx_service_get_pg(const hgx_service_t* service, const char* name, hgx_prope
     return guarded(-1, [&]() -> int {
         if (!name || !usable(service) || !same_handle(service, pg)) return -1;
         Row r;
-        int rc = service->h->store.pg_by_name(OWNER_SERVICE, service->id, name, &r);
+        int rc = service->h->store().pg_by_name(OWNER_SERVICE, service->id, name, &r);
         if (rc <= 0) return rc < 0 ? -1 : fail(HGX_ERROR_NOT_FOUND);
         Ctx c;
         c.service_id = service->id;
@@ -849,7 +757,7 @@ int hgx_instance_get_pg(const hgx_instance_t* instance, const char* name, hgx_pr
     return guarded(-1, [&]() -> int {
         if (!name || !usable(instance) || !same_handle(instance, pg)) return -1;
         Row r;
-        int rc = instance->h->store.pg_by_name(OWNER_INSTANCE, instance->id, name, &r);
+        int rc = instance->h->store().pg_by_name(OWNER_INSTANCE, instance->id, name, &r);
         if (rc <= 0) return rc < 0 ? -1 : fail(HGX_ERROR_NOT_FOUND);
         set_pg(pg, instance_ctx(instance, MODE_OWN), MODE_OWN, r.id, 0, r.name, r.text);
         return 0;
@@ -860,7 +768,7 @@ int hgx_instance_get_pg_composed(const hgx_instance_t* instance, const hgx_snaps
                                  const char* name, hgx_propertygroup_t* pg) {
     return guarded(-1, [&]() -> int {
         if (!name || !usable(instance) || !same_handle(instance, pg)) return -1;
-        Store& s = instance->h->store;
+        Store& s = instance->h->store();
         Row a, b;
         if (snapshot) {
             if (!usable(snapshot) || !same_handle(instance, snapshot)) return -1;
@@ -885,7 +793,7 @@ int hgx_instance_get_snapshot(const hgx_instance_t* instance, const char* name,
     return guarded(-1, [&]() -> int {
         if (!name || !usable(instance) || !same_handle(instance, snapshot)) return -1;
         Row r;
-        int rc = instance->h->store.snapshot_by_name(instance->id, name, &r);
+        int rc = instance->h->store().snapshot_by_name(instance->id, name, &r);
         if (rc <= 0) return rc < 0 ? -1 : fail(HGX_ERROR_NOT_FOUND);
         snapshot->id = r.id;
         snapshot->instance_id = instance->id;

@@ -1,32 +1,11 @@
-// Internals of libhgx shared by the read side (hgx.cpp) and the library's own
-// write side (hgx_write.cpp): the schema, the cached statements, row readers,
-// and the thread's last error.
-//
-// Schema (version HGX_SCHEMA_VERSION in PRAGMA user_version, and
-// HGX_APPLICATION_ID in PRAGMA application_id):
-//
-//   services (id, name UNIQUE)
-//   instances(id, service_id, name, UNIQUE(service_id, name))
-//   snapshots(id, instance_id, name, UNIQUE(instance_id, name))
-//   pgs      (id, owner_kind, owner_id, name, type, service_id, instance_id,
-//             snapshot_id, UNIQUE(owner_kind, owner_id, name))
-//   props    (id, pg_id, name, type, vals, UNIQUE(pg_id, name))
-//
-// A group is owned by a service, an instance, a snapshot or another group
-// (owner_kind), and also carries the ids of the service, instance (0 when the
-// service owns it) and snapshot (0 for live groups) it lies below, so that a
-// service, an instance or a snapshot can be removed with a few indexed deletes
-// instead of a walk. A property's values are stored in one blob, each value
-// followed by a NUL byte: values cannot hold NUL, the number of values is the
-// number of NUL bytes, and no values is the empty blob. Every lookup the read
-// side makes is served by one of the UNIQUE indexes, and ORDER BY name walks
-// those indexes in byte order (BINARY collation), which is the iteration
-// order the library documents.
+// Internals of libhgx shared by its read side (hgx.cpp), its write side
+// (hgx_write.cpp) and its stores: the store seam, the composed view, wern
+// syntax and the thread's last error. The stores themselves are
+// hgx_sqlite.cpp (a file) and hgx_etcd.cpp (an etcd cluster).
 #pragma once
 
-#include <sqlite3.h>
-
 #include <cstdint>
+#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
@@ -36,9 +15,6 @@
 #include "hgx.h"
 
 namespace hgx_detail {
-
-constexpr int HGX_SCHEMA_VERSION = 1;
-constexpr int HGX_APPLICATION_ID = 0x68677831;  // "hgx1"
 
 enum OwnerKind : int {
     OWNER_SERVICE = 0,
@@ -50,9 +26,6 @@ enum OwnerKind : int {
 constexpr size_t WERN_LIMIT = 1024;
 constexpr size_t PG_TYPE_LIMIT = 63;
 constexpr size_t VALUE_LIMIT = 4096;
-
-// The schema as one script, run inside the creating transaction.
-extern const char* const SCHEMA_SQL;
 
 void set_error(hgx_error_t code);
 hgx_error_t get_error();
@@ -76,6 +49,13 @@ R guarded(R failure, F&& body) {
     }
 }
 
+// Where a new group goes: its owner and the objects it lies below.
+struct PgPlace {
+    int kind = OWNER_SERVICE;
+    int64_t owner = 0;
+    int64_t service = 0, instance = 0, snapshot = 0;
+};
+
 struct Row {
     int64_t id = 0;
     std::string name;
@@ -83,51 +63,84 @@ struct Row {
     int type = 0;      // property type
 };
 
-// Finalizes the statements it prepared when it goes.
+// The store seam: everything libhgx keeps, read and written through one
+// narrow interface, so that werns, the composed view, snapshots, iteration
+// and the write operations above it are written once for every store.
+//
+// Objects are named by ids that the store hands out (never 0, and stable
+// for the life of the store object). Lists come in ascending byte order of
+// their names. Lookups of one object give 1 with *out set, 0 where there is
+// none, -1 on failure; lists and changes give 0 or -1 (ids: the id or -1).
+// A failure sets the thread's error (hgx_error) and may leave a text of the
+// store's own in message().
+//
+// A store opened for reading sees one state of the repository for its whole
+// life. One opened for writing holds one transaction: nothing it changes is
+// seen by anyone before commit(), and destroying it without a commit leaves
+// the repository as it was.
 class Store {
   public:
-    explicit Store(sqlite3* db = nullptr) : db_(db) {}
-    ~Store() { clear(); }
-    Store(const Store&) = delete;
-    Store& operator=(const Store&) = delete;
+    virtual ~Store() = default;
 
-    void attach(sqlite3* db) {
-        clear();
-        db_ = db;
-    }
-    sqlite3* db() const { return db_; }
-    void clear();
-
-    // A statement for the given SQL text, prepared once and reset for reuse.
-    // The text must be a string literal: its address is the cache key.
-    sqlite3_stmt* stmt(const char* sql);
-
-    // Runs a statement with bound parameters to its end, collecting rows of
-    // the shape (id, name[, text][, type]) from the first columns. Returns 0,
-    // or -1 with the error set.
-    int rows(sqlite3_stmt* st, std::vector<Row>* out, int text_col = -1, int type_col = -1);
-    // First row only; 1 found, 0 none, -1 failure.
-    int row(sqlite3_stmt* st, Row* out, int text_col = -1, int type_col = -1);
-
-    int services(std::vector<Row>* out);
-    int service_by_name(std::string_view name, Row* out);
-    int instances(int64_t service, std::vector<Row>* out);
-    int instance_by_name(int64_t service, std::string_view name, Row* out);
-    int snapshot_by_name(int64_t instance, std::string_view name, Row* out);
-    // Groups: text is the type.
-    int pgs(int kind, int64_t owner, std::vector<Row>* out);
-    int pg_by_name(int kind, int64_t owner, std::string_view name, Row* out);
+    virtual int services(std::vector<Row>* out) = 0;
+    virtual int service_by_name(std::string_view name, Row* out) = 0;
+    virtual int instances(int64_t service, std::vector<Row>* out) = 0;
+    virtual int instance_by_name(int64_t service, std::string_view name, Row* out) = 0;
+    virtual int snapshots(int64_t instance, std::vector<Row>* out) = 0;
+    virtual int snapshot_by_name(int64_t instance, std::string_view name, Row* out) = 0;
+    // Groups of an owner (kind OWNER_*): text is the type.
+    virtual int pgs(int kind, int64_t owner, std::vector<Row>* out) = 0;
+    virtual int pg_by_name(int kind, int64_t owner, std::string_view name, Row* out) = 0;
     // Properties: text is the values blob, type the hgx_type_t.
-    int props(int64_t pg, std::vector<Row>* out);
-    int prop_by_name(int64_t pg, std::string_view name, Row* out);
+    virtual int props(int64_t pg, std::vector<Row>* out) = 0;
+    virtual int prop_by_name(int64_t pg, std::string_view name, Row* out) = 0;
 
-    // Error code for a failed SQLite call on the read side.
-    hgx_error_t fail_code() const;
+    // Changes; names and values are checked by the caller. An add of a name
+    // the owner has already fails with HGX_ERROR_EXISTS.
+    virtual int64_t add_service(std::string_view name) = 0;
+    // Removes the service with its instances, snapshots, groups, properties.
+    virtual int delete_service(int64_t service) = 0;
+    virtual int64_t add_instance(int64_t service, std::string_view name) = 0;
+    virtual int delete_instance(int64_t service, int64_t instance) = 0;
+    virtual int64_t add_snapshot(int64_t service, int64_t instance, std::string_view name) = 0;
+    virtual int delete_snapshot(int64_t service, int64_t instance, int64_t snapshot) = 0;
+    // A group below an owner, which lies below the service, the instance (0
+    // for a service's own groups) and the snapshot (0 for live groups).
+    virtual int64_t add_pg(const PgPlace& place, std::string_view name, std::string_view type) = 0;
+    // Removes a group with its nested groups and their properties.
+    virtual int delete_pg(int64_t pg) = 0;
+    // replace: a property of that name is replaced; else one fails (EXISTS).
+    virtual int put_prop(int64_t pg, std::string_view name, int type, std::string_view blob,
+                         bool replace) = 0;
+    // 1 removed, 0 there was none, -1 failure.
+    virtual int delete_prop(int64_t pg, std::string_view name) = 0;
+    virtual int commit() = 0;
 
-  private:
-    sqlite3* db_;
-    std::unordered_map<const char*, sqlite3_stmt*> cache_;
+    // The store's own text for the last failure, or empty.
+    const std::string& message() const { return message_; }
+
+  protected:
+    std::string message_;
 };
+
+// How a store is opened.
+enum class OpenMode {
+    READ,    // one consistent state, read-only
+    WRITE,   // one transaction on an existing repository
+    CREATE,  // as WRITE, creating an empty repository where there is none
+};
+
+// Opens the repository that `where` names: an etcd URL (etcd:// or
+// etcds://) or a file. Null on failure, with the error set and, where
+// message is given, a line for the user in it.
+std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode,
+                                  std::string* message);
+bool is_cluster_url(std::string_view where);
+// The two stores behind open_store.
+std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode,
+                                       std::string* message);
+std::unique_ptr<Store> open_cluster_store(const std::string& url, OpenMode mode,
+                                          std::string* message);
 
 // A group of the composed view of an instance: the instance's group and the
 // service's group at the same path, either of which may be missing (0).
@@ -143,13 +156,6 @@ struct ComposedPg {
 int composed_children(Store& s, int64_t inst_pg, int64_t svc_pg, std::vector<ComposedPg>* out);
 int composed_top(Store& s, int64_t service, int64_t instance, std::vector<ComposedPg>* out);
 int composed_props(Store& s, int64_t inst_pg, int64_t svc_pg, std::vector<Row>* out);
-
-// Binds a text parameter; SQLite keeps its own copy.
-void bind_text(sqlite3_stmt* st, int i, std::string_view s);
-
-// Reads the integer a PRAGMA query gives: 0 with *out set, else the
-// connection's extended error code.
-int pragma_int(sqlite3* db, const char* sql, int* out);
 
 // Syntax of names and werns.
 bool valid_segment(std::string_view s);

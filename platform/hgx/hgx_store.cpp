@@ -1,22 +1,8 @@
-// Cached statements, row readers, the composed view and wern syntax, shared by
-// the read and the write side.
+// What every store shares: the thread's error, the choice of store, the
+// composed view and wern syntax.
 #include "hgx_internal.h"
 
 namespace hgx_detail {
-
-const char* const SCHEMA_SQL =
-    "CREATE TABLE services(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE);"
-    "CREATE TABLE instances(id INTEGER PRIMARY KEY, service_id INTEGER NOT NULL,"
-    " name TEXT NOT NULL, UNIQUE(service_id, name));"
-    "CREATE TABLE snapshots(id INTEGER PRIMARY KEY, instance_id INTEGER NOT NULL,"
-    " name TEXT NOT NULL, UNIQUE(instance_id, name));"
-    "CREATE TABLE pgs(id INTEGER PRIMARY KEY, owner_kind INTEGER NOT NULL,"
-    " owner_id INTEGER NOT NULL, name TEXT NOT NULL, type TEXT NOT NULL,"
-    " service_id INTEGER NOT NULL, instance_id INTEGER NOT NULL,"
-    " snapshot_id INTEGER NOT NULL, UNIQUE(owner_kind, owner_id, name));"
-    "CREATE INDEX pgs_root ON pgs(service_id, instance_id, snapshot_id);"
-    "CREATE TABLE props(id INTEGER PRIMARY KEY, pg_id INTEGER NOT NULL,"
-    " name TEXT NOT NULL, type INTEGER NOT NULL, vals BLOB NOT NULL, UNIQUE(pg_id, name));";
 
 namespace {
 thread_local hgx_error_t last_error = HGX_ERROR_NONE;
@@ -25,166 +11,14 @@ thread_local hgx_error_t last_error = HGX_ERROR_NONE;
 void set_error(hgx_error_t code) { last_error = code; }
 hgx_error_t get_error() { return last_error; }
 
-void Store::clear() {
-    for (auto& [sql, st] : cache_) sqlite3_finalize(st);
-    cache_.clear();
+bool is_cluster_url(std::string_view where) {
+    return where.substr(0, 7) == "etcd://" || where.substr(0, 8) == "etcds://";
 }
 
-sqlite3_stmt* Store::stmt(const char* sql) {
-    auto it = cache_.find(sql);
-    if (it != cache_.end()) {
-        sqlite3_reset(it->second);
-        sqlite3_clear_bindings(it->second);
-        return it->second;
-    }
-    sqlite3_stmt* st = nullptr;
-    if (!db_ ||
-        sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &st, nullptr) != SQLITE_OK) {
-        sqlite3_finalize(st);
-        set_error(fail_code());
-        return nullptr;
-    }
-    cache_.emplace(sql, st);
-    return st;
-}
-
-hgx_error_t Store::fail_code() const {
-    if (!db_) return HGX_ERROR_NOT_BOUND;
-    switch (sqlite3_errcode(db_)) {
-        case SQLITE_NOMEM:
-            return HGX_ERROR_NO_MEMORY;
-        case SQLITE_CONSTRAINT:
-            return HGX_ERROR_EXISTS;
-        case SQLITE_READONLY:
-            return HGX_ERROR_PERMISSION_DENIED;
-        default:
-            return HGX_ERROR_CONNECTION_BROKEN;
-    }
-}
-
-static void read_row(sqlite3_stmt* st, Row* r, int text_col, int type_col) {
-    r->id = sqlite3_column_int64(st, 0);
-    const unsigned char* n = sqlite3_column_text(st, 1);
-    r->name.assign(n ? reinterpret_cast<const char*>(n) : "",
-                   static_cast<size_t>(sqlite3_column_bytes(st, 1)));
-    if (text_col >= 0) {
-        const void* b = sqlite3_column_blob(st, text_col);
-        r->text.assign(b ? static_cast<const char*>(b) : "",
-                       static_cast<size_t>(sqlite3_column_bytes(st, text_col)));
-    }
-    if (type_col >= 0) r->type = sqlite3_column_int(st, type_col);
-}
-
-int Store::rows(sqlite3_stmt* st, std::vector<Row>* out, int text_col, int type_col) {
-    out->clear();
-    int rc;
-    while ((rc = sqlite3_step(st)) == SQLITE_ROW) {
-        out->emplace_back();
-        read_row(st, &out->back(), text_col, type_col);
-    }
-    sqlite3_reset(st);
-    if (rc != SQLITE_DONE) {
-        set_error(fail_code());
-        return -1;
-    }
-    return 0;
-}
-
-int Store::row(sqlite3_stmt* st, Row* out, int text_col, int type_col) {
-    int rc = sqlite3_step(st);
-    if (rc == SQLITE_ROW) {
-        read_row(st, out, text_col, type_col);
-        sqlite3_reset(st);
-        return 1;
-    }
-    sqlite3_reset(st);
-    if (rc == SQLITE_DONE) return 0;
-    set_error(fail_code());
-    return -1;
-}
-
-void bind_text(sqlite3_stmt* st, int i, std::string_view s) {
-    sqlite3_bind_text(st, i, s.data(), static_cast<int>(s.size()), SQLITE_TRANSIENT);
-}
-
-int pragma_int(sqlite3* db, const char* sql, int* out) {
-    sqlite3_stmt* st = nullptr;
-    int rc = sqlite3_prepare_v2(db, sql, -1, &st, nullptr);
-    if (rc == SQLITE_OK) rc = sqlite3_step(st);
-    if (rc == SQLITE_ROW) *out = sqlite3_column_int(st, 0);
-    sqlite3_finalize(st);
-    return rc == SQLITE_ROW ? 0 : sqlite3_extended_errcode(db);
-}
-
-int Store::services(std::vector<Row>* out) {
-    sqlite3_stmt* st = stmt("SELECT id, name FROM services ORDER BY name");
-    return st ? rows(st, out) : -1;
-}
-
-int Store::service_by_name(std::string_view name, Row* out) {
-    sqlite3_stmt* st = stmt("SELECT id, name FROM services WHERE name = ?1");
-    if (!st) return -1;
-    bind_text(st, 1, name);
-    return row(st, out);
-}
-
-int Store::instances(int64_t service, std::vector<Row>* out) {
-    sqlite3_stmt* st = stmt("SELECT id, name FROM instances WHERE service_id = ?1 ORDER BY name");
-    if (!st) return -1;
-    sqlite3_bind_int64(st, 1, service);
-    return rows(st, out);
-}
-
-int Store::instance_by_name(int64_t service, std::string_view name, Row* out) {
-    sqlite3_stmt* st = stmt("SELECT id, name FROM instances WHERE service_id = ?1 AND name = ?2");
-    if (!st) return -1;
-    sqlite3_bind_int64(st, 1, service);
-    bind_text(st, 2, name);
-    return row(st, out);
-}
-
-int Store::snapshot_by_name(int64_t instance, std::string_view name, Row* out) {
-    sqlite3_stmt* st = stmt("SELECT id, name FROM snapshots WHERE instance_id = ?1 AND name = ?2");
-    if (!st) return -1;
-    sqlite3_bind_int64(st, 1, instance);
-    bind_text(st, 2, name);
-    return row(st, out);
-}
-
-int Store::pgs(int kind, int64_t owner, std::vector<Row>* out) {
-    sqlite3_stmt* st = stmt(
-        "SELECT id, name, type FROM pgs WHERE owner_kind = ?1 AND owner_id = ?2 ORDER BY name");
-    if (!st) return -1;
-    sqlite3_bind_int(st, 1, kind);
-    sqlite3_bind_int64(st, 2, owner);
-    return rows(st, out, 2);
-}
-
-int Store::pg_by_name(int kind, int64_t owner, std::string_view name, Row* out) {
-    sqlite3_stmt* st = stmt(
-        "SELECT id, name, type FROM pgs WHERE owner_kind = ?1 AND owner_id = ?2 AND name = ?3");
-    if (!st) return -1;
-    sqlite3_bind_int(st, 1, kind);
-    sqlite3_bind_int64(st, 2, owner);
-    bind_text(st, 3, name);
-    return row(st, out, 2);
-}
-
-int Store::props(int64_t pg, std::vector<Row>* out) {
-    sqlite3_stmt* st =
-        stmt("SELECT id, name, vals, type FROM props WHERE pg_id = ?1 ORDER BY name");
-    if (!st) return -1;
-    sqlite3_bind_int64(st, 1, pg);
-    return rows(st, out, 2, 3);
-}
-
-int Store::prop_by_name(int64_t pg, std::string_view name, Row* out) {
-    sqlite3_stmt* st =
-        stmt("SELECT id, name, vals, type FROM props WHERE pg_id = ?1 AND name = ?2");
-    if (!st) return -1;
-    sqlite3_bind_int64(st, 1, pg);
-    bind_text(st, 2, name);
-    return row(st, out, 2, 3);
+std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode,
+                                  std::string* message) {
+    if (is_cluster_url(where)) return open_cluster_store(where, mode, message);
+    return open_file_store(where, mode, message);
 }
 
 namespace {

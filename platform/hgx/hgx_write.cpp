@@ -1,13 +1,8 @@
-// libhgx's write side: opening a repository for writing, the schema, and the
-// operations hgxrepo builds on.
+// libhgx's write side: the operations hgxrepo builds on, over whichever store
+// the repository is kept in.
 #include "hgx_write.h"
 
 #include <arpa/inet.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
 #include <memory>
 #include <new>
 
@@ -15,46 +10,14 @@
 
 using namespace hgx_detail;
 
+// A writer owns its store, opened for writing: one transaction from its
+// opening to its commit.
 struct hgx_writer {
-    sqlite3* db = nullptr;
-    Store store;
-    std::string path;
-    bool created = false;  // the file did not exist before this writer
+    std::unique_ptr<Store> store;
     bool committed = false;
-    std::string message;
-
-    ~hgx_writer() {
-        store.clear();
-        if (db) {
-            if (!committed) sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-            sqlite3_close_v2(db);
-        }
-        if (created && !committed) {
-            // Nothing of a failed first write may stay behind.
-            for (const char* suffix : {"", "-wal", "-shm", "-journal"})
-                unlink((path + suffix).c_str());
-        }
-    }
 };
 
 namespace {
-
-// Records the store's failure text for the writer and gives -1.
-int store_fail(hgx_writer* w) {
-    w->message = sqlite3_errmsg(w->db);
-    set_error(w->store.fail_code());
-    return -1;
-}
-
-// Steps a statement that returns no rows, then resets it.
-int run(hgx_writer* w, sqlite3_stmt* st) {
-    if (!st) return store_fail(w);
-    int rc = sqlite3_step(st);
-    sqlite3_reset(st);
-    return rc == SQLITE_DONE ? 0 : store_fail(w);
-}
-
-int exec(sqlite3* db, const char* sql) { return sqlite3_exec(db, sql, nullptr, nullptr, nullptr); }
 
 int owner_kind(const hgx_owner& o) {
     switch (o.kind) {
@@ -272,93 +235,41 @@ std::string hgx_values_blob(const std::vector<std::string>& values) {
 
 hgx_writer_t* hgx_writer_open(const char* path, bool create, std::string* message) {
     return guarded<hgx_writer_t*>(nullptr, [&]() -> hgx_writer_t* {
-        std::string file = path ? path : "";
-        auto refuse = [&](hgx_error_t code, const std::string& text) -> hgx_writer_t* {
-            set_error(code);
-            if (message) *message = file + ": " + text;
-            return nullptr;
-        };
-        if (file.empty()) return refuse(HGX_ERROR_INVALID_ARGUMENT, "no repository file named");
-        struct stat st;
-        bool exists = stat(file.c_str(), &st) == 0;
-        if (!exists && errno != ENOENT)
-            return refuse(HGX_ERROR_REPOSITORY_ACCESS, std::strerror(errno));
-        if (!exists && !create)
-            return refuse(HGX_ERROR_NO_REPOSITORY, hgx_strerror(HGX_ERROR_NO_REPOSITORY));
-        if (exists && S_ISDIR(st.st_mode))
-            return refuse(HGX_ERROR_REPOSITORY_ACCESS, "is a directory");
+        std::unique_ptr<Store> s =
+            open_store(path ? path : "", create ? OpenMode::CREATE : OpenMode::WRITE, message);
+        if (!s) return nullptr;
+        return new hgx_writer{std::move(s)};
+    });
+}
 
-        std::unique_ptr<hgx_writer> w(new hgx_writer);
-        w->path = file;
-        int flags = SQLITE_OPEN_READWRITE | (exists ? 0 : SQLITE_OPEN_CREATE);
-        int rc = sqlite3_open_v2(file.c_str(), &w->db, flags, nullptr);
-        w->created = !exists && rc == SQLITE_OK;
-        if (rc != SQLITE_OK) {
-            std::string text = w->db ? sqlite3_errmsg(w->db) : "cannot open";
-            return refuse(HGX_ERROR_REPOSITORY_ACCESS, "cannot be opened: " + text);
-        }
-        sqlite3_busy_timeout(w->db, 10000);
-        sqlite3* db = w->db;
-        auto db_refuse = [&](int code) -> hgx_writer_t* {
-            code &= 0xff;  // the primary code of an extended one
-            if (code == SQLITE_NOTADB || code == SQLITE_CORRUPT)
-                return refuse(HGX_ERROR_NOT_A_REPOSITORY, hgx_strerror(HGX_ERROR_NOT_A_REPOSITORY));
-            return refuse(HGX_ERROR_REPOSITORY_ACCESS, sqlite3_errmsg(db));
-        };
-
-        // A fresh file, or an existing one that is still empty, gets the
-        // schema. Anything else must be a repository of this schema, checked
-        // before the journal mode is touched, so that a foreign database is
-        // left exactly as it was.
-        bool fresh = !exists || st.st_size == 0;
-        if (!fresh) {
-            int version = -1, app = -1;
-            int e = pragma_int(db, "PRAGMA user_version", &version);
-            if (!e) e = pragma_int(db, "PRAGMA application_id", &app);
-            if (e) return db_refuse(e);
-            if (version != HGX_SCHEMA_VERSION || app != HGX_APPLICATION_ID)
-                return refuse(HGX_ERROR_SCHEMA_MISMATCH, hgx_strerror(HGX_ERROR_SCHEMA_MISMATCH));
-        }
-        // WAL, so that readers holding their snapshot and this writer do not
-        // block each other.
-        if (exec(db, "PRAGMA journal_mode=WAL") != SQLITE_OK) return db_refuse(sqlite3_errcode(db));
-        // The -wal and -shm files stay when the writer closes (the log cut
-        // to nothing), created like the file itself: a reader that cannot
-        // create files in the directory, such as another user reading a
-        // repository that root wrote, needs them to read a WAL database.
-        int persist = 1;
-        sqlite3_file_control(db, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
-        exec(db, "PRAGMA journal_size_limit=0");
-        exec(db, "PRAGMA cache_size=-262144");
-        exec(db, "PRAGMA temp_store=MEMORY");
-        if (exec(db, "BEGIN IMMEDIATE") != SQLITE_OK) return db_refuse(sqlite3_errcode(db));
-        if (fresh) {
-            std::string schema = SCHEMA_SQL;
-            schema += "PRAGMA user_version=" + std::to_string(HGX_SCHEMA_VERSION) + ";";
-            schema += "PRAGMA application_id=" + std::to_string(HGX_APPLICATION_ID) + ";";
-            if (exec(db, schema.c_str()) != SQLITE_OK) return db_refuse(sqlite3_errcode(db));
-        }
-        w->store.attach(db);
-        return w.release();
+hgx_writer_t* hgx_reader_open(const char* path, std::string* message) {
+    return guarded<hgx_writer_t*>(nullptr, [&]() -> hgx_writer_t* {
+        std::unique_ptr<Store> s = open_store(path ? path : "", OpenMode::READ, message);
+        if (!s) return nullptr;
+        return new hgx_writer{std::move(s)};
     });
 }
 
 int hgx_writer_commit(hgx_writer_t* w) {
-    if (!w || !w->db) return fail(HGX_ERROR_INVALID_ARGUMENT);
-    if (exec(w->db, "COMMIT") != SQLITE_OK) return store_fail(w);
-    w->committed = true;
-    return 0;
+    if (!w || !w->store) return fail(HGX_ERROR_INVALID_ARGUMENT);
+    return guarded(-1, [&]() -> int {
+        if (w->store->commit() < 0) return -1;
+        w->committed = true;
+        return 0;
+    });
 }
 
 void hgx_writer_close(hgx_writer_t* w) { delete w; }
 
-const char* hgx_writer_message(const hgx_writer_t* w) { return w ? w->message.c_str() : ""; }
+const char* hgx_writer_message(const hgx_writer_t* w) {
+    return w ? w->store->message().c_str() : "";
+}
 
 hgx_id_t hgx_writer_find_service(hgx_writer_t* w, std::string_view name) {
     return guarded<hgx_id_t>(-1, [&]() -> hgx_id_t {
         Row r;
-        int rc = w->store.service_by_name(name, &r);
-        return rc < 0 ? store_fail(w) : rc ? r.id : 0;
+        int rc = w->store->service_by_name(name, &r);
+        return rc < 0 ? -1 : rc ? r.id : 0;
     });
 }
 
@@ -366,36 +277,18 @@ hgx_id_t hgx_writer_add_service(hgx_writer_t* w, std::string_view name) {
     return guarded<hgx_id_t>(-1, [&]() -> hgx_id_t {
         if (!valid_service_name(name) || name.size() + 5 > WERN_LIMIT)
             return fail(HGX_ERROR_INVALID_ARGUMENT);
-        sqlite3_stmt* st = w->store.stmt("INSERT INTO services(name) VALUES(?1)");
-        if (!st) return store_fail(w);
-        bind_text(st, 1, name);
-        if (run(w, st) < 0) return -1;
-        return sqlite3_last_insert_rowid(w->db);
+        return w->store->add_service(name);
     });
 }
 
 int hgx_writer_delete_service(hgx_writer_t* w, hgx_id_t service) {
-    static const char* const sql[] = {
-        "DELETE FROM props WHERE pg_id IN (SELECT id FROM pgs WHERE service_id = ?1)",
-        "DELETE FROM pgs WHERE service_id = ?1",
-        ("DELETE FROM snapshots WHERE instance_id IN"
-         " (SELECT id FROM instances WHERE service_id = ?1)"),
-        "DELETE FROM instances WHERE service_id = ?1",
-        "DELETE FROM services WHERE id = ?1",
-    };
-    for (const char* q : sql) {
-        sqlite3_stmt* st = w->store.stmt(q);
-        if (!st) return store_fail(w);
-        sqlite3_bind_int64(st, 1, service);
-        if (run(w, st) < 0) return -1;
-    }
-    return 0;
+    return guarded(-1, [&]() -> int { return w->store->delete_service(service); });
 }
 
 int hgx_writer_instances(hgx_writer_t* w, hgx_id_t service, std::vector<hgx_id_t>* out) {
     return guarded(-1, [&]() -> int {
         std::vector<Row> rows;
-        if (w->store.instances(service, &rows) < 0) return store_fail(w);
+        if (w->store->instances(service, &rows) < 0) return -1;
         out->clear();
         for (const Row& r : rows) out->push_back(r.id);
         return 0;
@@ -405,98 +298,70 @@ int hgx_writer_instances(hgx_writer_t* w, hgx_id_t service, std::vector<hgx_id_t
 hgx_id_t hgx_writer_find_instance(hgx_writer_t* w, hgx_id_t service, std::string_view name) {
     return guarded<hgx_id_t>(-1, [&]() -> hgx_id_t {
         Row r;
-        int rc = w->store.instance_by_name(service, name, &r);
-        return rc < 0 ? store_fail(w) : rc ? r.id : 0;
+        int rc = w->store->instance_by_name(service, name, &r);
+        return rc < 0 ? -1 : rc ? r.id : 0;
     });
 }
 
 hgx_id_t hgx_writer_add_instance(hgx_writer_t* w, hgx_id_t service, std::string_view name) {
     return guarded<hgx_id_t>(-1, [&]() -> hgx_id_t {
         if (!valid_segment(name)) return fail(HGX_ERROR_INVALID_ARGUMENT);
-        sqlite3_stmt* st = w->store.stmt("INSERT INTO instances(service_id, name) VALUES(?1, ?2)");
-        if (!st) return store_fail(w);
-        sqlite3_bind_int64(st, 1, service);
-        bind_text(st, 2, name);
-        if (run(w, st) < 0) return -1;
-        return sqlite3_last_insert_rowid(w->db);
+        return w->store->add_instance(service, name);
     });
 }
 
 int hgx_writer_delete_instance(hgx_writer_t* w, hgx_id_t service, hgx_id_t instance) {
-    static const char* const sql[] = {
-        ("DELETE FROM props WHERE pg_id IN"
-         " (SELECT id FROM pgs WHERE service_id = ?1 AND instance_id = ?2)"),
-        "DELETE FROM pgs WHERE service_id = ?1 AND instance_id = ?2",
-        "DELETE FROM snapshots WHERE instance_id = ?2",
-        "DELETE FROM instances WHERE id = ?2",
-    };
-    for (const char* q : sql) {
-        sqlite3_stmt* st = w->store.stmt(q);
-        if (!st) return store_fail(w);
-        sqlite3_bind_int64(st, 1, service);
-        sqlite3_bind_int64(st, 2, instance);
-        if (run(w, st) < 0) return -1;
-    }
-    return 0;
+    return guarded(-1, [&]() -> int { return w->store->delete_instance(service, instance); });
 }
 
 int hgx_writer_find_pg(hgx_writer_t* w, const hgx_owner& owner, std::string_view name,
                        hgx_owner* pg) {
     return guarded(-1, [&]() -> int {
         Row r;
-        int rc = w->store.pg_by_name(owner_kind(owner), owner.id, name, &r);
-        if (rc < 0) return store_fail(w);
-        if (rc && pg) *pg = {hgx_owner::PG, r.id, owner.service, owner.instance};
+        int rc = w->store->pg_by_name(owner_kind(owner), owner.id, name, &r);
+        if (rc > 0 && pg) *pg = {hgx_owner::PG, r.id, owner.service, owner.instance};
         return rc;
     });
 }
 
 namespace {
 
-// Inserts a group row below an owner; snapshot 0 for live groups.
-hgx_id_t insert_pg(hgx_writer* w, int kind, hgx_id_t owner, std::string_view name,
-                   std::string_view type, hgx_id_t service, hgx_id_t instance, hgx_id_t snapshot) {
-    sqlite3_stmt* st = w->store.stmt(
-        "INSERT INTO pgs(owner_kind, owner_id, name, type, service_id, instance_id, snapshot_id)"
-        " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)");
-    if (!st) return store_fail(w);
-    sqlite3_bind_int(st, 1, kind);
-    sqlite3_bind_int64(st, 2, owner);
-    bind_text(st, 3, name);
-    bind_text(st, 4, type);
-    sqlite3_bind_int64(st, 5, service);
-    sqlite3_bind_int64(st, 6, instance);
-    sqlite3_bind_int64(st, 7, snapshot);
-    if (run(w, st) < 0) return -1;
-    return sqlite3_last_insert_rowid(w->db);
-}
-
-int insert_prop(hgx_writer* w, hgx_id_t pg, std::string_view name, int type,
-                std::string_view blob) {
-    sqlite3_stmt* st =
-        w->store.stmt("INSERT INTO props(pg_id, name, type, vals) VALUES(?1, ?2, ?3, ?4)");
-    if (!st) return store_fail(w);
-    sqlite3_bind_int64(st, 1, pg);
-    bind_text(st, 2, name);
-    sqlite3_bind_int(st, 3, type);
-    sqlite3_bind_blob(st, 4, blob.data(), static_cast<int>(blob.size()), SQLITE_TRANSIENT);
-    return run(w, st);
+// Copies the groups of one owner, with their properties and nested groups,
+// from one store below an owner of another.
+int copy_pgs(Store& from, int kind, int64_t owner, Store& to, PgPlace place) {
+    std::vector<Row> pgs;
+    if (from.pgs(kind, owner, &pgs) < 0) return -1;
+    for (const Row& g : pgs) {
+        int64_t id = to.add_pg(place, g.name, g.text);
+        if (id < 0) return -1;
+        std::vector<Row> props;
+        if (from.props(g.id, &props) < 0) return -1;
+        for (const Row& p : props)
+            if (to.put_prop(id, p.name, p.type, p.text, false) < 0) return -1;
+        PgPlace below = place;
+        below.kind = OWNER_PG;
+        below.owner = id;
+        if (copy_pgs(from, OWNER_PG, g.id, to, below) < 0) return -1;
+    }
+    return 0;
 }
 
 // Copies one group of a composed view, with its properties and nested groups,
 // into a snapshot.
-int copy_composed(hgx_writer* w, const ComposedPg& g, int kind, hgx_id_t owner, hgx_id_t service,
-                  hgx_id_t instance, hgx_id_t snapshot) {
-    hgx_id_t id = insert_pg(w, kind, owner, g.name, g.type, service, instance, snapshot);
+int copy_composed(Store& s, const ComposedPg& g, const PgPlace& place) {
+    int64_t id = s.add_pg(place, g.name, g.type);
     if (id < 0) return -1;
     std::vector<Row> props;
-    if (composed_props(w->store, g.inst, g.svc, &props) < 0) return store_fail(w);
+    if (composed_props(s, g.inst, g.svc, &props) < 0) return -1;
     for (const Row& p : props)
-        if (insert_prop(w, id, p.name, p.type, p.text) < 0) return -1;
+        if (s.put_prop(id, p.name, p.type, p.text, false) < 0) return -1;
     std::vector<ComposedPg> children;
-    if (composed_children(w->store, g.inst, g.svc, &children) < 0) return store_fail(w);
+    if (composed_children(s, g.inst, g.svc, &children) < 0) return -1;
+    PgPlace below = place;
+    below.kind = OWNER_PG;
+    below.owner = id;
     for (const ComposedPg& c : children)
-        if (copy_composed(w, c, OWNER_PG, id, service, instance, snapshot) < 0) return -1;
+        if (copy_composed(s, c, below) < 0) return -1;
     return 0;
 }
 
@@ -508,8 +373,8 @@ int hgx_writer_add_pg(hgx_writer_t* w, const hgx_owner& owner, std::string_view 
         if (!valid_segment(name) || type.size() > PG_TYPE_LIMIT ||
             type.find('\0') != std::string_view::npos)
             return fail(HGX_ERROR_INVALID_ARGUMENT);
-        hgx_id_t id =
-            insert_pg(w, owner_kind(owner), owner.id, name, type, owner.service, owner.instance, 0);
+        hgx_id_t id = w->store->add_pg({owner_kind(owner), owner.id, owner.service, owner.instance, 0},
+                                       name, type);
         if (id < 0) return -1;
         if (pg) *pg = {hgx_owner::PG, id, owner.service, owner.instance};
         return 0;
@@ -517,38 +382,22 @@ int hgx_writer_add_pg(hgx_writer_t* w, const hgx_owner& owner, std::string_view 
 }
 
 int hgx_writer_delete_pg(hgx_writer_t* w, const hgx_owner& pg) {
-    static const char* const sql[] = {
-        ("WITH RECURSIVE sub(id) AS (SELECT ?1 UNION ALL SELECT p.id FROM pgs p, sub"
-         " WHERE p.owner_kind = 3 AND p.owner_id = sub.id)"
-         " DELETE FROM props WHERE pg_id IN sub"),
-        ("WITH RECURSIVE sub(id) AS (SELECT ?1 UNION ALL SELECT p.id FROM pgs p, sub"
-         " WHERE p.owner_kind = 3 AND p.owner_id = sub.id)"
-         " DELETE FROM pgs WHERE id IN sub"),
-    };
-    static_assert(OWNER_PG == 3, "the recursive deletes name the group owner kind");
-    for (const char* q : sql) {
-        sqlite3_stmt* st = w->store.stmt(q);
-        if (!st) return store_fail(w);
-        sqlite3_bind_int64(st, 1, pg.id);
-        if (run(w, st) < 0) return -1;
-    }
-    return 0;
+    return guarded(-1, [&]() -> int { return w->store->delete_pg(pg.id); });
 }
 
 int hgx_writer_find_property(hgx_writer_t* w, const hgx_owner& pg, std::string_view name,
                              hgx_type_t* type) {
     return guarded(-1, [&]() -> int {
         Row r;
-        int rc = w->store.prop_by_name(pg.id, name, &r);
-        if (rc < 0) return store_fail(w);
-        if (rc && type) *type = static_cast<hgx_type_t>(r.type);
+        int rc = w->store->prop_by_name(pg.id, name, &r);
+        if (rc > 0 && type) *type = static_cast<hgx_type_t>(r.type);
         return rc;
     });
 }
 
 int hgx_writer_add_property(hgx_writer_t* w, const hgx_owner& pg, std::string_view name,
                             hgx_type_t type, std::string_view blob) {
-    return guarded(-1, [&]() -> int { return insert_prop(w, pg.id, name, type, blob); });
+    return guarded(-1, [&]() -> int { return w->store->put_prop(pg.id, name, type, blob, false); });
 }
 
 int hgx_writer_set_property(hgx_writer_t* w, const hgx_owner& pg, std::string_view name,
@@ -558,61 +407,75 @@ int hgx_writer_set_property(hgx_writer_t* w, const hgx_owner& pg, std::string_vi
             return fail(HGX_ERROR_INVALID_ARGUMENT);
         for (const std::string& v : values)
             if (hgx_value_check(type, v) < 0) return -1;
-        sqlite3_stmt* st = w->store.stmt(
-            "INSERT INTO props(pg_id, name, type, vals) VALUES(?1, ?2, ?3, ?4)"
-            " ON CONFLICT(pg_id, name) DO UPDATE SET type = excluded.type, vals = excluded.vals");
-        if (!st) return store_fail(w);
-        std::string blob = hgx_values_blob(values);
-        sqlite3_bind_int64(st, 1, pg.id);
-        bind_text(st, 2, name);
-        sqlite3_bind_int(st, 3, type);
-        sqlite3_bind_blob(st, 4, blob.data(), static_cast<int>(blob.size()), SQLITE_TRANSIENT);
-        return run(w, st);
+        return w->store->put_prop(pg.id, name, type, hgx_values_blob(values), true);
     });
 }
 
 int hgx_writer_delete_property(hgx_writer_t* w, const hgx_owner& pg, std::string_view name) {
-    sqlite3_stmt* st = w->store.stmt("DELETE FROM props WHERE pg_id = ?1 AND name = ?2");
-    if (!st) return store_fail(w);
-    sqlite3_bind_int64(st, 1, pg.id);
-    bind_text(st, 2, name);
-    if (run(w, st) < 0) return -1;
-    return sqlite3_changes(w->db) ? 0 : fail(HGX_ERROR_NOT_FOUND);
+    return guarded(-1, [&]() -> int {
+        int rc = w->store->delete_prop(pg.id, name);
+        return rc < 0 ? -1 : rc ? 0 : fail(HGX_ERROR_NOT_FOUND);
+    });
 }
 
 int hgx_writer_take_snapshot(hgx_writer_t* w, hgx_id_t service, hgx_id_t instance,
                              std::string_view name) {
     return guarded(-1, [&]() -> int {
         if (!valid_segment(name)) return fail(HGX_ERROR_INVALID_ARGUMENT);
+        Store& s = *w->store;
         Row old;
-        int rc = w->store.snapshot_by_name(instance, name, &old);
-        if (rc < 0) return store_fail(w);
-        if (rc) {
-            static const char* const sql[] = {
-                ("DELETE FROM props WHERE pg_id IN (SELECT id FROM pgs WHERE service_id = ?1"
-                 " AND instance_id = ?2 AND snapshot_id = ?3)"),
-                "DELETE FROM pgs WHERE service_id = ?1 AND instance_id = ?2 AND snapshot_id = ?3",
-                "DELETE FROM snapshots WHERE id = ?3",
-            };
-            for (const char* q : sql) {
-                sqlite3_stmt* st = w->store.stmt(q);
-                if (!st) return store_fail(w);
-                sqlite3_bind_int64(st, 1, service);
-                sqlite3_bind_int64(st, 2, instance);
-                sqlite3_bind_int64(st, 3, old.id);
-                if (run(w, st) < 0) return -1;
+        int rc = s.snapshot_by_name(instance, name, &old);
+        if (rc < 0 || (rc && s.delete_snapshot(service, instance, old.id) < 0)) return -1;
+        hgx_id_t snap = s.add_snapshot(service, instance, name);
+        if (snap < 0) return -1;
+        std::vector<ComposedPg> top;
+        if (composed_top(s, service, instance, &top) < 0) return -1;
+        for (const ComposedPg& g : top)
+            if (copy_composed(s, g, {OWNER_SNAPSHOT, snap, service, instance, snap}) < 0) return -1;
+        return 0;
+    });
+}
+
+int hgx_writer_copy_service(hgx_writer_t* to, hgx_writer_t* from, std::string_view name) {
+    return guarded(-1, [&]() -> int {
+        Store& src = *from->store;
+        Store& dst = *to->store;
+        Row svc;
+        int rc = src.service_by_name(name, &svc);
+        if (rc <= 0) return rc < 0 ? -1 : fail(HGX_ERROR_NOT_FOUND);
+        Row old;
+        rc = dst.service_by_name(name, &old);
+        if (rc < 0 || (rc && dst.delete_service(old.id) < 0)) return -1;
+        int64_t sid = dst.add_service(name);
+        if (sid < 0 || copy_pgs(src, OWNER_SERVICE, svc.id, dst, {OWNER_SERVICE, sid, sid, 0, 0}) < 0)
+            return -1;
+        std::vector<Row> instances;
+        if (src.instances(svc.id, &instances) < 0) return -1;
+        for (const Row& in : instances) {
+            int64_t iid = dst.add_instance(sid, in.name);
+            if (iid < 0 ||
+                copy_pgs(src, OWNER_INSTANCE, in.id, dst, {OWNER_INSTANCE, iid, sid, iid, 0}) < 0)
+                return -1;
+            std::vector<Row> snaps;
+            if (src.snapshots(in.id, &snaps) < 0) return -1;
+            for (const Row& sn : snaps) {
+                int64_t nid = dst.add_snapshot(sid, iid, sn.name);
+                if (nid < 0 ||
+                    copy_pgs(src, OWNER_SNAPSHOT, sn.id, dst, {OWNER_SNAPSHOT, nid, sid, iid, nid}) <
+                        0)
+                    return -1;
             }
         }
-        sqlite3_stmt* st = w->store.stmt("INSERT INTO snapshots(instance_id, name) VALUES(?1, ?2)");
-        if (!st) return store_fail(w);
-        sqlite3_bind_int64(st, 1, instance);
-        bind_text(st, 2, name);
-        if (run(w, st) < 0) return -1;
-        hgx_id_t snap = sqlite3_last_insert_rowid(w->db);
-        std::vector<ComposedPg> top;
-        if (composed_top(w->store, service, instance, &top) < 0) return store_fail(w);
-        for (const ComposedPg& g : top)
-            if (copy_composed(w, g, OWNER_SNAPSHOT, snap, service, instance, snap) < 0) return -1;
+        return 0;
+    });
+}
+
+int hgx_writer_services(hgx_writer_t* w, std::vector<std::string>* out) {
+    return guarded(-1, [&]() -> int {
+        std::vector<Row> rows;
+        if (w->store->services(&rows) < 0) return -1;
+        out->clear();
+        for (Row& r : rows) out->push_back(std::move(r.name));
         return 0;
     });
 }

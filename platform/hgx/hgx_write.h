@@ -56,10 +56,18 @@ std::string hgx_values_blob(const std::vector<std::string>& values);
 // Opens the file (creating it, schema included, when create is set and it does
 // not exist) and begins the write transaction. Null on failure; a message for
 // the user is in *message.
+//
+// path names a file or an etcd cluster (etcd://, etcds://). On a cluster,
+// hgx_writer_commit fails with HGX_ERROR_CONFLICT when another writer
+// committed first; the whole command may then be run again on a new writer.
 hgx_writer_t* hgx_writer_open(const char* path, bool create, std::string* message);
+// Opens a repository for reading only, through the same interface: one
+// state of it for the writer's life; changes fail, commit is never needed.
+// Null on failure, with a line for the user in *message.
+hgx_writer_t* hgx_reader_open(const char* path, std::string* message);
 int hgx_writer_commit(hgx_writer_t* w);
 void hgx_writer_close(hgx_writer_t* w);
-// The store's text for the last failure of this writer.
+// The store's text for the last failure of this writer; owned by the writer.
 const char* hgx_writer_message(const hgx_writer_t* w);
 
 hgx_id_t hgx_writer_find_service(hgx_writer_t* w, std::string_view name);
@@ -98,3 +106,11 @@ int hgx_writer_delete_property(hgx_writer_t* w, const hgx_owner& pg, std::string
 // view now, replacing a snapshot of that name.
 int hgx_writer_take_snapshot(hgx_writer_t* w, hgx_id_t service, hgx_id_t instance,
                              std::string_view name);
+
+// Names of all services, in byte order.
+int hgx_writer_services(hgx_writer_t* w, std::vector<std::string>* out);
+
+// Copies the service `name` of `from` into `to` with its groups, instances
+// and snapshots exactly, replacing a service of that name in `to`.
+// HGX_ERROR_NOT_FOUND where `from` has no such service.
+int hgx_writer_copy_service(hgx_writer_t* to, hgx_writer_t* from, std::string_view name);

@@ -1,0 +1,507 @@
+// The file store: the repository as one SQLite database.
+//
+// Schema (version SCHEMA_VERSION in PRAGMA user_version, and APPLICATION_ID
+// in PRAGMA application_id):
+//
+//   services (id, name UNIQUE)
+//   instances(id, service_id, name, UNIQUE(service_id, name))
+//   snapshots(id, instance_id, name, UNIQUE(instance_id, name))
+//   pgs      (id, owner_kind, owner_id, name, type, service_id, instance_id,
+//             snapshot_id, UNIQUE(owner_kind, owner_id, name))
+//   props    (id, pg_id, name, type, vals, UNIQUE(pg_id, name))
+//
+// A group is owned by a service, an instance, a snapshot or another group
+// (owner_kind), and also carries the ids of the service, instance (0 when the
+// service owns it) and snapshot (0 for live groups) it lies below, so that a
+// service, an instance or a snapshot can be removed with a few indexed deletes
+// instead of a walk. A property's values are stored in one blob, each value
+// followed by a NUL byte: values cannot hold NUL, the number of values is the
+// number of NUL bytes, and no values is the empty blob. Every lookup the read
+// side makes is served by one of the UNIQUE indexes, and ORDER BY name walks
+// those indexes in byte order (BINARY collation), which is the iteration
+// order the library documents.
+//
+// A reading store holds one read transaction from its opening to its end,
+// so that it sees one state of the file; a writing store holds one write
+// transaction (BEGIN IMMEDIATE) until commit.
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <unordered_map>
+
+#include "hgx_internal.h"
+
+namespace hgx_detail {
+
+namespace {
+
+constexpr int SCHEMA_VERSION = 1;
+constexpr int APPLICATION_ID = 0x68677831;  // "hgx1"
+
+const char* const SCHEMA_SQL =
+    "CREATE TABLE services(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE);"
+    "CREATE TABLE instances(id INTEGER PRIMARY KEY, service_id INTEGER NOT NULL,"
+    " name TEXT NOT NULL, UNIQUE(service_id, name));"
+    "CREATE TABLE snapshots(id INTEGER PRIMARY KEY, instance_id INTEGER NOT NULL,"
+    " name TEXT NOT NULL, UNIQUE(instance_id, name));"
+    "CREATE TABLE pgs(id INTEGER PRIMARY KEY, owner_kind INTEGER NOT NULL,"
+    " owner_id INTEGER NOT NULL, name TEXT NOT NULL, type TEXT NOT NULL,"
+    " service_id INTEGER NOT NULL, instance_id INTEGER NOT NULL,"
+    " snapshot_id INTEGER NOT NULL, UNIQUE(owner_kind, owner_id, name));"
+    "CREATE INDEX pgs_root ON pgs(service_id, instance_id, snapshot_id);"
+    "CREATE TABLE props(id INTEGER PRIMARY KEY, pg_id INTEGER NOT NULL,"
+    " name TEXT NOT NULL, type INTEGER NOT NULL, vals BLOB NOT NULL, UNIQUE(pg_id, name));";
+
+int exec(sqlite3* db, const char* sql) { return sqlite3_exec(db, sql, nullptr, nullptr, nullptr); }
+
+// Binds a text parameter; SQLite keeps its own copy.
+void bind_text(sqlite3_stmt* st, int i, std::string_view s) {
+    sqlite3_bind_text(st, i, s.data(), static_cast<int>(s.size()), SQLITE_TRANSIENT);
+}
+
+// Reads the integer a PRAGMA query gives: 0 with *out set, else the
+// connection's extended error code.
+int pragma_int(sqlite3* db, const char* sql, int* out) {
+    sqlite3_stmt* st = nullptr;
+    int rc = sqlite3_prepare_v2(db, sql, -1, &st, nullptr);
+    if (rc == SQLITE_OK) rc = sqlite3_step(st);
+    if (rc == SQLITE_ROW) *out = sqlite3_column_int(st, 0);
+    sqlite3_finalize(st);
+    return rc == SQLITE_ROW ? 0 : sqlite3_extended_errcode(db);
+}
+
+void read_row(sqlite3_stmt* st, Row* r, int text_col, int type_col) {
+    r->id = sqlite3_column_int64(st, 0);
+    const unsigned char* n = sqlite3_column_text(st, 1);
+    r->name.assign(n ? reinterpret_cast<const char*>(n) : "",
+                   static_cast<size_t>(sqlite3_column_bytes(st, 1)));
+    if (text_col >= 0) {
+        const void* b = sqlite3_column_blob(st, text_col);
+        r->text.assign(b ? static_cast<const char*>(b) : "",
+                       static_cast<size_t>(sqlite3_column_bytes(st, text_col)));
+    }
+    if (type_col >= 0) r->type = sqlite3_column_int(st, type_col);
+}
+
+// One argument of a statement: an integer or a text.
+struct Arg {
+    bool is_text = false;
+    int64_t number = 0;
+    std::string_view text;
+    Arg(int64_t n) : number(n) {}  // NOLINT: arguments convert implicitly
+    Arg(int n) : number(n) {}      // NOLINT
+    Arg(std::string_view t) : is_text(true), text(t) {}  // NOLINT
+};
+
+class SqliteStore final : public Store {
+  public:
+    SqliteStore(sqlite3* db, std::string path, bool created)
+        : db_(db), path_(std::move(path)), created_(created) {}
+    ~SqliteStore() override;
+
+    int services(std::vector<Row>* out) override {
+        return rows(out, "SELECT id, name FROM services ORDER BY name", {});
+    }
+    int service_by_name(std::string_view name, Row* out) override {
+        return row(out, "SELECT id, name FROM services WHERE name = ?1", {name});
+    }
+    int instances(int64_t service, std::vector<Row>* out) override {
+        return rows(out, "SELECT id, name FROM instances WHERE service_id = ?1 ORDER BY name",
+                    {service});
+    }
+    int instance_by_name(int64_t service, std::string_view name, Row* out) override {
+        return row(out, "SELECT id, name FROM instances WHERE service_id = ?1 AND name = ?2",
+                   {service, name});
+    }
+    int snapshots(int64_t instance, std::vector<Row>* out) override {
+        return rows(out, "SELECT id, name FROM snapshots WHERE instance_id = ?1 ORDER BY name",
+                    {instance});
+    }
+    int snapshot_by_name(int64_t instance, std::string_view name, Row* out) override {
+        return row(out, "SELECT id, name FROM snapshots WHERE instance_id = ?1 AND name = ?2",
+                   {instance, name});
+    }
+    int pgs(int kind, int64_t owner, std::vector<Row>* out) override {
+        return rows(out,
+                    "SELECT id, name, type FROM pgs WHERE owner_kind = ?1 AND owner_id = ?2"
+                    " ORDER BY name",
+                    {kind, owner}, 2);
+    }
+    int pg_by_name(int kind, int64_t owner, std::string_view name, Row* out) override {
+        return row(out,
+                   "SELECT id, name, type FROM pgs WHERE owner_kind = ?1 AND owner_id = ?2"
+                   " AND name = ?3",
+                   {kind, owner, name}, 2);
+    }
+    int props(int64_t pg, std::vector<Row>* out) override {
+        return rows(out, "SELECT id, name, vals, type FROM props WHERE pg_id = ?1 ORDER BY name",
+                    {pg}, 2, 3);
+    }
+    int prop_by_name(int64_t pg, std::string_view name, Row* out) override {
+        return row(out, "SELECT id, name, vals, type FROM props WHERE pg_id = ?1 AND name = ?2",
+                   {pg, name}, 2, 3);
+    }
+
+    int64_t add_service(std::string_view name) override {
+        return insert("INSERT INTO services(name) VALUES(?1)", {name});
+    }
+    int delete_service(int64_t service) override {
+        return run_all(
+            {"DELETE FROM props WHERE pg_id IN (SELECT id FROM pgs WHERE service_id = ?1)",
+             "DELETE FROM pgs WHERE service_id = ?1",
+             "DELETE FROM snapshots WHERE instance_id IN"
+             " (SELECT id FROM instances WHERE service_id = ?1)",
+             "DELETE FROM instances WHERE service_id = ?1", "DELETE FROM services WHERE id = ?1"},
+            {service});
+    }
+    int64_t add_instance(int64_t service, std::string_view name) override {
+        return insert("INSERT INTO instances(service_id, name) VALUES(?1, ?2)", {service, name});
+    }
+    int delete_instance(int64_t service, int64_t instance) override {
+        return run_all({"DELETE FROM props WHERE pg_id IN"
+                        " (SELECT id FROM pgs WHERE service_id = ?1 AND instance_id = ?2)",
+                        "DELETE FROM pgs WHERE service_id = ?1 AND instance_id = ?2",
+                        "DELETE FROM snapshots WHERE instance_id = ?2",
+                        "DELETE FROM instances WHERE id = ?2"},
+                       {service, instance});
+    }
+    int64_t add_snapshot(int64_t, int64_t instance, std::string_view name) override {
+        return insert("INSERT INTO snapshots(instance_id, name) VALUES(?1, ?2)", {instance, name});
+    }
+    int delete_snapshot(int64_t service, int64_t instance, int64_t snapshot) override {
+        return run_all({"DELETE FROM props WHERE pg_id IN (SELECT id FROM pgs WHERE"
+                        " service_id = ?1 AND instance_id = ?2 AND snapshot_id = ?3)",
+                        "DELETE FROM pgs WHERE service_id = ?1 AND instance_id = ?2"
+                        " AND snapshot_id = ?3",
+                        "DELETE FROM snapshots WHERE id = ?3"},
+                       {service, instance, snapshot});
+    }
+    int64_t add_pg(const PgPlace& p, std::string_view name, std::string_view type) override {
+        return insert(
+            "INSERT INTO pgs(owner_kind, owner_id, name, type, service_id, instance_id,"
+            " snapshot_id) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)",
+            {p.kind, p.owner, name, type, p.service, p.instance, p.snapshot});
+    }
+    int delete_pg(int64_t pg) override {
+        static_assert(OWNER_PG == 3, "the recursive deletes name the group owner kind");
+        return run_all({"WITH RECURSIVE sub(id) AS (SELECT ?1 UNION ALL SELECT p.id FROM pgs p,"
+                        " sub WHERE p.owner_kind = 3 AND p.owner_id = sub.id)"
+                        " DELETE FROM props WHERE pg_id IN sub",
+                        "WITH RECURSIVE sub(id) AS (SELECT ?1 UNION ALL SELECT p.id FROM pgs p,"
+                        " sub WHERE p.owner_kind = 3 AND p.owner_id = sub.id)"
+                        " DELETE FROM pgs WHERE id IN sub"},
+                       {pg});
+    }
+    int put_prop(int64_t pg, std::string_view name, int type, std::string_view blob,
+                 bool replace) override;
+    int delete_prop(int64_t pg, std::string_view name) override {
+        if (run_all({"DELETE FROM props WHERE pg_id = ?1 AND name = ?2"}, {pg, name}) < 0)
+            return -1;
+        return sqlite3_changes(db_) ? 1 : 0;
+    }
+    int commit() override {
+        if (exec(db_, "COMMIT") != SQLITE_OK) return fail_store();
+        committed_ = true;
+        return 0;
+    }
+
+  private:
+    // A statement for the given SQL text, prepared once, reset, with the
+    // arguments bound. The text must be a string literal: its address is the
+    // cache key. Null on failure, with the error set.
+    sqlite3_stmt* stmt(const char* sql, std::initializer_list<Arg> args);
+    int rows(std::vector<Row>* out, const char* sql, std::initializer_list<Arg> args,
+             int text_col = -1, int type_col = -1);
+    int row(Row* out, const char* sql, std::initializer_list<Arg> args, int text_col = -1,
+            int type_col = -1);
+    // Runs statements that return no rows, each with the same arguments.
+    int run_all(std::initializer_list<const char*> sqls, std::initializer_list<Arg> args);
+    int64_t insert(const char* sql, std::initializer_list<Arg> args) {
+        return run_all({sql}, args) < 0 ? -1 : sqlite3_last_insert_rowid(db_);
+    }
+    // Sets the error for a failed SQLite call and keeps SQLite's text; -1.
+    int fail_store();
+
+    sqlite3* db_;
+    std::string path_;
+    bool created_;  // the file did not exist before this store
+    bool committed_ = false;
+    std::unordered_map<const char*, sqlite3_stmt*> cache_;
+};
+
+SqliteStore::~SqliteStore() {
+    for (auto& [sql, st] : cache_) sqlite3_finalize(st);
+    // A reader's transaction, or a writer's that did not commit, ends here.
+    if (!committed_) exec(db_, "ROLLBACK");
+    sqlite3_close_v2(db_);
+    if (created_ && !committed_) {
+        // Nothing of a failed first write may stay behind.
+        for (const char* suffix : {"", "-wal", "-shm", "-journal"})
+            unlink((path_ + suffix).c_str());
+    }
+}
+
+int SqliteStore::fail_store() {
+    message_ = sqlite3_errmsg(db_);
+    switch (sqlite3_errcode(db_)) {
+        case SQLITE_NOMEM:
+            return fail(HGX_ERROR_NO_MEMORY);
+        case SQLITE_CONSTRAINT:
+            return fail(HGX_ERROR_EXISTS);
+        case SQLITE_READONLY:
+            return fail(HGX_ERROR_PERMISSION_DENIED);
+        default:
+            return fail(HGX_ERROR_CONNECTION_BROKEN);
+    }
+}
+
+sqlite3_stmt* SqliteStore::stmt(const char* sql, std::initializer_list<Arg> args) {
+    sqlite3_stmt* st;
+    auto it = cache_.find(sql);
+    if (it != cache_.end()) {
+        st = it->second;
+        sqlite3_reset(st);
+        sqlite3_clear_bindings(st);
+    } else {
+        st = nullptr;
+        if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &st, nullptr) !=
+            SQLITE_OK) {
+            sqlite3_finalize(st);
+            fail_store();
+            return nullptr;
+        }
+        cache_.emplace(sql, st);
+    }
+    int i = 1;
+    for (const Arg& a : args) {
+        if (a.is_text)
+            bind_text(st, i, a.text);
+        else
+            sqlite3_bind_int64(st, i, a.number);
+        ++i;
+    }
+    return st;
+}
+
+int SqliteStore::rows(std::vector<Row>* out, const char* sql, std::initializer_list<Arg> args,
+                      int text_col, int type_col) {
+    sqlite3_stmt* st = stmt(sql, args);
+    if (!st) return -1;
+    out->clear();
+    int rc;
+    while ((rc = sqlite3_step(st)) == SQLITE_ROW) {
+        out->emplace_back();
+        read_row(st, &out->back(), text_col, type_col);
+    }
+    sqlite3_reset(st);
+    return rc == SQLITE_DONE ? 0 : fail_store();
+}
+
+int SqliteStore::row(Row* out, const char* sql, std::initializer_list<Arg> args, int text_col,
+                     int type_col) {
+    sqlite3_stmt* st = stmt(sql, args);
+    if (!st) return -1;
+    int rc = sqlite3_step(st);
+    if (rc == SQLITE_ROW) read_row(st, out, text_col, type_col);
+    sqlite3_reset(st);
+    if (rc == SQLITE_ROW) return 1;
+    return rc == SQLITE_DONE ? 0 : fail_store();
+}
+
+int SqliteStore::run_all(std::initializer_list<const char*> sqls, std::initializer_list<Arg> args) {
+    for (const char* sql : sqls) {
+        sqlite3_stmt* st = stmt(sql, args);
+        if (!st) return -1;
+        int rc = sqlite3_step(st);
+        sqlite3_reset(st);
+        if (rc != SQLITE_DONE) return fail_store();
+    }
+    return 0;
+}
+
+int SqliteStore::put_prop(int64_t pg, std::string_view name, int type, std::string_view blob,
+                          bool replace) {
+    const char* sql =
+        replace ? "INSERT INTO props(pg_id, name, type, vals) VALUES(?1, ?2, ?3, ?4)"
+                  " ON CONFLICT(pg_id, name) DO UPDATE SET type = excluded.type,"
+                  " vals = excluded.vals"
+                : "INSERT INTO props(pg_id, name, type, vals) VALUES(?1, ?2, ?3, ?4)";
+    sqlite3_stmt* st = stmt(sql, {pg, name, type});
+    if (!st) return -1;
+    sqlite3_bind_blob(st, 4, blob.data(), static_cast<int>(blob.size()), SQLITE_TRANSIENT);
+    int rc = sqlite3_step(st);
+    sqlite3_reset(st);
+    return rc == SQLITE_DONE ? 0 : fail_store();
+}
+
+// ---- opening ---------------------------------------------------------------
+
+// True where the file's write-ahead log is absent or empty.
+bool wal_is_empty(const std::string& file) {
+    struct stat st;
+    return stat((file + "-wal").c_str(), &st) != 0 || st.st_size == 0;
+}
+
+// Opens the file read-only, begins the read transaction and checks the
+// schema; HGX_ERROR_NONE with *out set, else the failure's code and nothing
+// left open. The transaction starts with BEGIN and is pinned by the first read
+// of the file, the header read of the schema check; from then on every
+// statement of the connection sees that state. `immutable` reads the main
+// file alone, without locks or WAL.
+hgx_error_t open_reading(const std::string& file, bool immutable, sqlite3** out) {
+    // An absolute path behind an empty authority, so that one beginning
+    // with "//" is not taken for a host.
+    std::string uri = file.size() > 0 && file[0] == '/' ? "file://" : "file:";
+    for (unsigned char c : file) {
+        // Only the bytes that a URI path cannot hold as they are.
+        if (c == '%' || c == '?' || c == '#' || c < 0x20 || c >= 0x7f) {
+            char esc[4];
+            std::snprintf(esc, sizeof esc, "%%%02X", c);
+            uri += esc;
+        } else {
+            uri += static_cast<char>(c);
+        }
+    }
+    uri += immutable ? "?mode=ro&immutable=1" : "?mode=ro";
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(uri.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr) !=
+        SQLITE_OK) {
+        sqlite3_close_v2(db);
+        return HGX_ERROR_REPOSITORY_ACCESS;
+    }
+    sqlite3_busy_timeout(db, 5000);
+    auto give_up = [&](hgx_error_t code) {
+        exec(db, "ROLLBACK");
+        sqlite3_close_v2(db);
+        return code;
+    };
+    if (exec(db, "BEGIN") != SQLITE_OK) return give_up(HGX_ERROR_REPOSITORY_ACCESS);
+    int version = -1, app = -1;
+    int code = pragma_int(db, "PRAGMA user_version", &version);
+    if (code == 0) code = pragma_int(db, "PRAGMA application_id", &app);
+    if (code != 0) {
+        if ((code & 0xff) == SQLITE_NOTADB || (code & 0xff) == SQLITE_CORRUPT)
+            return give_up(HGX_ERROR_NOT_A_REPOSITORY);
+        // The WAL index (-shm) could not be opened or created.
+        if (code == SQLITE_CANTOPEN || code == SQLITE_READONLY_DIRECTORY ||
+            code == SQLITE_READONLY_CANTINIT || code == SQLITE_READONLY_RECOVERY)
+            return give_up(HGX_ERROR_REPOSITORY_LOG);
+        return give_up(HGX_ERROR_REPOSITORY_ACCESS);
+    }
+    if (version != SCHEMA_VERSION || app != APPLICATION_ID)
+        return give_up(HGX_ERROR_SCHEMA_MISMATCH);
+    sqlite3_stmt* probe = nullptr;
+    int rc = sqlite3_prepare_v2(db, "SELECT id FROM services LIMIT 1", -1, &probe, nullptr);
+    if (rc == SQLITE_OK) rc = sqlite3_step(probe);
+    sqlite3_finalize(probe);
+    if (rc != SQLITE_ROW && rc != SQLITE_DONE) return give_up(HGX_ERROR_SCHEMA_MISMATCH);
+    *out = db;
+    return HGX_ERROR_NONE;
+}
+
+std::unique_ptr<Store> open_for_reading(const std::string& file) {
+    struct stat st;
+    if (stat(file.c_str(), &st) != 0)
+        return fail(errno == ENOENT || errno == ENOTDIR ? HGX_ERROR_NO_REPOSITORY
+                                                        : HGX_ERROR_REPOSITORY_ACCESS),
+               nullptr;
+    if (S_ISDIR(st.st_mode) || access(file.c_str(), R_OK) != 0)
+        return fail(HGX_ERROR_REPOSITORY_ACCESS), nullptr;
+    sqlite3* db = nullptr;
+    hgx_error_t code = open_reading(file, false, &db);
+    // A reader of a WAL database needs its -shm file. Where that is missing
+    // and this user cannot create it (a repository written by another user
+    // into a directory this one cannot write), the file can still be read
+    // without the WAL machinery, provided the WAL holds nothing: then the
+    // main file is the whole committed state.
+    if (code == HGX_ERROR_REPOSITORY_LOG && wal_is_empty(file)) code = open_reading(file, true, &db);
+    if (code != HGX_ERROR_NONE) return fail(code), nullptr;
+    return std::make_unique<SqliteStore>(db, file, false);
+}
+
+std::unique_ptr<Store> open_for_writing(const std::string& file, bool create,
+                                        std::string* message) {
+    auto refuse = [&](hgx_error_t code, const std::string& text) -> std::unique_ptr<Store> {
+        set_error(code);
+        if (message) *message = file + ": " + text;
+        return nullptr;
+    };
+    if (file.empty()) return refuse(HGX_ERROR_INVALID_ARGUMENT, "no repository file named");
+    struct stat st;
+    bool exists = stat(file.c_str(), &st) == 0;
+    if (!exists && errno != ENOENT) return refuse(HGX_ERROR_REPOSITORY_ACCESS, std::strerror(errno));
+    if (!exists && !create)
+        return refuse(HGX_ERROR_NO_REPOSITORY, hgx_strerror(HGX_ERROR_NO_REPOSITORY));
+    if (exists && S_ISDIR(st.st_mode)) return refuse(HGX_ERROR_REPOSITORY_ACCESS, "is a directory");
+
+    sqlite3* db = nullptr;
+    int flags = SQLITE_OPEN_READWRITE | (exists ? 0 : SQLITE_OPEN_CREATE);
+    int rc = sqlite3_open_v2(file.c_str(), &db, flags, nullptr);
+    if (rc != SQLITE_OK) {
+        std::string text = db ? sqlite3_errmsg(db) : "cannot open";
+        sqlite3_close_v2(db);
+        return refuse(HGX_ERROR_REPOSITORY_ACCESS, "cannot be opened: " + text);
+    }
+    // From here the store owns the connection, and removes a file it created
+    // unless it commits.
+    auto store = std::make_unique<SqliteStore>(db, file, !exists);
+    sqlite3_busy_timeout(db, 10000);
+    auto db_refuse = [&](int code) -> std::unique_ptr<Store> {
+        code &= 0xff;  // the primary code of an extended one
+        if (code == SQLITE_NOTADB || code == SQLITE_CORRUPT)
+            return refuse(HGX_ERROR_NOT_A_REPOSITORY, hgx_strerror(HGX_ERROR_NOT_A_REPOSITORY));
+        return refuse(HGX_ERROR_REPOSITORY_ACCESS, sqlite3_errmsg(db));
+    };
+
+    // A fresh file, or an existing one that is still empty, gets the schema.
+    // Anything else must be a repository of this schema, checked before the
+    // journal mode is touched, so that a foreign database is left exactly as
+    // it was.
+    bool fresh = !exists || st.st_size == 0;
+    if (!fresh) {
+        int version = -1, app = -1;
+        int e = pragma_int(db, "PRAGMA user_version", &version);
+        if (!e) e = pragma_int(db, "PRAGMA application_id", &app);
+        if (e) return db_refuse(e);
+        if (version != SCHEMA_VERSION || app != APPLICATION_ID)
+            return refuse(HGX_ERROR_SCHEMA_MISMATCH, hgx_strerror(HGX_ERROR_SCHEMA_MISMATCH));
+    }
+    // WAL, so that readers holding their snapshot and this writer do not
+    // block each other.
+    if (exec(db, "PRAGMA journal_mode=WAL") != SQLITE_OK) return db_refuse(sqlite3_errcode(db));
+    // The -wal and -shm files stay when the writer closes (the log cut to
+    // nothing), created like the file itself: a reader that cannot create
+    // files in the directory, such as another user reading a repository that
+    // root wrote, needs them to read a WAL database.
+    int persist = 1;
+    sqlite3_file_control(db, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
+    exec(db, "PRAGMA journal_size_limit=0");
+    exec(db, "PRAGMA cache_size=-262144");
+    exec(db, "PRAGMA temp_store=MEMORY");
+    if (exec(db, "BEGIN IMMEDIATE") != SQLITE_OK) return db_refuse(sqlite3_errcode(db));
+    if (fresh) {
+        std::string schema = SCHEMA_SQL;
+        schema += "PRAGMA user_version=" + std::to_string(SCHEMA_VERSION) + ";";
+        schema += "PRAGMA application_id=" + std::to_string(APPLICATION_ID) + ";";
+        if (exec(db, schema.c_str()) != SQLITE_OK) return db_refuse(sqlite3_errcode(db));
+    }
+    return store;
+}
+
+}  // namespace
+
+std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode,
+                                       std::string* message) {
+    if (mode == OpenMode::READ) {
+        std::unique_ptr<Store> s = open_for_reading(file);
+        if (!s && message) *message = file + ": " + hgx_strerror(get_error());
+        return s;
+    }
+    return open_for_writing(file, mode == OpenMode::CREATE, message);
+}
+
+}  // namespace hgx_detail
