@@ -7,15 +7,21 @@
 // and leaves the file as it was.
 #include "hgxrepo.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <random>
 #include <set>
 #include <sstream>
+#include <thread>
 #include <type_traits>
 
 #include "hgx.h"
@@ -35,8 +41,10 @@ const char USAGE[] =
     "       hgxrepo [-r FILE] delete WERN\n"
     "       hgxrepo [-r FILE] list\n"
     "       hgxrepo [-r FILE] show WERN [SNAPSHOT]\n"
+    "       hgxrepo [-r FILE] copy TARGET\n"
     "The repository file is FILE, else $HGX_REPOSITORY, else " HGX_DEFAULT_REPOSITORY
     ".\n"
+    "A repository may also be an etcd cluster: etcd[s]://HOST:PORT[,HOST:PORT]...[/PREFIX].\n"
     "A MANIFEST of - is standard input.\n";
 
 constexpr const char* PROG = "hgxrepo: ";
@@ -96,8 +104,31 @@ Writer open_writer(const std::string& path, bool create) {
     throw Failure{path + ": cannot write: " + (detail.empty() ? lib_error() : detail)};
 }
 
+// A commit that another writer beat to a cluster; the command runs again.
+struct Conflict {};
+
 void commit(hgx_writer_t* w, const std::string& path) {
-    if (hgx_writer_commit(w) < 0) write_failed(w, path);
+    if (hgx_writer_commit(w) == 0) return;
+    if (hgx_error() == HGX_ERROR_CONFLICT) throw Conflict{};
+    write_failed(w, path);
+}
+
+// Runs a changing command until its commit lands: on a cluster, a writer
+// that raced another reads the repository again and redoes its change on
+// top of the other's, so that neither update is lost.
+template <typename Command>
+void until_committed(const std::string& path, Command command) {
+    std::minstd_rand jitter(static_cast<unsigned>(getpid()));
+    for (int attempt = 1;; ++attempt) {
+        try {
+            command();
+            return;
+        } catch (const Conflict&) {
+            if (attempt == 50)
+                throw Failure{path + ": cannot write: " + lib_error() + ", 50 times over"};
+            std::this_thread::sleep_for(std::chrono::milliseconds(jitter() % (10 * attempt) + 1));
+        }
+    }
 }
 
 void write_groups(hgx_writer_t* w, const std::string& path, const hgx_owner& owner,
@@ -285,6 +316,30 @@ void cmd_snapshot(const std::string& path, const std::string& wern, const std::s
         if (hgx_writer_take_snapshot(w.get(), t.service, iid, name) < 0)
             write_failed(w.get(), path);
     commit(w.get(), path);
+}
+
+// Makes `target` hold exactly what the repository holds, snapshots
+// included, in one transaction of the target.
+void cmd_copy(const std::string& path, const std::string& target) {
+    std::string message;
+    std::unique_ptr<hgx_writer_t, WriterCloser> from(hgx_reader_open(path.c_str(), &message));
+    if (!from) throw Failure{message};
+    std::vector<std::string> names, old;
+    if (hgx_writer_services(from.get(), &names) < 0) write_failed(from.get(), path);
+    Writer w = open_writer(target, true);
+    if (hgx_writer_services(w.get(), &old) < 0) write_failed(w.get(), target);
+    for (const std::string& name : old) {
+        if (std::binary_search(names.begin(), names.end(), name)) continue;
+        hgx_id_t id = hgx_writer_find_service(w.get(), name);
+        if (id <= 0 || hgx_writer_delete_service(w.get(), id) < 0) write_failed(w.get(), target);
+    }
+    for (const std::string& name : names)
+        if (hgx_writer_copy_service(w.get(), from.get(), name) < 0) {
+            std::string detail = hgx_writer_message(w.get());
+            throw Failure{target + ": cannot copy wrn:/" + name + ": " +
+                          (detail.empty() ? lib_error() : detail)};
+        }
+    commit(w.get(), target);
 }
 
 // ---- reading -------------------------------------------------------------
@@ -666,13 +721,14 @@ int run(const std::vector<std::string>& args) {
             if (manifest::parse(read_input(rest[k]), name, &docs[k], &error) < 0)
                 throw Failure{error};
         }
-        import_documents(path, docs, snapshot);
+        until_committed(path, [&] { import_documents(path, docs, snapshot); });
     } else if (cmd == "export") {
         arity(0, 1);
         cmd_export(path, rest.empty() ? nullptr : &rest[0], std::cout);
     } else if (cmd == "snapshot") {
         arity(1, 2);
-        cmd_snapshot(path, rest[0], rest.size() > 1 ? rest[1] : "running");
+        until_committed(path,
+                        [&] { cmd_snapshot(path, rest[0], rest.size() > 1 ? rest[1] : "running"); });
     } else if (cmd == "setprop") {
         arity(1, SIZE_MAX);
         // The type option stands behind the wern; in front of it, it would
@@ -692,25 +748,28 @@ int run(const std::vector<std::string>& args) {
         }
         std::vector<std::string> values(rest.begin() + static_cast<std::ptrdiff_t>(first),
                                         rest.end());
-        cmd_setprop(path, rest[0], typed ? &type : nullptr, values);
+        until_committed(path, [&] { cmd_setprop(path, rest[0], typed ? &type : nullptr, values); });
     } else if (cmd == "delprop") {
         arity(1, 1);
-        cmd_delprop(path, rest[0]);
+        until_committed(path, [&] { cmd_delprop(path, rest[0]); });
     } else if (cmd == "addpg") {
         arity(2, 2);
-        cmd_addpg(path, rest[0], rest[1]);
+        until_committed(path, [&] { cmd_addpg(path, rest[0], rest[1]); });
     } else if (cmd == "delpg") {
         arity(1, 1);
-        cmd_delpg(path, rest[0]);
+        until_committed(path, [&] { cmd_delpg(path, rest[0]); });
     } else if (cmd == "delete") {
         arity(1, 1);
-        cmd_delete(path, rest[0]);
+        until_committed(path, [&] { cmd_delete(path, rest[0]); });
     } else if (cmd == "list") {
         arity(0, 0);
         cmd_list(path, std::cout);
     } else if (cmd == "show") {
         arity(1, 2);
         cmd_show(path, rest[0], rest.size() > 1 ? &rest[1] : nullptr, std::cout);
+    } else if (cmd == "copy") {
+        arity(1, 1);
+        until_committed(rest[0], [&] { cmd_copy(path, rest[0]); });
     } else {
         throw Usage{};
     }
@@ -752,7 +811,7 @@ int hgxrepo_import_text(const std::string& path, const std::string& text, bool s
         manifest::Document doc;
         std::string message;
         if (manifest::parse(text, "manifest", &doc, &message) < 0) throw Failure{message};
-        import_documents(path, {doc}, snapshot);
+        until_committed(path, [&] { import_documents(path, {doc}, snapshot); });
         return 0;
     } catch (const Failure& f) {
         if (error) *error = PROG + one_line(f.what);

@@ -872,6 +872,30 @@ const char* hgx_strerror(hgx_error_t code) {
         case HGX_ERROR_REPOSITORY_LOG:
             return "Repository file's write-ahead log cannot be read: its -shm file is missing "
                    "or unreadable, and this user cannot create it in that directory";
+        case HGX_ERROR_CLUSTER_UNREACHABLE:
+            return "No member of the etcd cluster answers";
+        case HGX_ERROR_CLUSTER_TIMEOUT:
+            return "The etcd cluster did not answer in time";
+        case HGX_ERROR_REVISION_COMPACTED:
+            return "The etcd cluster has compacted away the revision being read; try again";
+        case HGX_ERROR_CLUSTER_CREDENTIALS:
+            return "The etcd cluster refused the credentials (HGX_ETCD_USER, HGX_ETCD_PASSWORD)";
+        case HGX_ERROR_CLUSTER_NO_REPOSITORY:
+            return "No repository below this etcd prefix";
+        case HGX_ERROR_CLUSTER_FOREIGN:
+            return "The etcd prefix holds something other than a repository";
+        case HGX_ERROR_CLUSTER_SCHEMA:
+            return "The etcd prefix holds a repository of another schema version";
+        case HGX_ERROR_CLUSTER_CLIENT:
+            return "The etcd client module hgx-etcd.so cannot be loaded";
+        case HGX_ERROR_BAD_URL:
+            return "Malformed etcd URL; the form is etcd[s]://HOST:PORT[,HOST:PORT]...[/PREFIX]";
+        case HGX_ERROR_CONFLICT:
+            return "Another writer changed the repository at the same time";
+        case HGX_ERROR_TOO_LARGE:
+            return "Too large for one etcd request";
+        case HGX_ERROR_CLUSTER_TLS:
+            return "TLS with the etcd cluster failed (HGX_ETCD_CACERT, HGX_ETCD_CERT, HGX_ETCD_KEY)";
     }
     return "Unknown error";
 }

@@ -1,8 +1,11 @@
-// libhgx: client of the service repository, stored in one SQLite file.
+// libhgx: client of the service repository, stored in one SQLite file or in
+// an etcd cluster.
 //
-// The file is named by HGX_REPOSITORY, else /var/lib/hgx/repository.db. A
-// bound handle reads the file read-only inside one read transaction that lasts
-// until the handle is destroyed, so one handle sees one consistent state.
+// The repository is named by HGX_REPOSITORY, else /var/lib/hgx/repository.db:
+// a file, or a cluster as etcd://HOST:PORT[,HOST:PORT]...[/PREFIX] (etcds://
+// for TLS). A bound handle reads one state of the repository for its whole
+// life: a file inside one read transaction, a cluster at the revision of its
+// first read, so one handle sees one consistent state while others write.
 //
 // Children are iterated in ascending byte order of their names (services by
 // their whole name). A text copied into a buffer that is too small is cut
@@ -55,6 +58,19 @@ typedef enum hgx_error {
     HGX_ERROR_SCHEMA_MISMATCH = 1018,     // database of another schema or version
     HGX_ERROR_INTERNAL = 1019,            // unexpected failure of the store
     HGX_ERROR_REPOSITORY_LOG = 1020,      // write-ahead log of the file cannot be read
+    // A repository in an etcd cluster (etcd:// and etcds:// URLs).
+    HGX_ERROR_CLUSTER_UNREACHABLE = 1021,  // no member of the cluster answers
+    HGX_ERROR_CLUSTER_TIMEOUT = 1022,      // the cluster did not answer in time
+    HGX_ERROR_REVISION_COMPACTED = 1023,   // the revision read has been compacted
+    HGX_ERROR_CLUSTER_CREDENTIALS = 1024,  // user or password refused
+    HGX_ERROR_CLUSTER_NO_REPOSITORY = 1025,  // nothing below the prefix
+    HGX_ERROR_CLUSTER_FOREIGN = 1026,      // the prefix holds something else
+    HGX_ERROR_CLUSTER_SCHEMA = 1027,       // a repository of another schema version
+    HGX_ERROR_CLUSTER_CLIENT = 1028,       // the client module cannot be loaded
+    HGX_ERROR_BAD_URL = 1029,              // malformed etcd URL
+    HGX_ERROR_CONFLICT = 1030,             // another writer committed first
+    HGX_ERROR_TOO_LARGE = 1031,            // more than one etcd request holds
+    HGX_ERROR_CLUSTER_TLS = 1032,          // TLS failed: CA, certificate or key
 } hgx_error_t;
 
 typedef enum hgx_type {
