@@ -27,7 +27,19 @@ struct Run {
     std::vector<std::string> wrapper;
 };
 
+// Runs a program. On the pass of the tests against etcd, a repository file
+// named by -r or HGX_REPOSITORY is replaced by a prefix of its own in the
+// cluster.
 Result run(const Run& r);
+
+// Whether this pass keeps its repositories in etcd, and what a repository
+// path (an absolute one ending in .db) becomes there; other paths stay.
+bool on_cluster();
+std::string repository_for(const std::string& path);
+// The library's text for a repository that is not there, in this pass.
+inline const char* missing_repository_text() {
+    return on_cluster() ? "No repository below this etcd prefix" : "Repository file does not exist";
+}
 
 // A run as one value: status, standard output and standard error are
 // compared whole and shown together when they differ.

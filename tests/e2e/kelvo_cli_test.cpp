@@ -177,8 +177,8 @@ TEST_F(KelvoCli, RepositoryFailureCarriesLibraryText) {
               Whole(3, "", "kelvo: Unable to get properties for wrn:/net/none:default: "
                            "No such object in the repository\n"));
     EXPECT_EQ(whole(e2e::kelvo(dir / "missing.db", {"-f", WERN}, "x\n")),
-              Whole(3, "", "kelvo: Unable to get properties for wrn:/net/foo:default: "
-                           "Repository file does not exist\n"));
+              Whole(3, "", std::string("kelvo: Unable to get properties for wrn:/net/foo:default: ") +
+                               e2e::missing_repository_text() + "\n"));
 }
 
 TEST_F(KelvoCli, StencilLoadFailures) {
