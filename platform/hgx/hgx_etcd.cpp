@@ -1147,8 +1147,10 @@ int EtcdStore::commit() {
             service_docs(it->second, gen, &docs);
             for (auto& [key, value] : docs) {
                 if (value.size() > DOC_LIMIT) {
-                    message_ = "wrn:/" + name + ": " + key.substr(gen_prefix(gen).size()) +
-                               " would take " + std::to_string(value.size()) + " bytes";
+                    message_ = std::string(hgx_strerror(HGX_ERROR_TOO_LARGE)) + ": wrn:/" +
+                               name + ": " + key.substr(gen_prefix(gen).size()) + " would take " +
+                               std::to_string(value.size()) + " bytes, of at most " +
+                               std::to_string(DOC_LIMIT);
                     return fail(HGX_ERROR_TOO_LARGE);
                 }
                 data.push_back(put_op(key, value));

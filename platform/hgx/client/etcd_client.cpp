@@ -39,6 +39,7 @@ struct Client {
     std::string cacert, cert, key, user, password;
     std::string token;  // etcd's authentication token, once authenticated
     Easy easy;
+    char detail[CURL_ERROR_SIZE] = "";  // curl's own words for the last failure
 };
 
 void say(char* error, size_t size, const std::string& text) {
@@ -54,8 +55,16 @@ size_t collect(char* data, size_t one, size_t n, void* out) {
     }
 }
 
-// Status of a failed transfer: whether the next member may do better.
-int classify(CURLcode rc) {
+// Status of a failed transfer: whether the next member may do better. With
+// TLS 1.3 a member that refuses the client's certificate does so after the
+// handshake: the connection is dropped before any answer, and curl's words
+// for it vary. A handshake that completed and then got no answer is that.
+int classify(const Client* c, CURLcode rc) {
+    if (c->tls && (rc == CURLE_RECV_ERROR || rc == CURLE_SEND_ERROR || rc == CURLE_GOT_NOTHING)) {
+        curl_off_t handshake = 0;
+        curl_easy_getinfo(c->easy.curl, CURLINFO_APPCONNECT_TIME_T, &handshake);
+        if (handshake > 0 || std::strstr(c->detail, "alert")) return HGX_ETCD_TLS;
+    }
     switch (rc) {
         case CURLE_OPERATION_TIMEDOUT:
             return HGX_ETCD_TIMEOUT;
@@ -85,6 +94,8 @@ void prepare(Client* c, const std::string& url, const std::string& body, std::st
     curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, collect);
     curl_easy_setopt(h, CURLOPT_WRITEDATA, out);
     curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+    c->detail[0] = '\0';
+    curl_easy_setopt(h, CURLOPT_ERRORBUFFER, c->detail);
     curl_easy_setopt(h, CURLOPT_PROXY, "");  // a cluster is reached directly
     curl_easy_setopt(h, CURLOPT_TCP_NODELAY, 1L);
     curl_easy_setopt(h, CURLOPT_TCP_KEEPALIVE, 1L);
@@ -139,8 +150,8 @@ int post_to_members(Client* c, const std::string& path, const std::string& body,
             *why = c->members[m] + ": HTTP " + std::to_string(*http) + ": " + *out;
             continue;
         }
-        int s = classify(rc);
-        *why = c->members[m] + ": " + curl_easy_strerror(rc);
+        int s = classify(c, rc);
+        *why = c->members[m] + ": " + (c->detail[0] ? c->detail : curl_easy_strerror(rc));
         if (s == HGX_ETCD_NO_MEMORY || s == HGX_ETCD_TLS) return s;
         // A timeout anywhere makes the whole call one that timed out,
         // rather than one that found nobody.
@@ -328,9 +339,9 @@ int client_stream(void* handle, const char* path, const char* body, size_t size,
         CURLcode rc = curl_easy_perform(h);
         if (s.stopped) return HGX_ETCD_STOPPED;
         if (rc == CURLE_OK) return HGX_ETCD_OK;
-        say(error, error_size, member + ": " + curl_easy_strerror(rc));
+        say(error, error_size, member + ": " + (c->detail[0] ? c->detail : curl_easy_strerror(rc)));
         c->current = (c->current + 1) % c->members.size();
-        return classify(rc) == HGX_ETCD_TLS ? HGX_ETCD_TLS : HGX_ETCD_UNREACHABLE;
+        return classify(c, rc) == HGX_ETCD_TLS ? HGX_ETCD_TLS : HGX_ETCD_UNREACHABLE;
     } catch (const std::bad_alloc&) {
         say(error, error_size, "out of memory");
         return HGX_ETCD_NO_MEMORY;

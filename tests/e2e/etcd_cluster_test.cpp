@@ -1,0 +1,274 @@
+// The repository on an etcd cluster, where it differs from a file: one state
+// per run while others write, racing writers, members that fail, TLS,
+// credentials, and what a cluster refuses. Each test starts its own etcd.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <set>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "e2e_util.h"
+#include "etcd_server.h"
+
+namespace {
+
+using e2e::hgxrepo;
+
+const std::string WERN = "wrn:/app/web:default";
+
+// A manifest whose instance holds `count` properties, all of generation gen.
+std::string generation(int gen, int count = 200) {
+    std::string props;
+    for (int i = 0; i < count; ++i)
+        props += (i ? "," : "") + std::string("\"p") + std::to_string(i) + "\": \"g" +
+                 std::to_string(gen) + "\"";
+    return "{\"services\": {\"app/web\": {\"instances\": {\"default\": {\"groups\": {"
+           "\"config\": {\"properties\": {" +
+           props + "}}}}}}}}";
+}
+
+// Every property reference of the stencil on one line.
+std::string all_properties_stencil(int count = 200) {
+    std::string s;
+    for (int i = 0; i < count; ++i) s += "$%{config/p" + std::to_string(i) + "} ";
+    return s + "\n";
+}
+
+class EtcdCluster : public ::testing::Test {
+  protected:
+    void start(etcd_testing::Options options = {}) {
+        std::string why;
+        if (!server.start(options, &why)) {
+            if (etcd_testing::may_skip(why)) GTEST_SKIP() << why;
+            FAIL() << why;
+        }
+        url = server.url("kelvo");
+    }
+    e2e::Result repo(std::vector<std::string> args, const std::string& input = "") {
+        args.insert(args.begin(), {"-r", url});
+        return hgxrepo(args, input);
+    }
+    e2e::Result kelvo(const std::string& stencil,
+                      std::map<std::string, std::optional<std::string>> env = {}) {
+        return e2e::kelvo(url, {"-f", WERN}, stencil, std::move(env));
+    }
+
+    etcd_testing::EtcdServer server;
+    std::string url;
+};
+
+TEST_F(EtcdCluster, EveryRunSeesOneGenerationWhileImportsRewriteTheInstance) {
+    start();
+    ASSERT_EQ(repo({"import", "-"}, generation(0)).status, 0);
+    std::atomic<bool> done{false};
+    std::atomic<int> imports{0};
+    std::thread writer([&] {
+        for (int gen = 1; !done; ++gen) {
+            if (repo({"import", "-"}, generation(gen)).status == 0) ++imports;
+        }
+    });
+    const std::string stencil = all_properties_stencil();
+    int failures = 0, mixed = 0;
+    std::set<std::string> seen;
+    for (int run = 0; run < 500; ++run) {
+        e2e::Result r = kelvo(stencil);
+        if (r.status != 0) {
+            ++failures;
+            ADD_FAILURE() << r.err;
+            continue;
+        }
+        std::string first = r.out.substr(0, r.out.find(' '));
+        // One generation: the same text 200 times.
+        std::string expected;
+        for (int i = 0; i < 200; ++i) expected += first + " ";
+        if (r.out != expected + "\n") ++mixed;
+        seen.insert(first);
+    }
+    done = true;
+    writer.join();
+    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(mixed, 0);
+    EXPECT_GT(imports.load(), 1);
+    EXPECT_GT(seen.size(), 1u) << "the runs should have seen the imports land";
+}
+
+TEST_F(EtcdCluster, RacingWritersBothLand) {
+    start();
+    ASSERT_EQ(repo({"import", "-"}, generation(0, 2)).status, 0);
+    std::vector<std::thread> writers;
+    std::atomic<int> failed{0};
+    for (int i = 0; i < 8; ++i)
+        writers.emplace_back([&, i] {
+            e2e::Result r = repo({"setprop", WERN + "/:properties/config/w" + std::to_string(i),
+                                  "v" + std::to_string(i)});
+            if (r.status != 0) ++failed;
+        });
+    for (auto& t : writers) t.join();
+    EXPECT_EQ(failed.load(), 0);
+    std::string shown = repo({"show", WERN}).out;
+    for (int i = 0; i < 8; ++i)
+        EXPECT_NE(shown.find("config/w" + std::to_string(i) + " astring \"v" + std::to_string(i)),
+                  std::string::npos)
+            << shown;
+}
+
+TEST_F(EtcdCluster, AStoppedOrHangingClusterEndsTheRunWithStatusThree) {
+    start();
+    ASSERT_EQ(repo({"import", "-"}, generation(0, 2)).status, 0);
+    ASSERT_EQ(kelvo("$%{config/p0}\n").out, "g0\n");
+
+    // Frozen: connections are accepted and never answered.
+    server.freeze(true);
+    auto begin = std::chrono::steady_clock::now();
+    e2e::Result hung = kelvo("$%{config/p0}\n");
+    auto took = std::chrono::steady_clock::now() - begin;
+    server.freeze(false);
+    EXPECT_EQ(e2e::whole(hung),
+              e2e::Whole(3, "", "kelvo: Unable to get properties for " + WERN +
+                                    ": The etcd cluster did not answer in time\n"));
+    EXPECT_LT(took, std::chrono::seconds(8));
+
+    server.kill_member(0);
+    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n")),
+              e2e::Whole(3, "", "kelvo: Unable to get properties for " + WERN +
+                                    ": No member of the etcd cluster answers\n"));
+    e2e::Result write = repo({"setprop", WERN + "/:properties/config/p0", "x"});
+    EXPECT_EQ(write.status, 1);
+    EXPECT_NE(write.err.find("No member of the etcd cluster answers"), std::string::npos)
+        << write.err;
+}
+
+TEST_F(EtcdCluster, RunsGoOnThroughTheOtherMembersWhenTheLeaderDies) {
+    etcd_testing::Options three;
+    three.members = 3;
+    start(three);
+    ASSERT_EQ(repo({"import", "-"}, generation(0, 2)).status, 0);
+    int leader = server.leader();
+    ASSERT_GE(leader, 0);
+    server.kill_member(leader);
+    // The URL still names the dead member, and names it first where it led.
+    e2e::Result set = repo({"setprop", WERN + "/:properties/config/p0", "after"});
+    EXPECT_EQ(set.status, 0) << set.err;
+    EXPECT_EQ(repo({"snapshot", WERN}).status, 0);
+    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n")), e2e::Whole(0, "after\n", ""));
+}
+
+TEST_F(EtcdCluster, TlsWithClientCertificates) {
+    etcd_testing::Options tls;
+    tls.tls = true;
+    start(tls);
+    std::map<std::string, std::optional<std::string>> certs = {
+        {"HGX_ETCD_CACERT", server.ca()},
+        {"HGX_ETCD_CERT", server.client_cert()},
+        {"HGX_ETCD_KEY", server.client_key()}};
+    e2e::Run import;
+    import.args = {e2e::hgxrepo_bin(), "-r", url, "import", "-"};
+    import.input = generation(7, 2);
+    import.env = certs;
+    e2e::Result r = e2e::run(import);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(e2e::whole(kelvo("$%{config/p1}\n", certs)), e2e::Whole(0, "g7\n", ""));
+
+    // Without the client certificate the member refuses the handshake.
+    certs.erase("HGX_ETCD_CERT");
+    certs.erase("HGX_ETCD_KEY");
+    e2e::Result refused = kelvo("$%{config/p1}\n", certs);
+    EXPECT_EQ(refused.status, 3);
+    EXPECT_NE(refused.err.find("TLS with the etcd cluster failed"), std::string::npos)
+        << refused.err;
+}
+
+TEST_F(EtcdCluster, CredentialsAreCheckedAndWrongOnesRefused) {
+    start();
+    ASSERT_TRUE(server.enable_auth("secret"));
+    std::map<std::string, std::optional<std::string>> right = {{"HGX_ETCD_USER", "root"},
+                                                                {"HGX_ETCD_PASSWORD", "secret"}};
+    e2e::Run import;
+    import.args = {e2e::hgxrepo_bin(), "-r", url, "import", "-"};
+    import.input = generation(3, 2);
+    import.env = right;
+    e2e::Result r = e2e::run(import);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n", right)), e2e::Whole(0, "g3\n", ""));
+    const std::string refused =
+        "kelvo: Unable to get properties for " + WERN +
+        ": The etcd cluster refused the credentials (HGX_ETCD_USER, HGX_ETCD_PASSWORD)\n";
+    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n",
+                               {{"HGX_ETCD_USER", "root"}, {"HGX_ETCD_PASSWORD", "wrong"}})),
+              e2e::Whole(3, "", refused));
+    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n")), e2e::Whole(3, "", refused));
+}
+
+TEST_F(EtcdCluster, BadInputIsRefusedAndLeavesTheClusterAsItWas) {
+    start();
+    ASSERT_EQ(repo({"import", "-"}, generation(1, 2)).status, 0);
+    const std::string before = repo({"export"}).out;
+
+    struct Case {
+        const char* name;
+        std::string where;
+        std::string says;
+    } cases[] = {
+        {"malformed URL", "etcd://127.0.0.1/kelvo", "Malformed etcd URL"},
+        {"no port", "etcd://127.0.0.1:/x", "Malformed etcd URL"},
+        {"bad port", "etcd://127.0.0.1:99999/x", "Malformed etcd URL"},
+        {"empty prefix", "etcd://" + server.endpoints() + "/empty",
+         "No repository below this etcd prefix"},
+    };
+    for (const Case& c : cases) {
+        e2e::Result r = hgxrepo({"-r", c.where, "list"});
+        EXPECT_EQ(r.status, 1) << c.name;
+        EXPECT_NE(r.err.find(c.says), std::string::npos) << c.name << ": " << r.err;
+        EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << c.name << ": one line";
+    }
+
+    // A prefix that holds something else is neither read nor written.
+    server.post(0, "/v3/kv/put",
+                "{\"key\":\"" + etcd_testing::b64("other/config") + "\",\"value\":\"" +
+                    etcd_testing::b64("x") + "\"}");
+    for (const char* cmd : {"list", "import"}) {
+        std::vector<std::string> args = {"-r", "etcd://" + server.endpoints() + "/other", cmd};
+        if (std::string(cmd) == "import") args.push_back("-");
+        e2e::Result r = hgxrepo(args, generation(2, 2));
+        EXPECT_EQ(r.status, 1) << cmd;
+        EXPECT_NE(r.err.find("holds something other than a repository"), std::string::npos)
+            << r.err;
+    }
+
+    // An instance too large for one etcd request.
+    std::string big = "{\"services\": {\"app/web\": {\"instances\": {\"default\": {\"groups\": "
+                      "{\"config\": {\"properties\": {";
+    for (int i = 0; i < 300; ++i)
+        big += (i ? "," : "") + std::string("\"p") + std::to_string(i) + "\": \"" +
+               std::string(4000, 'x') + "\"";
+    big += "}}}}}}}}";
+    e2e::Result r = repo({"import", "-"}, big);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("Too large for one etcd request"), std::string::npos) << r.err;
+    EXPECT_EQ(repo({"export"}).out, before);
+}
+
+TEST_F(EtcdCluster, CopiesAWholeRepositoryToAFileAndBack) {
+    start();
+    e2e::TempDir dir;
+    const std::string file = dir / "a.db", back = dir / "b.db";
+    const std::string manifest = e2e::read_file(e2e::source_dir() + "/examples/services.json");
+    ASSERT_EQ(hgxrepo({"-r", file, "import", "-"}, manifest).status, 0);
+    ASSERT_EQ(hgxrepo({"-r", file, "copy", url}).status, 0);
+    ASSERT_EQ(repo({"copy", back}).status, 0);
+    EXPECT_EQ(hgxrepo({"-r", back, "export"}).out, hgxrepo({"-r", file, "export"}).out);
+    for (const char* w : {"wrn:/network/http:default", "wrn:/system/timesync:default"})
+        EXPECT_EQ(hgxrepo({"-r", back, "show", w, "running"}).out,
+                  hgxrepo({"-r", file, "show", w, "running"}).out)
+            << w;
+    // A copy replaces what the target held.
+    ASSERT_EQ(repo({"import", "-"}, generation(0, 1)).status, 0);
+    ASSERT_EQ(hgxrepo({"-r", file, "copy", url}).status, 0);
+    EXPECT_EQ(repo({"list"}).out, hgxrepo({"-r", file, "list"}).out);
+}
+
+}  // namespace
