@@ -95,6 +95,9 @@ stencil_error_t stencil_output_buffer_emit(stencil_output_buffer_t* buffer, int 
 // does not. *error reports a failure (then the result is 0).
 int stencil_output_buffer_cmp(stencil_output_buffer_t* buffer, int fd, stencil_error_t* error);
 void stencil_output_buffer_destroy(stencil_output_buffer_t* buffer);
+// The tree's whole text as one heap string, freed by the caller; null when
+// out of memory. For readers that look at the text instead of writing it.
+char* stencil_output_buffer_text(const stencil_output_buffer_t* buffer);
 
 stencil_syntax_error_iter_t* stencil_syntax_error_iterator_create(stencil_t* stencil);
 const stencil_syntax_error_t* stencil_syntax_error_iterator_next(stencil_syntax_error_iter_t* iter);
