@@ -88,9 +88,9 @@ int add_configfile_defines(defines_t* defines, repository_t* repository, const c
     return failed;
 }
 
-int walk_configfiles(repository_t* repository, defines_t** defines, int with_defines,
-                     int stop_on_error, configfile_visit visit, void* context) {
+int walk_configfiles(repository_t* repository, defines_t** defines, configfile_walk& walk) {
     int status = KELVO_SUCCESS;
+    walk.failed = 0;
     ssize_t limit = hgx_limit(HGX_LIMIT_WERN_LENGTH);
     if (limit <= 0) die(KELVO_QRMERR, gettext("Unable to get properties for %s"),
                         repository_get_wern(repository));
@@ -111,6 +111,7 @@ int walk_configfiles(repository_t* repository, defines_t** defines, int with_def
         configfile_group described{group, nullptr, nullptr, 0, nullptr, nullptr};
         const char* disabled_text = nullptr;
         const char* mode_text = nullptr;
+        bool disabled = false;
 
         // do { } while (false): a failure of the group's description leaves
         // it with `break`, for the common -x test after it.
@@ -135,7 +136,8 @@ int walk_configfiles(repository_t* repository, defines_t** defines, int with_def
             }
             // Only the exact text "true" disables; a disabled group neither
             // sets nor clears the status.
-            if (disabled_text != nullptr && strcmp(disabled_text, "true") == 0) break;
+            disabled = disabled_text != nullptr && strcmp(disabled_text, "true") == 0;
+            if (disabled) break;
 
             if (read("path", 0, &described.output_file) != 0 ||
                 read("stencil", 0, &described.input_file) != 0 ||
@@ -161,8 +163,8 @@ int walk_configfiles(repository_t* repository, defines_t** defines, int with_def
                 break;
             }
 
-            if (!with_defines) {
-                status = visit(described, *defines, context);
+            if (!walk.with_defines) {
+                status = walk.visit(described, *defines, walk.context);
                 break;
             }
             // A failed add leaves the table as it is, also for the next group.
@@ -170,13 +172,14 @@ int walk_configfiles(repository_t* repository, defines_t** defines, int with_def
                 status = KELVO_QRMERR;
                 break;
             }
-            status = visit(described, *defines, context);
+            status = walk.visit(described, *defines, walk.context);
             defines_destroy(*defines);
             *defines = defines_create();
             if (*defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
         } while (false);
 
-        if (status != KELVO_SUCCESS && stop_on_error)
+        if (status != KELVO_SUCCESS && !disabled) ++walk.failed;
+        if (status != KELVO_SUCCESS && walk.stop_on_error)
             die(static_cast<kelvo_error_t>(status), gettext("kelvo terminated\n"));
     }
     return status;
@@ -199,6 +202,6 @@ int apply_group(const configfile_group& group, defines_t* defines, void* context
 int run_configfiles(repository_t* repository, defines_t** defines, const configfile_run& run) {
     std::pair<repository_t*, const configfile_run*> context{repository, &run};
     // An undo needs no defines: the group's are not even read.
-    return walk_configfiles(repository, defines, !run.undo, run.stop_on_error, apply_group,
-                            &context);
+    configfile_walk walk{!run.undo, run.stop_on_error, apply_group, &context, 0};
+    return walk_configfiles(repository, defines, walk);
 }

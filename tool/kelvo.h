@@ -115,17 +115,24 @@ struct configfile_group {
     const char* group_name;
 };
 // What is done with each group that is enabled and well described: returns
-// the group's status. `defines` holds the group's defines unless the walk was
-// asked to leave them out.
+// the group's status. `defines` holds the group's defines unless the walk
+// leaves them out.
 typedef int (*configfile_visit)(const configfile_group& group, defines_t* defines, void* context);
 // The walk under run_configfiles, for every program that handles the groups
 // as kelvo does: groups in ascending name order, a bad description reported
 // with kelvo's messages (status KELVO_QRMERR), with_defines adds the group's
 // defines before the visit and gives *defines a fresh table after it. With
 // stop_on_error, the first failing group ends the process. Returns the
-// status of the last group that set one.
-int walk_configfiles(repository_t* repository, defines_t** defines, int with_defines,
-                     int stop_on_error, configfile_visit visit, void* context);
+// status of the last group that set one; `failed` receives the number of
+// groups that ended with another status than KELVO_SUCCESS.
+struct configfile_walk {
+    int with_defines;
+    int stop_on_error;
+    configfile_visit visit;
+    void* context;
+    int failed;
+};
+int walk_configfiles(repository_t* repository, defines_t** defines, configfile_walk& walk);
 
 // Reads the single-valued property `name` of the group whose name, plus "/",
 // stands at the start of property_path. 0 (value or null when optional and
