@@ -211,6 +211,16 @@ struct iter_deleter {
 
 void set_program_name(char* argv0) { prog_name = basename(argv0); }
 
+const char* stencil_path(const char* input_file, const char* stencil_dir, char (&buffer)[1024]) {
+    if (input_file == nullptr) return STDIN_NAME;
+    if (stencil_dir == nullptr) return input_file;
+    // The "/" always stands between, so an absolute input_file still lies
+    // below the stencil directory. A path over 1023 bytes is cut and tried
+    // as cut.
+    snprintf(buffer, sizeof buffer, "%s/%s", stencil_dir, input_file);
+    return buffer;
+}
+
 kelvo_error_t plan_delivery(stencil_output_buffer_t* output, const char* output_file,
                             const char* root_prefix, delivery_plan* plan) {
     // An absolute output_file still lies below the prefix: "/r" and "/a"
@@ -342,21 +352,15 @@ void add_optarg_define(defines_t* defines, char* argument) {
 
 kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines,
                                const char* input_file, const char* stencil_dir, int list_mode,
-                               stencil_output_buffer_t** text) {
+                               stencil_output_buffer_t** text, stencil_reference_fn observer,
+                               void* context) {
     *text = nullptr;
     stencil_output_mode_t output_mode =
         list_mode == 1 ? STENCIL_OUTPUT_LIST_PROPERTIES : STENCIL_OUTPUT_NORMAL;
 
-    // The "/" always stands between, so an absolute input_file still lies
-    // below the stencil directory. A path over 1023 bytes is cut and tried
-    // as cut.
-    char stencil_path[1024];
-    const char* path = input_file;
-    if (input_file != nullptr && stencil_dir != nullptr) {
-        snprintf(stencil_path, sizeof stencil_path, "%s/%s", stencil_dir, input_file);
-        path = stencil_path;
-    }
-    const char* shown_path = path != nullptr ? path : STDIN_NAME;
+    char buffer[1024];
+    const char* shown_path = stencil_path(input_file, stencil_dir, buffer);
+    const char* path = input_file != nullptr ? shown_path : nullptr;
 
     stencil_t* raw_stencil = nullptr;
     stencil_error_t result = stencil_load(path, &raw_stencil, defines);
@@ -395,7 +399,9 @@ kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines,
     }
 
     stencil_output_buffer_t* raw_output = nullptr;
-    result = stencil_apply(stencil.get(), repository, output_mode, &raw_output);
+    result = observer != nullptr
+                 ? stencil_apply_observed(stencil.get(), repository, observer, context, &raw_output)
+                 : stencil_apply(stencil.get(), repository, output_mode, &raw_output);
     std::unique_ptr<stencil_output_buffer_t, output_deleter> output(raw_output);
     switch (result) {
         case STENCIL_SUCCESS:

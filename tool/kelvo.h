@@ -65,10 +65,18 @@ kelvo_error_t apply_stencil(repository_t* repository, defines_t* defines, const 
 
 // Loads input_file (below stencil_dir when both are set; standard input when
 // null) and evaluates it; the output tree goes to *text, which the caller
-// destroys. KELVO_SUCCESS, or KELVO_SYSERR / KELVO_STENERR after the message.
+// destroys. An observer (normal mode only) sees every property reference the
+// evaluation visits. KELVO_SUCCESS, or KELVO_SYSERR / KELVO_STENERR after the
+// message.
 kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines,
                                const char* input_file, const char* stencil_dir, int list_mode,
-                               stencil_output_buffer_t** text);
+                               stencil_output_buffer_t** text,
+                               stencil_reference_fn observer = nullptr, void* context = nullptr);
+// The path a stencil is read from, as messages show it: input_file below
+// stencil_dir (a path over 1023 bytes is cut), input_file alone without a
+// directory, "(standard input)" without a file. Points into buffer or at
+// input_file.
+const char* stencil_path(const char* input_file, const char* stencil_dir, char (&buffer)[1024]);
 
 // What delivering a text to a file would do, found by reading alone: the
 // file is created, rewritten, or left wholly alone because it holds the

@@ -55,6 +55,7 @@ bool exists(const std::string& path);
 const char* kelvo_bin();
 const char* hgxrepo_bin();
 const char* kelvo_diff_bin();
+const char* kelvo_lint_bin();
 std::string source_dir();
 
 // Imports the manifest text into a new repository file at path with
