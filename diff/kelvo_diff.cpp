@@ -175,11 +175,7 @@ int kelvo_diff_main(int argc, char** argv) {
         return KELVO_DIFF_USAGE;
     }
 
-    repository_t* repository = nullptr;
-    int status = repository_create(instance_wern, nullptr, &repository);
-    if (status == REPOSITORY_NO_MEMORY) die(KELVO_SYSERR, gettext("Out of memory\n"));
-    if (status != REPOSITORY_SUCCESS)
-        die(KELVO_QRMERR, gettext("Unable to get properties for %s"), instance_wern);
+    repository_t* repository = open_instance_view(instance_wern);
     defines_t* defines = defines_create();
     if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
 
@@ -189,11 +185,7 @@ int kelvo_diff_main(int argc, char** argv) {
     defines_destroy(defines);
     repository_destroy(repository);
 
-    if (fflush(stdout) != 0) {
-        fprintf(stderr, gettext("%s: Could not write %s: %s\n"), prog, "(standard output)",
-                strerror(errno));
-        return KELVO_DIFF_ERROR;
-    }
+    if (finish_standard_output(prog) != 0) return KELVO_DIFF_ERROR;
     if (walk.failed > 0) return KELVO_DIFF_ERROR;
     return run.changes > 0 ? KELVO_DIFF_CHANGES : KELVO_DIFF_SAME;
 }

@@ -713,6 +713,25 @@ void cmd_list(const std::string& path, std::ostream& out) {
     if (rc < 0) read_failed(path);
 }
 
+// A service or instance that a wern names, opened for reading, with a
+// snapshot object for the caller to fill.
+struct OwnerView {
+    Handle h;
+    Service svc;
+    Instance inst;
+    Snapshot snap;
+    bool is_instance = false;
+
+    OwnerView(const std::string& path, const std::string& wern)
+        : h(open_reader(path)),
+          svc(hgx_service_create(h.get())),
+          inst(hgx_instance_create(h.get())),
+          snap(hgx_snapshot_create(h.get())) {
+        if (!svc || !inst || !snap) throw Failure{lib_error()};
+        decode_owner(h.get(), wern, svc, inst, &is_instance);
+    }
+};
+
 // Each group ("PATH/", "TYPE") and property ("PATH", "TYPE "V1" ...") of a
 // walk, in walk order, handed to line(key, text).
 template <typename Line>
@@ -736,13 +755,11 @@ void view_lines(hgx_handle_t* h, hgx_service_t* svc, hgx_instance_t* inst, hgx_s
 // An instance shows its composed view, or the snapshot given.
 void cmd_show(const std::string& path, const std::string& wern, const std::string* snapshot,
               std::ostream& out) {
-    Handle h = open_reader(path);
-    Service svc(hgx_service_create(h.get()));
-    Instance inst(hgx_instance_create(h.get()));
-    Snapshot snap(hgx_snapshot_create(h.get()));
-    if (!svc || !inst || !snap) throw Failure{lib_error()};
-    bool is_instance = false;
-    decode_owner(h.get(), wern, svc, inst, &is_instance);
+    OwnerView v(path, wern);
+    hgx_service_t* svc = v.svc;
+    hgx_instance_t* inst = v.inst;
+    hgx_snapshot_t* snap = v.snap;
+    const bool is_instance = v.is_instance;
     Walk walk = is_instance ? Walk::COMPOSED : Walk::OWN;
     if (snapshot) {
         if (!is_instance) throw Failure{wern + ": only an instance has snapshots"};
@@ -750,7 +767,7 @@ void cmd_show(const std::string& path, const std::string& wern, const std::strin
             throw Failure{wern + ": no snapshot " + manifest::quote(*snapshot)};
         walk = Walk::SNAPSHOT;
     }
-    view_lines(h.get(), svc, is_instance ? inst.p : nullptr, snapshot ? snap.p : nullptr, walk,
+    view_lines(v.h.get(), svc, is_instance ? inst : nullptr, snapshot ? snap : nullptr, walk,
                [&](const std::string& key, const std::string& text) {
                    out << key << ' ' << text << '\n';
                });
@@ -760,13 +777,11 @@ void cmd_show(const std::string& path, const std::string& wern, const std::strin
 // "- " a line of the snapshot only, "+ " one of the current view only,
 // "~ PATH OLD -> NEW" a changed one; in path order, nothing when they agree.
 void cmd_diff(const std::string& path, const std::string& wern, std::ostream& out) {
-    Handle h = open_reader(path);
-    Service svc(hgx_service_create(h.get()));
-    Instance inst(hgx_instance_create(h.get()));
-    Snapshot snap(hgx_snapshot_create(h.get()));
-    if (!svc || !inst || !snap) throw Failure{lib_error()};
-    bool is_instance = false;
-    decode_owner(h.get(), wern, svc, inst, &is_instance);
+    OwnerView v(path, wern);
+    hgx_service_t* svc = v.svc;
+    hgx_instance_t* inst = v.inst;
+    hgx_snapshot_t* snap = v.snap;
+    const bool is_instance = v.is_instance;
     if (!is_instance) throw Failure{wern + ": only an instance has snapshots"};
     if (hgx_instance_get_snapshot(inst, "running", snap) < 0)
         throw Failure{wern + ": no snapshot \"running\" yet; kelvo reads the current view until "
@@ -775,8 +790,8 @@ void cmd_diff(const std::string& path, const std::string& wern, std::ostream& ou
     auto into = [](std::map<std::string, std::string>& m) {
         return [&m](const std::string& key, const std::string& text) { m[key] = text; };
     };
-    view_lines(h.get(), svc, inst, snap, Walk::SNAPSHOT, into(running));
-    view_lines(h.get(), svc, inst, nullptr, Walk::COMPOSED, into(current));
+    view_lines(v.h.get(), svc, inst, snap, Walk::SNAPSHOT, into(running));
+    view_lines(v.h.get(), svc, inst, nullptr, Walk::COMPOSED, into(current));
     auto old_it = running.begin();
     auto new_it = current.begin();
     while (old_it != running.end() || new_it != current.end()) {

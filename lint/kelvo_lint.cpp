@@ -136,11 +136,7 @@ int kelvo_lint_main(int argc, char** argv) {
         return KELVO_LINT_USAGE;
     }
 
-    repository_t* repository = nullptr;
-    int status = repository_create(instance_wern, nullptr, &repository);
-    if (status == REPOSITORY_NO_MEMORY) die(KELVO_SYSERR, gettext("Out of memory\n"));
-    if (status != REPOSITORY_SUCCESS)
-        die(KELVO_QRMERR, gettext("Unable to get properties for %s"), instance_wern);
+    repository_t* repository = open_instance_view(instance_wern);
     defines_t* defines = defines_create();
     if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
 
@@ -156,11 +152,7 @@ int kelvo_lint_main(int argc, char** argv) {
     defines_destroy(defines);
     repository_destroy(repository);
 
-    if (fflush(stdout) != 0) {
-        fprintf(stderr, gettext("%s: Could not write %s: %s\n"), prog, "(standard output)",
-                strerror(errno));
-        return KELVO_LINT_ERROR;
-    }
+    if (finish_standard_output(prog) != 0) return KELVO_LINT_ERROR;
     if (failed > 0) return KELVO_LINT_ERROR;
     return run.findings > 0 ? KELVO_LINT_FINDINGS : KELVO_LINT_CLEAN;
 }

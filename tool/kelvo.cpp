@@ -211,6 +211,21 @@ struct iter_deleter {
 
 void set_program_name(char* argv0) { prog_name = basename(argv0); }
 
+repository_t* open_instance_view(const char* wern) {
+    repository_t* repository = nullptr;
+    int status = repository_create(wern, nullptr, &repository);
+    if (status == REPOSITORY_NO_MEMORY) die(KELVO_SYSERR, gettext("Out of memory\n"));
+    if (status != REPOSITORY_SUCCESS)
+        die(KELVO_QRMERR, gettext("Unable to get properties for %s"), wern);
+    return repository;
+}
+
+int finish_standard_output(const char* prog) {
+    if (fflush(stdout) == 0) return 0;
+    fprintf(stderr, gettext("%s: Could not write %s: %s\n"), prog, STDOUT_NAME, strerror(errno));
+    return -1;
+}
+
 const char* stencil_path(const char* input_file, const char* stencil_dir, char (&buffer)[1024]) {
     if (input_file == nullptr) return STDIN_NAME;
     if (stencil_dir == nullptr) return input_file;
@@ -532,12 +547,8 @@ int kelvo_main(int argc, char** argv) {
     if (undo && !all_configfiles && output_file == nullptr)
         die(KELVO_USAGE, gettext("Option -u requires either -a or -o\n"));
 
-    repository_t* repository = nullptr;
-    int status = repository_create(instance_wern, nullptr, &repository);
-    if (status == REPOSITORY_NO_MEMORY) die(KELVO_SYSERR, gettext("Out of memory\n"));
-    if (status != REPOSITORY_SUCCESS)
-        die(KELVO_QRMERR, gettext("Unable to get properties for %s"), instance_wern);
-    status = KELVO_SUCCESS;
+    repository_t* repository = open_instance_view(instance_wern);
+    int status = KELVO_SUCCESS;
 
     // Whatever the run creates has no permission bits until it is given
     // them; nothing resets the mask.

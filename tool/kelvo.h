@@ -63,6 +63,14 @@ kelvo_error_t apply_stencil(repository_t* repository, defines_t* defines, const 
                             const char* group_name, char* lofs_options, ssize_t lofs_options_len,
                             int create_dirs, int list_mode);
 
+// The view of the instance `wern`, for every program that reads it as kelvo
+// does; ends the process with kelvo's messages when it cannot be had.
+repository_t* open_instance_view(const char* wern);
+
+// Flushes standard output at the end of a run: 0, or -1 after saying on
+// standard error that the output could not be written.
+int finish_standard_output(const char* prog);
+
 // Loads input_file (below stencil_dir when both are set; standard input when
 // null) and evaluates it; the output tree goes to *text, which the caller
 // destroys. An observer (normal mode only) sees every property reference the
