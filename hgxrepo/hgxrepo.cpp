@@ -16,6 +16,7 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -34,18 +35,27 @@ const char USAGE[] =
     "usage: hgxrepo [-r FILE] import [--no-snapshot] MANIFEST...\n"
     "       hgxrepo [-r FILE] export [WERN]\n"
     "       hgxrepo [-r FILE] snapshot WERN [NAME]\n"
-    "       hgxrepo [-r FILE] setprop WERN [-t TYPE] [VALUE...]\n"
-    "       hgxrepo [-r FILE] delprop WERN\n"
-    "       hgxrepo [-r FILE] addpg WERN TYPE\n"
-    "       hgxrepo [-r FILE] delpg WERN\n"
+    "       hgxrepo [-r FILE] setprop [--snapshot] WERN [-t TYPE] [VALUE...]\n"
+    "       hgxrepo [-r FILE] delprop [--snapshot] WERN\n"
+    "       hgxrepo [-r FILE] addpg [--snapshot] WERN TYPE\n"
+    "       hgxrepo [-r FILE] delpg [--snapshot] WERN\n"
     "       hgxrepo [-r FILE] delete WERN\n"
     "       hgxrepo [-r FILE] list\n"
     "       hgxrepo [-r FILE] show WERN [SNAPSHOT]\n"
     "       hgxrepo [-r FILE] copy TARGET\n"
+    "       hgxrepo [-r FILE] diff WERN\n"
+    "       hgxrepo help\n"
     "The repository file is FILE, else $HGX_REPOSITORY, else " HGX_DEFAULT_REPOSITORY
     ".\n"
     "A repository may also be an etcd cluster: etcd[s]://HOST:PORT[,HOST:PORT]...[/PREFIX].\n"
-    "A MANIFEST of - is standard input.\n";
+    "A MANIFEST of - is standard input.\n"
+    "kelvo reads an instance's snapshot \"running\" (the group general excepted):\n"
+    "changes are seen after \"hgxrepo snapshot WERN\", or at once with --snapshot.\n";
+
+// What a well-formed wern looks like, for messages about one that is not.
+constexpr const char* WERN_FORMS =
+    "a wern looks like wrn:/SERVICE, wrn:/SERVICE:INSTANCE or "
+    "wrn:/SERVICE:INSTANCE/:properties/GROUP/PROPERTY";
 
 constexpr const char* PROG = "hgxrepo: ";
 
@@ -90,12 +100,22 @@ std::string repository_path(const std::string& option) {
 
 std::string lib_error() { return hgx_strerror(hgx_error()); }
 
+// What to do about a repository file that is not there, for the message
+// that names the file.
+std::string missing_repository_hint() {
+    if (hgx_error() == HGX_ERROR_CLUSTER_NO_REPOSITORY)
+        return "; name the cluster and prefix with -r URL or HGX_REPOSITORY, or create it "
+               "with hgxrepo import";
+    if (hgx_error() != HGX_ERROR_NO_REPOSITORY) return "";
+    return "; name the file with -r FILE or HGX_REPOSITORY, or create it with hgxrepo import";
+}
+
 // ---- writing -------------------------------------------------------------
 
 Writer open_writer(const std::string& path, bool create) {
     std::string message;
     hgx_writer_t* w = hgx_writer_open(path.c_str(), create, &message);
-    if (!w) throw Failure{message};
+    if (!w) throw Failure{message + missing_repository_hint()};
     return Writer(w);
 }
 
@@ -142,9 +162,14 @@ void write_groups(hgx_writer_t* w, const std::string& path, const hgx_owner& own
     }
 }
 
-// Loads checked manifests into the file in one transaction.
+std::vector<std::string> dropped_by_import(const std::string& path,
+                                           const std::vector<manifest::Document>& docs);
+
+// Loads checked manifests into the file in one transaction. What the import
+// removes without the manifests saying so goes to *dropped, one line each.
 void import_documents(const std::string& path, const std::vector<manifest::Document>& docs,
-                      bool snapshot) {
+                      bool snapshot, std::vector<std::string>* dropped = nullptr) {
+    if (dropped) *dropped = dropped_by_import(path, docs);
     Writer w = open_writer(path, true);
     std::set<std::string> names;
     for (const manifest::Document& doc : docs) {
@@ -190,7 +215,7 @@ struct Target {
 Target resolve_owner(hgx_writer_t* w, const std::string& path, const std::string& wern) {
     Target t;
     if (hgx_wern_split(wern.c_str(), &t.parts) < 0)
-        throw Failure{"not a valid wern: " + manifest::quote(wern)};
+        throw Failure{"not a valid wern: " + manifest::quote(wern) + "; " + WERN_FORMS};
     if (t.parts.scope_only) throw Failure{wern + ": names no service"};
     if (t.parts.scope != "localhost") throw Failure{wern + ": no such scope"};
     t.service = hgx_writer_find_service(w, t.parts.service);
@@ -231,8 +256,50 @@ hgx_type_t parse_type(const std::string& name) {
     return t;
 }
 
+// Takes the snapshot `name` of the instance, or of every instance of the
+// service, that t names.
+void take_snapshots(hgx_writer_t* w, const std::string& path, const Target& t,
+                    const std::string& name) {
+    std::vector<hgx_id_t> instances;
+    if (t.instance) {
+        instances.push_back(t.instance);
+    } else if (hgx_writer_instances(w, t.service, &instances) < 0) {
+        write_failed(w, path);
+    }
+    for (hgx_id_t iid : instances)
+        if (hgx_writer_take_snapshot(w, t.service, iid, name) < 0) write_failed(w, path);
+}
+
+// Commits an edit of groups or properties. kelvo reads the snapshot
+// "running" (the group general excepted), so the edit is invisible to it
+// until that snapshot is retaken: with `snapshot` in the same transaction,
+// else the user is told how.
+void finish_edit(hgx_writer_t* w, const std::string& path, const Target& t, bool snapshot) {
+    if (snapshot) take_snapshots(w, path, t, "running");
+    commit(w, path);
+    if (snapshot || (!t.parts.path.empty() && t.parts.path[0] == "general")) return;
+    std::string owner = "wrn:/" + t.parts.service;
+    if (t.parts.has_instance) owner += ":" + t.parts.instance;
+    std::cerr << PROG << "kelvo sees this change after \"hgxrepo snapshot " << owner
+              << "\" (or give --snapshot)\n";
+}
+
+// The type of the property of that name in the service's group at the same
+// path as the instance's group t names; 0 when the service has none there.
+int inherited_type(hgx_writer_t* w, const std::string& path, const Target& t, hgx_type_t* type) {
+    hgx_owner cur{hgx_owner::SERVICE, t.service, t.service, 0};
+    for (size_t i = 0; i + 1 < t.parts.path.size(); ++i) {
+        int rc = hgx_writer_find_pg(w, cur, t.parts.path[i], &cur);
+        if (rc < 0) write_failed(w, path);
+        if (rc == 0) return 0;
+    }
+    int rc = hgx_writer_find_property(w, cur, t.parts.path.back(), type);
+    if (rc < 0) write_failed(w, path);
+    return rc;
+}
+
 void cmd_setprop(const std::string& path, const std::string& wern, const std::string* type_name,
-                 const std::vector<std::string>& values) {
+                 const std::vector<std::string>& values, bool snapshot) {
     Writer w = open_writer(path, false);
     Target t = resolve_owner(w.get(), path, wern);
     if (t.parts.path.size() < 2) throw Failure{wern + ": names no property"};
@@ -241,8 +308,14 @@ void cmd_setprop(const std::string& path, const std::string& wern, const std::st
     hgx_type_t type = HGX_TYPE_ASTRING;
     if (type_name) {
         type = parse_type(*type_name);
-    } else if (hgx_writer_find_property(w.get(), pg, name, &type) < 0) {
-        write_failed(w.get(), path);
+    } else {
+        // Without -t a property keeps its type: the instance's own, else the
+        // one it inherits from its service.
+        hgx_type_t found = HGX_TYPE_ASTRING;
+        int rc = hgx_writer_find_property(w.get(), pg, name, &found);
+        if (rc == 0 && t.instance) rc = inherited_type(w.get(), path, t, &found);
+        if (rc < 0) write_failed(w.get(), path);
+        if (rc > 0) type = found;
     }
     for (const std::string& v : values) {
         const char* why = nullptr;
@@ -251,10 +324,10 @@ void cmd_setprop(const std::string& path, const std::string& wern, const std::st
                           hgx_type_to_string(type) + ")"};
     }
     if (hgx_writer_set_property(w.get(), pg, name, type, values) < 0) write_failed(w.get(), path);
-    commit(w.get(), path);
+    finish_edit(w.get(), path, t, snapshot);
 }
 
-void cmd_delprop(const std::string& path, const std::string& wern) {
+void cmd_delprop(const std::string& path, const std::string& wern, bool snapshot) {
     Writer w = open_writer(path, false);
     Target t = resolve_owner(w.get(), path, wern);
     if (t.parts.path.size() < 2) throw Failure{wern + ": names no property"};
@@ -263,10 +336,11 @@ void cmd_delprop(const std::string& path, const std::string& wern) {
         if (hgx_error() == HGX_ERROR_NOT_FOUND) throw Failure{"no such property: " + wern};
         write_failed(w.get(), path);
     }
-    commit(w.get(), path);
+    finish_edit(w.get(), path, t, snapshot);
 }
 
-void cmd_addpg(const std::string& path, const std::string& wern, const std::string& type) {
+void cmd_addpg(const std::string& path, const std::string& wern, const std::string& type,
+               bool snapshot) {
     Writer w = open_writer(path, false);
     Target t = resolve_owner(w.get(), path, wern);
     if (t.parts.path.empty()) throw Failure{wern + ": names no group"};
@@ -278,16 +352,16 @@ void cmd_addpg(const std::string& path, const std::string& wern, const std::stri
     if (rc > 0) throw Failure{"group exists already: " + wern};
     if (hgx_writer_add_pg(w.get(), parent, t.parts.path.back(), type, nullptr) < 0)
         write_failed(w.get(), path);
-    commit(w.get(), path);
+    finish_edit(w.get(), path, t, snapshot);
 }
 
-void cmd_delpg(const std::string& path, const std::string& wern) {
+void cmd_delpg(const std::string& path, const std::string& wern, bool snapshot) {
     Writer w = open_writer(path, false);
     Target t = resolve_owner(w.get(), path, wern);
     if (t.parts.path.empty()) throw Failure{wern + ": names no group"};
     hgx_owner pg = walk_groups(w.get(), path, t, t.parts.path.size(), wern);
     if (hgx_writer_delete_pg(w.get(), pg) < 0) write_failed(w.get(), path);
-    commit(w.get(), path);
+    finish_edit(w.get(), path, t, snapshot);
 }
 
 void cmd_delete(const std::string& path, const std::string& wern) {
@@ -306,15 +380,7 @@ void cmd_snapshot(const std::string& path, const std::string& wern, const std::s
     Writer w = open_writer(path, false);
     Target t = resolve_owner(w.get(), path, wern);
     if (!t.parts.path.empty()) throw Failure{wern + ": names no service or instance"};
-    std::vector<hgx_id_t> instances;
-    if (t.instance) {
-        instances.push_back(t.instance);
-    } else if (hgx_writer_instances(w.get(), t.service, &instances) < 0) {
-        write_failed(w.get(), path);
-    }
-    for (hgx_id_t iid : instances)
-        if (hgx_writer_take_snapshot(w.get(), t.service, iid, name) < 0)
-            write_failed(w.get(), path);
+    take_snapshots(w.get(), path, t, name);
     commit(w.get(), path);
 }
 
@@ -347,7 +413,9 @@ void cmd_copy(const std::string& path, const std::string& target) {
 Handle open_reader(const std::string& path) {
     Handle h(hgx_handle_create(HGX_VERSION));
     if (!h) throw Failure{lib_error()};
-    if (hgx_handle_bind_path(h.get(), path.c_str()) < 0) throw Failure{path + ": " + lib_error()};
+    if (hgx_handle_bind_path(h.get(), path.c_str()) < 0) {
+        throw Failure{path + ": " + lib_error() + missing_repository_hint()};
+    }
     return h;
 }
 
@@ -426,6 +494,80 @@ void each_property(hgx_handle_t* h, hgx_propertygroup_t* pg, Each each) {
     int rc;
     while ((rc = hgx_iter_next_property(it, p)) == 1) each(p.p);
     if (rc < 0) throw Failure{"cannot read properties: " + lib_error()};
+}
+
+// ---- import warnings --------------------------------------------------------
+
+// Groups of an iteration that `kept` (a manifest's groups at the same place)
+// no longer has, nested groups included, as lines for *out.
+void dropped_groups(hgx_handle_t* h, hgx_iter_t* it, const std::vector<manifest::Group>& kept,
+                    const std::string& owner, const std::string& prefix,
+                    std::vector<std::string>* out) {
+    Pg pg(hgx_pg_create(h));
+    if (!pg) throw Failure{lib_error()};
+    int rc;
+    while ((rc = hgx_iter_next_pg(it, pg)) == 1) {
+        const std::string name = text_of(hgx_pg_get_name, pg);
+        auto found = std::find_if(kept.begin(), kept.end(),
+                                  [&](const manifest::Group& g) { return g.name == name; });
+        if (found == kept.end()) {
+            out->push_back(owner + ": group " + manifest::quote(prefix + name) +
+                           " is not in the manifest; the import removes it");
+            continue;
+        }
+        Iter inner(hgx_iter_create(h));
+        if (!inner || hgx_iter_pg_pgs(inner, pg) < 0)
+            throw Failure{"cannot read groups: " + lib_error()};
+        dropped_groups(h, inner, found->groups, owner, prefix + name + "/", out);
+    }
+    if (rc < 0) throw Failure{"cannot read groups: " + lib_error()};
+}
+
+// What importing docs removes from the services it replaces without the
+// manifests naming it: their groups and instances that are stored but no
+// longer described. Read before the write; a file that cannot be read yet
+// has nothing to lose (the write then says what is wrong with it).
+std::vector<std::string> dropped_by_import(const std::string& path,
+                                           const std::vector<manifest::Document>& docs) {
+    std::vector<std::string> out;
+    Handle h(hgx_handle_create(HGX_VERSION));
+    if (!h || hgx_handle_bind_path(h.get(), path.c_str()) < 0) return out;
+    // The last description of a service in the run is the one that stays.
+    std::map<std::string, const manifest::Service*> last;
+    for (const manifest::Document& doc : docs)
+        for (const manifest::Service& s : doc.services) last[s.name] = &s;
+    for (const auto& [name, described] : last) {
+        const std::string wern = "wrn:/" + name;
+        Service svc(hgx_service_create(h.get()));
+        Instance inst(hgx_instance_create(h.get()));
+        Iter groups(hgx_iter_create(h.get()));
+        Iter instances(hgx_iter_create(h.get()));
+        if (!svc || !inst || !groups || !instances) throw Failure{lib_error()};
+        if (hgx_handle_decode_wern(h.get(), wern.c_str(), nullptr, svc, nullptr, nullptr, nullptr,
+                                   0) < 0)
+            continue;  // a new service
+        if (hgx_iter_service_pgs(groups, svc) < 0 ||
+            hgx_iter_service_instances(instances, svc) < 0)
+            read_failed(path);
+        dropped_groups(h.get(), groups, described->groups, wern, "", &out);
+        int rc;
+        while ((rc = hgx_iter_next_instance(instances, inst)) == 1) {
+            const std::string instance = text_of(hgx_instance_get_name, inst);
+            const std::string owner = wern + ":" + instance;
+            auto found = std::find_if(
+                described->instances.begin(), described->instances.end(),
+                [&](const manifest::Instance& i) { return i.name == instance; });
+            if (found == described->instances.end()) {
+                out.push_back(owner + ": instance is not in the manifest; the import removes it");
+                continue;
+            }
+            Iter own(hgx_iter_create(h.get()));
+            if (!own || hgx_iter_instance_pgs(own, inst) < 0) read_failed(path);
+            dropped_groups(h.get(), own, found->groups, owner, "", &out);
+        }
+        if (rc < 0) read_failed(path);
+    }
+    return out;
 }
 
 // ---- export ----------------------------------------------------------------
@@ -558,7 +700,7 @@ void decode_owner(hgx_handle_t* h, const std::string& wern, hgx_service_t* svc,
                   hgx_instance_t* inst, bool* is_instance) {
     hgx_wern_parts parts;
     if (hgx_wern_split(wern.c_str(), &parts) < 0)
-        throw Failure{"not a valid wern: " + manifest::quote(wern)};
+        throw Failure{"not a valid wern: " + manifest::quote(wern) + "; " + WERN_FORMS};
     if (parts.scope_only || !parts.path.empty())
         throw Failure{wern + ": names no service or instance"};
     if (hgx_handle_decode_wern(h, wern.c_str(), nullptr, svc, inst, nullptr, nullptr, 0) < 0)
@@ -628,17 +770,53 @@ void cmd_list(const std::string& path, std::ostream& out) {
     if (rc < 0) read_failed(path);
 }
 
+// A service or instance that a wern names, opened for reading, with a
+// snapshot object for the caller to fill.
+struct OwnerView {
+    Handle h;
+    Service svc;
+    Instance inst;
+    Snapshot snap;
+    bool is_instance = false;
+
+    OwnerView(const std::string& path, const std::string& wern)
+        : h(open_reader(path)),
+          svc(hgx_service_create(h.get())),
+          inst(hgx_instance_create(h.get())),
+          snap(hgx_snapshot_create(h.get())) {
+        if (!svc || !inst || !snap) throw Failure{lib_error()};
+        decode_owner(h.get(), wern, svc, inst, &is_instance);
+    }
+};
+
+// Each group ("PATH/", "TYPE") and property ("PATH", "TYPE "V1" ...") of a
+// walk, in walk order, handed to line(key, text).
+template <typename Line>
+void view_lines(hgx_handle_t* h, hgx_service_t* svc, hgx_instance_t* inst, hgx_snapshot_t* snap,
+                Walk walk, Line line) {
+    auto visit = [&](hgx_propertygroup_t* pg, const std::string& p) {
+        line(p + "/", text_of(hgx_pg_get_type, pg));
+        each_property(h, pg, [&](hgx_property_t* prop) {
+            hgx_type_t type;
+            if (hgx_property_type(prop, &type) < 0) throw Failure{"cannot read: " + lib_error()};
+            std::string text = hgx_type_to_string(type);
+            for (const std::string& v : values_of(h, prop))
+                text += " " + manifest::quote(v, std::string::npos);
+            line(p + "/" + text_of(hgx_property_get_name, prop), text);
+        });
+    };
+    walk_top(h, svc, inst, snap, walk, visit);
+}
+
 // One line per group ("PATH/ TYPE") and per property ("PATH TYPE "V1" ...").
 // An instance shows its composed view, or the snapshot given.
 void cmd_show(const std::string& path, const std::string& wern, const std::string* snapshot,
               std::ostream& out) {
-    Handle h = open_reader(path);
-    Service svc(hgx_service_create(h.get()));
-    Instance inst(hgx_instance_create(h.get()));
-    Snapshot snap(hgx_snapshot_create(h.get()));
-    if (!svc || !inst || !snap) throw Failure{lib_error()};
-    bool is_instance = false;
-    decode_owner(h.get(), wern, svc, inst, &is_instance);
+    OwnerView v(path, wern);
+    hgx_service_t* svc = v.svc;
+    hgx_instance_t* inst = v.inst;
+    hgx_snapshot_t* snap = v.snap;
+    const bool is_instance = v.is_instance;
     Walk walk = is_instance ? Walk::COMPOSED : Walk::OWN;
     if (snapshot) {
         if (!is_instance) throw Failure{wern + ": only an instance has snapshots"};
@@ -646,20 +824,48 @@ void cmd_show(const std::string& path, const std::string& wern, const std::strin
             throw Failure{wern + ": no snapshot " + manifest::quote(*snapshot)};
         walk = Walk::SNAPSHOT;
     }
-    auto visit = [&](hgx_propertygroup_t* pg, const std::string& p) {
-        out << p << "/ " << text_of(hgx_pg_get_type, pg) << '\n';
-        each_property(h.get(), pg, [&](hgx_property_t* prop) {
-            hgx_type_t type;
-            if (hgx_property_type(prop, &type) < 0) throw Failure{"cannot read: " + lib_error()};
-            out << p << '/' << text_of(hgx_property_get_name, prop) << ' '
-                << hgx_type_to_string(type);
-            for (const std::string& v : values_of(h.get(), prop))
-                out << ' ' << manifest::quote(v, std::string::npos);
-            out << '\n';
-        });
+    view_lines(v.h.get(), svc, is_instance ? inst : nullptr, snapshot ? snap : nullptr, walk,
+               [&](const std::string& key, const std::string& text) {
+                   out << key << ' ' << text << '\n';
+               });
+}
+
+// What kelvo would see differently once the snapshot "running" is retaken:
+// "- " a line of the snapshot only, "+ " one of the current view only,
+// "~ PATH OLD -> NEW" a changed one; in path order, nothing when they agree.
+void cmd_diff(const std::string& path, const std::string& wern, std::ostream& out) {
+    OwnerView v(path, wern);
+    hgx_service_t* svc = v.svc;
+    hgx_instance_t* inst = v.inst;
+    hgx_snapshot_t* snap = v.snap;
+    const bool is_instance = v.is_instance;
+    if (!is_instance) throw Failure{wern + ": only an instance has snapshots"};
+    if (hgx_instance_get_snapshot(inst, "running", snap) < 0)
+        throw Failure{wern + ": no snapshot \"running\" yet; kelvo reads the current view until "
+                             "\"hgxrepo snapshot " + wern + "\" takes one"};
+    std::map<std::string, std::string> running, current;
+    auto into = [](std::map<std::string, std::string>& m) {
+        return [&m](const std::string& key, const std::string& text) { m[key] = text; };
     };
-    walk_top(h.get(), svc, is_instance ? inst.p : nullptr, snapshot ? snap.p : nullptr, walk,
-             visit);
+    view_lines(v.h.get(), svc, inst, snap, Walk::SNAPSHOT, into(running));
+    view_lines(v.h.get(), svc, inst, nullptr, Walk::COMPOSED, into(current));
+    auto old_it = running.begin();
+    auto new_it = current.begin();
+    while (old_it != running.end() || new_it != current.end()) {
+        if (new_it == current.end() || (old_it != running.end() && old_it->first < new_it->first)) {
+            out << "- " << old_it->first << ' ' << old_it->second << '\n';
+            ++old_it;
+        } else if (old_it == running.end() || new_it->first < old_it->first) {
+            out << "+ " << new_it->first << ' ' << new_it->second << '\n';
+            ++new_it;
+        } else {
+            if (old_it->second != new_it->second)
+                out << "~ " << old_it->first << ' ' << old_it->second << " -> " << new_it->second
+                    << '\n';
+            ++old_it;
+            ++new_it;
+        }
+    }
 }
 
 // ---- command line ----------------------------------------------------------
@@ -678,7 +884,24 @@ std::string read_input(const std::string& name) {
     return s.str();
 }
 
-struct Usage {};
+// Keeps a message to one line whatever a name or value held.
+std::string one_line(std::string s) {
+    for (char& c : s)
+        if (c == '\n' || c == '\r') c = ' ';
+    return s;
+}
+
+// A bad command line; `what` (if any) is said after the usage.
+struct Usage {
+    std::string what;
+};
+
+// Takes "--snapshot" where it may stand, in front of the wern.
+bool take_snapshot_option(std::vector<std::string>& rest) {
+    if (rest.empty() || rest[0] != "--snapshot") return false;
+    rest.erase(rest.begin());
+    return true;
+}
 
 int run(const std::vector<std::string>& args) {
     std::string file_option;
@@ -701,16 +924,23 @@ int run(const std::vector<std::string>& args) {
     }
     if (i >= args.size()) throw Usage{};
     const std::string cmd = args[i++];
+    if (cmd == "help") {
+        std::cout << USAGE;
+        return 0;
+    }
     std::vector<std::string> rest(args.begin() + static_cast<std::ptrdiff_t>(i), args.end());
     const std::string path = repository_path(file_option);
+    const bool snapshot = take_snapshot_option(rest);
     auto arity = [&](size_t min, size_t max) {
         if (rest.size() < min || rest.size() > max) throw Usage{};
     };
 
+    if (snapshot && cmd != "setprop" && cmd != "delprop" && cmd != "addpg" && cmd != "delpg")
+        throw Usage{"--snapshot goes with setprop, delprop, addpg and delpg"};
     if (cmd == "import") {
-        bool snapshot = true;
+        bool take = true;
         if (!rest.empty() && rest[0] == "--no-snapshot") {
-            snapshot = false;
+            take = false;
             rest.erase(rest.begin());
         }
         if (rest.empty()) throw Usage{};
@@ -721,7 +951,12 @@ int run(const std::vector<std::string>& args) {
             if (manifest::parse(read_input(rest[k]), name, &docs[k], &error) < 0)
                 throw Failure{error};
         }
-        until_committed(path, [&] { import_documents(path, docs, snapshot); });
+        std::vector<std::string> dropped;
+        until_committed(path, [&] {
+            dropped.clear();
+            import_documents(path, docs, take, &dropped);
+        });
+        for (const std::string& line : dropped) std::cerr << PROG << one_line(line) << '\n';
     } else if (cmd == "export") {
         arity(0, 1);
         cmd_export(path, rest.empty() ? nullptr : &rest[0], std::cout);
@@ -748,16 +983,17 @@ int run(const std::vector<std::string>& args) {
         }
         std::vector<std::string> values(rest.begin() + static_cast<std::ptrdiff_t>(first),
                                         rest.end());
-        until_committed(path, [&] { cmd_setprop(path, rest[0], typed ? &type : nullptr, values); });
+        until_committed(
+            path, [&] { cmd_setprop(path, rest[0], typed ? &type : nullptr, values, snapshot); });
     } else if (cmd == "delprop") {
         arity(1, 1);
-        until_committed(path, [&] { cmd_delprop(path, rest[0]); });
+        until_committed(path, [&] { cmd_delprop(path, rest[0], snapshot); });
     } else if (cmd == "addpg") {
         arity(2, 2);
-        until_committed(path, [&] { cmd_addpg(path, rest[0], rest[1]); });
+        until_committed(path, [&] { cmd_addpg(path, rest[0], rest[1], snapshot); });
     } else if (cmd == "delpg") {
         arity(1, 1);
-        until_committed(path, [&] { cmd_delpg(path, rest[0]); });
+        until_committed(path, [&] { cmd_delpg(path, rest[0], snapshot); });
     } else if (cmd == "delete") {
         arity(1, 1);
         until_committed(path, [&] { cmd_delete(path, rest[0]); });
@@ -770,19 +1006,15 @@ int run(const std::vector<std::string>& args) {
     } else if (cmd == "copy") {
         arity(1, 1);
         until_committed(rest[0], [&] { cmd_copy(path, rest[0]); });
+    } else if (cmd == "diff") {
+        arity(1, 1);
+        cmd_diff(path, rest[0], std::cout);
     } else {
-        throw Usage{};
+        throw Usage{"unknown command " + manifest::quote(cmd)};
     }
     std::cout.flush();
     if (!std::cout) throw Failure{"cannot write standard output"};
     return 0;
-}
-
-// Keeps a message to one line whatever a name or value held.
-std::string one_line(std::string s) {
-    for (char& c : s)
-        if (c == '\n' || c == '\r') c = ' ';
-    return s;
 }
 
 }  // namespace
@@ -792,8 +1024,9 @@ int hgxrepo_main(int argc, char** argv) {
     for (int k = 1; k < argc; ++k) args.emplace_back(argv[k]);
     try {
         return run(args);
-    } catch (const Usage&) {
+    } catch (const Usage& u) {
         std::cerr << USAGE;
+        if (!u.what.empty()) std::cerr << PROG << one_line(u.what) << '\n';
         return 2;
     } catch (const Failure& f) {
         std::cout.flush();

@@ -70,6 +70,7 @@ int duplicate_literal(literal_t* target, literal_t* source, stencil_t* stencil) 
 int duplicate_property(property_t* target, property_t* source, stencil_t* stencil) {
     if (copy_string(&target->property_name, source->property_name) != 0) return -1;
     target->transform = source->transform;
+    target->line_number = source->line_number;
     int r = duplicate_subexpressions(&target->first_expression, &source->first_expression, stencil);
     if (r == 0)
         r = duplicate_subexpressions(&target->second_expression, &source->second_expression,

@@ -69,6 +69,18 @@ stencil_error_t stencil_apply(stencil_t* stencil, repository_t* repository,
     return result;
 }
 
+stencil_error_t stencil_apply_observed(stencil_t* stencil, repository_t* repository,
+                                       stencil_reference_fn observer, void* context,
+                                       stencil_output_buffer_t** out) {
+    if (stencil == nullptr) return STENCIL_ERROR_INVALID_ARGUMENT;
+    stencil->observer = observer;
+    stencil->observer_context = context;
+    stencil_error_t result = stencil_apply(stencil, repository, STENCIL_OUTPUT_NORMAL, out);
+    stencil->observer = nullptr;
+    stencil->observer_context = nullptr;
+    return result;
+}
+
 int emit_expression(expression_t* expression, stencil_output_buffer_t* buffer, stencil_t* stencil,
                     int regex_pass) {
     if (expression == nullptr || buffer == nullptr || stencil == nullptr) {

@@ -25,10 +25,23 @@ bool append_joined(string_buffer_t* sb, const property_info_t* info, const char*
     return true;
 }
 
+// A group, an instance and a property without values are not defined.
+bool is_defined(const property_info_t* info) {
+    return info != nullptr && info->num_values != 0 && info->values != nullptr;
+}
+
+void observe(const property_t* property, const char* written_name, stencil_t* stencil) {
+    const transform_t t = property->transform;
+    stencil_reference_t reference{
+        property->line_number, written_name, property->property_name,
+        t == PT_IFNDEF || t == PT_IFDEF || t == PT_BOOL,
+        is_defined(repository_get_property(stencil->repository, property->property_name))};
+    stencil->observer(&reference, stencil->observer_context);
+}
+
 int build_text(property_t* property, string_buffer_t* sb, stencil_t* stencil) {
     const property_info_t* info = repository_get_property(stencil->repository, property->property_name);
-    // A group, an instance and a property without values are not defined.
-    const bool defined = info != nullptr && info->num_values != 0 && info->values != nullptr;
+    const bool defined = is_defined(info);
 
     switch (property->transform) {
         case PT_NONE:
@@ -148,6 +161,8 @@ int emit_property(property_t* property, stencil_output_buffer_t* buffer, stencil
     HeapText final_name;
     final_name.text = name.take();
     property->property_name = final_name.text;
+    if (stencil->observer != nullptr && final_name.text != nullptr)
+        observe(property, parsed_name, stencil);
     r = emit_property_by_mode(property, buffer, stencil);
     property->property_name = parsed_name;
     return r;

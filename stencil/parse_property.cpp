@@ -30,6 +30,7 @@ int parse_property(const char* text, expression_t* expression, stencil_t* stenci
     auto* property = reinterpret_cast<property_t*>(expression);
     property->expression.type = ET_PROPERTY;
     property->transform = PT_NONE;
+    property->line_number = stencil->line_number + 1;
     property->first_expression.type = ET_BASE;
     property->second_expression.type = ET_BASE;
 

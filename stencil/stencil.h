@@ -90,11 +90,30 @@ void stencil_destroy(stencil_t* stencil);
 stencil_error_t stencil_apply(stencil_t* stencil, repository_t* repository,
                               stencil_output_mode_t mode, stencil_output_buffer_t** out);
 
+// One visit of a property reference by an evaluation.
+typedef struct stencil_reference {
+    int line_number;           // stencil line the reference starts on, from 1
+    const char* written_name;  // as the stencil writes it, defines spliced in; may be null
+    const char* final_name;    // as looked up, after sections' transforms and grabs
+    int tests_presence;  // the reference only asks whether there is a value (:- :+ :?)
+    int defined;         // the name gave a value
+} stencil_reference_t;
+typedef void (*stencil_reference_fn)(const stencil_reference_t* reference, void* context);
+// As stencil_apply in normal mode, calling observer for every property
+// reference each time the evaluation visits it. A reference the evaluation
+// never reaches (an untaken branch, the body of a section without matches)
+// is not visited.
+stencil_error_t stencil_apply_observed(stencil_t* stencil, repository_t* repository,
+                                       stencil_reference_fn observer, void* context,
+                                       stencil_output_buffer_t** out);
 stencil_error_t stencil_output_buffer_emit(stencil_output_buffer_t* buffer, int fd);
 // 0: the file open on fd holds exactly the tree's text; anything else: it
 // does not. *error reports a failure (then the result is 0).
 int stencil_output_buffer_cmp(stencil_output_buffer_t* buffer, int fd, stencil_error_t* error);
 void stencil_output_buffer_destroy(stencil_output_buffer_t* buffer);
+// The tree's whole text as one heap string, freed by the caller; null when
+// out of memory. For readers that look at the text instead of writing it.
+char* stencil_output_buffer_text(const stencil_output_buffer_t* buffer);
 
 stencil_syntax_error_iter_t* stencil_syntax_error_iterator_create(stencil_t* stencil);
 const stencil_syntax_error_t* stencil_syntax_error_iterator_next(stencil_syntax_error_iter_t* iter);

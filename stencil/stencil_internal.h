@@ -51,6 +51,7 @@ typedef struct property {
     expression_t expression;
     char* property_name;  // null when the name in the text is empty
     transform_t transform;
+    int line_number;  // line of the stencil text the reference starts on, from 1
     expression_t first_expression;   // text after the operator
     expression_t second_expression;  // text after '/'
 } property_t;
@@ -96,6 +97,8 @@ struct stencil {
     stencil_output_mode_t mode;
     int line_number;
     stencil_syntax_error_list_t* errors;  // newest first; null when none
+    stencil_reference_fn observer;  // set during stencil_apply_observed only
+    void* observer_context;
 };
 
 // ---- front end (load.cpp, parse_*.cpp, duplicate.cpp, syntax_error.cpp) ----

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "hgx.h"
 #include "host.h"
@@ -87,8 +88,9 @@ int add_configfile_defines(defines_t* defines, repository_t* repository, const c
     return failed;
 }
 
-int run_configfiles(repository_t* repository, defines_t** defines, const configfile_run& run) {
+int walk_configfiles(repository_t* repository, defines_t** defines, configfile_walk& walk) {
     int status = KELVO_SUCCESS;
+    walk.failed = 0;
     ssize_t limit = hgx_limit(HGX_LIMIT_WERN_LENGTH);
     if (limit <= 0) die(KELVO_QRMERR, gettext("Unable to get properties for %s"),
                         repository_get_wern(repository));
@@ -106,13 +108,10 @@ int run_configfiles(repository_t* repository, defines_t** defines, const configf
         // Strings below are borrowed from the repository view, which outlives
         // the loop. Each read resets its variable, so nothing carries over
         // from an earlier group or from -O and -g.
-        const char* output_file = nullptr;
-        const char* input_file = nullptr;
-        const char* owner_name = nullptr;
-        const char* group_name = nullptr;
+        configfile_group described{group, nullptr, nullptr, 0, nullptr, nullptr};
         const char* disabled_text = nullptr;
         const char* mode_text = nullptr;
-        mode_t mode = 0;
+        bool disabled = false;
 
         // do { } while (false): a failure of the group's description leaves
         // it with `break`, for the common -x test after it.
@@ -137,14 +136,16 @@ int run_configfiles(repository_t* repository, defines_t** defines, const configf
             }
             // Only the exact text "true" disables; a disabled group neither
             // sets nor clears the status.
-            if (disabled_text != nullptr && strcmp(disabled_text, "true") == 0) break;
+            disabled = disabled_text != nullptr && strcmp(disabled_text, "true") == 0;
+            if (disabled) break;
 
-            if (read("path", 0, &output_file) != 0 || read("stencil", 0, &input_file) != 0 ||
+            if (read("path", 0, &described.output_file) != 0 ||
+                read("stencil", 0, &described.input_file) != 0 ||
                 read("mode", 0, &mode_text) != 0) {
                 status = KELVO_QRMERR;
                 break;
             }
-            if (!parse_group_mode(output_file, mode_text, &mode)) {
+            if (!parse_group_mode(described.output_file, mode_text, &described.mode)) {
                 status = KELVO_QRMERR;
                 break;
             }
@@ -152,17 +153,18 @@ int run_configfiles(repository_t* repository, defines_t** defines, const configf
             // than one value, or a name that does not fit): it stands in for
             // a bad owner, not for a missing one. A group with "user" alone
             // therefore gets no owner.
-            if (read("owner", 1, &owner_name) != 0 && read("user", 1, &owner_name) != 0) {
+            if (read("owner", 1, &described.owner_name) != 0 &&
+                read("user", 1, &described.owner_name) != 0) {
                 status = KELVO_QRMERR;
                 break;
             }
-            if (read("group", 1, &group_name) != 0) {
+            if (read("group", 1, &described.group_name) != 0) {
                 status = KELVO_QRMERR;
                 break;
             }
 
-            if (run.undo) {
-                status = undo_file(output_file, run.root_prefix, run.lofs_options != nullptr);
+            if (!walk.with_defines) {
+                status = walk.visit(described, *defines, walk.context);
                 break;
             }
             // A failed add leaves the table as it is, also for the next group.
@@ -170,16 +172,36 @@ int run_configfiles(repository_t* repository, defines_t** defines, const configf
                 status = KELVO_QRMERR;
                 break;
             }
-            status = apply_stencil(repository, *defines, input_file, output_file, run.root_prefix,
-                                   run.stencil_dir, mode, owner_name, group_name, run.lofs_options,
-                                   run.lofs_options_len, run.create_dirs, run.list_mode);
+            status = walk.visit(described, *defines, walk.context);
             defines_destroy(*defines);
             *defines = defines_create();
             if (*defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
         } while (false);
 
-        if (status != KELVO_SUCCESS && run.stop_on_error)
+        if (status != KELVO_SUCCESS && !disabled) ++walk.failed;
+        if (status != KELVO_SUCCESS && walk.stop_on_error)
             die(static_cast<kelvo_error_t>(status), gettext("kelvo terminated\n"));
     }
     return status;
+}
+
+namespace {
+
+// kelvo's own handling of a group: undo, or generate and deliver.
+int apply_group(const configfile_group& group, defines_t* defines, void* context) {
+    const auto* run = static_cast<const std::pair<repository_t*, const configfile_run*>*>(context);
+    const configfile_run& r = *run->second;
+    if (r.undo) return undo_file(group.output_file, r.root_prefix, r.lofs_options != nullptr);
+    return apply_stencil(run->first, defines, group.input_file, group.output_file, r.root_prefix,
+                         r.stencil_dir, group.mode, group.owner_name, group.group_name,
+                         r.lofs_options, r.lofs_options_len, r.create_dirs, r.list_mode);
+}
+
+}  // namespace
+
+int run_configfiles(repository_t* repository, defines_t** defines, const configfile_run& run) {
+    std::pair<repository_t*, const configfile_run*> context{repository, &run};
+    // An undo needs no defines: the group's are not even read.
+    configfile_walk walk{!run.undo, run.stop_on_error, apply_group, &context, 0};
+    return walk_configfiles(repository, defines, walk);
 }

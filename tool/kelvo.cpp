@@ -116,37 +116,13 @@ class file_delivery {
     kelvo_error_t deliver(stencil_output_buffer_t* output, mode_t mode, const char* owner_name,
                           const char* group_name, char* lofs_options, ssize_t lofs_options_len,
                           int create_dirs) {
-        // An absolute output_file still lies below the prefix: "/r" and "/a"
-        // give "/r//a". Neither part is normalised.
-        output_path_[0] = '\0';
-        if (root_prefix_ != nullptr) snprintf(output_path_, sizeof output_path_, "%s/", root_prefix_);
-        if (strlcat(output_path_, output_file_, sizeof output_path_) >= sizeof output_path_) {
-            fprintf(stderr, gettext("Output filename %s is too long\n"), output_path_);
-            return KELVO_SYSERR;
-        }
-
         // Compare first: a file that already holds the text gets no write, no
         // mode, no owner and no mount, and keeps its times.
-        int fd = open(output_path_, O_RDONLY | O_CLOEXEC);
-        struct stat st;
-        // Linux opens a directory read-only without complaint; the compare
-        // would only fail on it later, with a less telling message.
-        if (fd >= 0 && fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
-            close(fd);
-            fd = -1;
-            errno = EISDIR;
-        }
-        if (fd >= 0) {
-            stencil_error_t error = STENCIL_SUCCESS;
-            int differs = stencil_output_buffer_cmp(output, fd, &error);
-            close(fd);
-            // A comparison that could not read the file proves nothing; the
-            // file is rewritten rather than trusted.
-            if (differs == 0 && error == STENCIL_SUCCESS) return succeed();
-        } else if (errno != ENOENT) {
-            report_open_failure(errno, output_path_, false);
-            return KELVO_SYSERR;
-        }
+        delivery_plan plan;
+        kelvo_error_t planned = plan_delivery(output, output_file_, root_prefix_, &plan);
+        memcpy(output_path_, plan.output_path, sizeof output_path_);
+        if (planned != KELVO_SUCCESS) return planned;
+        if (plan.action == DELIVERY_UNCHANGED) return succeed();
 
         if (create_dirs) make_directories();
 
@@ -170,25 +146,10 @@ class file_delivery {
             return KELVO_SYSERR;
         }
 
-        // User first; a group is looked up only once the user is known.
         uid_t uid = static_cast<uid_t>(-1);
         gid_t gid = static_cast<gid_t>(-1);
-        if (owner_name != nullptr) {
-            struct passwd* pw = getpwnam(owner_name);
-            if (pw == nullptr) {
-                fprintf(stderr, gettext("User %s does not exist\n"), owner_name);
-                return KELVO_SYSERR;
-            }
-            uid = pw->pw_uid;
-        }
-        if (group_name != nullptr) {
-            struct group* gr = getgrnam(group_name);
-            if (gr == nullptr) {
-                fprintf(stderr, gettext("Group %s does not exist\n"), group_name);
-                return KELVO_SYSERR;
-            }
-            gid = gr->gr_gid;
-        }
+        if (resolve_owner(owner_name, group_name, &uid, &gid) != KELVO_SUCCESS)
+            return KELVO_SYSERR;
         if (uid != static_cast<uid_t>(-1) || gid != static_cast<gid_t>(-1)) {
             while ((rc = fchown(fd_, uid, gid)) != 0 && errno == EINTR) {
             }
@@ -247,6 +208,93 @@ struct iter_deleter {
 };
 
 }  // namespace
+
+void set_program_name(char* argv0) { prog_name = basename(argv0); }
+
+repository_t* open_instance_view(const char* wern) {
+    repository_t* repository = nullptr;
+    int status = repository_create(wern, nullptr, &repository);
+    if (status == REPOSITORY_NO_MEMORY) die(KELVO_SYSERR, gettext("Out of memory\n"));
+    if (status != REPOSITORY_SUCCESS)
+        die(KELVO_QRMERR, gettext("Unable to get properties for %s"), wern);
+    return repository;
+}
+
+int finish_standard_output(const char* prog) {
+    if (fflush(stdout) == 0) return 0;
+    fprintf(stderr, gettext("%s: Could not write %s: %s\n"), prog, STDOUT_NAME, strerror(errno));
+    return -1;
+}
+
+const char* stencil_path(const char* input_file, const char* stencil_dir, char (&buffer)[1024]) {
+    if (input_file == nullptr) return STDIN_NAME;
+    if (stencil_dir == nullptr) return input_file;
+    // The "/" always stands between, so an absolute input_file still lies
+    // below the stencil directory. A path over 1023 bytes is cut and tried
+    // as cut.
+    snprintf(buffer, sizeof buffer, "%s/%s", stencil_dir, input_file);
+    return buffer;
+}
+
+kelvo_error_t plan_delivery(stencil_output_buffer_t* output, const char* output_file,
+                            const char* root_prefix, delivery_plan* plan) {
+    // An absolute output_file still lies below the prefix: "/r" and "/a"
+    // give "/r//a". Neither part is normalised.
+    char* output_path = plan->output_path;
+    const size_t room = sizeof plan->output_path;
+    output_path[0] = '\0';
+    plan->action = DELIVERY_CREATE;
+    if (root_prefix != nullptr) snprintf(output_path, room, "%s/", root_prefix);
+    if (strlcat(output_path, output_file, room) >= room) {
+        fprintf(stderr, gettext("Output filename %s is too long\n"), output_path);
+        return KELVO_SYSERR;
+    }
+
+    int fd = open(output_path, O_RDONLY | O_CLOEXEC);
+    // Linux opens a directory read-only without complaint; the compare
+    // would only fail on it later, with a less telling message.
+    if (fd >= 0 && fstat(fd, &plan->current) == 0 && S_ISDIR(plan->current.st_mode)) {
+        close(fd);
+        fd = -1;
+        errno = EISDIR;
+    }
+    if (fd < 0) {
+        if (errno == ENOENT) return KELVO_SUCCESS;
+        report_open_failure(errno, output_path, false);
+        return KELVO_SYSERR;
+    }
+    stencil_error_t error = STENCIL_SUCCESS;
+    int differs = stencil_output_buffer_cmp(output, fd, &error);
+    close(fd);
+    // A comparison that could not read the file proves nothing; the file is
+    // rewritten rather than trusted.
+    plan->action = differs == 0 && error == STENCIL_SUCCESS ? DELIVERY_UNCHANGED : DELIVERY_REWRITE;
+    return KELVO_SUCCESS;
+}
+
+kelvo_error_t resolve_owner(const char* owner_name, const char* group_name, uid_t* uid,
+                            gid_t* gid) {
+    // User first; a group is looked up only once the user is known.
+    *uid = static_cast<uid_t>(-1);
+    *gid = static_cast<gid_t>(-1);
+    if (owner_name != nullptr) {
+        struct passwd* pw = getpwnam(owner_name);
+        if (pw == nullptr) {
+            fprintf(stderr, gettext("User %s does not exist\n"), owner_name);
+            return KELVO_SYSERR;
+        }
+        *uid = pw->pw_uid;
+    }
+    if (group_name != nullptr) {
+        struct group* gr = getgrnam(group_name);
+        if (gr == nullptr) {
+            fprintf(stderr, gettext("Group %s does not exist\n"), group_name);
+            return KELVO_SYSERR;
+        }
+        *gid = gr->gr_gid;
+    }
+    return KELVO_SUCCESS;
+}
 
 void usage(FILE* stream) {
     fprintf(stream, gettext("Usage: %s "), prog_name);
@@ -317,24 +365,17 @@ void add_optarg_define(defines_t* defines, char* argument) {
     if (add_single_define(defines, copy.get(), equals + 1) != 0) exit(1);
 }
 
-kelvo_error_t apply_stencil(repository_t* repository, defines_t* defines, const char* input_file,
-                            const char* output_file, const char* root_prefix,
-                            const char* stencil_dir, mode_t mode, const char* owner_name,
-                            const char* group_name, char* lofs_options, ssize_t lofs_options_len,
-                            int create_dirs, int list_mode) {
+kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines,
+                               const char* input_file, const char* stencil_dir, int list_mode,
+                               stencil_output_buffer_t** text, stencil_reference_fn observer,
+                               void* context) {
+    *text = nullptr;
     stencil_output_mode_t output_mode =
         list_mode == 1 ? STENCIL_OUTPUT_LIST_PROPERTIES : STENCIL_OUTPUT_NORMAL;
 
-    // The "/" always stands between, so an absolute input_file still lies
-    // below the stencil directory. A path over 1023 bytes is cut and tried
-    // as cut.
-    char stencil_path[1024];
-    const char* path = input_file;
-    if (input_file != nullptr && stencil_dir != nullptr) {
-        snprintf(stencil_path, sizeof stencil_path, "%s/%s", stencil_dir, input_file);
-        path = stencil_path;
-    }
-    const char* shown_path = path != nullptr ? path : STDIN_NAME;
+    char buffer[1024];
+    const char* shown_path = stencil_path(input_file, stencil_dir, buffer);
+    const char* path = input_file != nullptr ? shown_path : nullptr;
 
     stencil_t* raw_stencil = nullptr;
     stencil_error_t result = stencil_load(path, &raw_stencil, defines);
@@ -373,8 +414,9 @@ kelvo_error_t apply_stencil(repository_t* repository, defines_t* defines, const 
     }
 
     stencil_output_buffer_t* raw_output = nullptr;
-    result = stencil_apply(stencil.get(), repository, output_mode, &raw_output);
-    // Nothing reads the output tree after the delivery; it goes with the call.
+    result = observer != nullptr
+                 ? stencil_apply_observed(stencil.get(), repository, observer, context, &raw_output)
+                 : stencil_apply(stencil.get(), repository, output_mode, &raw_output);
     std::unique_ptr<stencil_output_buffer_t, output_deleter> output(raw_output);
     switch (result) {
         case STENCIL_SUCCESS:
@@ -394,9 +436,25 @@ kelvo_error_t apply_stencil(repository_t* repository, defines_t* defines, const 
             die(KELVO_SYSERR, gettext("Unhandled error in stencil_apply: %d\n"), result);
     }
 
+    *text = output.release();
+    return KELVO_SUCCESS;
+}
+
+kelvo_error_t apply_stencil(repository_t* repository, defines_t* defines, const char* input_file,
+                            const char* output_file, const char* root_prefix,
+                            const char* stencil_dir, mode_t mode, const char* owner_name,
+                            const char* group_name, char* lofs_options, ssize_t lofs_options_len,
+                            int create_dirs, int list_mode) {
+    stencil_output_buffer_t* raw_output = nullptr;
+    kelvo_error_t evaluated =
+        evaluate_stencil(repository, defines, input_file, stencil_dir, list_mode, &raw_output);
+    // Nothing reads the output tree after the delivery; it goes with the call.
+    std::unique_ptr<stencil_output_buffer_t, output_deleter> output(raw_output);
+    if (evaluated != KELVO_SUCCESS) return evaluated;
+
     if (output_file == nullptr) {
         // Standard output: no compare, no mode, no owner, no close.
-        result = stencil_output_buffer_emit(output.get(), 1);
+        stencil_error_t result = stencil_output_buffer_emit(output.get(), 1);
         if (result != STENCIL_SUCCESS) {
             report_write_failure(result, STDOUT_NAME);
             return KELVO_SYSERR;
@@ -426,7 +484,7 @@ int kelvo_main(int argc, char** argv) {
     int undo = 0;
     int stop_on_error = 0;
 
-    prog_name = basename(argv[0]);
+    set_program_name(argv[0]);
 
     defines_t* defines = defines_create();
     if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
@@ -489,12 +547,8 @@ int kelvo_main(int argc, char** argv) {
     if (undo && !all_configfiles && output_file == nullptr)
         die(KELVO_USAGE, gettext("Option -u requires either -a or -o\n"));
 
-    repository_t* repository = nullptr;
-    int status = repository_create(instance_wern, nullptr, &repository);
-    if (status == REPOSITORY_NO_MEMORY) die(KELVO_SYSERR, gettext("Out of memory\n"));
-    if (status != REPOSITORY_SUCCESS)
-        die(KELVO_QRMERR, gettext("Unable to get properties for %s"), instance_wern);
-    status = KELVO_SUCCESS;
+    repository_t* repository = open_instance_view(instance_wern);
+    int status = KELVO_SUCCESS;
 
     // Whatever the run creates has no permission bits until it is given
     // them; nothing resets the mask.

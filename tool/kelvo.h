@@ -6,6 +6,7 @@
 // messages and an exit status; the layers below return codes.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstdarg>
@@ -13,6 +14,7 @@
 
 #include "defines.h"
 #include "repository.h"
+#include "stencil.h"
 
 // Exit statuses. The underlying type is int because a failed undo delivers -1
 // through the same variable (seen by the parent as 255).
@@ -29,6 +31,11 @@ inline constexpr const char* KELVO_DEFAULT_STENCIL_DIR = "/lib/wrn/stencils";
 
 // The program's entry; main() only calls this. Returns the exit status.
 int kelvo_main(int argc, char** argv);
+
+// The name messages start with: basename of argv0 (which it may change, and
+// which must live to the end of the process). Programs that share this
+// library's messages set it first.
+void set_program_name(char* argv0);
 
 // Common error exit. Prints "prog: " and the message on standard error, then
 // the usage text (status 2), or, for a format without a line end, the text of
@@ -56,6 +63,47 @@ kelvo_error_t apply_stencil(repository_t* repository, defines_t* defines, const 
                             const char* group_name, char* lofs_options, ssize_t lofs_options_len,
                             int create_dirs, int list_mode);
 
+// The view of the instance `wern`, for every program that reads it as kelvo
+// does; ends the process with kelvo's messages when it cannot be had.
+repository_t* open_instance_view(const char* wern);
+
+// Flushes standard output at the end of a run: 0, or -1 after saying on
+// standard error that the output could not be written.
+int finish_standard_output(const char* prog);
+
+// Loads input_file (below stencil_dir when both are set; standard input when
+// null) and evaluates it; the output tree goes to *text, which the caller
+// destroys. An observer (normal mode only) sees every property reference the
+// evaluation visits. KELVO_SUCCESS, or KELVO_SYSERR / KELVO_STENERR after the
+// message.
+kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines,
+                               const char* input_file, const char* stencil_dir, int list_mode,
+                               stencil_output_buffer_t** text,
+                               stencil_reference_fn observer = nullptr, void* context = nullptr);
+// The path a stencil is read from, as messages show it: input_file below
+// stencil_dir (a path over 1023 bytes is cut), input_file alone without a
+// directory, "(standard input)" without a file. Points into buffer or at
+// input_file.
+const char* stencil_path(const char* input_file, const char* stencil_dir, char (&buffer)[1024]);
+
+// What delivering a text to a file would do, found by reading alone: the
+// file is created, rewritten, or left wholly alone because it holds the
+// text already. Only a rewritten or created file gets mode and owner.
+enum delivery_action { DELIVERY_UNCHANGED, DELIVERY_CREATE, DELIVERY_REWRITE };
+struct delivery_plan {
+    char output_path[1024];  // "<root_prefix>/<output_file>", or output_file
+    delivery_action action;
+    struct stat current;  // the file as found; set unless action is DELIVERY_CREATE
+};
+// Fills *plan for output_file below root_prefix (null: none). KELVO_SUCCESS,
+// or KELVO_SYSERR after the message (path too long, file unreadable).
+kelvo_error_t plan_delivery(stencil_output_buffer_t* output, const char* output_file,
+                            const char* root_prefix, delivery_plan* plan);
+// Looks up owner and group names (either may be null: -1 is left for it),
+// the user first. KELVO_SUCCESS, or KELVO_SYSERR after the message.
+kelvo_error_t resolve_owner(const char* owner_name, const char* group_name, uid_t* uid,
+                            gid_t* gid);
+
 // Configfile mode: one output per property group of type "configfile", in
 // ascending order of group names. Returns the run's status. The run variables
 // named in the configfile convention are overwritten for each group; defines
@@ -71,6 +119,36 @@ struct configfile_run {
     int stop_on_error;
 };
 int run_configfiles(repository_t* repository, defines_t** defines, const configfile_run& run);
+
+// One configfile group as read from the instance; strings are borrowed from
+// the repository view.
+struct configfile_group {
+    const char* name;
+    const char* output_file;  // "path"
+    const char* input_file;   // "stencil"
+    mode_t mode;
+    const char* owner_name;  // null when the group names none
+    const char* group_name;
+};
+// What is done with each group that is enabled and well described: returns
+// the group's status. `defines` holds the group's defines unless the walk
+// leaves them out.
+typedef int (*configfile_visit)(const configfile_group& group, defines_t* defines, void* context);
+// The walk under run_configfiles, for every program that handles the groups
+// as kelvo does: groups in ascending name order, a bad description reported
+// with kelvo's messages (status KELVO_QRMERR), with_defines adds the group's
+// defines before the visit and gives *defines a fresh table after it. With
+// stop_on_error, the first failing group ends the process. Returns the
+// status of the last group that set one; `failed` receives the number of
+// groups that ended with another status than KELVO_SUCCESS.
+struct configfile_walk {
+    int with_defines;
+    int stop_on_error;
+    configfile_visit visit;
+    void* context;
+    int failed;
+};
+int walk_configfiles(repository_t* repository, defines_t** defines, configfile_walk& walk);
 
 // Reads the single-valued property `name` of the group whose name, plus "/",
 // stands at the start of property_path. 0 (value or null when optional and

@@ -197,6 +197,8 @@ bool exists(const std::string& path) {
 
 const char* kelvo_bin() { return KELVO_BIN; }
 const char* hgxrepo_bin() { return HGXREPO_BIN; }
+const char* kelvo_diff_bin() { return KELVO_DIFF_BIN; }
+const char* kelvo_lint_bin() { return KELVO_LINT_BIN; }
 std::string source_dir() { return SOURCE_DIR; }
 
 void make_repository(const std::string& path, const std::string& manifest_json, bool snapshot) {
@@ -212,8 +214,14 @@ void make_repository(const std::string& path, const std::string& manifest_json, 
 
 Result kelvo(const std::string& repository, const std::vector<std::string>& args,
              const std::string& input, std::map<std::string, std::optional<std::string>> env) {
+    return program(kelvo_bin(), repository, args, input, std::move(env));
+}
+
+Result program(const char* bin, const std::string& repository,
+               const std::vector<std::string>& args, const std::string& input,
+               std::map<std::string, std::optional<std::string>> env) {
     Run r;
-    r.args = {kelvo_bin()};
+    r.args = {bin};
     r.args.insert(r.args.end(), args.begin(), args.end());
     r.input = input;
     r.env = {{"HGX_REPOSITORY", repository},

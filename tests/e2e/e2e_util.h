@@ -66,6 +66,8 @@ bool exists(const std::string& path);
 
 const char* kelvo_bin();
 const char* hgxrepo_bin();
+const char* kelvo_diff_bin();
+const char* kelvo_lint_bin();
 std::string source_dir();
 
 // Imports the manifest text into a new repository file at path with
@@ -79,6 +81,11 @@ void make_repository(const std::string& path, const std::string& manifest_json,
 Result kelvo(const std::string& repository, const std::vector<std::string>& args,
              const std::string& input = "",
              std::map<std::string, std::optional<std::string>> env = {});
+
+// As kelvo(), for another program that reads the repository as kelvo does.
+Result program(const char* bin, const std::string& repository,
+               const std::vector<std::string>& args, const std::string& input = "",
+               std::map<std::string, std::optional<std::string>> env = {});
 
 Result hgxrepo(const std::vector<std::string>& args, const std::string& input = "");
 

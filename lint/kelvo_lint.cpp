@@ -1,0 +1,158 @@
+// The run of kelvo-lint: kelvo's command-line checks and configfile walk,
+// the stencil evaluated with an observer instead of delivered.
+#include "kelvo_lint.h"
+
+#include <getopt.h>
+#include <libgen.h>
+#include <libintl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "kelvo.h"
+
+void reference_findings::observe(const stencil_reference_t* reference, void* context) {
+    auto* self = static_cast<reference_findings*>(context);
+    const std::string name = reference->written_name != nullptr ? reference->written_name : "";
+    auto it = std::find_if(self->places_.begin(), self->places_.end(), [&](const place& p) {
+        return p.line == reference->line_number && p.name == name;
+    });
+    if (it == self->places_.end()) {
+        self->places_.push_back({reference->line_number, name, reference->tests_presence != 0});
+        it = self->places_.end() - 1;
+    }
+    it->defined = it->defined || reference->defined != 0;
+    if (it->tests_presence && !it->group_found && self->group_exists != nullptr) {
+        // The group is what the name holds before its last "/".
+        const char* slash = strrchr(reference->final_name, '/');
+        if (slash != nullptr) {
+            std::string group(reference->final_name, slash);
+            it->group_found = self->group_exists(group.c_str(), self->group_context);
+        }
+    }
+}
+
+std::vector<std::string> reference_findings::reported() const {
+    std::vector<const place*> kept;
+    for (const place& p : places_)
+        if (!p.defined && !(p.tests_presence && p.group_found)) kept.push_back(&p);
+    std::stable_sort(kept.begin(), kept.end(),
+                     [](const place* a, const place* b) { return a->line < b->line; });
+    std::vector<std::string> out;
+    for (const place* p : kept) out.push_back(std::to_string(p->line) + ": " + p->name);
+    return out;
+}
+
+namespace {
+
+void print_usage(FILE* stream, const char* prog) {
+    fprintf(stream,
+            gettext("Usage: %s [-f wern] [-S dir] (-i file | -a)\n\n"
+                    "\t-a  check the stencils of all configfile groups of wern\n"
+                    "\t-f  set instance wern (default is $QRM_WERN)\n"
+                    "\t-i  check this stencil\n"
+                    "\t-S  set stencil directory (default is %s)\n"),
+            prog, KELVO_DEFAULT_STENCIL_DIR);
+}
+
+struct output_deleter {
+    void operator()(stencil_output_buffer_t* b) const { stencil_output_buffer_destroy(b); }
+};
+
+struct lint_run {
+    repository_t* repository;
+    const char* stencil_dir;
+    int findings = 0;
+};
+
+bool group_exists(const char* name, void* context) {
+    const property_info_t* info =
+        repository_get_property(static_cast<repository_t*>(context), name);
+    return info != nullptr && info->repo_type == REPO_TYPE_PG;
+}
+
+// Evaluates one stencil and prints "stencil:line: name" per finding.
+int lint_stencil(lint_run& run, defines_t* defines, const char* input_file) {
+    reference_findings findings;
+    findings.group_exists = group_exists;
+    findings.group_context = run.repository;
+    stencil_output_buffer_t* raw = nullptr;
+    kelvo_error_t status = evaluate_stencil(run.repository, defines, input_file, run.stencil_dir, 0,
+                                            &raw, reference_findings::observe, &findings);
+    std::unique_ptr<stencil_output_buffer_t, output_deleter> output(raw);
+    if (status != KELVO_SUCCESS) return status;
+    char buffer[1024];
+    const char* shown = stencil_path(input_file, run.stencil_dir, buffer);
+    for (const std::string& line : findings.reported()) {
+        printf("%s:%s\n", shown, line.c_str());
+        ++run.findings;
+    }
+    return KELVO_SUCCESS;
+}
+
+int lint_group(const configfile_group& group, defines_t* defines, void* context) {
+    return lint_stencil(*static_cast<lint_run*>(context), defines, group.input_file);
+}
+
+}  // namespace
+
+int kelvo_lint_main(int argc, char** argv) {
+    set_program_name(argv[0]);
+    const char* prog = basename(argv[0]);
+    const char* instance_wern = getenv("QRM_WERN");
+    const char* input_file = nullptr;
+    const char* stencil_dir = KELVO_DEFAULT_STENCIL_DIR;
+    int all_configfiles = 0;
+
+    int c;
+    while ((c = getopt(argc, argv, "+af:i:S:")) != -1) {
+        switch (c) {
+            case 'a': all_configfiles = 1; break;
+            case 'f': instance_wern = optarg; break;
+            case 'i': input_file = optarg; break;
+            case 'S': stencil_dir = optarg; break;
+            default:
+                print_usage(stderr, prog);
+                return KELVO_LINT_USAGE;
+        }
+    }
+    // kelvo's texts where kelvo refuses the same; the order is kelvo's.
+    const char* refusal = nullptr;
+    if (optind < argc)
+        fprintf(stderr, gettext("%s: Illegal argument -- %s\n"), prog, refusal = argv[optind]);
+    else if (all_configfiles && input_file != nullptr)
+        fprintf(stderr, gettext("%s: Option -a cannot be present with -i or -o\n"),
+                refusal = prog);
+    else if (instance_wern == nullptr)
+        fprintf(stderr, gettext("%s: No WERN (use -f)\n"), refusal = prog);
+    else if (!all_configfiles && input_file == nullptr)
+        fprintf(stderr, gettext("%s: Option -i or -a is required\n"), refusal = prog);
+    if (refusal != nullptr) {
+        print_usage(stderr, prog);
+        return KELVO_LINT_USAGE;
+    }
+
+    repository_t* repository = open_instance_view(instance_wern);
+    defines_t* defines = defines_create();
+    if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
+
+    lint_run run{repository, stencil_dir};
+    int failed = 0;
+    if (all_configfiles) {
+        configfile_walk walk{1, 0, lint_group, &run, 0};
+        walk_configfiles(repository, &defines, walk);
+        failed = walk.failed;
+    } else {
+        failed = lint_stencil(run, defines, input_file) != KELVO_SUCCESS;
+    }
+    defines_destroy(defines);
+    repository_destroy(repository);
+
+    if (finish_standard_output(prog) != 0) return KELVO_LINT_ERROR;
+    if (failed > 0) return KELVO_LINT_ERROR;
+    return run.findings > 0 ? KELVO_LINT_FINDINGS : KELVO_LINT_CLEAN;
+}
