@@ -1,0 +1,105 @@
+// The cluster store through the library itself, where a program cannot
+// show it: a bound handle keeps reading its revision while others write,
+// and fails with its own code when that revision is compacted away or the
+// prefix holds a repository of another schema.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "etcd_server.h"
+#include "hgx.h"
+#include "hgx_write.h"
+
+namespace {
+
+struct HandleDeleter {
+    void operator()(hgx_handle_t* h) const { hgx_handle_destroy(h); }
+};
+using Handle = std::unique_ptr<hgx_handle_t, HandleDeleter>;
+
+class HgxEtcd : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string why;
+        if (!server.start({}, &why)) {
+            if (etcd_testing::may_skip(why)) GTEST_SKIP() << why;
+            FAIL() << why;
+        }
+        url = server.url("unit");
+    }
+
+    // Adds a service with one instance in a transaction of its own.
+    void add_service(const std::string& name) {
+        std::string message;
+        hgx_writer_t* w = hgx_writer_open(url.c_str(), true, &message);
+        ASSERT_NE(w, nullptr) << message;
+        hgx_id_t s = hgx_writer_add_service(w, name);
+        ASSERT_GT(s, 0);
+        ASSERT_GT(hgx_writer_add_instance(w, s, "default"), 0);
+        ASSERT_EQ(hgx_writer_commit(w), 0) << hgx_writer_message(w);
+        hgx_writer_close(w);
+    }
+
+    Handle bind() {
+        Handle h(hgx_handle_create(HGX_VERSION));
+        EXPECT_EQ(hgx_handle_bind_path(h.get(), url.c_str()), 0) << hgx_strerror(hgx_error());
+        return h;
+    }
+
+    // Resolves a wern with the handle: 0, or the error code.
+    static int decode(hgx_handle_t* h, const char* wern) {
+        hgx_service_t* s = hgx_service_create(h);
+        int rc = hgx_handle_decode_wern(h, wern, nullptr, s, nullptr, nullptr, nullptr, 0);
+        hgx_service_destroy(s);
+        return rc == 0 ? 0 : hgx_error();
+    }
+
+    etcd_testing::EtcdServer server;
+    std::string url;
+};
+
+TEST_F(HgxEtcd, AHandleReadsTheRevisionOfItsFirstRead) {
+    add_service("a");
+    Handle h = bind();
+    add_service("b");
+    EXPECT_EQ(decode(h.get(), "wrn:/a"), 0);
+    EXPECT_EQ(decode(h.get(), "wrn:/b"), HGX_ERROR_NOT_FOUND) << "a later commit showed";
+    EXPECT_EQ(decode(bind().get(), "wrn:/b"), 0);
+}
+
+TEST_F(HgxEtcd, ACompactedRevisionIsItsOwnError) {
+    add_service("a");
+    Handle h = bind();
+    add_service("b");
+    // Compact everything up to now: the handle's revision is gone.
+    std::string status = server.post(0, "/v3/kv/range", "{\"key\":\"AA==\"}");
+    size_t at = status.find("\"revision\":\"") + 12;
+    std::string now = status.substr(at, status.find('"', at) - at);
+    server.post(0, "/v3/kv/compaction", "{\"revision\":\"" + now + "\",\"physical\":true}");
+    EXPECT_EQ(decode(h.get(), "wrn:/a"), HGX_ERROR_REVISION_COMPACTED);
+    EXPECT_EQ(decode(bind().get(), "wrn:/a"), 0);
+}
+
+TEST_F(HgxEtcd, AnotherSchemaOrSomethingElseBelowThePrefixIsRefused) {
+    struct Case {
+        const char* head;
+        hgx_error_t code;
+    } cases[] = {
+        {"{\"schema\":2,\"epoch\":\"x\"}", HGX_ERROR_CLUSTER_SCHEMA},
+        {"not json", HGX_ERROR_CLUSTER_FOREIGN},
+    };
+    for (const Case& c : cases) {
+        server.post(0, "/v3/kv/put",
+                    "{\"key\":\"" + etcd_testing::b64("unit/repository") + "\",\"value\":\"" +
+                        etcd_testing::b64(c.head) + "\"}");
+        Handle h(hgx_handle_create(HGX_VERSION));
+        EXPECT_EQ(hgx_handle_bind_path(h.get(), url.c_str()), -1);
+        EXPECT_EQ(hgx_error(), c.code) << c.head;
+        std::string message;
+        EXPECT_EQ(hgx_writer_open(url.c_str(), true, &message), nullptr) << c.head;
+        EXPECT_NE(message.find(hgx_strerror(c.code)), std::string::npos) << message;
+    }
+}
+
+}  // namespace
