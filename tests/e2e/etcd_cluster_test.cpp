@@ -271,4 +271,19 @@ TEST_F(EtcdCluster, CopiesAWholeRepositoryToAFileAndBack) {
     EXPECT_EQ(repo({"list"}).out, hgxrepo({"-r", file, "list"}).out);
 }
 
+// A run on a file must not pay for the cluster's client: the dynamic linker
+// is asked to list every object it loads.
+TEST(EtcdClient, IsLoadedOnlyForAClusterUrl) {
+    e2e::TempDir dir;
+    const std::string file = dir / "a.db";
+    e2e::make_repository(file, generation(0, 1));
+    e2e::Result r = e2e::kelvo(file, {"-f", WERN}, "$%{config/p0}\n", {{"LD_DEBUG", "files"}});
+    EXPECT_EQ(r.out, "g0\n");
+    EXPECT_EQ(r.err.find("hgx-etcd"), std::string::npos);
+    EXPECT_EQ(r.err.find("libcurl"), std::string::npos);
+    r = e2e::kelvo("etcd://127.0.0.1:1/x", {"-f", WERN}, "", {{"LD_DEBUG", "files"}});
+    EXPECT_EQ(r.status, 3);
+    EXPECT_NE(r.err.find("hgx-etcd.so"), std::string::npos);
+}
+
 }  // namespace
