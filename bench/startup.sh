@@ -11,44 +11,6 @@
 set -eu
 . "$(dirname "$0")/common.sh"
 
-# gen_manifest TOTAL OUT: the instance wrn:/bench/target:default with 50
-# properties, and TOTAL - 50 more in services bench/fill_<n>, 1,000 each.
-gen_manifest() {
-    [ "${FRESH:-0}" != 1 ] && [ -s "$2" ] && return 0
-    awk -v total="$1" 'BEGIN {
-        printf "{\"services\": {\n"
-        printf "\"bench/target\": {\"instances\": {\"default\": {\"groups\": {\n"
-        printf "  \"general\": {\"type\": \"framework\", \"properties\": {\"enabled\": true}},\n"
-        printf "  \"config\": {\"properties\": {"
-        for (i = 0; i < 49; i++)
-            printf "%s\"p%d\": \"value-%d\"", (i ? ", " : ""), i, i
-        printf "}}}}}}"
-        left = total - 50
-        s = 0
-        while (left > 0) {
-            n = left < 1000 ? left : 1000
-            printf ",\n\"bench/fill_%d\": {\"instances\": {\"default\": {\"groups\": {\"data\": {\"properties\": {", s
-            for (i = 0; i < n; i++)
-                printf "%s\"p%d\": \"filler value %d\"", (i ? ", " : ""), i, i
-            printf "}}}}}}"
-            left -= n
-            s++
-        }
-        printf "\n}}\n"
-    }' > "$2"
-}
-
-STENCIL_DIR=$WORK/stencils
-mkdir -p "$STENCIL_DIR"
-cat > "$STENCIL_DIR/small.stencil" <<'STENCIL'
-; a small stencil: a few references, one section
-# $%f
-listen $%{config/p1}:$%{config/port}$%{config/port:-8080}
-hosts $%{config/p3:,,}
-$%/config/p(4[0-9])/ {opt$%1 = $%{config/p$%1}
-}
-STENCIL
-
 echo "kelvo start-up: small stencil, instance of 50 properties"
 measure "/bin/true" /bin/true
 TRUE_MS=$MEAN_MS
