@@ -28,6 +28,7 @@
 #include "hgx.h"
 #include "hgx_write.h"
 #include "manifest.h"
+#include "sync.h"
 
 namespace {
 
@@ -44,6 +45,7 @@ const char USAGE[] =
     "       hgxrepo [-r FILE] show WERN [SNAPSHOT]\n"
     "       hgxrepo [-r FILE] copy TARGET\n"
     "       hgxrepo [-r FILE] diff WERN\n"
+    "       hgxrepo [-r FILE] sync [--once] [--service PATTERN]... [--exec COMMAND] URL\n"
     "       hgxrepo help\n"
     "The repository file is FILE, else $HGX_REPOSITORY, else " HGX_DEFAULT_REPOSITORY
     ".\n"
@@ -1009,6 +1011,23 @@ int run(const std::vector<std::string>& args) {
     } else if (cmd == "diff") {
         arity(1, 1);
         cmd_diff(path, rest[0], std::cout);
+    } else if (cmd == "sync") {
+        SyncOptions o;
+        o.file = path;
+        size_t k = 0;
+        for (; k < rest.size() && rest[k].rfind("--", 0) == 0; ++k) {
+            if (rest[k] == "--once") {
+                o.once = true;
+            } else if ((rest[k] == "--service" || rest[k] == "--exec") && k + 1 < rest.size()) {
+                (rest[k] == "--exec" ? o.exec : o.services.emplace_back()) = rest[k + 1];
+                ++k;
+            } else {
+                throw Usage{"unknown option " + manifest::quote(rest[k])};
+            }
+        }
+        if (k + 1 != rest.size()) throw Usage{"sync takes one URL"};
+        o.url = rest[k];
+        return hgxrepo_sync(o);
     } else {
         throw Usage{"unknown command " + manifest::quote(cmd)};
     }

@@ -393,7 +393,13 @@ class Cluster {
     // A transaction; *ok receives whether its comparisons held.
     int txn(const json& compare, const json& success, bool* ok, std::string* message);
 
+    // The id of the cluster that answered last.
+    const std::string& cluster_id() const { return cluster_id_; }
+    const hgx_etcd_client_api* api() const { return api_; }
+    void* client() const { return client_; }
+
   private:
+    std::string cluster_id_;
     const hgx_etcd_client_api* api_;
     void* client_;
     long call_ms_;
@@ -437,6 +443,10 @@ int Cluster::call(const char* path, const json& request, json* reply, std::strin
     api_->release(&r);
     json j = json::parse(text, nullptr, false);
     if (status == 200 && !j.is_discarded()) {
+        if (j.contains("header") && j["header"].contains("cluster_id"))
+            cluster_id_ = j["header"]["cluster_id"].is_string()
+                              ? j["header"]["cluster_id"].get<std::string>()
+                              : j["header"]["cluster_id"].dump();
         *reply = std::move(j);
         return 0;
     }
@@ -531,8 +541,9 @@ class EtcdStore final : public Store {
     EtcdStore(std::unique_ptr<Cluster> cluster, std::string prefix, bool writable)
         : cluster_(std::move(cluster)), p_(std::move(prefix) + "/"), writable_(writable) {}
 
-    // Reads the head; 0, or -1 with the error set.
-    int open(bool create);
+    // Reads the head, at `at` or (0) the newest revision; 0, or -1 with the
+    // error set.
+    int open(bool create, int64_t at);
 
     int services(std::vector<Row>* out) override;
     int service_by_name(std::string_view name, Row* out) override;
@@ -557,6 +568,18 @@ class EtcdStore final : public Store {
                  bool replace) override;
     int delete_prop(int64_t pg, std::string_view name) override;
     int commit() override;
+
+    int meta_get(std::string_view, std::string*) override { return fail(HGX_ERROR_INVALID_ARGUMENT); }
+    int meta_set(std::string_view, std::string_view) override {
+        return fail(HGX_ERROR_INVALID_ARGUMENT);
+    }
+    std::string source() const override {
+        return "etcd cluster " + cluster_->cluster_id() + ", prefix " +
+               p_.substr(0, p_.size() - 1);
+    }
+    int64_t revision() const override { return revision_; }
+    // A service's generation is its version: written once, never changed.
+    int service_versions(std::vector<std::pair<std::string, std::string>>* out) override;
 
   private:
     using Children = std::map<std::string, int64_t>;
@@ -619,9 +642,10 @@ class EtcdStore final : public Store {
     std::unordered_map<int64_t, std::map<std::string, PropEntry>> props_;
 };
 
-int EtcdStore::open(bool create) {
+int EtcdStore::open(bool create, int64_t at) {
     std::vector<Kv> head;
-    if (cluster_->range(head_key(), "", 0, &head, &revision_, &message_) < 0) return -1;
+    if (cluster_->range(head_key(), "", at, &head, &revision_, &message_) < 0) return -1;
+    if (at) revision_ = at;
     if (head.empty()) {
         // Nothing at all below the prefix: room for a new repository.
         int64_t count = 0;
@@ -669,6 +693,16 @@ int EtcdStore::services(std::vector<Row>* out) {
     }
     out->clear();
     for (const auto& [name, id] : service_ids_) out->push_back({id, name, "", 0});
+    return 0;
+}
+
+int EtcdStore::service_versions(std::vector<std::pair<std::string, std::string>>* out) {
+    out->clear();
+    if (!exists_) return 0;
+    std::string from = pointer_key(epoch_, "");
+    std::vector<Kv> kvs;
+    if (range(from, range_end(from), &kvs) < 0) return -1;
+    for (Kv& kv : kvs) out->emplace_back(kv.key.substr(from.size()), std::move(kv.value));
     return 0;
 }
 
@@ -1234,8 +1268,89 @@ int EtcdStore::commit() {
 
 }  // namespace
 
+namespace {
+
+// A client of the cluster a URL names: 0 with *out and *u set, else -1 with
+// the error set and *detail saying more where there is more.
+int connect(const std::string& url, long call_ms, bool budget, ClusterUrl* u,
+            std::unique_ptr<Cluster>* out, std::string* detail) {
+    if (parse_url(url, u) < 0) return fail(HGX_ERROR_BAD_URL);
+    const hgx_etcd_client_api* api = client_module(detail);
+    if (!api) return fail(HGX_ERROR_CLUSTER_CLIENT);
+    auto env = [](const char* name) -> const char* {
+        const char* v = std::getenv(name);
+        return v && *v ? v : nullptr;
+    };
+    hgx_etcd_options o{u->endpoints.c_str(), u->tls,
+                       env("HGX_ETCD_CACERT"), env("HGX_ETCD_CERT"),
+                       env("HGX_ETCD_KEY"),    env("HGX_ETCD_USER"),
+                       env("HGX_ETCD_PASSWORD")};
+    int status = HGX_ETCD_OK;
+    char error[512] = "";
+    void* client = api->open(&o, &status, error, sizeof error);
+    if (!client) {
+        *detail = error;
+        return fail(client_error(status));
+    }
+    *out = std::make_unique<Cluster>(api, client, call_ms, budget);
+    return 0;
+}
+
+// The lines of a watch stream, taken apart as they arrive.
+struct Follower {
+    const std::function<bool(int64_t)>* on_commit;
+    const std::function<bool()>* keep_going;
+    std::string pending;
+    hgx_error_t error = HGX_ERROR_NONE;
+    std::string message;
+
+    bool line(const std::string& text) {
+        json j = json::parse(text, nullptr, false);
+        if (!j.is_object()) return true;
+        const json& r = j.contains("result") ? j["result"] : j;
+        if (j.contains("error")) {
+            error = HGX_ERROR_CONNECTION_BROKEN;
+            message = j["error"].dump();
+            return false;
+        }
+        if (r.value("canceled", false)) {
+            error = r.contains("compact_revision") ? HGX_ERROR_REVISION_COMPACTED
+                                                   : HGX_ERROR_CONNECTION_BROKEN;
+            message = "the watch was cancelled: " + r.value("cancel_reason", std::string());
+            return false;
+        }
+        if (r.contains("events"))
+            for (const json& e : r["events"]) {
+                int64_t revision = e.contains("kv") ? as_int(e["kv"].value("mod_revision", json())) : 0;
+                if (revision && !(*on_commit)(revision)) return false;
+            }
+        return true;
+    }
+};
+
+int follow_data(void* p, const char* data, size_t size) {
+    Follower* f = static_cast<Follower*>(p);
+    try {
+        f->pending.append(data, size);
+        size_t nl;
+        while ((nl = f->pending.find('\n')) != std::string::npos) {
+            std::string text = f->pending.substr(0, nl);
+            f->pending.erase(0, nl + 1);
+            if (!f->line(text)) return 0;
+        }
+        return 1;
+    } catch (const std::bad_alloc&) {
+        f->error = HGX_ERROR_NO_MEMORY;
+        return 0;
+    }
+}
+
+int follow_keep_going(void* p) { return (*static_cast<Follower*>(p)->keep_going)() ? 1 : 0; }
+
+}  // namespace
+
 std::unique_ptr<Store> open_cluster_store(const std::string& url, OpenMode mode,
-                                          std::string* message) {
+                                          std::string* message, int64_t at_revision) {
     auto refuse = [&](const std::string& detail) -> std::unique_ptr<Store> {
         if (message) {
             *message = url + ": " + hgx_strerror(get_error());
@@ -1243,29 +1358,46 @@ std::unique_ptr<Store> open_cluster_store(const std::string& url, OpenMode mode,
         }
         return nullptr;
     };
-    ClusterUrl u;
-    if (parse_url(url, &u) < 0) return set_error(HGX_ERROR_BAD_URL), refuse("");
-    std::string why;
-    const hgx_etcd_client_api* api = client_module(&why);
-    if (!api) return set_error(HGX_ERROR_CLUSTER_CLIENT), refuse(why);
-    auto env = [](const char* name) -> const char* {
-        const char* v = std::getenv(name);
-        return v && *v ? v : nullptr;
-    };
-    hgx_etcd_options o{u.endpoints.c_str(), u.tls,
-                       env("HGX_ETCD_CACERT"), env("HGX_ETCD_CERT"),
-                       env("HGX_ETCD_KEY"),    env("HGX_ETCD_USER"),
-                       env("HGX_ETCD_PASSWORD")};
-    int status = HGX_ETCD_OK;
-    char error[512] = "";
-    void* client = api->open(&o, &status, error, sizeof error);
-    if (!client) return set_error(client_error(status)), refuse(error);
     bool reading = mode == OpenMode::READ;
-    auto cluster = std::make_unique<Cluster>(api, client, reading ? READ_BUDGET_MS : WRITE_CALL_MS,
-                                             reading);
+    ClusterUrl u;
+    std::unique_ptr<Cluster> cluster;
+    std::string detail;
+    if (connect(url, reading ? READ_BUDGET_MS : WRITE_CALL_MS, reading, &u, &cluster, &detail) < 0)
+        return refuse(detail);
     auto store = std::make_unique<EtcdStore>(std::move(cluster), u.prefix, !reading);
-    if (store->open(mode == OpenMode::CREATE) < 0) return refuse(store->message());
+    if (store->open(mode == OpenMode::CREATE, at_revision) < 0) return refuse(store->message());
     return store;
+}
+
+int follow_cluster(const std::string& url, int64_t after,
+                   const std::function<bool(int64_t)>& on_commit,
+                   const std::function<bool()>& keep_going, std::string* message) {
+    ClusterUrl u;
+    std::unique_ptr<Cluster> cluster;
+    std::string detail;
+    if (connect(url, WRITE_CALL_MS, false, &u, &cluster, &detail) < 0) {
+        *message = detail;
+        return -1;
+    }
+    json request = {{"create_request",
+                     {{"key", b64(u.prefix + "/repository")},
+                      {"start_revision", std::to_string(after + 1)}}}};
+    std::string body = request.dump();
+    Follower f{&on_commit, &keep_going, {}, HGX_ERROR_NONE, {}};
+    char error[512] = "";
+    int status = cluster->api()->stream(cluster->client(), "/v3/watch", body.data(), body.size(),
+                                        follow_data, follow_keep_going, &f, error, sizeof error);
+    if (f.error != HGX_ERROR_NONE) {
+        *message = f.message;
+        return fail(f.error);
+    }
+    if (status == HGX_ETCD_STOPPED) return 0;
+    if (status == HGX_ETCD_OK) {
+        *message = "the cluster ended the watch";
+        return fail(HGX_ERROR_CONNECTION_BROKEN);
+    }
+    *message = error;
+    return fail(client_error(status));
 }
 
 }  // namespace hgx_detail

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <new>
 #include <string>
@@ -116,6 +117,25 @@ class Store {
     virtual int delete_prop(int64_t pg, std::string_view name) = 0;
     virtual int commit() = 0;
 
+    // A store's own records beside the repository (a mirror keeps where it
+    // comes from and how far it got): 1 with *value set, 0 none, -1 failure.
+    // A store that keeps none fails with HGX_ERROR_INVALID_ARGUMENT.
+    virtual int meta_get(std::string_view key, std::string* value) = 0;
+    virtual int meta_set(std::string_view key, std::string_view value) = 0;
+
+    // Where this state comes from: for a cluster its id and prefix and the
+    // revision read, and a version of each service that changes whenever
+    // the service does. A file has none: empty, 0, and empty versions.
+    virtual std::string source() const { return ""; }
+    virtual int64_t revision() const { return 0; }
+    virtual int service_versions(std::vector<std::pair<std::string, std::string>>* out) {
+        std::vector<Row> rows;
+        if (services(&rows) < 0) return -1;
+        out->clear();
+        for (Row& r : rows) out->emplace_back(std::move(r.name), std::string());
+        return 0;
+    }
+
     // The store's own text for the last failure, or empty.
     const std::string& message() const { return message_; }
 
@@ -140,7 +160,16 @@ bool is_cluster_url(std::string_view where);
 std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode,
                                        std::string* message);
 std::unique_ptr<Store> open_cluster_store(const std::string& url, OpenMode mode,
-                                          std::string* message);
+                                          std::string* message, int64_t at_revision = 0);
+
+// Follows the commits of the repository in a cluster: calls on_commit with
+// the revision of each, in order, from the one after `after`. Returns 0 when
+// keep_going or on_commit says stop, -1 with the error set and message
+// filled when the stream breaks (HGX_ERROR_REVISION_COMPACTED where `after`
+// is gone).
+int follow_cluster(const std::string& url, int64_t after,
+                   const std::function<bool(int64_t)>& on_commit,
+                   const std::function<bool()>& keep_going, std::string* message);
 
 // A group of the composed view of an instance: the instance's group and the
 // service's group at the same path, either of which may be missing (0).

@@ -203,6 +203,23 @@ class SqliteStore final : public Store {
             return -1;
         return sqlite3_changes(db_) ? 1 : 0;
     }
+    // The mirror's records live in a table of their own, made on first use,
+    // so that a file that is no mirror is exactly as before.
+    int meta_get(std::string_view key, std::string* value) override {
+        Row r;
+        int rc = row(&r, "SELECT 0, name FROM sqlite_master WHERE type = 'table' AND name = 'mirror'",
+                     {});
+        if (rc <= 0) return rc;
+        rc = row(&r, "SELECT 0, value FROM mirror WHERE key = ?1", {key});
+        if (rc == 1) *value = std::move(r.name);
+        return rc;
+    }
+    int meta_set(std::string_view key, std::string_view value) override {
+        return run_all({"CREATE TABLE IF NOT EXISTS mirror(key TEXT PRIMARY KEY, value TEXT NOT NULL)",
+                        "INSERT INTO mirror(key, value) VALUES(?1, ?2)"
+                        " ON CONFLICT(key) DO UPDATE SET value = excluded.value"},
+                       {key, value});
+    }
     int commit() override {
         if (exec(db_, "COMMIT") != SQLITE_OK) return fail_store();
         committed_ = true;

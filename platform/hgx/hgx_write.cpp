@@ -479,3 +479,115 @@ int hgx_writer_services(hgx_writer_t* w, std::vector<std::string>* out) {
         return 0;
     });
 }
+
+hgx_writer_t* hgx_reader_open_at(const char* url, int64_t revision, std::string* message) {
+    return guarded<hgx_writer_t*>(nullptr, [&]() -> hgx_writer_t* {
+        std::string where = url ? url : "";
+        std::unique_ptr<Store> s =
+            is_cluster_url(where) ? open_cluster_store(where, OpenMode::READ, message, revision)
+                                  : open_store(where, OpenMode::READ, message);
+        if (!s) return nullptr;
+        return new hgx_writer{std::move(s)};
+    });
+}
+
+std::string hgx_writer_source(const hgx_writer_t* w) { return w->store->source(); }
+int64_t hgx_writer_revision(const hgx_writer_t* w) { return w->store->revision(); }
+
+int hgx_writer_service_versions(hgx_writer_t* w,
+                                std::vector<std::pair<std::string, std::string>>* out) {
+    return guarded(-1, [&]() -> int { return w->store->service_versions(out); });
+}
+
+int hgx_writer_meta_get(hgx_writer_t* w, std::string_view key, std::string* value) {
+    return guarded(-1, [&]() -> int { return w->store->meta_get(key, value); });
+}
+
+int hgx_writer_meta_set(hgx_writer_t* w, std::string_view key, std::string_view value) {
+    return guarded(-1, [&]() -> int { return w->store->meta_set(key, value); });
+}
+
+namespace {
+
+// Appends a text so that no two sequences of texts give the same result.
+void add_text(std::string* out, std::string_view s) {
+    *out += std::to_string(s.size());
+    *out += ':';
+    *out += s;
+}
+
+int own_text(Store& s, int kind, int64_t owner, std::string* out) {
+    std::vector<Row> pgs;
+    if (s.pgs(kind, owner, &pgs) < 0) return -1;
+    add_text(out, std::to_string(pgs.size()));
+    for (const Row& g : pgs) {
+        add_text(out, g.name);
+        add_text(out, g.text);
+        std::vector<Row> props;
+        if (s.props(g.id, &props) < 0) return -1;
+        add_text(out, std::to_string(props.size()));
+        for (const Row& p : props) {
+            add_text(out, p.name);
+            add_text(out, std::to_string(p.type));
+            add_text(out, p.text);
+        }
+        if (own_text(s, OWNER_PG, g.id, out) < 0) return -1;
+    }
+    return 0;
+}
+
+int composed_text(Store& s, const std::vector<ComposedPg>& pgs, std::string* out) {
+    add_text(out, std::to_string(pgs.size()));
+    for (const ComposedPg& g : pgs) {
+        add_text(out, g.name);
+        add_text(out, g.type);
+        std::vector<Row> props;
+        if (composed_props(s, g.inst, g.svc, &props) < 0) return -1;
+        add_text(out, std::to_string(props.size()));
+        for (const Row& p : props) {
+            add_text(out, p.name);
+            add_text(out, std::to_string(p.type));
+            add_text(out, p.text);
+        }
+        std::vector<ComposedPg> children;
+        if (composed_children(s, g.inst, g.svc, &children) < 0 ||
+            composed_text(s, children, out) < 0)
+            return -1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int hgx_writer_instance_texts(hgx_writer_t* w, std::string_view service,
+                              std::map<std::string, std::string>* out) {
+    return guarded(-1, [&]() -> int {
+        Store& s = *w->store;
+        out->clear();
+        Row svc;
+        int rc = s.service_by_name(service, &svc);
+        if (rc <= 0) return rc;
+        std::vector<Row> instances;
+        if (s.instances(svc.id, &instances) < 0) return -1;
+        for (const Row& in : instances) {
+            std::string& text = (*out)[in.name];
+            std::vector<ComposedPg> top;
+            if (composed_top(s, svc.id, in.id, &top) < 0 || composed_text(s, top, &text) < 0)
+                return -1;
+            std::vector<Row> snaps;
+            if (s.snapshots(in.id, &snaps) < 0) return -1;
+            for (const Row& sn : snaps) {
+                add_text(&text, sn.name);
+                if (own_text(s, OWNER_SNAPSHOT, sn.id, &text) < 0) return -1;
+            }
+        }
+        return 0;
+    });
+}
+
+int hgx_follow(const char* url, int64_t after, const std::function<bool(int64_t)>& on_commit,
+               const std::function<bool()>& keep_going, std::string* message) {
+    return guarded(-1, [&]() -> int {
+        return follow_cluster(url ? url : "", after, on_commit, keep_going, message);
+    });
+}

@@ -10,6 +10,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -114,3 +116,33 @@ int hgx_writer_services(hgx_writer_t* w, std::vector<std::string>* out);
 // and snapshots exactly, replacing a service of that name in `to`.
 // HGX_ERROR_NOT_FOUND where `from` has no such service.
 int hgx_writer_copy_service(hgx_writer_t* to, hgx_writer_t* from, std::string_view name);
+
+// ---- mirrors -------------------------------------------------------------
+// What hgxrepo sync builds a host's mirror of a cluster with.
+
+// As hgx_reader_open, for a cluster at the given revision (0: the newest).
+hgx_writer_t* hgx_reader_open_at(const char* url, int64_t revision, std::string* message);
+// The cluster and prefix the repository comes from ("" for a file), and the
+// revision it was read at (0 for a file).
+std::string hgx_writer_source(const hgx_writer_t* w);
+int64_t hgx_writer_revision(const hgx_writer_t* w);
+// Every service with a version that changes whenever the service does (on a
+// cluster; a file gives empty versions). 0 or -1.
+int hgx_writer_service_versions(hgx_writer_t* w,
+                                std::vector<std::pair<std::string, std::string>>* out);
+// Records kept beside the repository in a file (a cluster keeps none):
+// get gives 1 with *value set, 0 where there is none, -1 on failure.
+int hgx_writer_meta_get(hgx_writer_t* w, std::string_view key, std::string* value);
+int hgx_writer_meta_set(hgx_writer_t* w, std::string_view key, std::string_view value);
+// For each instance of the service, a text that differs whenever what kelvo
+// could read for it differs: its current composed view and its snapshots.
+// An absent service gives no instances.
+int hgx_writer_instance_texts(hgx_writer_t* w, std::string_view service,
+                              std::map<std::string, std::string>* out);
+// Follows a cluster's commits from the one after revision `after`, calling
+// on_commit(revision) for each in order, until on_commit or keep_going (asked
+// about once a second) says stop: then 0. -1 with hgx_error() set and
+// *message filled when the stream breaks; HGX_ERROR_REVISION_COMPACTED when
+// the revision after `after` is gone.
+int hgx_follow(const char* url, int64_t after, const std::function<bool(int64_t)>& on_commit,
+               const std::function<bool()>& keep_going, std::string* message);

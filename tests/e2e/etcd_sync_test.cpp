@@ -1,0 +1,253 @@
+// hgxrepo sync: a host's mirror of a cluster, with a real etcd. The mirror
+// runs as a background process, as on a host, and is stopped with SIGTERM.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "e2e_util.h"
+#include "etcd_server.h"
+
+namespace {
+
+using e2e::hgxrepo;
+using namespace std::chrono_literals;
+
+const std::string WERN = "wrn:/app/web:default";
+
+std::string manifest(const std::string& service, int gen, int count = 3) {
+    std::string props;
+    for (int i = 0; i < count; ++i)
+        props += (i ? "," : "") + std::string("\"p") + std::to_string(i) + "\": \"g" +
+                 std::to_string(gen) + "\"";
+    return "{\"services\": {\"" + service +
+           "\": {\"instances\": {\"default\": {\"groups\": {\"config\": {\"properties\": {" +
+           props + "}}}}}}}}";
+}
+
+// hgxrepo sync in the background, its standard error kept in a file.
+class Sync {
+  public:
+    Sync(const std::vector<std::string>& args, const std::string& log) {
+        pid_ = fork();
+        if (pid_ == 0) {
+            int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+            dup2(fd, 2);
+            int null = open("/dev/null", O_RDWR);
+            dup2(null, 0);
+            dup2(null, 1);
+            std::vector<char*> argv = {const_cast<char*>(e2e::hgxrepo_bin())};
+            for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+    }
+    ~Sync() {
+        if (pid_ > 0) stop();
+    }
+    // SIGTERM, and the exit status (128 + signal when killed).
+    int stop() {
+        kill(pid_, SIGTERM);
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+  private:
+    pid_t pid_ = -1;
+};
+
+// Waits up to `limit` for the condition.
+bool eventually(const std::function<bool()>& ok, std::chrono::milliseconds limit = 5000ms) {
+    auto until = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < until) {
+        if (ok()) return true;
+        std::this_thread::sleep_for(20ms);
+    }
+    return ok();
+}
+
+class EtcdSync : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string why;
+        if (!server.start({}, &why)) {
+            if (etcd_testing::may_skip(why)) GTEST_SKIP() << why;
+            FAIL() << why;
+        }
+        url = server.url("fleet");
+        mirror = dir / "mirror.db";
+        log = dir / "sync.log";
+        ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 0)).status, 0);
+        ASSERT_EQ(cluster({"import", "-"}, manifest("app/db", 0)).status, 0);
+    }
+    e2e::Result cluster(std::vector<std::string> args, const std::string& input = "") {
+        args.insert(args.begin(), {"-r", url});
+        return hgxrepo(args, input);
+    }
+    e2e::Result local(std::vector<std::string> args) {
+        args.insert(args.begin(), {"-r", mirror});
+        return hgxrepo(args);
+    }
+    std::unique_ptr<Sync> start_sync(std::vector<std::string> extra = {}) {
+        std::vector<std::string> args = {"-r", mirror, "sync"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        args.push_back(url);
+        return std::make_unique<Sync>(args, log);
+    }
+    std::string value(const std::string& prop = "p0") {
+        e2e::Result r = e2e::kelvo(mirror, {"-f", WERN}, "$%{config/" + prop + "}\n");
+        return r.status == 0 ? r.out : "status " + std::to_string(r.status) + ": " + r.err;
+    }
+    bool mirrored() { return local({"export"}).out == cluster({"export"}).out; }
+
+    etcd_testing::EtcdServer server;
+    e2e::TempDir dir;
+    std::string url, mirror, log;
+};
+
+TEST_F(EtcdSync, OnceCopiesTheClusterExactly) {
+    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
+    EXPECT_EQ(local({"export"}).out, cluster({"export"}).out);
+    EXPECT_EQ(local({"show", WERN, "running"}).out, cluster({"show", WERN, "running"}).out);
+    EXPECT_EQ(value(), "g0\n");
+}
+
+TEST_F(EtcdSync, FollowsTheClusterAndRunsTheCommandWithTheChangedInstances) {
+    const std::string seen = dir / "changed";
+    auto sync = start_sync({"--exec", "printf '%s--\\n' \"$HGX_CHANGED\" >> " + seen});
+    ASSERT_TRUE(eventually([&] { return value() == "g0\n"; })) << e2e::read_file(log);
+    // The first copy changed both instances: the command heard of both.
+    ASSERT_TRUE(eventually([&] { return e2e::exists(seen); }));
+    EXPECT_EQ(e2e::read_file(seen), "wrn:/app/db:default\nwrn:/app/web:default\n--\n");
+
+    std::remove(seen.c_str());
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
+    auto changed_at = std::chrono::steady_clock::now();
+    ASSERT_TRUE(eventually([&] { return value() == "g1\n"; }, 1000ms)) << e2e::read_file(log);
+    EXPECT_LT(std::chrono::steady_clock::now() - changed_at, 1000ms);
+    ASSERT_TRUE(eventually([&] { return e2e::exists(seen); }));
+    EXPECT_EQ(e2e::read_file(seen), "wrn:/app/web:default\n--\n");
+    // A failing command is reported and the mirror goes on.
+    EXPECT_EQ(sync->stop(), 0);
+    auto failing = start_sync({"--exec", "exit 3"});
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 2)).status, 0);
+    ASSERT_TRUE(eventually([&] { return value() == "g2\n"; }));
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 3)).status, 0);
+    ASSERT_TRUE(eventually([&] { return value() == "g3\n"; }));
+    EXPECT_EQ(failing->stop(), 0);
+    EXPECT_NE(e2e::read_file(log).find("the command failed (status 3)"), std::string::npos);
+}
+
+TEST_F(EtcdSync, OnlyTheServicesNamedAreCopied) {
+    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", "--service", "app/w.*", url}).status, 0);
+    EXPECT_EQ(local({"list"}).out, "wrn:/app/web\nwrn:/app/web:default\n");
+}
+
+TEST_F(EtcdSync, ARestartedClusterIsCaughtUpWithNothingLostOrTwice) {
+    const std::string seen = dir / "changed";
+    auto sync = start_sync({"--exec", "echo x >> " + seen});
+    ASSERT_TRUE(eventually([&] { return mirrored(); }));
+    server.kill_member(0);
+    std::this_thread::sleep_for(300ms);
+    server.restart_member(0);
+    for (int gen = 1; gen <= 5; ++gen)
+        ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", gen)).status, 0);
+    ASSERT_TRUE(eventually([&] { return value() == "g5\n"; }, 15000ms)) << e2e::read_file(log);
+    EXPECT_TRUE(mirrored());
+    EXPECT_EQ(sync->stop(), 0);
+    // One line for the first copy and one per commit, each applied once.
+    EXPECT_EQ(e2e::read_file(seen), "x\nx\nx\nx\nx\nx\n");
+    std::string l = e2e::read_file(log);
+    EXPECT_NE(l.find("lost the cluster"), std::string::npos) << l;
+    EXPECT_NE(l.find("connected again"), std::string::npos) << l;
+}
+
+TEST_F(EtcdSync, ResumesWhereItStoppedAndCopiesAfreshPastACompaction) {
+    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
+    auto resumed = start_sync();
+    ASSERT_TRUE(eventually([&] { return value() == "g1\n"; })) << e2e::read_file(log);
+    EXPECT_EQ(resumed->stop(), 0);
+    EXPECT_NE(e2e::read_file(log).find("resuming at revision"), std::string::npos);
+
+    for (int gen = 2; gen <= 4; ++gen)
+        ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", gen)).status, 0);
+    std::string r = server.post(0, "/v3/kv/range", "{\"key\":\"AA==\"}");
+    size_t at = r.find("\"revision\":\"") + 12;
+    server.post(0, "/v3/kv/compaction",
+                "{\"revision\":\"" + r.substr(at, r.find('"', at) - at) + "\"}");
+    auto fresh = start_sync();
+    ASSERT_TRUE(eventually([&] { return value() == "g4\n"; })) << e2e::read_file(log);
+    EXPECT_EQ(fresh->stop(), 0);
+    EXPECT_NE(e2e::read_file(log).find("compacted away: copying afresh"), std::string::npos)
+        << e2e::read_file(log);
+    EXPECT_TRUE(mirrored());
+}
+
+TEST_F(EtcdSync, EveryRunOnTheMirrorSeesOneGeneration) {
+    const int props = 200;
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 0, props)).status, 0);
+    auto sync = start_sync();
+    ASSERT_TRUE(eventually([&] { return value() == "g0\n"; }));
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        for (int gen = 1; gen <= 100; ++gen)
+            EXPECT_EQ(cluster({"import", "-"}, manifest("app/web", gen, props)).status, 0);
+        done = true;
+    });
+    std::string stencil;
+    for (int i = 0; i < props; ++i) stencil += "$%{config/p" + std::to_string(i) + "} ";
+    int mixed = 0, failed = 0, runs = 0;
+    for (; runs < 1000; ++runs) {
+        e2e::Result r = e2e::kelvo(mirror, {"-f", WERN}, stencil + "\n");
+        if (r.status != 0) {
+            ++failed;
+            continue;
+        }
+        std::string first = r.out.substr(0, r.out.find(' ') + 1), all;
+        for (int i = 0; i < props; ++i) all += first;
+        if (r.out != all + "\n") ++mixed;
+    }
+    writer.join();
+    EXPECT_EQ(failed, 0);
+    EXPECT_EQ(mixed, 0);
+    EXPECT_TRUE(eventually([&] { return value() == "g100\n"; })) << value();
+    EXPECT_EQ(sync->stop(), 0);
+}
+
+TEST_F(EtcdSync, AFileThatIsNotItsMirrorIsRefusedAndLeftAlone) {
+    // Not a repository.
+    e2e::write_file(mirror, "some text\n");
+    e2e::Result r = hgxrepo({"-r", mirror, "sync", "--once", url});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(e2e::read_file(mirror), "some text\n");
+    std::remove(mirror.c_str());
+
+    // A repository of its own, no mirror.
+    e2e::make_repository(mirror, manifest("local/thing", 0));
+    r = hgxrepo({"-r", mirror, "sync", "--once", url});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("a repository that is no mirror"), std::string::npos) << r.err;
+    EXPECT_EQ(local({"list"}).out, "wrn:/local/thing\nwrn:/local/thing:default\n");
+    std::remove(mirror.c_str());
+
+    // The mirror of another prefix.
+    ASSERT_EQ(hgxrepo({"-r", server.url("other"), "import", "-"}, manifest("x/y", 0)).status, 0);
+    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", server.url("other")}).status, 0);
+    const std::string before = local({"export"}).out;
+    r = hgxrepo({"-r", mirror, "sync", "--once", url});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("prefix other, not"), std::string::npos) << r.err;
+    EXPECT_EQ(local({"export"}).out, before);
+}
+
+}  // namespace
