@@ -101,9 +101,9 @@ class Mirror {
 
     const SyncOptions& o_;
     std::vector<std::unique_ptr<Pattern>> patterns_;
-    std::string patterns_text_;  // as recorded in the file
-    std::string source_;         // the cluster's, once known
-    int64_t revision_ = 0;       // last applied
+    std::string patterns_text_;                    // as recorded in the file
+    std::string source_;                           // the cluster's, once known
+    int64_t revision_ = 0;                         // last applied
     std::map<std::string, std::string> versions_;  // at revision_
     bool resume_ = false;
 };
@@ -138,7 +138,8 @@ bool Mirror::prepare() {
     int has = hgx_writer_meta_get(file.get(), "source", &source);
     if (has < 0 || hgx_writer_meta_get(file.get(), "revision", &revision) < 0 ||
         hgx_writer_meta_get(file.get(), "services", &patterns) < 0) {
-        std::fprintf(stderr, "hgxrepo: %s: cannot read: %s\n", o_.file.c_str(), lib_error().c_str());
+        std::fprintf(stderr, "hgxrepo: %s: cannot read: %s\n", o_.file.c_str(),
+                     lib_error().c_str());
         return false;
     }
     if (has == 0) {
@@ -338,7 +339,8 @@ int Mirror::run() {
             whole = true;
             continue;
         }
-        log_line("lost the cluster: " + lib_error() + (message.empty() ? "" : " (" + message + ")"));
+        log_line("lost the cluster: " + lib_error() +
+                 (message.empty() ? "" : " (" + message + ")"));
         lost = true;
         // Back until the cluster answers again, then follow from where the
         // mirror stands; nothing in between is lost, etcd keeps it.

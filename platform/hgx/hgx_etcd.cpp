@@ -96,8 +96,8 @@ const hgx_etcd_client_api* client_module(std::string* why) {
             failure = dlerror();
             continue;
         }
-        auto get = reinterpret_cast<const hgx_etcd_client_api* (*)()>(
-            dlsym(so, HGX_ETCD_CLIENT_SYMBOL));
+        auto get =
+            reinterpret_cast<const hgx_etcd_client_api* (*)()>(dlsym(so, HGX_ETCD_CLIENT_SYMBOL));
         const hgx_etcd_client_api* found = get ? get() : nullptr;
         if (found && found->abi == HGX_ETCD_CLIENT_ABI) return api = found;
         failure = path + ": not a client of this version";
@@ -155,8 +155,8 @@ int parse_url(std::string_view url, ClusterUrl* out) {
     size_t start = 0;
     while (true) {
         size_t comma = hosts.find(',', start);
-        if (!valid_endpoint(hosts.substr(start, comma == std::string_view::npos ? comma
-                                                                                 : comma - start)))
+        if (!valid_endpoint(
+                hosts.substr(start, comma == std::string_view::npos ? comma : comma - start)))
             return -1;
         if (comma == std::string_view::npos) break;
         start = comma + 1;
@@ -361,10 +361,10 @@ int64_t as_int(const json& j) {
 // A random name for a generation or a commit: 16 hex digits, so that two
 // writers never pick the same one.
 std::string fresh_id() {
-    static std::mt19937_64 rng(std::random_device{}() ^
-                               static_cast<uint64_t>(
-                                   std::chrono::steady_clock::now().time_since_epoch().count()) ^
-                               static_cast<uint64_t>(getpid()));
+    static std::mt19937_64 rng(
+        std::random_device{}() ^
+        static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()) ^
+        static_cast<uint64_t>(getpid()));
     char buf[17];
     std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(rng()));
     return buf;
@@ -458,15 +458,15 @@ int Cluster::call(const char* path, const json& request, json* reply, std::strin
     if (error.find("request is too large") != std::string::npos ||
         error.find("too many operations") != std::string::npos)
         return fail(HGX_ERROR_TOO_LARGE);
-    if (error.find("auth") != std::string::npos || error.find("permission denied") != std::string::npos ||
+    if (error.find("auth") != std::string::npos ||
+        error.find("permission denied") != std::string::npos ||
         error.find("user name") != std::string::npos)
         return fail(HGX_ERROR_CLUSTER_CREDENTIALS);
     return fail(HGX_ERROR_CONNECTION_BROKEN);
 }
 
-int Cluster::range(const std::string& key, const std::string& end, int64_t at,
-                   std::vector<Kv>* out, int64_t* revision, std::string* message, bool count_only,
-                   int64_t* count) {
+int Cluster::range(const std::string& key, const std::string& end, int64_t at, std::vector<Kv>* out,
+                   int64_t* revision, std::string* message, bool count_only, int64_t* count) {
     json req = {{"key", b64(key)}};
     if (!end.empty()) req["range_end"] = b64(end);
     if (at) req["revision"] = std::to_string(at);
@@ -503,7 +503,8 @@ json put_op(const std::string& key, std::string_view value) {
 }
 json delete_op(const std::string& key) { return {{"request_delete_range", {{"key", b64(key)}}}}; }
 json delete_prefix_op(const std::string& prefix) {
-    return {{"request_delete_range", {{"key", b64(prefix)}, {"range_end", b64(range_end(prefix))}}}};
+    return {
+        {"request_delete_range", {{"key", b64(prefix)}, {"range_end", b64(range_end(prefix))}}}};
 }
 
 // ---- the store ---------------------------------------------------------------------
@@ -569,13 +570,14 @@ class EtcdStore final : public Store {
     int delete_prop(int64_t pg, std::string_view name) override;
     int commit() override;
 
-    int meta_get(std::string_view, std::string*) override { return fail(HGX_ERROR_INVALID_ARGUMENT); }
+    int meta_get(std::string_view, std::string*) override {
+        return fail(HGX_ERROR_INVALID_ARGUMENT);
+    }
     int meta_set(std::string_view, std::string_view) override {
         return fail(HGX_ERROR_INVALID_ARGUMENT);
     }
     std::string source() const override {
-        return "etcd cluster " + cluster_->cluster_id() + ", prefix " +
-               p_.substr(0, p_.size() - 1);
+        return "etcd cluster " + cluster_->cluster_id() + ", prefix " + p_.substr(0, p_.size() - 1);
     }
     int64_t revision() const override { return revision_; }
     // A service's generation is its version: written once, never changed.
@@ -629,10 +631,10 @@ class EtcdStore final : public Store {
 
     int64_t last_id_ = 0;
     bool listed_ = false;
-    std::map<std::string, int64_t> service_ids_;  // known services by name
-    std::set<std::string> absent_;                // names known to have no service
-    std::map<std::string, std::string> read_gen_; // generation each name had when read
-    std::set<std::string> touched_;               // names of services changed
+    std::map<std::string, int64_t> service_ids_;   // known services by name
+    std::set<std::string> absent_;                 // names known to have no service
+    std::map<std::string, std::string> read_gen_;  // generation each name had when read
+    std::set<std::string> touched_;                // names of services changed
     std::unordered_map<int64_t, ServiceEntry> services_;
     std::unordered_map<int64_t, InstanceEntry> instances_;
     std::unordered_map<int64_t, int64_t> snapshot_instance_;
@@ -835,7 +837,8 @@ int EtcdStore::load_full(int64_t service) {
 int EtcdStore::instances(int64_t service, std::vector<Row>* out) {
     if (load_service(service) < 0) return -1;
     out->clear();
-    for (const auto& [name, id] : services_.at(service).instances) out->push_back({id, name, "", 0});
+    for (const auto& [name, id] : services_.at(service).instances)
+        out->push_back({id, name, "", 0});
     return 0;
 }
 
@@ -1181,8 +1184,8 @@ int EtcdStore::commit() {
             service_docs(it->second, gen, &docs);
             for (auto& [key, value] : docs) {
                 if (value.size() > DOC_LIMIT) {
-                    message_ = std::string(hgx_strerror(HGX_ERROR_TOO_LARGE)) + ": wrn:/" +
-                               name + ": " + key.substr(gen_prefix(gen).size()) + " would take " +
+                    message_ = std::string(hgx_strerror(HGX_ERROR_TOO_LARGE)) + ": wrn:/" + name +
+                               ": " + key.substr(gen_prefix(gen).size()) + " would take " +
                                std::to_string(value.size()) + " bytes, of at most " +
                                std::to_string(DOC_LIMIT);
                     return fail(HGX_ERROR_TOO_LARGE);
@@ -1281,9 +1284,9 @@ int connect(const std::string& url, long call_ms, bool budget, ClusterUrl* u,
         const char* v = std::getenv(name);
         return v && *v ? v : nullptr;
     };
-    hgx_etcd_options o{u->endpoints.c_str(), u->tls,
-                       env("HGX_ETCD_CACERT"), env("HGX_ETCD_CERT"),
-                       env("HGX_ETCD_KEY"),    env("HGX_ETCD_USER"),
+    hgx_etcd_options o{u->endpoints.c_str(),    u->tls,
+                       env("HGX_ETCD_CACERT"),  env("HGX_ETCD_CERT"),
+                       env("HGX_ETCD_KEY"),     env("HGX_ETCD_USER"),
                        env("HGX_ETCD_PASSWORD")};
     int status = HGX_ETCD_OK;
     char error[512] = "";
@@ -1321,7 +1324,8 @@ struct Follower {
         }
         if (r.contains("events"))
             for (const json& e : r["events"]) {
-                int64_t revision = e.contains("kv") ? as_int(e["kv"].value("mod_revision", json())) : 0;
+                int64_t revision =
+                    e.contains("kv") ? as_int(e["kv"].value("mod_revision", json())) : 0;
                 if (revision && !(*on_commit)(revision)) return false;
             }
         return true;
@@ -1379,9 +1383,9 @@ int follow_cluster(const std::string& url, int64_t after,
         *message = detail;
         return -1;
     }
-    json request = {{"create_request",
-                     {{"key", b64(u.prefix + "/repository")},
-                      {"start_revision", std::to_string(after + 1)}}}};
+    json request = {
+        {"create_request",
+         {{"key", b64(u.prefix + "/repository")}, {"start_revision", std::to_string(after + 1)}}}};
     std::string body = request.dump();
     Follower f{&on_commit, &keep_going, {}, HGX_ERROR_NONE, {}};
     char error[512] = "";

@@ -72,8 +72,7 @@ struct hgx_etcd_client_api {
     // tried first next time).
     int (*stream)(void* client, const char* path, const char* body, size_t size,
                   int (*on_data)(void* context, const char* data, size_t size),
-                  int (*keep_going)(void* context), void* context, char* error,
-                  size_t error_size);
+                  int (*keep_going)(void* context), void* context, char* error, size_t error_size);
 };
 
 // The one symbol of hgx-etcd.so.

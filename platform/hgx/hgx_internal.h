@@ -153,8 +153,7 @@ enum class OpenMode {
 // Opens the repository that `where` names: an etcd URL (etcd:// or
 // etcds://) or a file. Null on failure, with the error set and, where
 // message is given, a line for the user in it.
-std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode,
-                                  std::string* message);
+std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode, std::string* message);
 bool is_cluster_url(std::string_view where);
 // The two stores behind open_store.
 std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode,

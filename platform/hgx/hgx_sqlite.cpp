@@ -92,8 +92,8 @@ struct Arg {
     bool is_text = false;
     int64_t number = 0;
     std::string_view text;
-    Arg(int64_t n) : number(n) {}  // NOLINT: arguments convert implicitly
-    Arg(int n) : number(n) {}      // NOLINT
+    Arg(int64_t n) : number(n) {}                        // NOLINT: arguments convert implicitly
+    Arg(int n) : number(n) {}                            // NOLINT
     Arg(std::string_view t) : is_text(true), text(t) {}  // NOLINT
 };
 
@@ -162,12 +162,12 @@ class SqliteStore final : public Store {
         return insert("INSERT INTO instances(service_id, name) VALUES(?1, ?2)", {service, name});
     }
     int delete_instance(int64_t service, int64_t instance) override {
-        return run_all({"DELETE FROM props WHERE pg_id IN"
-                        " (SELECT id FROM pgs WHERE service_id = ?1 AND instance_id = ?2)",
-                        "DELETE FROM pgs WHERE service_id = ?1 AND instance_id = ?2",
-                        "DELETE FROM snapshots WHERE instance_id = ?2",
-                        "DELETE FROM instances WHERE id = ?2"},
-                       {service, instance});
+        return run_all(
+            {"DELETE FROM props WHERE pg_id IN"
+             " (SELECT id FROM pgs WHERE service_id = ?1 AND instance_id = ?2)",
+             "DELETE FROM pgs WHERE service_id = ?1 AND instance_id = ?2",
+             "DELETE FROM snapshots WHERE instance_id = ?2", "DELETE FROM instances WHERE id = ?2"},
+            {service, instance});
     }
     int64_t add_snapshot(int64_t, int64_t instance, std::string_view name) override {
         return insert("INSERT INTO snapshots(instance_id, name) VALUES(?1, ?2)", {instance, name});
@@ -207,18 +207,19 @@ class SqliteStore final : public Store {
     // so that a file that is no mirror is exactly as before.
     int meta_get(std::string_view key, std::string* value) override {
         Row r;
-        int rc = row(&r, "SELECT 0, name FROM sqlite_master WHERE type = 'table' AND name = 'mirror'",
-                     {});
+        int rc = row(
+            &r, "SELECT 0, name FROM sqlite_master WHERE type = 'table' AND name = 'mirror'", {});
         if (rc <= 0) return rc;
         rc = row(&r, "SELECT 0, value FROM mirror WHERE key = ?1", {key});
         if (rc == 1) *value = std::move(r.name);
         return rc;
     }
     int meta_set(std::string_view key, std::string_view value) override {
-        return run_all({"CREATE TABLE IF NOT EXISTS mirror(key TEXT PRIMARY KEY, value TEXT NOT NULL)",
-                        "INSERT INTO mirror(key, value) VALUES(?1, ?2)"
-                        " ON CONFLICT(key) DO UPDATE SET value = excluded.value"},
-                       {key, value});
+        return run_all(
+            {"CREATE TABLE IF NOT EXISTS mirror(key TEXT PRIMARY KEY, value TEXT NOT NULL)",
+             "INSERT INTO mirror(key, value) VALUES(?1, ?2)"
+             " ON CONFLICT(key) DO UPDATE SET value = excluded.value"},
+            {key, value});
     }
     int commit() override {
         if (exec(db_, "COMMIT") != SQLITE_OK) return fail_store();
@@ -342,11 +343,10 @@ int SqliteStore::run_all(std::initializer_list<const char*> sqls, std::initializ
 
 int SqliteStore::put_prop(int64_t pg, std::string_view name, int type, std::string_view blob,
                           bool replace) {
-    const char* sql =
-        replace ? "INSERT INTO props(pg_id, name, type, vals) VALUES(?1, ?2, ?3, ?4)"
-                  " ON CONFLICT(pg_id, name) DO UPDATE SET type = excluded.type,"
-                  " vals = excluded.vals"
-                : "INSERT INTO props(pg_id, name, type, vals) VALUES(?1, ?2, ?3, ?4)";
+    const char* sql = replace ? "INSERT INTO props(pg_id, name, type, vals) VALUES(?1, ?2, ?3, ?4)"
+                                " ON CONFLICT(pg_id, name) DO UPDATE SET type = excluded.type,"
+                                " vals = excluded.vals"
+                              : "INSERT INTO props(pg_id, name, type, vals) VALUES(?1, ?2, ?3, ?4)";
     sqlite3_stmt* st = stmt(sql, {pg, name, type});
     if (!st) return -1;
     sqlite3_bind_blob(st, 4, blob.data(), static_cast<int>(blob.size()), SQLITE_TRANSIENT);
@@ -435,7 +435,8 @@ std::unique_ptr<Store> open_for_reading(const std::string& file) {
     // into a directory this one cannot write), the file can still be read
     // without the WAL machinery, provided the WAL holds nothing: then the
     // main file is the whole committed state.
-    if (code == HGX_ERROR_REPOSITORY_LOG && wal_is_empty(file)) code = open_reading(file, true, &db);
+    if (code == HGX_ERROR_REPOSITORY_LOG && wal_is_empty(file))
+        code = open_reading(file, true, &db);
     if (code != HGX_ERROR_NONE) return fail(code), nullptr;
     return std::make_unique<SqliteStore>(db, file, false);
 }
@@ -450,7 +451,8 @@ std::unique_ptr<Store> open_for_writing(const std::string& file, bool create,
     if (file.empty()) return refuse(HGX_ERROR_INVALID_ARGUMENT, "no repository file named");
     struct stat st;
     bool exists = stat(file.c_str(), &st) == 0;
-    if (!exists && errno != ENOENT) return refuse(HGX_ERROR_REPOSITORY_ACCESS, std::strerror(errno));
+    if (!exists && errno != ENOENT)
+        return refuse(HGX_ERROR_REPOSITORY_ACCESS, std::strerror(errno));
     if (!exists && !create)
         return refuse(HGX_ERROR_NO_REPOSITORY, hgx_strerror(HGX_ERROR_NO_REPOSITORY));
     if (exists && S_ISDIR(st.st_mode)) return refuse(HGX_ERROR_REPOSITORY_ACCESS, "is a directory");

@@ -15,8 +15,7 @@ bool is_cluster_url(std::string_view where) {
     return where.substr(0, 7) == "etcd://" || where.substr(0, 8) == "etcds://";
 }
 
-std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode,
-                                  std::string* message) {
+std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode, std::string* message) {
     if (is_cluster_url(where)) return open_cluster_store(where, mode, message);
     return open_file_store(where, mode, message);
 }

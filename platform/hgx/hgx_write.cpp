@@ -3,6 +3,7 @@
 #include "hgx_write.h"
 
 #include <arpa/inet.h>
+
 #include <memory>
 #include <new>
 
@@ -373,8 +374,8 @@ int hgx_writer_add_pg(hgx_writer_t* w, const hgx_owner& owner, std::string_view 
         if (!valid_segment(name) || type.size() > PG_TYPE_LIMIT ||
             type.find('\0') != std::string_view::npos)
             return fail(HGX_ERROR_INVALID_ARGUMENT);
-        hgx_id_t id = w->store->add_pg({owner_kind(owner), owner.id, owner.service, owner.instance, 0},
-                                       name, type);
+        hgx_id_t id = w->store->add_pg(
+            {owner_kind(owner), owner.id, owner.service, owner.instance, 0}, name, type);
         if (id < 0) return -1;
         if (pg) *pg = {hgx_owner::PG, id, owner.service, owner.instance};
         return 0;
@@ -447,7 +448,8 @@ int hgx_writer_copy_service(hgx_writer_t* to, hgx_writer_t* from, std::string_vi
         rc = dst.service_by_name(name, &old);
         if (rc < 0 || (rc && dst.delete_service(old.id) < 0)) return -1;
         int64_t sid = dst.add_service(name);
-        if (sid < 0 || copy_pgs(src, OWNER_SERVICE, svc.id, dst, {OWNER_SERVICE, sid, sid, 0, 0}) < 0)
+        if (sid < 0 ||
+            copy_pgs(src, OWNER_SERVICE, svc.id, dst, {OWNER_SERVICE, sid, sid, 0, 0}) < 0)
             return -1;
         std::vector<Row> instances;
         if (src.instances(svc.id, &instances) < 0) return -1;
@@ -460,9 +462,8 @@ int hgx_writer_copy_service(hgx_writer_t* to, hgx_writer_t* from, std::string_vi
             if (src.snapshots(in.id, &snaps) < 0) return -1;
             for (const Row& sn : snaps) {
                 int64_t nid = dst.add_snapshot(sid, iid, sn.name);
-                if (nid < 0 ||
-                    copy_pgs(src, OWNER_SNAPSHOT, sn.id, dst, {OWNER_SNAPSHOT, nid, sid, iid, nid}) <
-                        0)
+                if (nid < 0 || copy_pgs(src, OWNER_SNAPSHOT, sn.id, dst,
+                                        {OWNER_SNAPSHOT, nid, sid, iid, nid}) < 0)
                     return -1;
             }
         }

@@ -1,6 +1,7 @@
 // The repository on an etcd cluster, where it differs from a file: one state
 // per run while others write, racing writers, members that fail, TLS,
 // credentials, and what a cluster refuses. Each test starts its own etcd.
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,8 +9,6 @@
 #include <chrono>
 #include <set>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "e2e_util.h"
 #include "etcd_server.h"
@@ -127,15 +126,16 @@ TEST_F(EtcdCluster, AStoppedOrHangingClusterEndsTheRunWithStatusThree) {
     e2e::Result hung = kelvo("$%{config/p0}\n");
     auto took = std::chrono::steady_clock::now() - begin;
     server.freeze(false);
-    EXPECT_EQ(e2e::whole(hung),
-              e2e::Whole(3, "", "kelvo: Unable to get properties for " + WERN +
-                                    ": The etcd cluster did not answer in time\n"));
+    EXPECT_EQ(e2e::whole(hung), e2e::Whole(3, "",
+                                           "kelvo: Unable to get properties for " + WERN +
+                                               ": The etcd cluster did not answer in time\n"));
     EXPECT_LT(took, std::chrono::seconds(8));
 
     server.kill_member(0);
     EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n")),
-              e2e::Whole(3, "", "kelvo: Unable to get properties for " + WERN +
-                                    ": No member of the etcd cluster answers\n"));
+              e2e::Whole(3, "",
+                         "kelvo: Unable to get properties for " + WERN +
+                             ": No member of the etcd cluster answers\n"));
     e2e::Result write = repo({"setprop", WERN + "/:properties/config/p0", "x"});
     EXPECT_EQ(write.status, 1);
     EXPECT_NE(write.err.find("No member of the etcd cluster answers"), std::string::npos)
@@ -186,7 +186,7 @@ TEST_F(EtcdCluster, CredentialsAreCheckedAndWrongOnesRefused) {
     start();
     ASSERT_TRUE(server.enable_auth("secret"));
     std::map<std::string, std::optional<std::string>> right = {{"HGX_ETCD_USER", "root"},
-                                                                {"HGX_ETCD_PASSWORD", "secret"}};
+                                                               {"HGX_ETCD_PASSWORD", "secret"}};
     e2e::Run import;
     import.args = {e2e::hgxrepo_bin(), "-r", url, "import", "-"};
     import.input = generation(3, 2);
@@ -240,8 +240,9 @@ TEST_F(EtcdCluster, BadInputIsRefusedAndLeavesTheClusterAsItWas) {
     }
 
     // An instance too large for one etcd request.
-    std::string big = "{\"services\": {\"app/web\": {\"instances\": {\"default\": {\"groups\": "
-                      "{\"config\": {\"properties\": {";
+    std::string big =
+        "{\"services\": {\"app/web\": {\"instances\": {\"default\": {\"groups\": "
+        "{\"config\": {\"properties\": {";
     for (int i = 0; i < 300; ++i)
         big += (i ? "," : "") + std::string("\"p") + std::to_string(i) + "\": \"" +
                std::string(4000, 'x') + "\"";

@@ -1,6 +1,7 @@
 // hgxrepo sync: a host's mirror of a cluster, with a real etcd. The mirror
 // runs as a background process, as on a host, and is stopped with SIGTERM.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,8 +9,6 @@
 #include <chrono>
 #include <functional>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "e2e_util.h"
 #include "etcd_server.h"

@@ -41,7 +41,8 @@ int main(int argc, char** argv) {
     }
     std::ofstream(dir + "/pid") << server.pid(0) << '\n';
     std::ofstream(dir + "/endpoint") << server.endpoints() << '\n';
-    std::printf("etcd at %s, pid %d\n", server.endpoints().c_str(), static_cast<int>(server.pid(0)));
+    std::printf("etcd at %s, pid %d\n", server.endpoints().c_str(),
+                static_cast<int>(server.pid(0)));
     server.detach();
     return 0;
 }

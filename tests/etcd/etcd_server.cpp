@@ -77,7 +77,8 @@ std::string b64(const std::string& in) {
     size_t i = 0;
     for (; i + 2 < in.size(); i += 3) {
         unsigned v = static_cast<unsigned char>(in[i]) << 16 |
-                     static_cast<unsigned char>(in[i + 1]) << 8 | static_cast<unsigned char>(in[i + 2]);
+                     static_cast<unsigned char>(in[i + 1]) << 8 |
+                     static_cast<unsigned char>(in[i + 2]);
         for (int k = 18; k >= 0; k -= 6) out += T[(v >> k) & 63];
     }
     if (i < in.size()) {
@@ -123,8 +124,8 @@ bool EtcdServer::launch(int m, bool existing) {
     std::string client = scheme + "127.0.0.1:" + std::to_string(me.client_port);
     std::string cluster;
     for (const Member& o : members_)
-        cluster += (cluster.empty() ? "" : ",") + o.name + "=http://127.0.0.1:" +
-                   std::to_string(o.peer_port);
+        cluster += (cluster.empty() ? "" : ",") + o.name +
+                   "=http://127.0.0.1:" + std::to_string(o.peer_port);
     std::vector<std::string> argv = {
         "etcd",
         "--name=" + me.name,

@@ -155,8 +155,7 @@ int post_to_members(Client* c, const std::string& path, const std::string& body,
         if (s == HGX_ETCD_NO_MEMORY || s == HGX_ETCD_TLS) return s;
         // A timeout anywhere makes the whole call one that timed out,
         // rather than one that found nobody.
-        if (s == HGX_ETCD_TIMEOUT || status == HGX_ETCD_TIMEOUT)
-            status = HGX_ETCD_TIMEOUT;
+        if (s == HGX_ETCD_TIMEOUT || status == HGX_ETCD_TIMEOUT) status = HGX_ETCD_TIMEOUT;
     }
     return status;
 }
@@ -217,7 +216,8 @@ void* client_open(const hgx_etcd_options* o, int* status, char* error, size_t si
         size_t start = 0;
         while (start <= list.size()) {
             size_t comma = list.find(',', start);
-            std::string one = list.substr(start, comma == std::string::npos ? comma : comma - start);
+            std::string one =
+                list.substr(start, comma == std::string::npos ? comma : comma - start);
             if (!one.empty()) c->members.push_back((c->tls ? "https://" : "http://") + one);
             if (comma == std::string::npos) break;
             start = comma + 1;
@@ -349,8 +349,7 @@ int client_stream(void* handle, const char* path, const char* body, size_t size,
 }
 
 const hgx_etcd_client_api API = {
-    HGX_ETCD_CLIENT_ABI, client_open,    client_close, client_post,
-    client_release,      client_stream,
+    HGX_ETCD_CLIENT_ABI, client_open, client_close, client_post, client_release, client_stream,
 };
 
 }  // namespace
