@@ -834,38 +834,43 @@ int EtcdStore::load_full(int64_t service) {
     return 0;
 }
 
+namespace {
+
+// Children of one parent as rows, in name order.
+int rows_of(const std::map<std::string, int64_t>& children, std::vector<Row>* out) {
+    out->clear();
+    for (const auto& [name, id] : children) out->push_back({id, name, "", 0});
+    return 0;
+}
+
+// One child by name: 1 with *out set, 0 none.
+int row_of(const std::map<std::string, int64_t>& children, std::string_view name, Row* out) {
+    auto it = children.find(std::string(name));
+    if (it == children.end()) return 0;
+    *out = {it->second, it->first, "", 0};
+    return 1;
+}
+
+}  // namespace
+
 int EtcdStore::instances(int64_t service, std::vector<Row>* out) {
     if (load_service(service) < 0) return -1;
-    out->clear();
-    for (const auto& [name, id] : services_.at(service).instances)
-        out->push_back({id, name, "", 0});
-    return 0;
+    return rows_of(services_.at(service).instances, out);
 }
 
 int EtcdStore::instance_by_name(int64_t service, std::string_view name, Row* out) {
     if (load_service(service) < 0) return -1;
-    const auto& m = services_.at(service).instances;
-    auto it = m.find(std::string(name));
-    if (it == m.end()) return 0;
-    *out = {it->second, it->first, "", 0};
-    return 1;
+    return row_of(services_.at(service).instances, name, out);
 }
 
 int EtcdStore::snapshots(int64_t instance, std::vector<Row>* out) {
     if (load_instance(instance) < 0) return -1;
-    out->clear();
-    for (const auto& [name, id] : instances_.at(instance).snapshots)
-        out->push_back({id, name, "", 0});
-    return 0;
+    return rows_of(instances_.at(instance).snapshots, out);
 }
 
 int EtcdStore::snapshot_by_name(int64_t instance, std::string_view name, Row* out) {
     if (load_instance(instance) < 0) return -1;
-    const auto& m = instances_.at(instance).snapshots;
-    auto it = m.find(std::string(name));
-    if (it == m.end()) return 0;
-    *out = {it->second, it->first, "", 0};
-    return 1;
+    return row_of(instances_.at(instance).snapshots, name, out);
 }
 
 int EtcdStore::loaded_owner(int kind, int64_t owner) {
@@ -883,19 +888,16 @@ int EtcdStore::loaded_owner(int kind, int64_t owner) {
 
 int EtcdStore::pgs(int kind, int64_t owner, std::vector<Row>* out) {
     if (loaded_owner(kind, owner) < 0) return -1;
-    out->clear();
-    for (const auto& [name, id] : pg_children(kind, owner))
-        out->push_back({id, name, pgs_.at(id).type, 0});
+    rows_of(pg_children(kind, owner), out);
+    for (Row& r : *out) r.text = pgs_.at(r.id).type;
     return 0;
 }
 
 int EtcdStore::pg_by_name(int kind, int64_t owner, std::string_view name, Row* out) {
     if (loaded_owner(kind, owner) < 0) return -1;
-    Children& c = pg_children(kind, owner);
-    auto it = c.find(std::string(name));
-    if (it == c.end()) return 0;
-    *out = {it->second, it->first, pgs_.at(it->second).type, 0};
-    return 1;
+    int rc = row_of(pg_children(kind, owner), name, out);
+    if (rc == 1) out->text = pgs_.at(out->id).type;
+    return rc;
 }
 
 int EtcdStore::props(int64_t pg, std::vector<Row>* out) {

@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "e2e_util.h"
-#include "etcd_server.h"
+#include "etcd_gtest.h"
 
 namespace {
 
@@ -39,13 +39,12 @@ std::string all_properties_stencil(int count = 200) {
 
 class EtcdCluster : public ::testing::Test {
   protected:
-    void start(etcd_testing::Options options = {}) {
-        std::string why;
-        if (!server.start(options, &why)) {
-            if (etcd_testing::may_skip(why)) GTEST_SKIP() << why;
-            FAIL() << why;
-        }
+    // Starts the test's cluster; false where the test must end (skipped
+    // or failed: both only return from here).
+    bool start(etcd_testing::Options options = {}) {
+        [&] { ETCD_START_OR_SKIP(server, options); }();
         url = server.url("kelvo");
+        return !IsSkipped() && !HasFatalFailure();
     }
     e2e::Result repo(std::vector<std::string> args, const std::string& input = "") {
         args.insert(args.begin(), {"-r", url});
@@ -61,7 +60,7 @@ class EtcdCluster : public ::testing::Test {
 };
 
 TEST_F(EtcdCluster, EveryRunSeesOneGenerationWhileImportsRewriteTheInstance) {
-    start();
+    if (!start()) return;
     ASSERT_EQ(repo({"import", "-"}, generation(0)).status, 0);
     std::atomic<bool> done{false};
     std::atomic<int> imports{0};
@@ -96,7 +95,7 @@ TEST_F(EtcdCluster, EveryRunSeesOneGenerationWhileImportsRewriteTheInstance) {
 }
 
 TEST_F(EtcdCluster, RacingWritersBothLand) {
-    start();
+    if (!start()) return;
     ASSERT_EQ(repo({"import", "-"}, generation(0, 2)).status, 0);
     std::vector<std::thread> writers;
     std::atomic<int> failed{0};
@@ -116,7 +115,7 @@ TEST_F(EtcdCluster, RacingWritersBothLand) {
 }
 
 TEST_F(EtcdCluster, AStoppedOrHangingClusterEndsTheRunWithStatusThree) {
-    start();
+    if (!start()) return;
     ASSERT_EQ(repo({"import", "-"}, generation(0, 2)).status, 0);
     ASSERT_EQ(kelvo("$%{config/p0}\n").out, "g0\n");
 
@@ -145,7 +144,7 @@ TEST_F(EtcdCluster, AStoppedOrHangingClusterEndsTheRunWithStatusThree) {
 TEST_F(EtcdCluster, RunsGoOnThroughTheOtherMembersWhenTheLeaderDies) {
     etcd_testing::Options three;
     three.members = 3;
-    start(three);
+    if (!start(three)) return;
     ASSERT_EQ(repo({"import", "-"}, generation(0, 2)).status, 0);
     int leader = server.leader();
     ASSERT_GE(leader, 0);
@@ -160,7 +159,7 @@ TEST_F(EtcdCluster, RunsGoOnThroughTheOtherMembersWhenTheLeaderDies) {
 TEST_F(EtcdCluster, TlsWithClientCertificates) {
     etcd_testing::Options tls;
     tls.tls = true;
-    start(tls);
+    if (!start(tls)) return;
     std::map<std::string, std::optional<std::string>> certs = {
         {"HGX_ETCD_CACERT", server.ca()},
         {"HGX_ETCD_CERT", server.client_cert()},
@@ -183,7 +182,7 @@ TEST_F(EtcdCluster, TlsWithClientCertificates) {
 }
 
 TEST_F(EtcdCluster, CredentialsAreCheckedAndWrongOnesRefused) {
-    start();
+    if (!start()) return;
     ASSERT_TRUE(server.enable_auth("secret"));
     std::map<std::string, std::optional<std::string>> right = {{"HGX_ETCD_USER", "root"},
                                                                {"HGX_ETCD_PASSWORD", "secret"}};
@@ -204,7 +203,7 @@ TEST_F(EtcdCluster, CredentialsAreCheckedAndWrongOnesRefused) {
 }
 
 TEST_F(EtcdCluster, BadInputIsRefusedAndLeavesTheClusterAsItWas) {
-    start();
+    if (!start()) return;
     ASSERT_EQ(repo({"import", "-"}, generation(1, 2)).status, 0);
     const std::string before = repo({"export"}).out;
 
@@ -254,7 +253,7 @@ TEST_F(EtcdCluster, BadInputIsRefusedAndLeavesTheClusterAsItWas) {
 }
 
 TEST_F(EtcdCluster, CopiesAWholeRepositoryToAFileAndBack) {
-    start();
+    if (!start()) return;
     e2e::TempDir dir;
     const std::string file = dir / "a.db", back = dir / "b.db";
     const std::string manifest = e2e::read_file(e2e::source_dir() + "/examples/services.json");

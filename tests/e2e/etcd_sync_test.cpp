@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "e2e_util.h"
-#include "etcd_server.h"
+#include "etcd_gtest.h"
 
 namespace {
 
@@ -77,11 +77,7 @@ bool eventually(const std::function<bool()>& ok, std::chrono::milliseconds limit
 class EtcdSync : public ::testing::Test {
   protected:
     void SetUp() override {
-        std::string why;
-        if (!server.start({}, &why)) {
-            if (etcd_testing::may_skip(why)) GTEST_SKIP() << why;
-            FAIL() << why;
-        }
+        ETCD_START_OR_SKIP(server, etcd_testing::Options{});
         url = server.url("fleet");
         mirror = dir / "mirror.db";
         log = dir / "sync.log";

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "etcd_server.h"
+#include "etcd_gtest.h"
 #include "hgx.h"
 #include "hgx_write.h"
 
@@ -21,11 +21,7 @@ using Handle = std::unique_ptr<hgx_handle_t, HandleDeleter>;
 class HgxEtcd : public ::testing::Test {
   protected:
     void SetUp() override {
-        std::string why;
-        if (!server.start({}, &why)) {
-            if (etcd_testing::may_skip(why)) GTEST_SKIP() << why;
-            FAIL() << why;
-        }
+        ETCD_START_OR_SKIP(server, etcd_testing::Options{});
         url = server.url("unit");
     }
 
