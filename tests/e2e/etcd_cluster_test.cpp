@@ -141,6 +141,49 @@ TEST_F(EtcdCluster, AStoppedOrHangingClusterEndsTheRunWithStatusThree) {
         << write.err;
 }
 
+// A cluster that goes away while a run is under way: the run has read its
+// instance, then its stencil (fed late, through a pipe) pulls another
+// service. The pull fails as any failed pull does, with no value, and the
+// run ends within its time budget: never a hang, never a signal.
+TEST_F(EtcdCluster, AClusterLostDuringARunNeverHangsIt) {
+    if (!start()) return;
+    ASSERT_EQ(repo({"import", "-"}, generation(0, 2)).status, 0);
+    int in[2], out[2];
+    ASSERT_EQ(pipe(in), 0);
+    ASSERT_EQ(pipe(out), 0);
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(in[0], 0);
+        dup2(out[1], 1);
+        dup2(out[1], 2);
+        close(in[1]);
+        close(out[0]);
+        setenv("HGX_REPOSITORY", url.c_str(), 1);
+        execl(e2e::kelvo_bin(), "kelvo", "-f", WERN.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    server.kill_member(0);
+    const std::string stencil =
+        "$%{config/p0} [$%{wrn:/other/svc:default/:properties/config/p0}]\n";
+    ASSERT_EQ(write(in[1], stencil.data(), stencil.size()), static_cast<ssize_t>(stencil.size()));
+    close(in[1]);
+    auto begin = std::chrono::steady_clock::now();
+    int status = 0;
+    waitpid(pid, &status, 0);
+    auto took = std::chrono::steady_clock::now() - begin;
+    std::string printed;
+    char buf[256];
+    ssize_t n;
+    while ((n = read(out[0], buf, sizeof buf)) > 0) printed.append(buf, static_cast<size_t>(n));
+    close(out[0]);
+    EXPECT_TRUE(WIFEXITED(status)) << "ended by a signal";
+    EXPECT_EQ(printed, "g0 []\n");
+    EXPECT_LT(took, std::chrono::seconds(6));
+}
+
 TEST_F(EtcdCluster, RunsGoOnThroughTheOtherMembersWhenTheLeaderDies) {
     etcd_testing::Options three;
     three.members = 3;
