@@ -1,0 +1,118 @@
+// What the parts of the etcd store share: URLs, the wire (base64, requests
+// and their errors, the client module), and the documents the store keeps.
+// The store itself is hgx_etcd.cpp; the wire hgx_etcd_wire.cpp; the
+// documents hgx_etcd_doc.cpp.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "hgx_etcd_client.h"
+#include "hgx_internal.h"
+
+namespace hgx_detail::etcd {
+
+using json = nlohmann::json;
+
+constexpr long READ_BUDGET_MS = 5000;  // all the requests of one reading store
+constexpr long WRITE_CALL_MS = 10000;  // one request of a writer
+
+struct ClusterUrl {
+    bool tls = false;
+    std::string endpoints;  // "host:port,host:port"
+    std::string prefix;     // without a trailing '/'
+};
+
+std::string b64(std::string_view in);
+// false for text that is not base64.
+bool unb64(std::string_view in, std::string* out);
+// The end of the range of every key that starts with the prefix.
+std::string range_end(std::string prefix);
+// A random name for a generation or a commit: 16 hex digits, so that two
+// writers never pick the same one.
+std::string fresh_id();
+
+// ---- documents ---------------------------------------------------------------
+
+// A group as a document holds it.
+struct DocProp {
+    std::string name;
+    int type = 0;
+    std::string blob;
+};
+struct DocGroup {
+    std::string name, type;
+    std::vector<DocProp> props;
+    std::vector<DocGroup> groups;
+};
+// A document: the groups of one owner and the names of what lies below it
+// (a service's instances, an instance's snapshots; none for a snapshot).
+struct Doc {
+    std::vector<DocGroup> groups;
+    std::vector<std::string> names;
+};
+
+std::string encode_doc(const Doc& doc);
+// false for a value that is not a well-formed document; never reads past
+// its end, nor nests deeper than a wern could name.
+bool decode_doc(std::string_view value, Doc* doc);
+
+// ---- requests ----------------------------------------------------------------
+
+struct Kv {
+    std::string key, value;
+    int64_t mod_revision = 0;
+};
+
+// A connection to the cluster: the client object and the error mapping.
+class Cluster {
+  public:
+    Cluster(const hgx_etcd_client_api* api, void* client, long call_ms, bool budget)
+        : api_(api), client_(client), call_ms_(call_ms), budget_(budget) {
+        deadline_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(READ_BUDGET_MS);
+    }
+    ~Cluster() { api_->close(client_); }
+    Cluster(const Cluster&) = delete;
+    Cluster& operator=(const Cluster&) = delete;
+
+    // POSTs a request; 0 with *reply set to a response of status 200, else
+    // -1 with the error set and message filled.
+    int call(const char* path, const json& request, json* reply, std::string* message);
+
+    // Keys of a range at a revision (0: the newest); *revision receives the
+    // revision the answer was read at.
+    int range(const std::string& key, const std::string& end, int64_t at, std::vector<Kv>* out,
+              int64_t* revision, std::string* message, bool count_only = false,
+              int64_t* count = nullptr);
+    // A transaction; *ok receives whether its comparisons held.
+    int txn(const json& compare, const json& success, bool* ok, std::string* message);
+
+    // The id of the cluster that answered last.
+    const std::string& cluster_id() const { return cluster_id_; }
+    const hgx_etcd_client_api* api() const { return api_; }
+    void* client() const { return client_; }
+
+  private:
+    std::string cluster_id_;
+    const hgx_etcd_client_api* api_;
+    void* client_;
+    long call_ms_;
+    bool budget_;  // a reading store's requests share one budget
+    std::chrono::steady_clock::time_point deadline_;
+};
+
+hgx_error_t client_error(int status);
+json put_op(const std::string& key, std::string_view value);
+json delete_op(const std::string& key);
+json delete_prefix_op(const std::string& prefix);
+
+// A client of the cluster a URL names: 0 with *out and *u set, else -1 with
+// the error set and *detail saying more where there is more.
+int connect(const std::string& url, long call_ms, bool budget, ClusterUrl* u,
+            std::unique_ptr<Cluster>* out, std::string* detail);
+
+}  // namespace hgx_detail::etcd

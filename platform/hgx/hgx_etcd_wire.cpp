@@ -1,0 +1,421 @@
+// The wire of the etcd store: URLs, the client module, base64, requests and
+// their errors, and the watch a mirror follows.
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+
+#include "hgx_etcd_internal.h"
+
+namespace hgx_detail::etcd {
+
+namespace {
+
+// ---- the client module ---------------------------------------------------------
+
+std::string module_path_beside_program() {
+    char exe[4096];
+    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    if (n <= 0) return "";
+    std::string dir(exe, static_cast<size_t>(n));
+    dir.resize(dir.rfind('/'));
+    return dir + "/../lib/kelvo/hgx-etcd.so";
+}
+
+// The client interface of hgx-etcd.so, loaded on first use and kept for the
+// life of the process (libcurl's global state is not torn down). Looked for
+// in $HGX_ETCD_MODULE, beside the program (../lib/kelvo/), then where it is
+// installed.
+const hgx_etcd_client_api* client_module(std::string* why) {
+    static const hgx_etcd_client_api* api = nullptr;
+    static std::string failure;
+    if (api) return api;
+    std::vector<std::string> candidates;
+    if (const char* env = std::getenv("HGX_ETCD_MODULE"); env && *env) candidates.push_back(env);
+    candidates.push_back(module_path_beside_program());
+#ifdef HGX_MODULE_DIR
+    candidates.push_back(HGX_MODULE_DIR "/hgx-etcd.so");
+#endif
+    failure.clear();
+    for (const std::string& path : candidates) {
+        if (path.empty() || access(path.c_str(), R_OK) != 0) continue;
+        void* so = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (!so) {
+            failure = dlerror();
+            continue;
+        }
+        auto get =
+            reinterpret_cast<const hgx_etcd_client_api* (*)()>(dlsym(so, HGX_ETCD_CLIENT_SYMBOL));
+        const hgx_etcd_client_api* found = get ? get() : nullptr;
+        if (found && found->abi == HGX_ETCD_CLIENT_ABI) return api = found;
+        failure = path + ": not a client of this version";
+        dlclose(so);
+    }
+    *why = failure.empty() ? "hgx-etcd.so not found" : failure;
+    return nullptr;
+}
+
+// ---- URLs ------------------------------------------------------------------------
+
+bool valid_port(std::string_view p) {
+    if (p.empty() || p.size() > 5) return false;
+    for (char c : p)
+        if (c < '0' || c > '9') return false;
+    int n = std::atoi(std::string(p).c_str());
+    return n > 0 && n < 65536;
+}
+
+bool valid_endpoint(std::string_view e) {
+    size_t colon = e.rfind(':');
+    if (colon == std::string_view::npos || colon == 0) return false;
+    std::string_view host = e.substr(0, colon);
+    if (host.front() == '[') {
+        if (host.back() != ']' || host.size() < 3) return false;
+    } else {
+        for (char c : host)
+            if (!(std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '-'))
+                return false;
+    }
+    return valid_port(e.substr(colon + 1));
+}
+
+// 0 with *out set, or -1 for a URL that is not of the documented form.
+int parse_url(std::string_view url, ClusterUrl* out) {
+    std::string_view rest;
+    if (url.substr(0, 7) == "etcd://") {
+        rest = url.substr(7);
+    } else if (url.substr(0, 8) == "etcds://") {
+        out->tls = true;
+        rest = url.substr(8);
+    } else {
+        return -1;
+    }
+    size_t slash = rest.find('/');
+    std::string_view hosts = rest.substr(0, slash);
+    std::string_view prefix = slash == std::string_view::npos ? "" : rest.substr(slash + 1);
+    if (hosts.empty()) return -1;
+    size_t start = 0;
+    while (true) {
+        size_t comma = hosts.find(',', start);
+        if (!valid_endpoint(
+                hosts.substr(start, comma == std::string_view::npos ? comma : comma - start)))
+            return -1;
+        if (comma == std::string_view::npos) break;
+        start = comma + 1;
+    }
+    while (!prefix.empty() && prefix.back() == '/') prefix.remove_suffix(1);
+    for (char c : prefix)
+        if (static_cast<unsigned char>(c) <= 0x20 || c == 0x7f || c == '?' || c == '#') return -1;
+    out->endpoints = hosts;
+    out->prefix = prefix.empty() ? "hgx" : std::string(prefix);
+    return 0;
+}
+
+}  // namespace
+
+// ---- base64 ------------------------------------------------------------------------
+
+namespace {
+constexpr char B64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+}  // namespace
+
+std::string b64(std::string_view in) {
+    std::string out;
+    out.reserve((in.size() + 2) / 3 * 4);
+    size_t i = 0;
+    for (; i + 2 < in.size(); i += 3) {
+        uint32_t v = static_cast<uint8_t>(in[i]) << 16 | static_cast<uint8_t>(in[i + 1]) << 8 |
+                     static_cast<uint8_t>(in[i + 2]);
+        for (int k = 18; k >= 0; k -= 6) out += B64[(v >> k) & 63];
+    }
+    if (i < in.size()) {
+        uint32_t v = static_cast<uint8_t>(in[i]) << 16;
+        if (i + 1 < in.size()) v |= static_cast<uint8_t>(in[i + 1]) << 8;
+        out += B64[(v >> 18) & 63];
+        out += B64[(v >> 12) & 63];
+        out += i + 1 < in.size() ? B64[(v >> 6) & 63] : '=';
+        out += '=';
+    }
+    return out;
+}
+
+// false for text that is not base64.
+bool unb64(std::string_view in, std::string* out) {
+    out->clear();
+    uint32_t acc = 0;
+    int bits = 0;
+    for (char c : in) {
+        if (c == '=') break;
+        const char* p = std::strchr(B64, c);
+        if (!p || !c) return false;
+        acc = acc << 6 | static_cast<uint32_t>(p - B64);
+        bits += 6;
+        if (bits >= 8) {
+            bits -= 8;
+            *out += static_cast<char>((acc >> bits) & 0xff);
+        }
+    }
+    return true;
+}
+
+// The end of the range of every key that starts with the prefix.
+std::string range_end(std::string prefix) {
+    while (!prefix.empty()) {
+        unsigned char last = static_cast<unsigned char>(prefix.back());
+        if (last < 0xff) {
+            prefix.back() = static_cast<char>(last + 1);
+            return prefix;
+        }
+        prefix.pop_back();
+    }
+    return std::string(1, '\0');  // every key
+}
+
+// ---- requests --------------------------------------------------------------------
+
+namespace {
+
+int64_t as_int(const json& j) {
+    if (j.is_string()) return std::strtoll(j.get<std::string>().c_str(), nullptr, 10);
+    if (j.is_number_integer()) return j.get<int64_t>();
+    return 0;
+}
+
+// A random name for a generation or a commit: 16 hex digits, so that two
+// writers never pick the same one.
+}  // namespace
+
+std::string fresh_id() {
+    static std::mt19937_64 rng(
+        std::random_device{}() ^
+        static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()) ^
+        static_cast<uint64_t>(getpid()));
+    char buf[17];
+    std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(rng()));
+    return buf;
+}
+
+hgx_error_t client_error(int status) {
+    switch (status) {
+        case HGX_ETCD_TIMEOUT:
+            return HGX_ERROR_CLUSTER_TIMEOUT;
+        case HGX_ETCD_CREDENTIALS:
+            return HGX_ERROR_CLUSTER_CREDENTIALS;
+        case HGX_ETCD_TLS:
+            return HGX_ERROR_CLUSTER_TLS;
+        case HGX_ETCD_NO_MEMORY:
+            return HGX_ERROR_NO_MEMORY;
+        default:
+            return HGX_ERROR_CLUSTER_UNREACHABLE;
+    }
+}
+
+int Cluster::call(const char* path, const json& request, json* reply, std::string* message) {
+    long ms = call_ms_;
+    if (budget_) {
+        ms = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                   deadline_ - std::chrono::steady_clock::now())
+                                   .count());
+        if (ms <= 0) return fail(HGX_ERROR_CLUSTER_TIMEOUT);
+    }
+    std::string body = request.dump();
+    hgx_etcd_reply r{0, nullptr, 0};
+    char why[512] = "";
+    int s = api_->post(client_, path, body.data(), body.size(), ms, &r, why, sizeof why);
+    if (s != HGX_ETCD_OK) {
+        *message = why;
+        return fail(client_error(s));
+    }
+    std::string text(r.body, r.size);
+    long status = r.http_status;
+    api_->release(&r);
+    json j = json::parse(text, nullptr, false);
+    if (status == 200 && !j.is_discarded()) {
+        if (j.contains("header") && j["header"].contains("cluster_id"))
+            cluster_id_ = j["header"]["cluster_id"].is_string()
+                              ? j["header"]["cluster_id"].get<std::string>()
+                              : j["header"]["cluster_id"].dump();
+        *reply = std::move(j);
+        return 0;
+    }
+    std::string error = j.is_object() && j.contains("error") && j["error"].is_string()
+                            ? j["error"].get<std::string>()
+                            : text;
+    *message = error;
+    if (error.find("compacted") != std::string::npos) return fail(HGX_ERROR_REVISION_COMPACTED);
+    if (error.find("request is too large") != std::string::npos ||
+        error.find("too many operations") != std::string::npos)
+        return fail(HGX_ERROR_TOO_LARGE);
+    if (error.find("auth") != std::string::npos ||
+        error.find("permission denied") != std::string::npos ||
+        error.find("user name") != std::string::npos)
+        return fail(HGX_ERROR_CLUSTER_CREDENTIALS);
+    return fail(HGX_ERROR_CONNECTION_BROKEN);
+}
+
+int Cluster::range(const std::string& key, const std::string& end, int64_t at, std::vector<Kv>* out,
+                   int64_t* revision, std::string* message, bool count_only, int64_t* count) {
+    json req = {{"key", b64(key)}};
+    if (!end.empty()) req["range_end"] = b64(end);
+    if (at) req["revision"] = std::to_string(at);
+    if (count_only) req["count_only"] = true;
+    json reply;
+    if (call("/v3/kv/range", req, &reply, message) < 0) return -1;
+    if (revision) *revision = as_int(reply["header"]["revision"]);
+    if (count) *count = reply.contains("count") ? as_int(reply["count"]) : 0;
+    if (out) {
+        out->clear();
+        if (reply.contains("kvs"))
+            for (const json& kv : reply["kvs"]) {
+                Kv k;
+                if (!unb64(kv.value("key", ""), &k.key) || !unb64(kv.value("value", ""), &k.value))
+                    return fail(HGX_ERROR_CONNECTION_BROKEN);
+                k.mod_revision = kv.contains("mod_revision") ? as_int(kv["mod_revision"]) : 0;
+                out->push_back(std::move(k));
+            }
+    }
+    return 0;
+}
+
+int Cluster::txn(const json& compare, const json& success, bool* ok, std::string* message) {
+    json reply;
+    if (call("/v3/kv/txn", {{"compare", compare}, {"success", success}, {"failure", json::array()}},
+             &reply, message) < 0)
+        return -1;
+    *ok = reply.value("succeeded", false);
+    return 0;
+}
+
+json put_op(const std::string& key, std::string_view value) {
+    return {{"request_put", {{"key", b64(key)}, {"value", b64(value)}}}};
+}
+json delete_op(const std::string& key) { return {{"request_delete_range", {{"key", b64(key)}}}}; }
+json delete_prefix_op(const std::string& prefix) {
+    return {
+        {"request_delete_range", {{"key", b64(prefix)}, {"range_end", b64(range_end(prefix))}}}};
+}
+
+// A client of the cluster a URL names: 0 with *out and *u set, else -1 with
+// the error set and *detail saying more where there is more.
+int connect(const std::string& url, long call_ms, bool budget, ClusterUrl* u,
+            std::unique_ptr<Cluster>* out, std::string* detail) {
+    if (parse_url(url, u) < 0) return fail(HGX_ERROR_BAD_URL);
+    const hgx_etcd_client_api* api = client_module(detail);
+    if (!api) return fail(HGX_ERROR_CLUSTER_CLIENT);
+    auto env = [](const char* name) -> const char* {
+        const char* v = std::getenv(name);
+        return v && *v ? v : nullptr;
+    };
+    hgx_etcd_options o{u->endpoints.c_str(),    u->tls,
+                       env("HGX_ETCD_CACERT"),  env("HGX_ETCD_CERT"),
+                       env("HGX_ETCD_KEY"),     env("HGX_ETCD_USER"),
+                       env("HGX_ETCD_PASSWORD")};
+    int status = HGX_ETCD_OK;
+    char error[512] = "";
+    void* client = api->open(&o, &status, error, sizeof error);
+    if (!client) {
+        *detail = error;
+        return fail(client_error(status));
+    }
+    *out = std::make_unique<Cluster>(api, client, call_ms, budget);
+    return 0;
+}
+
+namespace {
+
+// The lines of a watch stream, taken apart as they arrive.
+struct Follower {
+    const std::function<bool(int64_t)>* on_commit;
+    const std::function<bool()>* keep_going;
+    std::string pending;
+    hgx_error_t error = HGX_ERROR_NONE;
+    std::string message;
+
+    bool line(const std::string& text) {
+        json j = json::parse(text, nullptr, false);
+        if (!j.is_object()) return true;
+        const json& r = j.contains("result") ? j["result"] : j;
+        if (j.contains("error")) {
+            error = HGX_ERROR_CONNECTION_BROKEN;
+            message = j["error"].dump();
+            return false;
+        }
+        if (r.value("canceled", false)) {
+            error = r.contains("compact_revision") ? HGX_ERROR_REVISION_COMPACTED
+                                                   : HGX_ERROR_CONNECTION_BROKEN;
+            message = "the watch was cancelled: " + r.value("cancel_reason", std::string());
+            return false;
+        }
+        if (r.contains("events"))
+            for (const json& e : r["events"]) {
+                int64_t revision =
+                    e.contains("kv") ? as_int(e["kv"].value("mod_revision", json())) : 0;
+                if (revision && !(*on_commit)(revision)) return false;
+            }
+        return true;
+    }
+};
+
+int follow_data(void* p, const char* data, size_t size) {
+    Follower* f = static_cast<Follower*>(p);
+    try {
+        f->pending.append(data, size);
+        size_t nl;
+        while ((nl = f->pending.find('\n')) != std::string::npos) {
+            std::string text = f->pending.substr(0, nl);
+            f->pending.erase(0, nl + 1);
+            if (!f->line(text)) return 0;
+        }
+        return 1;
+    } catch (const std::bad_alloc&) {
+        f->error = HGX_ERROR_NO_MEMORY;
+        return 0;
+    }
+}
+
+int follow_keep_going(void* p) { return (*static_cast<Follower*>(p)->keep_going)() ? 1 : 0; }
+
+}  // namespace
+
+}  // namespace hgx_detail::etcd
+
+namespace hgx_detail {
+
+using namespace etcd;
+
+int follow_cluster(const std::string& url, int64_t after,
+                   const std::function<bool(int64_t)>& on_commit,
+                   const std::function<bool()>& keep_going, std::string* message) {
+    ClusterUrl u;
+    std::unique_ptr<Cluster> cluster;
+    std::string detail;
+    if (connect(url, WRITE_CALL_MS, false, &u, &cluster, &detail) < 0) {
+        *message = detail;
+        return -1;
+    }
+    json request = {
+        {"create_request",
+         {{"key", b64(u.prefix + "/repository")}, {"start_revision", std::to_string(after + 1)}}}};
+    std::string body = request.dump();
+    Follower f{&on_commit, &keep_going, {}, HGX_ERROR_NONE, {}};
+    char error[512] = "";
+    int status = cluster->api()->stream(cluster->client(), "/v3/watch", body.data(), body.size(),
+                                        follow_data, follow_keep_going, &f, error, sizeof error);
+    if (f.error != HGX_ERROR_NONE) {
+        *message = f.message;
+        return fail(f.error);
+    }
+    if (status == HGX_ETCD_STOPPED) return 0;
+    if (status == HGX_ETCD_OK) {
+        *message = "the cluster ended the watch";
+        return fail(HGX_ERROR_CONNECTION_BROKEN);
+    }
+    *message = error;
+    return fail(client_error(status));
+}
+
+}  // namespace hgx_detail
