@@ -30,7 +30,7 @@
 // instance with its snapshots when its groups are first wanted. Reading one
 // instance therefore costs four requests, whatever the size of the cluster.
 //
-// Documents are binary (values are any bytes but NUL), see Doc below. Keys
+// Documents are binary (values are any bytes but NUL): hgx_etcd_doc.cpp. Keys
 // and values travel base64-encoded in the gateway's JSON.
 #include <cstring>
 #include <ctime>
