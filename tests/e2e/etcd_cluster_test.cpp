@@ -260,6 +260,9 @@ TEST_F(EtcdCluster, BadInputIsRefusedAndLeavesTheClusterAsItWas) {
         {"bad port", "etcd://127.0.0.1:99999/x", "Malformed etcd URL"},
         {"empty prefix", "etcd://" + server.endpoints() + "/empty",
          "No repository below this etcd prefix"},
+        // Anything but etcd:// and etcds:// names a file.
+        {"unknown scheme", "http://" + server.endpoints() + "/kelvo",
+         "Repository file does not exist"},
     };
     for (const Case& c : cases) {
         e2e::Result r = hgxrepo({"-r", c.where, "list"});

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,9 +34,16 @@ std::string manifest(const std::string& service, int gen, int count = 3) {
 // hgxrepo sync in the background, its standard error kept in a file.
 class Sync {
   public:
-    Sync(const std::vector<std::string>& args, const std::string& log) {
+    // file_limit: a limit on the size of the files it writes (0: none), as a
+    // full disk would set one.
+    Sync(const std::vector<std::string>& args, const std::string& log, rlim_t file_limit = 0) {
         pid_ = fork();
         if (pid_ == 0) {
+            if (file_limit) {
+                signal(SIGXFSZ, SIG_IGN);             // a write past the limit fails instead
+                rlimit r{file_limit, RLIM_INFINITY};  // soft: lifted later without privilege
+                setrlimit(RLIMIT_FSIZE, &r);
+            }
             int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
             dup2(fd, 2);
             int null = open("/dev/null", O_RDWR);
@@ -51,6 +59,7 @@ class Sync {
     ~Sync() {
         if (pid_ > 0) stop();
     }
+    pid_t pid() const { return pid_; }
     // SIGTERM, and the exit status (128 + signal when killed).
     int stop() {
         kill(pid_, SIGTERM);
@@ -217,6 +226,26 @@ TEST_F(EtcdSync, EveryRunOnTheMirrorSeesOneGeneration) {
     EXPECT_EQ(mixed, 0);
     EXPECT_TRUE(eventually([&] { return value() == "g100\n"; })) << value();
     EXPECT_EQ(sync->stop(), 0);
+}
+
+TEST_F(EtcdSync, ARevisionThatCannotBeWrittenIsReportedAndTriedAgain) {
+    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
+    Sync sync({"-r", mirror, "sync", url}, log, 256 * 1024);
+    ASSERT_TRUE(
+        eventually([&] { return e2e::read_file(log).find("resuming") != std::string::npos; }));
+    // A revision far larger than the room left.
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1, 3000)).status, 0);
+    ASSERT_TRUE(eventually([&] {
+        return e2e::read_file(log).find("revision not applied, the mirror stays at") !=
+               std::string::npos;
+    })) << e2e::read_file(log);
+    EXPECT_EQ(value(), "g0\n") << "the mirror must stay whole at its revision";
+    // Room again: the same revision goes in on a later try.
+    rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};  // the soft limit, up to the hard one
+    ASSERT_EQ(prlimit(sync.pid(), RLIMIT_FSIZE, &unlimited, nullptr), 0);
+    EXPECT_TRUE(eventually([&] { return value() == "g1\n"; }, 10000ms)) << e2e::read_file(log);
+    EXPECT_EQ(sync.stop(), 0);
+    EXPECT_TRUE(mirrored());
 }
 
 TEST_F(EtcdSync, AFileThatIsNotItsMirrorIsRefusedAndLeftAlone) {
