@@ -5,6 +5,9 @@
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
+# ON or OFF; unset keeps what the build directory was configured with.
+WERROR     ?=
+CMAKE_OPTS  = $(if $(WERROR),-DKELVO_WERROR=$(WERROR))
 
 .PHONY: all deps build build-asan check test test-asan demo bench clean
 
@@ -14,11 +17,11 @@ deps:
 	@sh scripts/install-deps.sh
 
 build: deps
-	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_OPTS) >/dev/null
 	@cmake --build $(BUILD) -j $(JOBS)
 
 build-asan: deps
-	@CC=clang CXX=clang++ cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKELVO_SANITIZE=ON >/dev/null
+	@CC=clang CXX=clang++ cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKELVO_SANITIZE=ON $(CMAKE_OPTS) >/dev/null
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
 
 test: build
@@ -28,7 +31,8 @@ test-asan: build-asan
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --output-on-failure -j $(JOBS)
 
-check: test test-asan
+check:
+	@$(MAKE) --no-print-directory test test-asan WERROR=ON
 
 demo: build
 	@sh scripts/demo.sh $(BUILD)
