@@ -1,7 +1,8 @@
 # Entry points for a fresh Debian machine:
 #   make demo   installs what is missing, builds, and runs kelvo on examples/
-#   make check  installs what is missing, builds, runs every test, then the
-#               same tests built with AddressSanitizer and UBSan (clang)
+#   make check  installs what is missing, builds (Release, GCC), runs every
+#               test, then the same tests built with AddressSanitizer and
+#               UBSan (Debug, clang); warnings are errors in both
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
@@ -17,7 +18,7 @@ deps:
 	@sh scripts/install-deps.sh
 
 build: deps
-	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_OPTS) >/dev/null
+	@CC=gcc CXX=g++ cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release $(CMAKE_OPTS) >/dev/null
 	@cmake --build $(BUILD) -j $(JOBS)
 
 build-asan: deps
