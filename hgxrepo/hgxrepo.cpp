@@ -35,6 +35,7 @@ const char USAGE[] =
     "       hgxrepo [-r FILE] delete WERN\n"
     "       hgxrepo [-r FILE] list\n"
     "       hgxrepo [-r FILE] show WERN [SNAPSHOT]\n"
+    "       hgxrepo --version\n"
     "The repository file is FILE, else $HGX_REPOSITORY, else " HGX_DEFAULT_REPOSITORY
     ".\n"
     "A MANIFEST of - is standard input.\n";
@@ -639,6 +640,9 @@ int run(const std::vector<std::string>& args) {
             ++i;
         } else if (args[i] == "-h" || args[i] == "--help") {
             std::cout << USAGE;
+            return 0;
+        } else if (args[i] == "--version") {
+            std::cout << "hgxrepo " KELVO_VERSION "\n";
             return 0;
         } else {
             throw Usage{};
