@@ -1,24 +1,36 @@
 # Entry points for a fresh Debian machine:
 #   make demo   installs what is missing, builds, and runs kelvo on examples/
-#   make check  installs what is missing, builds, runs every test, then the
-#               same tests built with AddressSanitizer and UBSan (clang)
+#   make check  installs what is missing, builds (Release, GCC), runs every
+#               test, then the same tests built with AddressSanitizer and
+#               UBSan (Debug, clang); warnings are errors in both
+#   make install       builds and installs below PREFIX (cmake --install)
+#   make deb           builds the Debian package into BUILD/deb
+#   make check-package installs that package and runs the demo with it
+# install and deb check for missing dependencies instead of installing them.
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
+# ON or OFF; unset keeps what the build directory was configured with.
+WERROR     ?=
+CMAKE_OPTS  = $(if $(WERROR),-DKELVO_WERROR=$(WERROR))
+PREFIX     ?= /usr/local
+# What build depends on first; make install empties it (it checks instead).
+DEPS       ?= deps
 
-.PHONY: all deps build build-asan check test test-asan demo bench clean
+.PHONY: all deps build build-asan check test test-asan demo bench clean \
+        install deb check-package demo-installed
 
 all: build
 
 deps:
 	@sh scripts/install-deps.sh
 
-build: deps
-	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+build: $(DEPS)
+	@CC=gcc CXX=g++ cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release $(CMAKE_OPTS) >/dev/null
 	@cmake --build $(BUILD) -j $(JOBS)
 
 build-asan: deps
-	@CC=clang CXX=clang++ cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKELVO_SANITIZE=ON >/dev/null
+	@CC=clang CXX=clang++ cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKELVO_SANITIZE=ON $(CMAKE_OPTS) >/dev/null
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
 
 test: build
@@ -28,10 +40,27 @@ test-asan: build-asan
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --output-on-failure -j $(JOBS)
 
-check: test test-asan
+check:
+	@$(MAKE) --no-print-directory test test-asan WERROR=ON
 
 demo: build
 	@sh scripts/demo.sh $(BUILD)
+
+# The demo with the programs installed in /usr/bin (by the package).
+demo-installed:
+	@KELVO_BINDIR=/usr/bin sh scripts/demo.sh $(BUILD)/installed
+
+install:
+	@PREFIX=$(PREFIX) DESTDIR=$(DESTDIR) sh scripts/check-deps.sh install
+	@$(MAKE) --no-print-directory build DEPS=
+	DESTDIR=$(DESTDIR) cmake --install $(BUILD) --strip --prefix $(PREFIX)
+
+deb:
+	@sh scripts/check-deps.sh deb
+	@JOBS=$(JOBS) sh scripts/make-deb.sh $(BUILD)/deb
+
+check-package: deb
+	@sh scripts/check-package.sh $(BUILD)
 
 bench: build
 	@sh bench/run_all.sh $(BUILD)

@@ -102,6 +102,31 @@ make_repo() {
     REPO_DB=$db
 }
 
+# side_by_side LABEL CMD [LABEL CMD]...
+# Wall time of each CMD (a program and its arguments, split at blanks, no
+# shell), with the commands run in turn so that the machine's load falls on
+# all of them alike (bench/spawn_time.cpp), BENCH_RUNS runs each (default
+# 500 here). Prints the median, mean and fastest run of each, and its median
+# over the first command's.
+side_by_side() {
+    timer=$BUILD/bench/spawn_time
+    [ -x "$timer" ] || { echo "bench: $timer is missing; build first (make build)" >&2; exit 1; }
+    : >"$WORK/labels"
+    n=$#
+    odd=1
+    for arg in "$@"; do
+        if [ "$odd" = 1 ]; then printf '%s\n' "$arg" >>"$WORK/labels"; else set -- "$@" "$arg"; fi
+        odd=$((1 - odd))
+    done
+    shift "$n"
+    "$timer" "${BENCH_RUNS:-500}" "$@" >"$WORK/figures" || { echo "bench: a command failed" >&2; exit 1; }
+    first=$(sed -n '1s/ .*//p' "$WORK/figures")
+    paste -d ' ' "$WORK/figures" "$WORK/labels" | while read -r median mean fastest label; do
+        printf '  %-44s %8.3f ms median  (mean %.3f, fastest %.3f)  = %s x %s\n' \
+            "$label" "$median" "$mean" "$fastest" "$(ratio "$median" "$first")" "$(sed -n 1p "$WORK/labels")"
+    done
+}
+
 # gen_manifest TOTAL OUT: the instance wrn:/bench/target:default with 50
 # properties, and TOTAL - 50 more in services bench/fill_<n>, 1,000 each.
 gen_manifest() {

@@ -2,6 +2,9 @@
 # A guided tour of kelvo on the example repository.
 #
 #   sh scripts/demo.sh [BUILD_DIR]        (default: build; "make demo" runs it)
+#   KELVO_BINDIR=/usr/bin sh scripts/demo.sh [WORK_DIR]
+#                                         the installed programs instead
+#                                         ("make demo-installed")
 #
 # It builds BUILD_DIR/demo/repository.db afresh from examples/services.json,
 # shows what the repository holds, generates the configuration files of every

@@ -4,7 +4,7 @@
 set -e
 PACKAGES="cmake ninja-build g++ clang libclang-rt-14-dev make pkg-config libsqlite3-dev sqlite3
 nlohmann-json3-dev libcap-dev libcap2-bin googletest libgtest-dev util-linux
-libcurl4-openssl-dev etcd-server openssl"
+debhelper dpkg-dev fakeroot bash-completion etcd-server etcd-client libcurl4-openssl-dev openssl"
 missing=""
 for p in $PACKAGES; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

@@ -240,6 +240,24 @@ Result hgxrepo(const std::vector<std::string>& args, const std::string& input) {
     return run(r);
 }
 
+std::string generation_manifest(const std::string& service, int gen, int count) {
+    // Appended piece by piece: GCC 12 at -O3 takes "literal" + std::string&&
+    // for an overlapping copy (-Wrestrict).
+    std::string m = "{\"services\": {\"";
+    m += service;
+    m += "\": {\"instances\": {\"default\": {\"groups\": {\"config\": {\"properties\": {";
+    for (int i = 0; i < count; ++i) {
+        if (i) m += ',';
+        m += "\"p";
+        m += std::to_string(i);
+        m += "\": \"g";
+        m += std::to_string(gen);
+        m += '"';
+    }
+    m += "}}}}}}}}";
+    return m;
+}
+
 void expect_stencil_cases(const std::string& repository, const std::string& wern,
                           const std::vector<StencilCase>& cases,
                           const std::vector<std::string>& extra,

@@ -89,6 +89,11 @@ Result program(const char* bin, const std::string& repository,
 
 Result hgxrepo(const std::vector<std::string>& args, const std::string& input = "");
 
+// A manifest of one service whose instance "default" has a group "config"
+// of `count` properties p0, p1, ... all of the value "g<gen>": one
+// generation of the instance.
+std::string generation_manifest(const std::string& service, int gen, int count);
+
 // One stencil fed to kelvo on standard input, and everything it must print.
 struct StencilCase {
     const char* name;

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <regex>
 #include <set>
 #include <thread>
 
@@ -19,15 +20,8 @@ using e2e::hgxrepo;
 
 const std::string WERN = "wrn:/app/web:default";
 
-// A manifest whose instance holds `count` properties, all of generation gen.
 std::string generation(int gen, int count = 200) {
-    std::string props;
-    for (int i = 0; i < count; ++i)
-        props += (i ? "," : "") + std::string("\"p") + std::to_string(i) + "\": \"g" +
-                 std::to_string(gen) + "\"";
-    return "{\"services\": {\"app/web\": {\"instances\": {\"default\": {\"groups\": {"
-           "\"config\": {\"properties\": {" +
-           props + "}}}}}}}}";
+    return e2e::generation_manifest("app/web", gen, count);
 }
 
 // Every property reference of the stencil on one line.
@@ -101,8 +95,8 @@ TEST_F(EtcdCluster, RacingWritersBothLand) {
     std::atomic<int> failed{0};
     for (int i = 0; i < 8; ++i)
         writers.emplace_back([&, i] {
-            e2e::Result r = repo({"setprop", WERN + "/:properties/config/w" + std::to_string(i),
-                                  "v" + std::to_string(i)});
+            std::string n = std::to_string(i);
+            e2e::Result r = repo({"setprop", WERN + "/:properties/config/w" + n, "v" + n});
             if (r.status != 0) ++failed;
         });
     for (auto& t : writers) t.join();
@@ -285,13 +279,9 @@ TEST_F(EtcdCluster, BadInputIsRefusedAndLeavesTheClusterAsItWas) {
     }
 
     // An instance too large for one etcd request.
-    std::string big =
-        "{\"services\": {\"app/web\": {\"instances\": {\"default\": {\"groups\": "
-        "{\"config\": {\"properties\": {";
-    for (int i = 0; i < 300; ++i)
-        big += (i ? "," : "") + std::string("\"p") + std::to_string(i) + "\": \"" +
-               std::string(4000, 'x') + "\"";
-    big += "}}}}}}}}";
+    // 300 values of 4,000 bytes each: 1.2 MB in one instance.
+    std::string big = std::regex_replace(generation(1, 300), std::regex("\"g1\""),
+                                         "\"" + std::string(4000, 'x') + "\"");
     e2e::Result r = repo({"import", "-"}, big);
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("Too large for one etcd request"), std::string::npos) << r.err;

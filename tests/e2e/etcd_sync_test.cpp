@@ -22,13 +22,7 @@ using namespace std::chrono_literals;
 const std::string WERN = "wrn:/app/web:default";
 
 std::string manifest(const std::string& service, int gen, int count = 3) {
-    std::string props;
-    for (int i = 0; i < count; ++i)
-        props += (i ? "," : "") + std::string("\"p") + std::to_string(i) + "\": \"g" +
-                 std::to_string(gen) + "\"";
-    return "{\"services\": {\"" + service +
-           "\": {\"instances\": {\"default\": {\"groups\": {\"config\": {\"properties\": {" +
-           props + "}}}}}}}}";
+    return e2e::generation_manifest(service, gen, count);
 }
 
 // hgxrepo sync in the background, its standard error kept in a file.

@@ -375,6 +375,9 @@ TEST(HgxrepoCommandLine, BadCommandLinesGiveUsage) {
     e2e::Result help = hgxrepo({"--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.out.rfind("usage: hgxrepo", 0), 0u);
+    e2e::Result version = hgxrepo({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out, "hgxrepo " KELVO_VERSION "\n");
 }
 
 }  // namespace

@@ -121,7 +121,8 @@ TEST_F(KelvoDelivery, OpenFailures) {
     EXPECT_TRUE(e2e::exists(out));
 
     // Prefix and name together over 1023 bytes: refused, nothing made.
-    std::string name = "/" + std::string(1100 - root.size(), 'x');
+    std::string name = "/";
+    name.append(1100 - root.size(), 'x');
     EXPECT_EQ(whole(run({"-o", name, "-R", root})),
               Whole(1, "", "Output filename " + (root + "/" + name).substr(0, 1023) +
                                " is too long\n"));

@@ -138,7 +138,8 @@ class Client : public ::testing::Test {
             ASSERT_EQ(hgx_iter_property_values(vit, p), 0);
             for (int n = 0; hgx_iter_next_value(vit, v) == 1; ++n) {
                 hgx_value_get_as_string(v, buf, sizeof buf);
-                line += (n ? "," : "") + std::string(buf);
+                if (n) line += ',';
+                line += buf;
             }
             out.push_back(line);
         }

@@ -1,0 +1,107 @@
+// spawn_time: wall time of short commands, measured side by side.
+//
+//   spawn_time RUNS COMMAND...
+//
+// Each COMMAND is one argument, a program and its arguments split at blanks
+// (no shell, so the shell's start-up does not drown a run of a millisecond).
+// The commands run in turn, one run of each per round, so that a load that
+// comes and goes on the machine falls on all of them alike; five rounds are
+// run first untimed. Output, one line per command in the order given:
+//   MEDIAN_MS MEAN_MS MIN_MS
+// Standard input, output and error of the commands are /dev/null. A command
+// that fails or exits non-zero ends the program with status 1.
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <sstream>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+struct Command {
+    std::string text;
+    std::vector<std::string> words;
+    std::vector<double> ms;
+};
+
+double now_ms() {
+    timespec t{};
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<double>(t.tv_sec) * 1e3 + static_cast<double>(t.tv_nsec) / 1e6;
+}
+
+// One run of c; returns its wall time in ms, or a negative number on failure.
+double run_once(const Command& c, const posix_spawn_file_actions_t* io) {
+    std::vector<char*> argv;
+    for (const std::string& w : c.words) argv.push_back(const_cast<char*>(w.c_str()));
+    argv.push_back(nullptr);
+    const double t0 = now_ms();
+    pid_t pid = 0;
+    if (posix_spawn(&pid, argv[0], io, nullptr, argv.data(), environ) != 0) return -1;
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    const double t1 = now_ms();
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return -1;
+    return t1 - t0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 3 || std::atoi(argv[1]) < 1) {
+        std::fprintf(stderr, "usage: spawn_time RUNS COMMAND...\n");
+        return 2;
+    }
+    const int runs = std::atoi(argv[1]);
+    std::vector<Command> commands;
+    for (int i = 2; i < argc; ++i) {
+        Command c;
+        c.text = argv[i];
+        std::istringstream in(c.text);
+        for (std::string w; in >> w;) c.words.push_back(w);
+        if (c.words.empty()) {
+            std::fprintf(stderr, "spawn_time: empty command\n");
+            return 2;
+        }
+        commands.push_back(std::move(c));
+    }
+
+    posix_spawn_file_actions_t io;
+    posix_spawn_file_actions_init(&io);
+    for (int fd = 0; fd < 3; ++fd)
+        posix_spawn_file_actions_addopen(&io, fd, "/dev/null", fd ? O_WRONLY : O_RDONLY, 0);
+
+    int status = 0;
+    for (int round = -5; round < runs && status == 0; ++round) {
+        for (Command& c : commands) {
+            const double ms = run_once(c, &io);
+            if (ms < 0) {
+                std::fprintf(stderr, "spawn_time: command failed: %s\n", c.text.c_str());
+                status = 1;
+                break;
+            }
+            if (round >= 0) c.ms.push_back(ms);
+        }
+    }
+    posix_spawn_file_actions_destroy(&io);
+    if (status != 0) return status;
+
+    for (Command& c : commands) {
+        std::sort(c.ms.begin(), c.ms.end());
+        double sum = 0;
+        for (double m : c.ms) sum += m;
+        const size_t n = c.ms.size();
+        const double median = n % 2 ? c.ms[n / 2] : (c.ms[n / 2 - 1] + c.ms[n / 2]) / 2;
+        std::printf("%.4f %.4f %.4f\n", median, sum / static_cast<double>(n), c.ms.front());
+    }
+    return 0;
+}
