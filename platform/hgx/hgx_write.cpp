@@ -133,94 +133,98 @@ int hgx_wern_split(const char* wern, hgx_wern_parts* parts) {
 bool hgx_valid_name(std::string_view name) { return valid_segment(name); }
 bool hgx_valid_service_name(std::string_view name) { return valid_service_name(name); }
 
+namespace {
+
+// The numeric types: decimal digits within the range of the type; a time is
+// seconds with up to nine decimals.
+const char* number_reason(hgx_type_t type, std::string_view v) {
+    bool neg = !v.empty() && v[0] == '-';
+    std::string_view d = neg ? v.substr(1) : v;
+    if (type == HGX_TYPE_COUNT) {
+        if (!digits(v)) return "is not an unsigned decimal number";
+        return fits(v, "18446744073709551615") ? nullptr : "is out of range for a count";
+    }
+    if (type == HGX_TYPE_INTEGER) {
+        if (!digits(d)) return "is not a decimal integer";
+        return fits(d, neg ? "9223372036854775808" : "9223372036854775807")
+                   ? nullptr
+                   : "is out of range for an integer";
+    }
+    size_t dot = d.find('.');
+    std::string_view frac = dot == std::string_view::npos ? std::string_view("0") : d.substr(dot + 1);
+    if (!digits(d.substr(0, dot)) || !digits(frac) || frac.size() > 9 ||
+        !fits(d.substr(0, dot), "9223372036854775807"))
+        return "is not a time in seconds (with up to 9 decimals)";
+    return nullptr;
+}
+
+bool valid_opaque(std::string_view v) {
+    bool ok = v.size() % 2 == 0;
+    for (char c : v)
+        ok = ok && ((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'));
+    return ok;
+}
+
+// A scheme (a letter, then letters, digits, '+', '-', '.') and a colon.
+bool valid_uri(std::string_view v) {
+    size_t colon = v.find(':');
+    bool ok = colon != std::string_view::npos && colon > 0 &&
+              ((v[0] >= 'a' && v[0] <= 'z') || (v[0] >= 'A' && v[0] <= 'Z'));
+    for (size_t i = 1; ok && i < colon; ++i) {
+        char c = v[i];
+        ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+             c == '+' || c == '-' || c == '.';
+    }
+    return ok;
+}
+
+bool valid_ip(std::string_view v) { return valid_address(v, AF_INET) || valid_address(v, AF_INET6); }
+
+// Why a value does not fit its type, or null where it does.
+const char* type_reason(hgx_type_t type, std::string_view v) {
+    WernParts w;
+    switch (type) {
+        case HGX_TYPE_BOOLEAN:
+            return v == "true" || v == "false" ? nullptr : "is not true or false";
+        case HGX_TYPE_COUNT:
+        case HGX_TYPE_INTEGER:
+        case HGX_TYPE_TIME:
+            return number_reason(type, v);
+        case HGX_TYPE_ASTRING:
+            return nullptr;
+        case HGX_TYPE_USTRING:
+            return valid_utf8(v) ? nullptr : "is not valid UTF-8";
+        case HGX_TYPE_OPAQUE:
+            return valid_opaque(v) ? nullptr : "is not an even number of hexadecimal digits";
+        case HGX_TYPE_HOSTNAME:
+            return valid_hostname(v) ? nullptr : "is not a host name";
+        case HGX_TYPE_HOST:
+            return valid_hostname(v) || valid_ip(v) ? nullptr : "is not a host name or address";
+        case HGX_TYPE_NET_ADDRESS:
+            return valid_ip(v) ? nullptr : "is not a network address";
+        case HGX_TYPE_NET_ADDRESS_V4:
+            return valid_address(v, AF_INET) ? nullptr : "is not an IPv4 address";
+        case HGX_TYPE_NET_ADDRESS_V6:
+            return valid_address(v, AF_INET6) ? nullptr : "is not an IPv6 address";
+        case HGX_TYPE_WERN:
+            return split_wern(v, &w) < 0 ? "is not a wern" : nullptr;
+        case HGX_TYPE_URI:
+            return valid_uri(v) ? nullptr : "is not a URI";
+        default:
+            return "has no valid type";
+    }
+}
+
+}  // namespace
+
 int hgx_value_check(hgx_type_t type, std::string_view v, const char** why) {
     const char* reason = nullptr;
-    if (v.size() > VALUE_LIMIT) {
+    if (v.size() > VALUE_LIMIT)
         reason = "is longer than 4096 bytes";
-    } else if (v.find('\0') != std::string_view::npos) {
+    else if (v.find('\0') != std::string_view::npos)
         reason = "holds a NUL byte";
-    } else {
-        switch (type) {
-            case HGX_TYPE_BOOLEAN:
-                if (v != "true" && v != "false") reason = "is not true or false";
-                break;
-            case HGX_TYPE_COUNT:
-                if (!digits(v))
-                    reason = "is not an unsigned decimal number";
-                else if (!fits(v, "18446744073709551615"))
-                    reason = "is out of range for a count";
-                break;
-            case HGX_TYPE_INTEGER: {
-                bool neg = !v.empty() && v[0] == '-';
-                std::string_view d = neg ? v.substr(1) : v;
-                if (!digits(d))
-                    reason = "is not a decimal integer";
-                else if (!fits(d, neg ? "9223372036854775808" : "9223372036854775807"))
-                    reason = "is out of range for an integer";
-                break;
-            }
-            case HGX_TYPE_TIME: {
-                std::string_view t = !v.empty() && v[0] == '-' ? v.substr(1) : v;
-                size_t dot = t.find('.');
-                std::string_view frac =
-                    dot == std::string_view::npos ? std::string_view("0") : t.substr(dot + 1);
-                if (!digits(t.substr(0, dot)) || !digits(frac) || frac.size() > 9 ||
-                    !fits(t.substr(0, dot), "9223372036854775807"))
-                    reason = "is not a time in seconds (with up to 9 decimals)";
-                break;
-            }
-            case HGX_TYPE_ASTRING:
-                break;
-            case HGX_TYPE_USTRING:
-                if (!valid_utf8(v)) reason = "is not valid UTF-8";
-                break;
-            case HGX_TYPE_OPAQUE: {
-                bool ok = v.size() % 2 == 0;
-                for (char c : v)
-                    ok = ok && ((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') ||
-                                (c >= 'A' && c <= 'F'));
-                if (!ok) reason = "is not an even number of hexadecimal digits";
-                break;
-            }
-            case HGX_TYPE_HOSTNAME:
-                if (!valid_hostname(v)) reason = "is not a host name";
-                break;
-            case HGX_TYPE_HOST:
-                if (!valid_hostname(v) && !valid_address(v, AF_INET) && !valid_address(v, AF_INET6))
-                    reason = "is not a host name or address";
-                break;
-            case HGX_TYPE_NET_ADDRESS:
-                if (!valid_address(v, AF_INET) && !valid_address(v, AF_INET6))
-                    reason = "is not a network address";
-                break;
-            case HGX_TYPE_NET_ADDRESS_V4:
-                if (!valid_address(v, AF_INET)) reason = "is not an IPv4 address";
-                break;
-            case HGX_TYPE_NET_ADDRESS_V6:
-                if (!valid_address(v, AF_INET6)) reason = "is not an IPv6 address";
-                break;
-            case HGX_TYPE_WERN: {
-                WernParts w;
-                if (split_wern(v, &w) < 0) reason = "is not a wern";
-                break;
-            }
-            case HGX_TYPE_URI: {
-                size_t colon = v.find(':');
-                bool ok = colon != std::string_view::npos && colon > 0 &&
-                          ((v[0] >= 'a' && v[0] <= 'z') || (v[0] >= 'A' && v[0] <= 'Z'));
-                for (size_t i = 1; ok && i < colon; ++i) {
-                    char c = v[i];
-                    ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-                         (c >= '0' && c <= '9') || c == '+' || c == '-' || c == '.';
-                }
-                if (!ok) reason = "is not a URI";
-                break;
-            }
-            default:
-                reason = "has no valid type";
-                break;
-        }
-    }
+    else
+        reason = type_reason(type, v);
     if (why) *why = reason;
     return reason ? fail(HGX_ERROR_INVALID_VALUE) : 0;
 }
