@@ -167,7 +167,8 @@ const char* hgx_strerror(hgx_error_t code) {
         case HGX_ERROR_TOO_LARGE:
             return "Too large for one etcd request";
         case HGX_ERROR_CLUSTER_TLS:
-            return "TLS with the etcd cluster failed (HGX_ETCD_CACERT, HGX_ETCD_CERT, HGX_ETCD_KEY)";
+            return "TLS with the etcd cluster failed (HGX_ETCD_CACERT, HGX_ETCD_CERT, "
+                   "HGX_ETCD_KEY)";
     }
     return "Unknown error";
 }

@@ -318,8 +318,7 @@ int EtcdStore::plan_pointers(CommitPlan* c) {
         else
             all[name] = gen;
     }
-    for (const auto& [name, gen] : all)
-        c->data.push_back(put_op(pointer_key(c->epoch, name), gen));
+    for (const auto& [name, gen] : all) c->data.push_back(put_op(pointer_key(c->epoch, name), gen));
     return 0;
 }
 

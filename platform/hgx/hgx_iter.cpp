@@ -276,4 +276,3 @@ int hgx_iter_next_value(hgx_iter_t* iter, hgx_value_t* out) {
         return 1;
     });
 }
-

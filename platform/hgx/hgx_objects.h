@@ -122,8 +122,8 @@ namespace hgx_detail {
 template <typename T>
 constexpr bool is_object = std::is_base_of_v<hgx_object, T> && !std::is_polymorphic_v<T>;
 static_assert(is_object<hgx_scope> && is_object<hgx_service> && is_object<hgx_instance> &&
-              is_object<hgx_snapshot> && is_object<hgx_propertygroup> &&
-              is_object<hgx_property> && is_object<hgx_value> && is_object<hgx_iter>);
+              is_object<hgx_snapshot> && is_object<hgx_propertygroup> && is_object<hgx_property> &&
+              is_object<hgx_value> && is_object<hgx_iter>);
 
 // Checks that an object is usable as a parent or source: not null, of a bound
 // handle, set.
@@ -173,31 +173,29 @@ inline void set_prop(hgx_property* p, const Ctx& pg_ctx, Row&& r) {
     p->set = true;
 }
 
-inline Ctx service_ctx(const hgx_service* svc) {
+inline Ctx owner_ctx(int64_t service_id, int64_t instance_id, const std::string& service,
+                     const std::string& instance, PgMode mode) {
     Ctx c;
-    c.service_id = svc->id;
-    c.service = svc->name;
-    return c;
-}
-
-inline Ctx instance_ctx(const hgx_instance* inst, PgMode mode) {
-    Ctx c;
-    c.service_id = inst->service_id;
-    c.instance_id = inst->id;
-    c.service = inst->service;
-    c.instance = inst->name;
+    c.service_id = service_id;
+    c.instance_id = instance_id;
+    c.service = service;
+    c.instance = instance;
     c.mode = mode;
     return c;
 }
 
+inline Ctx instance_ctx(const hgx_instance* inst, PgMode mode) {
+    return owner_ctx(inst->service_id, inst->id, inst->service, inst->name, mode);
+}
+
+inline Ctx service_ctx(const hgx_service* svc) {
+    return owner_ctx(svc->id, 0, svc->name, std::string(), MODE_OWN);
+}
+
 inline Ctx snapshot_ctx(const hgx_snapshot* snap) {
-    Ctx c;
-    c.service_id = snap->service_id;
-    c.instance_id = snap->instance_id;
+    Ctx c = owner_ctx(snap->service_id, snap->instance_id, snap->service, snap->instance,
+                      MODE_SNAPSHOT);
     c.snapshot_id = snap->id;
-    c.service = snap->service;
-    c.instance = snap->instance;
-    c.mode = MODE_SNAPSHOT;
     return c;
 }
 

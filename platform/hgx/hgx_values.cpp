@@ -7,42 +7,43 @@
 
 using namespace hgx_detail;
 
-ssize_t hgx_service_get_name(const hgx_service_t* service, char* buf, size_t size) {
+namespace {
+
+// A text of a usable object, copied into the caller's buffer.
+template <typename T>
+ssize_t text_of(const T* o, std::string T::*field, char* buf, size_t size) {
     return guarded<ssize_t>(
-        -1, [&]() -> ssize_t { return usable(service) ? copy_out(service->name, buf, size) : -1; });
+        -1, [&]() -> ssize_t { return usable(o) ? copy_out(o->*field, buf, size) : -1; });
+}
+
+}  // namespace
+
+ssize_t hgx_service_get_name(const hgx_service_t* service, char* buf, size_t size) {
+    return text_of(service, &hgx_service::name, buf, size);
 }
 
 ssize_t hgx_instance_get_name(const hgx_instance_t* instance, char* buf, size_t size) {
-    return guarded<ssize_t>(-1, [&]() -> ssize_t {
-        return usable(instance) ? copy_out(instance->name, buf, size) : -1;
-    });
+    return text_of(instance, &hgx_instance::name, buf, size);
 }
 
 ssize_t hgx_snapshot_get_name(const hgx_snapshot_t* snapshot, char* buf, size_t size) {
-    return guarded<ssize_t>(-1, [&]() -> ssize_t {
-        return usable(snapshot) ? copy_out(snapshot->name, buf, size) : -1;
-    });
+    return text_of(snapshot, &hgx_snapshot::name, buf, size);
 }
 
 ssize_t hgx_pg_get_name(const hgx_propertygroup_t* pg, char* buf, size_t size) {
-    return guarded<ssize_t>(
-        -1, [&]() -> ssize_t { return usable(pg) ? copy_out(pg->name, buf, size) : -1; });
+    return text_of(pg, &hgx_propertygroup::name, buf, size);
 }
 
 ssize_t hgx_pg_get_type(const hgx_propertygroup_t* pg, char* buf, size_t size) {
-    return guarded<ssize_t>(
-        -1, [&]() -> ssize_t { return usable(pg) ? copy_out(pg->type, buf, size) : -1; });
+    return text_of(pg, &hgx_propertygroup::type, buf, size);
 }
 
 ssize_t hgx_property_get_name(const hgx_property_t* property, char* buf, size_t size) {
-    return guarded<ssize_t>(-1, [&]() -> ssize_t {
-        return usable(property) ? copy_out(property->name, buf, size) : -1;
-    });
+    return text_of(property, &hgx_property::name, buf, size);
 }
 
 ssize_t hgx_value_get_as_string(const hgx_value_t* value, char* buf, size_t size) {
-    return guarded<ssize_t>(
-        -1, [&]() -> ssize_t { return usable(value) ? copy_out(value->text, buf, size) : -1; });
+    return text_of(value, &hgx_value::text, buf, size);
 }
 
 int hgx_service_get_pg(const hgx_service_t* service, const char* name, hgx_propertygroup_t* pg) {

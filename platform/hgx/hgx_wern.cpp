@@ -74,8 +74,8 @@ int step_group(Store& s, const WernParts& w, size_t depth, const std::string& na
             ra = s.pg_by_name(depth ? OWNER_PG : OWNER_INSTANCE, depth ? d->gi : d->inst.id, name,
                               &a);
         if (depth == 0 || d->gs)
-            rb = s.pg_by_name(depth ? OWNER_PG : OWNER_SERVICE, depth ? d->gs : d->svc.id, name,
-                              &b);
+            rb =
+                s.pg_by_name(depth ? OWNER_PG : OWNER_SERVICE, depth ? d->gs : d->svc.id, name, &b);
     } else {
         ra = s.pg_by_name(depth ? OWNER_PG : OWNER_SERVICE, depth ? d->gi : d->svc.id, name, &a);
     }
@@ -236,4 +236,3 @@ ssize_t hgx_property_to_wern(const hgx_property_t* property, char* buf, size_t s
         return copy_out(property->ctx.pg_wern() + "/" + property->name, buf, size);
     });
 }
-

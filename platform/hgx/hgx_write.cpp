@@ -151,7 +151,8 @@ const char* number_reason(hgx_type_t type, std::string_view v) {
                    : "is out of range for an integer";
     }
     size_t dot = d.find('.');
-    std::string_view frac = dot == std::string_view::npos ? std::string_view("0") : d.substr(dot + 1);
+    std::string_view frac =
+        dot == std::string_view::npos ? std::string_view("0") : d.substr(dot + 1);
     if (!digits(d.substr(0, dot)) || !digits(frac) || frac.size() > 9 ||
         !fits(d.substr(0, dot), "9223372036854775807"))
         return "is not a time in seconds (with up to 9 decimals)";
@@ -178,7 +179,9 @@ bool valid_uri(std::string_view v) {
     return ok;
 }
 
-bool valid_ip(std::string_view v) { return valid_address(v, AF_INET) || valid_address(v, AF_INET6); }
+bool valid_ip(std::string_view v) {
+    return valid_address(v, AF_INET) || valid_address(v, AF_INET6);
+}
 
 // Why a value does not fit its type, or null where it does.
 const char* type_reason(hgx_type_t type, std::string_view v) {
