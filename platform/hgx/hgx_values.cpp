@@ -111,7 +111,8 @@ int hgx_instance_get_snapshot(const hgx_instance_t* instance, const char* name,
 }
 
 int hgx_property_type(const hgx_property_t* property, hgx_type_t* type) {
-    if (!type || !usable(property)) return -1;
+    if (!type) return fail(HGX_ERROR_INVALID_ARGUMENT);
+    if (!usable(property)) return -1;
     *type = property->type;
     return 0;
 }
