@@ -26,6 +26,7 @@
 #include <type_traits>
 
 #include "hgx.h"
+#include "hgx_ptr.h"
 #include "hgx_write.h"
 #include "manifest.h"
 #include "sync.h"
@@ -67,33 +68,16 @@ struct Failure {
     std::string what;
 };
 
-struct WriterCloser {
-    void operator()(hgx_writer_t* w) const { hgx_writer_close(w); }
-};
-using Writer = std::unique_ptr<hgx_writer_t, WriterCloser>;
-
-struct HandleCloser {
-    void operator()(hgx_handle_t* h) const { hgx_handle_destroy(h); }
-};
-using Handle = std::unique_ptr<hgx_handle_t, HandleCloser>;
-
-template <typename T, void (*Destroy)(T*)>
-struct Obj {
-    T* p;
-    explicit Obj(T* o) : p(o) {}
-    ~Obj() { Destroy(p); }
-    Obj(const Obj&) = delete;
-    Obj& operator=(const Obj&) = delete;
-    operator T*() const { return p; }
-};
-using Service = Obj<hgx_service_t, hgx_service_destroy>;
-using Instance = Obj<hgx_instance_t, hgx_instance_destroy>;
-using Snapshot = Obj<hgx_snapshot_t, hgx_snapshot_destroy>;
-using Pg = Obj<hgx_propertygroup_t, hgx_pg_destroy>;
-using Prop = Obj<hgx_property_t, hgx_property_destroy>;
-using Value = Obj<hgx_value_t, hgx_value_destroy>;
-using Iter = Obj<hgx_iter_t, hgx_iter_destroy>;
-using Scope = Obj<hgx_scope_t, hgx_scope_destroy>;
+using Writer = hgx_ptr<hgx_writer_t>;
+using Handle = hgx_ptr<hgx_handle_t>;
+using Service = hgx_ptr<hgx_service_t>;
+using Instance = hgx_ptr<hgx_instance_t>;
+using Snapshot = hgx_ptr<hgx_snapshot_t>;
+using Pg = hgx_ptr<hgx_propertygroup_t>;
+using Prop = hgx_ptr<hgx_property_t>;
+using Value = hgx_ptr<hgx_value_t>;
+using Iter = hgx_ptr<hgx_iter_t>;
+using Scope = hgx_ptr<hgx_scope_t>;
 
 std::string repository_path(const std::string& option) {
     if (!option.empty()) return option;
@@ -401,7 +385,7 @@ void cmd_snapshot(const std::string& path, const std::string& wern, const std::s
 // included, in one transaction of the target.
 void cmd_copy(const std::string& path, const std::string& target) {
     std::string message;
-    std::unique_ptr<hgx_writer_t, WriterCloser> from(hgx_reader_open(path.c_str(), &message));
+    Writer from(hgx_reader_open(path.c_str(), &message));
     if (!from) throw Failure{message};
     std::vector<std::string> names, old;
     if (hgx_writer_services(from.get(), &names) < 0) write_failed(from.get(), path);
@@ -448,13 +432,13 @@ std::string text_of(ssize_t (*get)(const T*, char*, size_t), std::type_identity_
 std::vector<std::string> values_of(hgx_handle_t* h, const hgx_property_t* p) {
     Iter it(hgx_iter_create(h));
     Value v(hgx_value_create(h));
-    if (!it || !v || hgx_iter_property_values(it, p) < 0)
+    if (!it || !v || hgx_iter_property_values(it.get(), p) < 0)
         throw Failure{"cannot read values: " + lib_error()};
     std::vector<std::string> out;
     std::string buf(4097, '\0');
     int rc;
-    while ((rc = hgx_iter_next_value(it, v)) == 1) {
-        ssize_t n = hgx_value_get_as_string(v, buf.data(), buf.size());
+    while ((rc = hgx_iter_next_value(it.get(), v.get())) == 1) {
+        ssize_t n = hgx_value_get_as_string(v.get(), buf.data(), buf.size());
         if (n < 0) throw Failure{"cannot read values: " + lib_error()};
         out.emplace_back(buf.data(), static_cast<size_t>(n));
     }
@@ -474,11 +458,11 @@ void walk_pg(hgx_handle_t* h, hgx_propertygroup_t* pg, Walk walk, const std::str
     Iter it(hgx_iter_create(h));
     Pg child(hgx_pg_create(h));
     if (!it || !child) throw Failure{lib_error()};
-    int rc =
-        walk == Walk::OWN ? hgx_iter_pg_pgs(it, pg) : hgx_iter_pg_pgs_composed(it, pg, nullptr);
+    int rc = walk == Walk::OWN ? hgx_iter_pg_pgs(it.get(), pg)
+                               : hgx_iter_pg_pgs_composed(it.get(), pg, nullptr);
     if (rc < 0) throw Failure{"cannot read groups: " + lib_error()};
-    while ((rc = hgx_iter_next_pg(it, child)) == 1)
-        walk_pg(h, child, walk, path + "/" + text_of(hgx_pg_get_name, child), visit);
+    while ((rc = hgx_iter_next_pg(it.get(), child.get())) == 1)
+        walk_pg(h, child.get(), walk, path + "/" + text_of(hgx_pg_get_name, child.get()), visit);
     if (rc < 0) throw Failure{"cannot read groups: " + lib_error()};
 }
 
@@ -489,12 +473,12 @@ void walk_top(hgx_handle_t* h, hgx_service_t* svc, hgx_instance_t* inst, hgx_sna
     Iter it(hgx_iter_create(h));
     Pg pg(hgx_pg_create(h));
     if (!it || !pg) throw Failure{lib_error()};
-    int rc = !inst               ? hgx_iter_service_pgs(it, svc)
-             : walk == Walk::OWN ? hgx_iter_instance_pgs(it, inst)
-                                 : hgx_iter_instance_pgs_composed(it, inst, snap);
+    int rc = !inst               ? hgx_iter_service_pgs(it.get(), svc)
+             : walk == Walk::OWN ? hgx_iter_instance_pgs(it.get(), inst)
+                                 : hgx_iter_instance_pgs_composed(it.get(), inst, snap);
     if (rc < 0) throw Failure{"cannot read groups: " + lib_error()};
-    while ((rc = hgx_iter_next_pg(it, pg)) == 1)
-        walk_pg(h, pg, walk, text_of(hgx_pg_get_name, pg), visit);
+    while ((rc = hgx_iter_next_pg(it.get(), pg.get())) == 1)
+        walk_pg(h, pg.get(), walk, text_of(hgx_pg_get_name, pg.get()), visit);
     if (rc < 0) throw Failure{"cannot read groups: " + lib_error()};
 }
 
@@ -502,9 +486,10 @@ template <typename Each>
 void each_property(hgx_handle_t* h, hgx_propertygroup_t* pg, Each each) {
     Iter it(hgx_iter_create(h));
     Prop p(hgx_property_create(h));
-    if (!it || !p || hgx_iter_pg_properties(it, pg) < 0) throw Failure{failed_to("read properties")};
+    if (!it || !p || hgx_iter_pg_properties(it.get(), pg) < 0)
+        throw Failure{failed_to("read properties")};
     int rc;
-    while ((rc = hgx_iter_next_property(it, p)) == 1) each(p.p);
+    while ((rc = hgx_iter_next_property(it.get(), p.get())) == 1) each(p.get());
     if (rc < 0) throw Failure{failed_to("read properties")};
 }
 
@@ -518,8 +503,8 @@ void dropped_groups(hgx_handle_t* h, hgx_iter_t* it, const std::vector<manifest:
     Pg pg(hgx_pg_create(h));
     if (!pg) throw Failure{lib_error()};
     int rc;
-    while ((rc = hgx_iter_next_pg(it, pg)) == 1) {
-        const std::string name = text_of(hgx_pg_get_name, pg);
+    while ((rc = hgx_iter_next_pg(it, pg.get())) == 1) {
+        const std::string name = text_of(hgx_pg_get_name, pg.get());
         auto found = std::find_if(kept.begin(), kept.end(),
                                   [&](const manifest::Group& g) { return g.name == name; });
         if (found == kept.end()) {
@@ -528,9 +513,9 @@ void dropped_groups(hgx_handle_t* h, hgx_iter_t* it, const std::vector<manifest:
             continue;
         }
         Iter inner(hgx_iter_create(h));
-        if (!inner || hgx_iter_pg_pgs(inner, pg) < 0)
+        if (!inner || hgx_iter_pg_pgs(inner.get(), pg.get()) < 0)
             throw Failure{"cannot read groups: " + lib_error()};
-        dropped_groups(h, inner, found->groups, owner, prefix + name + "/", out);
+        dropped_groups(h, inner.get(), found->groups, owner, prefix + name + "/", out);
     }
     if (rc < 0) throw Failure{"cannot read groups: " + lib_error()};
 }
@@ -555,16 +540,16 @@ std::vector<std::string> dropped_by_import(const std::string& path,
         Iter groups(hgx_iter_create(h.get()));
         Iter instances(hgx_iter_create(h.get()));
         if (!svc || !inst || !groups || !instances) throw Failure{lib_error()};
-        if (hgx_handle_decode_wern(h.get(), wern.c_str(), nullptr, svc, nullptr, nullptr, nullptr,
-                                   0) < 0)
+        if (hgx_handle_decode_wern(h.get(), wern.c_str(), nullptr, svc.get(), nullptr, nullptr,
+                                   nullptr, 0) < 0)
             continue;  // a new service
-        if (hgx_iter_service_pgs(groups, svc) < 0 ||
-            hgx_iter_service_instances(instances, svc) < 0)
+        if (hgx_iter_service_pgs(groups.get(), svc.get()) < 0 ||
+            hgx_iter_service_instances(instances.get(), svc.get()) < 0)
             read_failed(path);
-        dropped_groups(h.get(), groups, described->groups, wern, "", &out);
+        dropped_groups(h.get(), groups.get(), described->groups, wern, "", &out);
         int rc;
-        while ((rc = hgx_iter_next_instance(instances, inst)) == 1) {
-            const std::string instance = text_of(hgx_instance_get_name, inst);
+        while ((rc = hgx_iter_next_instance(instances.get(), inst.get())) == 1) {
+            const std::string instance = text_of(hgx_instance_get_name, inst.get());
             const std::string owner = wern + ":" + instance;
             auto found = std::find_if(
                 described->instances.begin(), described->instances.end(),
@@ -574,8 +559,8 @@ std::vector<std::string> dropped_by_import(const std::string& path,
                 continue;
             }
             Iter own(hgx_iter_create(h.get()));
-            if (!own || hgx_iter_instance_pgs(own, inst) < 0) read_failed(path);
-            dropped_groups(h.get(), own, found->groups, owner, "", &out);
+            if (!own || hgx_iter_instance_pgs(own.get(), inst.get()) < 0) read_failed(path);
+            dropped_groups(h.get(), own.get(), found->groups, owner, "", &out);
         }
         if (rc < 0) read_failed(path);
     }
@@ -652,12 +637,12 @@ nlohmann::ordered_json group_json(hgx_handle_t* h, hgx_propertygroup_t* pg) {
     if (!props.empty()) g["properties"] = std::move(props);
     Iter it(hgx_iter_create(h));
     Pg child(hgx_pg_create(h));
-    if (!it || !child || hgx_iter_pg_pgs(it, pg) < 0)
+    if (!it || !child || hgx_iter_pg_pgs(it.get(), pg) < 0)
         throw Failure{"cannot read groups: " + lib_error()};
     json groups = json::object();
     int rc;
-    while ((rc = hgx_iter_next_pg(it, child)) == 1)
-        groups[text_of(hgx_pg_get_name, child)] = group_json(h, child);
+    while ((rc = hgx_iter_next_pg(it.get(), child.get())) == 1)
+        groups[text_of(hgx_pg_get_name, child.get())] = group_json(h, child.get());
     if (rc < 0) throw Failure{"cannot read groups: " + lib_error()};
     if (!groups.empty()) g["groups"] = std::move(groups);
     return g;
@@ -668,11 +653,11 @@ nlohmann::ordered_json groups_json(hgx_handle_t* h, hgx_service_t* svc, hgx_inst
     Iter it(hgx_iter_create(h));
     Pg pg(hgx_pg_create(h));
     if (!it || !pg) throw Failure{lib_error()};
-    int rc = inst ? hgx_iter_instance_pgs(it, inst) : hgx_iter_service_pgs(it, svc);
+    int rc = inst ? hgx_iter_instance_pgs(it.get(), inst) : hgx_iter_service_pgs(it.get(), svc);
     if (rc < 0) throw Failure{"cannot read groups: " + lib_error()};
     json groups = json::object();
-    while ((rc = hgx_iter_next_pg(it, pg)) == 1)
-        groups[text_of(hgx_pg_get_name, pg)] = group_json(h, pg);
+    while ((rc = hgx_iter_next_pg(it.get(), pg.get())) == 1)
+        groups[text_of(hgx_pg_get_name, pg.get())] = group_json(h, pg.get());
     if (rc < 0) throw Failure{"cannot read groups: " + lib_error()};
     return groups;
 }
@@ -696,12 +681,12 @@ nlohmann::ordered_json service_json(hgx_handle_t* h, hgx_service_t* svc, hgx_ins
     if (!g.empty()) o["groups"] = std::move(g);
     Iter it(hgx_iter_create(h));
     Instance inst(hgx_instance_create(h));
-    if (!it || !inst || hgx_iter_service_instances(it, svc) < 0)
+    if (!it || !inst || hgx_iter_service_instances(it.get(), svc) < 0)
         throw Failure{"cannot read instances: " + lib_error()};
     json instances = json::object();
     int rc;
-    while ((rc = hgx_iter_next_instance(it, inst)) == 1)
-        instances[text_of(hgx_instance_get_name, inst)] = instance_json(h, inst);
+    while ((rc = hgx_iter_next_instance(it.get(), inst.get())) == 1)
+        instances[text_of(hgx_instance_get_name, inst.get())] = instance_json(h, inst.get());
     if (rc < 0) throw Failure{"cannot read instances: " + lib_error()};
     if (!instances.empty()) o["instances"] = std::move(instances);
     return o;
@@ -729,19 +714,19 @@ void cmd_export(const std::string& path, const std::string* wern, std::ostream& 
     if (!svc || !inst) throw Failure{lib_error()};
     if (wern) {
         bool is_instance = false;
-        decode_owner(h.get(), *wern, svc, inst, &is_instance);
-        services[text_of(hgx_service_get_name, svc)] =
-            service_json(h.get(), svc, is_instance ? inst.p : nullptr);
+        decode_owner(h.get(), *wern, svc.get(), inst.get(), &is_instance);
+        services[text_of(hgx_service_get_name, svc.get())] =
+            service_json(h.get(), svc.get(), is_instance ? inst.get() : nullptr);
     } else {
         Scope scope(hgx_scope_create(h.get()));
         Iter it(hgx_iter_create(h.get()));
-        if (!scope || !it || hgx_handle_get_scope(h.get(), "localhost", scope) < 0 ||
-            hgx_iter_scope_services(it, scope) < 0)
+        if (!scope || !it || hgx_handle_get_scope(h.get(), "localhost", scope.get()) < 0 ||
+            hgx_iter_scope_services(it.get(), scope.get()) < 0)
             read_failed(path);
         int rc;
-        while ((rc = hgx_iter_next_service(it, svc)) == 1)
-            services[text_of(hgx_service_get_name, svc)] =
-                service_json(h.get(), svc, nullptr);
+        while ((rc = hgx_iter_next_service(it.get(), svc.get())) == 1)
+            services[text_of(hgx_service_get_name, svc.get())] =
+                service_json(h.get(), svc.get(), nullptr);
         if (rc < 0) read_failed(path);
     }
     json doc = json::object();
@@ -763,18 +748,18 @@ void cmd_list(const std::string& path, std::ostream& out) {
     Service svc(hgx_service_create(h.get()));
     Instance inst(hgx_instance_create(h.get()));
     if (!scope || !it || !inner || !svc || !inst ||
-        hgx_handle_get_scope(h.get(), "localhost", scope) < 0 ||
-        hgx_iter_scope_services(it, scope) < 0)
+        hgx_handle_get_scope(h.get(), "localhost", scope.get()) < 0 ||
+        hgx_iter_scope_services(it.get(), scope.get()) < 0)
         read_failed(path);
     char buf[1100];
     int rc;
-    while ((rc = hgx_iter_next_service(it, svc)) == 1) {
-        if (hgx_service_to_wern(svc, buf, sizeof buf) < 0) read_failed(path);
+    while ((rc = hgx_iter_next_service(it.get(), svc.get())) == 1) {
+        if (hgx_service_to_wern(svc.get(), buf, sizeof buf) < 0) read_failed(path);
         out << buf << '\n';
-        if (hgx_iter_service_instances(inner, svc) < 0) read_failed(path);
+        if (hgx_iter_service_instances(inner.get(), svc.get()) < 0) read_failed(path);
         int ri;
-        while ((ri = hgx_iter_next_instance(inner, inst)) == 1) {
-            if (hgx_instance_to_wern(inst, buf, sizeof buf) < 0) read_failed(path);
+        while ((ri = hgx_iter_next_instance(inner.get(), inst.get())) == 1) {
+            if (hgx_instance_to_wern(inst.get(), buf, sizeof buf) < 0) read_failed(path);
             out << buf << '\n';
         }
         if (ri < 0) read_failed(path);
@@ -797,7 +782,7 @@ struct OwnerView {
           inst(hgx_instance_create(h.get())),
           snap(hgx_snapshot_create(h.get())) {
         if (!svc || !inst || !snap) throw Failure{lib_error()};
-        decode_owner(h.get(), wern, svc, inst, &is_instance);
+        decode_owner(h.get(), wern, svc.get(), inst.get(), &is_instance);
     }
 };
 
@@ -830,9 +815,9 @@ void view_lines(hgx_handle_t* h, hgx_service_t* svc, hgx_instance_t* inst, hgx_s
 void cmd_show(const std::string& path, const std::string& wern, const std::string* snapshot,
               std::ostream& out) {
     OwnerView v(path, wern);
-    hgx_service_t* svc = v.svc;
-    hgx_instance_t* inst = v.inst;
-    hgx_snapshot_t* snap = v.snap;
+    hgx_service_t* svc = v.svc.get();
+    hgx_instance_t* inst = v.inst.get();
+    hgx_snapshot_t* snap = v.snap.get();
     const bool is_instance = v.is_instance;
     Walk walk = is_instance ? Walk::COMPOSED : Walk::OWN;
     if (snapshot) {
@@ -852,9 +837,9 @@ void cmd_show(const std::string& path, const std::string& wern, const std::strin
 // "~ PATH OLD -> NEW" a changed one; in path order, nothing when they agree.
 void cmd_diff(const std::string& path, const std::string& wern, std::ostream& out) {
     OwnerView v(path, wern);
-    hgx_service_t* svc = v.svc;
-    hgx_instance_t* inst = v.inst;
-    hgx_snapshot_t* snap = v.snap;
+    hgx_service_t* svc = v.svc.get();
+    hgx_instance_t* inst = v.inst.get();
+    hgx_snapshot_t* snap = v.snap.get();
     const bool is_instance = v.is_instance;
     if (!is_instance) throw Failure{wern + ": only an instance has snapshots"};
     if (hgx_instance_get_snapshot(inst, "running", snap) < 0)

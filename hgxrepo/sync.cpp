@@ -25,6 +25,7 @@
 #include <thread>
 
 #include "hgx.h"
+#include "hgx_ptr.h"
 #include "hgx_write.h"
 
 namespace {
@@ -48,10 +49,7 @@ void log_line(const std::string& text) {
 
 std::string lib_error() { return hgx_strerror(hgx_error()); }
 
-struct WriterCloser {
-    void operator()(hgx_writer_t* w) const { hgx_writer_close(w); }
-};
-using Writer = std::unique_ptr<hgx_writer_t, WriterCloser>;
+using Writer = hgx_ptr<hgx_writer_t>;
 
 // A compiled pattern, freed with it.
 struct Pattern {

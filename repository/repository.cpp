@@ -11,6 +11,8 @@
 #include <cstring>
 #include <memory>
 
+#include "hgx_ptr.h"
+
 namespace {
 
 pkx_avl_pool_t* global_pool = nullptr;
@@ -21,22 +23,8 @@ constexpr size_t kSeparatorLength = sizeof(kSeparator) - 1;  // 13
 constexpr const char kScheme[] = "wrn:";
 constexpr size_t kSchemeLength = sizeof(kScheme) - 1;
 
-// Owning pointers for client objects and malloc'd memory, so that every exit
-// of the fill and query paths releases what it created.
-struct HgxDeleter {
-    void operator()(hgx_handle_t* p) const { hgx_handle_destroy(p); }
-    void operator()(hgx_scope_t* p) const { hgx_scope_destroy(p); }
-    void operator()(hgx_service_t* p) const { hgx_service_destroy(p); }
-    void operator()(hgx_instance_t* p) const { hgx_instance_destroy(p); }
-    void operator()(hgx_snapshot_t* p) const { hgx_snapshot_destroy(p); }
-    void operator()(hgx_propertygroup_t* p) const { hgx_pg_destroy(p); }
-    void operator()(hgx_property_t* p) const { hgx_property_destroy(p); }
-    void operator()(hgx_value_t* p) const { hgx_value_destroy(p); }
-    void operator()(hgx_iter_t* p) const { hgx_iter_destroy(p); }
-};
-template <class T>
-using hgx_ptr = std::unique_ptr<T, HgxDeleter>;
-
+// Owning pointer for malloc'd memory, so that every exit of the fill and
+// query paths releases what it created (client objects: hgx_ptr).
 struct FreeDeleter {
     void operator()(void* p) const { std::free(p); }
 };

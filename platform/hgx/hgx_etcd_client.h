@@ -37,8 +37,9 @@ struct hgx_etcd_options {
     const char* password;
 };
 
-// A response: the HTTP status and the body, owned by the client object until
-// passed to release().
+// A response: the HTTP status and the body, NUL-terminated beyond size. A
+// successful post() fills it; the caller then owns the body and hands the
+// reply to release() when done. A failed post() leaves it as it was.
 struct hgx_etcd_reply {
     long http_status;
     char* body;
@@ -48,11 +49,17 @@ struct hgx_etcd_reply {
 struct hgx_etcd_client_api {
     int abi;  // HGX_ETCD_CLIENT_ABI
 
+    // Every text `error` below is a caller's buffer of error_size bytes
+    // (0: none), filled with a line for the user and terminated on failure.
+    // A client is used by one thread at a time.
+
     // Makes a client for the members named in options (copied). Null on
-    // failure, with a line in error. Nothing is sent before the first call,
-    // except authentication when a user is given.
+    // failure, with *status the reason and a line in error. Nothing is sent
+    // before the first call, except authentication when a user is given.
+    // The caller owns the client and ends it with close().
     void* (*open)(const hgx_etcd_options* options, int* status, char* error, size_t error_size);
-    // Ends a client; accepts null.
+    // Ends a client and its connections; accepts null. No reply body is
+    // tied to the client: bodies outlive it until released.
     void (*close)(void* client);
 
     // POSTs a JSON body to a gateway path ("/v3/kv/range") and fills reply.
@@ -62,6 +69,7 @@ struct hgx_etcd_client_api {
     // whatever the HTTP status; else the failure, with a line in error.
     int (*post)(void* client, const char* path, const char* body, size_t size, long timeout_ms,
                 hgx_etcd_reply* reply, char* error, size_t error_size);
+    // Frees the reply's body and empties it; accepts null and an empty reply.
     void (*release)(hgx_etcd_reply* reply);
 
     // POSTs a body to a streaming path ("/v3/watch") on one member and hands
@@ -75,6 +83,7 @@ struct hgx_etcd_client_api {
                   int (*keep_going)(void* context), void* context, char* error, size_t error_size);
 };
 
-// The one symbol of hgx-etcd.so.
+// The one symbol of hgx-etcd.so: the table of the client's functions, static
+// for the life of the loaded object; never null.
 const hgx_etcd_client_api* hgx_etcd_client(void);
 }

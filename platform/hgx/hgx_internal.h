@@ -83,6 +83,9 @@ class Store {
   public:
     virtual ~Store() = default;
 
+    // Reading. Every list replaces *out on success; on failure *out and the
+    // lookups' *out are unspecified. A writing store's reads see its own
+    // changes.
     virtual int services(std::vector<Row>* out) = 0;
     virtual int service_by_name(std::string_view name, Row* out) = 0;
     virtual int instances(int64_t service, std::vector<Row>* out) = 0;
@@ -96,8 +99,10 @@ class Store {
     virtual int props(int64_t pg, std::vector<Row>* out) = 0;
     virtual int prop_by_name(int64_t pg, std::string_view name, Row* out) = 0;
 
-    // Changes; names and values are checked by the caller. An add of a name
-    // the owner has already fails with HGX_ERROR_EXISTS.
+    // Changes; names and values are checked by the caller. An add gives the
+    // new id, and of a name the owner has already fails with
+    // HGX_ERROR_EXISTS; the others give 0. A store opened for reading
+    // refuses every change.
     virtual int64_t add_service(std::string_view name) = 0;
     // Removes the service with its instances, snapshots, groups, properties.
     virtual int delete_service(int64_t service) = 0;
@@ -115,6 +120,10 @@ class Store {
                          bool replace) = 0;
     // 1 removed, 0 there was none, -1 failure.
     virtual int delete_prop(int64_t pg, std::string_view name) = 0;
+    // Makes every change visible at once and returns 0; -1 where none of
+    // them became visible (HGX_ERROR_CONFLICT where another writer committed
+    // first; then the whole work may be done again on a new store). The
+    // store is not used for changes after it.
     virtual int commit() = 0;
 
     // A store's own records beside the repository (a mirror keeps where it
@@ -152,7 +161,7 @@ enum class OpenMode {
 
 // Opens the repository that `where` names: an etcd URL (etcd:// or
 // etcds://) or a file. Null on failure, with the error set and, where
-// message is given, a line for the user in it.
+// message is given, a line for the user in it. The caller owns the store.
 std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode, std::string* message);
 bool is_cluster_url(std::string_view where);
 // The two stores behind open_store.
@@ -179,13 +188,15 @@ struct ComposedPg {
     std::string type;
 };
 
-// Composed children of a composed group (inst/svc pair; either may be 0), and
-// the top level of an instance's composed view.
+// Composed children of a composed group (inst/svc pair; either may be 0), the
+// top level of an instance's composed view, and a composed group's
+// properties (the instance's hide the service's of the same name). 0 with
+// *out replaced, in name order, or -1 with the store's failure.
 int composed_children(Store& s, int64_t inst_pg, int64_t svc_pg, std::vector<ComposedPg>* out);
 int composed_top(Store& s, int64_t service, int64_t instance, std::vector<ComposedPg>* out);
 int composed_props(Store& s, int64_t inst_pg, int64_t svc_pg, std::vector<Row>* out);
 
-// Syntax of names and werns.
+// Syntax of names and werns: whether a name is valid; they never fail.
 bool valid_segment(std::string_view s);
 bool valid_service_name(std::string_view s);
 
@@ -201,6 +212,7 @@ struct WernParts {
 // 0, or -1 for a wern that is not well-formed (error INVALID_ARGUMENT set).
 int split_wern(std::string_view wern, WernParts* out);
 
+// The short werns of a service and an instance (the names are not checked).
 std::string service_wern(std::string_view service);
 std::string instance_wern(std::string_view service, std::string_view instance);
 

@@ -22,49 +22,41 @@ std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode, std::
 
 namespace {
 
-// Merges two lists sorted by name: every entry of `own` stands, and entries of
-// `inherited` whose name `own` lacks are added. The result stays sorted.
-std::vector<ComposedPg> merge_pgs(const std::vector<Row>& own, const std::vector<Row>& inherited) {
-    std::vector<ComposedPg> out;
-    out.reserve(own.size() + inherited.size());
+// Walks two lists sorted by name together, in name order: each name once,
+// with the entry of `own` and of `inherited` that has it (null where that
+// list lacks it).
+template <typename Visit>
+void merge_by_name(std::vector<Row>& own, const std::vector<Row>& inherited, Visit&& visit) {
     size_t i = 0, j = 0;
     while (i < own.size() || j < inherited.size()) {
         int c = i == own.size()         ? 1
                 : j == inherited.size() ? -1
                                         : own[i].name.compare(inherited[j].name);
-        if (c < 0) {
-            out.push_back({own[i].id, 0, own[i].name, own[i].text});
-            ++i;
-        } else if (c > 0) {
-            out.push_back({0, inherited[j].id, inherited[j].name, inherited[j].text});
-            ++j;
-        } else {
-            out.push_back({own[i].id, inherited[j].id, own[i].name, own[i].text});
-            ++i;
-            ++j;
-        }
+        visit(c <= 0 ? &own[i] : nullptr, c >= 0 ? &inherited[j] : nullptr);
+        if (c <= 0) ++i;
+        if (c >= 0) ++j;
     }
+}
+
+// Groups: every group of `own` stands, joined by the inherited group of the
+// same name; inherited groups whose name `own` lacks are added.
+std::vector<ComposedPg> merge_pgs(std::vector<Row>& own, const std::vector<Row>& inherited) {
+    std::vector<ComposedPg> out;
+    out.reserve(own.size() + inherited.size());
+    merge_by_name(own, inherited, [&](Row* o, const Row* in) {
+        const Row& named = o ? *o : *in;
+        out.push_back({o ? o->id : 0, in ? in->id : 0, named.name, named.text});
+    });
     return out;
 }
 
+// Properties: a property of `own` hides the inherited one of its name.
 std::vector<Row> merge_props(std::vector<Row> own, const std::vector<Row>& inherited) {
     if (inherited.empty()) return own;
     std::vector<Row> out;
     out.reserve(own.size() + inherited.size());
-    size_t i = 0, j = 0;
-    while (i < own.size() || j < inherited.size()) {
-        int c = i == own.size()         ? 1
-                : j == inherited.size() ? -1
-                                        : own[i].name.compare(inherited[j].name);
-        if (c <= 0) {
-            out.push_back(std::move(own[i]));
-            ++i;
-            if (c == 0) ++j;
-        } else {
-            out.push_back(inherited[j]);
-            ++j;
-        }
-    }
+    merge_by_name(own, inherited,
+                  [&](Row* o, const Row* in) { out.push_back(o ? std::move(*o) : *in); });
     return out;
 }
 

@@ -9,14 +9,12 @@
 
 #include "etcd_gtest.h"
 #include "hgx.h"
+#include "hgx_ptr.h"
 #include "hgx_write.h"
 
 namespace {
 
-struct HandleDeleter {
-    void operator()(hgx_handle_t* h) const { hgx_handle_destroy(h); }
-};
-using Handle = std::unique_ptr<hgx_handle_t, HandleDeleter>;
+using Handle = hgx_ptr<hgx_handle_t>;
 
 class HgxEtcd : public ::testing::Test {
   protected:

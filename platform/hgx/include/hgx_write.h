@@ -7,6 +7,13 @@
 // writer created it. Objects are named by ids (hgx_id_t, 0 = none); functions
 // that return an id give -1 on failure, others 0 or -1, with hgx_error() set
 // and hgx_writer_message() telling more where the store failed.
+//
+// Every operation on a writer needs a writer that hgx_writer_open (or a
+// hgx_reader_open*) returned and that is not closed; a null writer is the
+// caller's fault and is not checked except where said. Out-parameters are
+// written only on success unless said otherwise. A writer is used by one
+// thread at a time. Ids are valid for the writer that handed them out, until
+// it is closed or the object is deleted.
 #pragma once
 
 #include <cstdint>
@@ -40,24 +47,30 @@ struct hgx_wern_parts {
     std::vector<std::string> path;  // group path and property behind the separator
 };
 
-// 0, or -1 with HGX_ERROR_INVALID_ARGUMENT for a wern that is not well-formed.
+// 0 with *parts set, or -1 with HGX_ERROR_INVALID_ARGUMENT for a null
+// argument or a wern that is not well-formed (*parts then unspecified).
 int hgx_wern_split(const char* wern, hgx_wern_parts* parts);
 
 // Names: a segment starts with a letter or digit and holds letters, digits
 // and "_.,+-"; a service name is segments joined by '/'.
+// Give whether the name is valid; never fail, and set no error.
 bool hgx_valid_name(std::string_view name);
 bool hgx_valid_service_name(std::string_view name);
 
 // 0 when the value fits the type (and the value length limit), else -1 with
-// HGX_ERROR_INVALID_VALUE; *why (if given) receives a short reason.
+// HGX_ERROR_INVALID_VALUE; *why (if given) receives a short reason, a static
+// text to put after the value in a message ("is not a host name"), or null
+// when the value fits.
 int hgx_value_check(hgx_type_t type, std::string_view value, const char** why = nullptr);
 
-// Values as stored: each followed by a NUL byte.
+// Values as stored: each followed by a NUL byte, so that an empty list and a
+// list of one empty value differ.
 std::string hgx_values_blob(const std::vector<std::string>& values);
 
 // Opens the file (creating it, schema included, when create is set and it does
 // not exist) and begins the write transaction. Null on failure; a message for
-// the user is in *message.
+// the user is in *message (message may be null). The caller owns the writer
+// and releases it with hgx_writer_close (or an hgx_ptr).
 //
 // path names a file or an etcd cluster (etcd://, etcds://). On a cluster,
 // hgx_writer_commit fails with HGX_ERROR_CONFLICT when another writer
@@ -67,24 +80,41 @@ hgx_writer_t* hgx_writer_open(const char* path, bool create, std::string* messag
 // state of it for the writer's life; changes fail, commit is never needed.
 // Null on failure, with a line for the user in *message.
 hgx_writer_t* hgx_reader_open(const char* path, std::string* message);
+// Makes every change of the writer visible at once and returns 0; -1 with
+// HGX_ERROR_INVALID_ARGUMENT for a null writer, HGX_ERROR_CONFLICT (a
+// cluster) or the store's failure, and
+// then nothing of the changes is visible. A writer holds one transaction: it
+// is not used for changes after its commit.
 int hgx_writer_commit(hgx_writer_t* w);
+// Ends the writer, rolling back what it did not commit (and removing the
+// file again if it created it and did not commit); accepts null.
 void hgx_writer_close(hgx_writer_t* w);
-// The store's text for the last failure of this writer; owned by the writer.
+// The store's text for the last failure of this writer, or ""; owned by the
+// writer, valid until its next operation. "" for a null writer.
 const char* hgx_writer_message(const hgx_writer_t* w);
 
+// The service's id, 0 where there is none, -1 on failure.
 hgx_id_t hgx_writer_find_service(hgx_writer_t* w, std::string_view name);
+// The new service's id; -1 with HGX_ERROR_INVALID_ARGUMENT for a name that
+// is not valid or whose wern would be too long, HGX_ERROR_EXISTS, or the
+// store's failure (a reader refuses every change).
 hgx_id_t hgx_writer_add_service(hgx_writer_t* w, std::string_view name);
 // Removes a service with its instances, snapshots, groups and properties.
 int hgx_writer_delete_service(hgx_writer_t* w, hgx_id_t service);
-// Ids of a service's instances, in name order.
+// Ids of a service's instances, in name order; *out is replaced.
 int hgx_writer_instances(hgx_writer_t* w, hgx_id_t service, std::vector<hgx_id_t>* out);
 
+// As for services: find gives the id, 0 where there is none, or -1; add the
+// new id or -1 (HGX_ERROR_INVALID_ARGUMENT, HGX_ERROR_EXISTS, ...); delete
+// removes the instance with its snapshots and groups.
 hgx_id_t hgx_writer_find_instance(hgx_writer_t* w, hgx_id_t service, std::string_view name);
 hgx_id_t hgx_writer_add_instance(hgx_writer_t* w, hgx_id_t service, std::string_view name);
 int hgx_writer_delete_instance(hgx_writer_t* w, hgx_id_t service, hgx_id_t instance);
 
 // Own groups only; nothing is composed on the write side. find gives 1 with
-// *pg set, 0 if there is none, -1 on failure.
+// *pg set, 0 if there is none, -1 on failure. add gives 0 with *pg set to the
+// new group, or -1 (HGX_ERROR_INVALID_ARGUMENT for a name or type that is not
+// valid or too long, HGX_ERROR_EXISTS).
 int hgx_writer_find_pg(hgx_writer_t* w, const hgx_owner& owner, std::string_view name,
                        hgx_owner* pg);
 int hgx_writer_add_pg(hgx_writer_t* w, const hgx_owner& owner, std::string_view name,
@@ -102,6 +132,7 @@ int hgx_writer_add_property(hgx_writer_t* w, const hgx_owner& pg, std::string_vi
 // Sets a property, replacing one of that name; checks the values.
 int hgx_writer_set_property(hgx_writer_t* w, const hgx_owner& pg, std::string_view name,
                             hgx_type_t type, const std::vector<std::string>& values);
+// 0, or -1 with HGX_ERROR_NOT_FOUND where the group has no such property.
 int hgx_writer_delete_property(hgx_writer_t* w, const hgx_owner& pg, std::string_view name);
 
 // Takes the snapshot `name` of an instance: a frozen copy of its composed
@@ -109,7 +140,7 @@ int hgx_writer_delete_property(hgx_writer_t* w, const hgx_owner& pg, std::string
 int hgx_writer_take_snapshot(hgx_writer_t* w, hgx_id_t service, hgx_id_t instance,
                              std::string_view name);
 
-// Names of all services, in byte order.
+// Names of all services, in byte order; *out is replaced.
 int hgx_writer_services(hgx_writer_t* w, std::vector<std::string>* out);
 
 // Copies the service `name` of `from` into `to` with its groups, instances
