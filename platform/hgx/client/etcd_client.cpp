@@ -14,6 +14,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "../hgx_etcd_client.h"
@@ -122,17 +123,14 @@ long remaining_ms(Clock::time_point deadline) {
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count());
 }
 
-// One request, trying the members in turn from the current one until one
-// answers with less than 5xx or the time runs out.
-int post_to_members(Client* c, const std::string& path, const std::string& body, long timeout_ms,
-                    long* http, std::string* out, std::string* why) {
-    Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+// One pass over the members from the current one: HGX_ETCD_OK when one
+// answered below 5xx; else the failure, and *alive tells whether any member
+// was there at all (answered 5xx or hung) rather than refusing.
+int one_pass(Client* c, const std::string& path, const std::string& body,
+             Clock::time_point deadline, long share, long* http, std::string* out, std::string* why,
+             bool* alive) {
     int status = HGX_ETCD_UNREACHABLE;
     size_t n = c->members.size();
-    // Each member gets a fair share of the time, and at least a second, so
-    // that one that hangs does not use up the time of those behind it.
-    long share = timeout_ms / static_cast<long>(n);
-    if (share < 1000) share = 1000;
     for (size_t tried = 0; tried < n; ++tried) {
         long left = remaining_ms(deadline);
         if (left <= 0) return HGX_ETCD_TIMEOUT;
@@ -146,7 +144,8 @@ int post_to_members(Client* c, const std::string& path, const std::string& body,
                 c->current = m;
                 return HGX_ETCD_OK;
             }
-            status = HGX_ETCD_UNREACHABLE;
+            // A member without a leader (an election under way) says so.
+            *alive = true;
             *why = c->members[m] + ": HTTP " + std::to_string(*http) + ": " + *out;
             continue;
         }
@@ -155,9 +154,32 @@ int post_to_members(Client* c, const std::string& path, const std::string& body,
         if (s == HGX_ETCD_NO_MEMORY || s == HGX_ETCD_TLS) return s;
         // A timeout anywhere makes the whole call one that timed out,
         // rather than one that found nobody.
+        if (s == HGX_ETCD_TIMEOUT) *alive = true;
         if (s == HGX_ETCD_TIMEOUT || status == HGX_ETCD_TIMEOUT) status = HGX_ETCD_TIMEOUT;
     }
     return status;
+}
+
+// One request, trying the members in turn from the current one until one
+// answers with less than 5xx or the time runs out. While some member is
+// there but cannot answer yet (the cluster is electing a new leader), the
+// members are tried again after a short pause; when every member refuses
+// the connection, the call fails at once.
+int post_to_members(Client* c, const std::string& path, const std::string& body, long timeout_ms,
+                    long* http, std::string* out, std::string* why) {
+    Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    // Each member gets a fair share of the time, and at least a second, so
+    // that one that hangs does not use up the time of those behind it.
+    long share = timeout_ms / static_cast<long>(c->members.size());
+    if (share < 1000) share = 1000;
+    while (true) {
+        bool alive = false;
+        int status = one_pass(c, path, body, deadline, share, http, out, why, &alive);
+        if (status == HGX_ETCD_OK || status == HGX_ETCD_NO_MEMORY || status == HGX_ETCD_TLS ||
+            !alive || remaining_ms(deadline) < 200)
+            return status;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
 }
 
 // Takes a token for the user; HGX_ETCD_OK, or the failure.
