@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "hgx_ptr.h"
+#include "owned.h"
 
 namespace {
 
@@ -25,12 +26,6 @@ constexpr size_t kSchemeLength = sizeof(kScheme) - 1;
 
 // Owning pointer for malloc'd memory, so that every exit of the fill and
 // query paths releases what it created (client objects: hgx_ptr).
-struct FreeDeleter {
-    void operator()(void* p) const { std::free(p); }
-};
-using heap_text = std::unique_ptr<char[], FreeDeleter>;
-
-heap_text alloc_text(size_t size) { return heap_text(static_cast<char*>(std::malloc(size))); }
 
 // Buffer sizes: a wern or group name, a value, a group type, each with its
 // terminator.

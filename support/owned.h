@@ -1,0 +1,34 @@
+// Owners of what the project's C-style interfaces hand out, so that every
+// module frees them the same way: heap text and records from malloc, and
+// any object with a create/destroy pair. (libhgx's objects have their own
+// owners in hgx_ptr.h, beside the library's interface.)
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+
+// Frees with free(): what malloc, calloc, realloc or strdup gave.
+struct free_deleter {
+    void operator()(void* p) const noexcept { std::free(p); }
+};
+
+// Text on the heap, owned by its holder and freed with it; null for none.
+using heap_text = std::unique_ptr<char[], free_deleter>;
+
+// size bytes of uninitialised text; null when the heap is exhausted.
+inline heap_text alloc_text(size_t size) {
+    return heap_text(static_cast<char*>(std::malloc(size)));
+}
+
+// Calls Destroy, the destroy function of a create/destroy pair.
+template <typename T, void (*Destroy)(T*)>
+struct destroyer {
+    void operator()(T* p) const noexcept { Destroy(p); }
+};
+
+// The owner of an object made by a create function: owned<stencil_t,
+// stencil_destroy> destroys it when it goes. Destroy must accept null or
+// never see it; unique_ptr does not call it for null.
+template <typename T, void (*Destroy)(T*)>
+using owned = std::unique_ptr<T, destroyer<T, Destroy>>;
