@@ -11,6 +11,8 @@
 #include <cstring>
 #include <memory>
 
+#include "regex_budget.h"
+
 namespace {
 
 pkx_avl_pool_t* global_pool = nullptr;
@@ -445,10 +447,11 @@ struct RegexFree {
 
 // Pulls into other_props every service or instance whose wern the pattern
 // selects, unless it was pulled before. A pattern that does not compile
-// pulls nothing and is no failure here.
+// (or that regcomp_bounded refuses as too costly) pulls nothing and is no
+// failure here.
 int match_instances(repository_t* repository, const char* pattern) {
     regex_t regex;
-    if (regcomp(&regex, pattern, REG_EXTENDED | REG_NOSUB) != 0) return 0;
+    if (regcomp_bounded(&regex, pattern, REG_EXTENDED | REG_NOSUB) != 0) return 0;
     RegexFree release{&regex};
     pkx_avl_t* names = repository->instance_names;
     for (auto* node = static_cast<property_table_node_t*>(pkx_avl_first(names)); node != nullptr;
@@ -574,7 +577,7 @@ property_list_node_t* repository_match_properties(repository_t* repository, cons
                                                   int grabs) {
     if (repository == nullptr || pattern == nullptr) return nullptr;
     regex_t regex;
-    if (regcomp(&regex, pattern, REG_EXTENDED) != 0) return nullptr;
+    if (regcomp_bounded(&regex, pattern, REG_EXTENDED) != 0) return nullptr;
     RegexFree release{&regex};
     int count = grabs + 1;
 
