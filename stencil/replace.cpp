@@ -10,8 +10,10 @@
 // shortest take is simply the earliest place where the next piece matches:
 // were any later placement of that piece followed by a match of the rest, the
 // earliest one would be too. Each piece is therefore placed once, earliest
-// first, with no backtracking: O(source x pattern) for one start position. A malformed pattern (open set, trailing backslash) is no
-// error; it simply matches nothing.
+// first, with no backtracking: O(source x pattern) for one start position.
+//
+// A malformed pattern (open set, trailing backslash) is no error; it simply
+// matches nothing.
 
 #include <cstring>
 
