@@ -90,7 +90,7 @@ TEST_F(DeepNesting, CopierStopsAtItsBudget) {
 }
 
 TEST_F(DeepNesting, EvaluatorStopsAtItsBudget) {
-    ASSERT_EQ(load(nested(2000)), STENCIL_SUCCESS);
+    ASSERT_EQ(load(nested(500)), STENCIL_SUCCESS);
     stencil_output_buffer_t* out = nullptr;
     ASSERT_EQ(stencil_apply(stencil_, repository_, STENCIL_OUTPUT_NORMAL, &out), STENCIL_SUCCESS);
     stencil_output_buffer_destroy(out);
@@ -108,7 +108,7 @@ TEST_F(DeepNesting, EvaluatorStopsAtItsBudget) {
 // A section whose operands run out of stack gives no text by the rules of
 // sections; running out is reported all the same.
 TEST_F(DeepNesting, ExhaustionInASectionOperandIsStillReported) {
-    ASSERT_EQ(load("$%define sec /net/(.*)/ {$%1}$%[sec:'" + nested(2000) + "/y]"),
+    ASSERT_EQ(load("$%define sec /net/(.*)/ {$%1}$%[sec:'" + nested(500) + "/y]"),
               STENCIL_SUCCESS);
     stencil_output_buffer_t* out = nullptr;
     stack_guard_set_budget(kBudget / 4);
