@@ -70,6 +70,8 @@ struct TrackingIter {
 
 class Builder {
   public:
+    static constexpr size_t kMaxDepth = 2048;
+
     Builder(const std::string& text, const size_t* last) : text_(text), last_(last) {}
 
     bool null() { return scalar(Node::NUL, literal_start(4)); }
@@ -191,6 +193,13 @@ class Builder {
     }
 
     bool open(Node::Kind kind) {
+        // The tree is released by recursion, one frame per level; a manifest
+        // needs a few levels per group level, and wern lengths bound those.
+        if (stack_.size() >= kMaxDepth) {
+            error_pos_ = *last_;
+            error_ = "nesting deeper than " + std::to_string(kMaxDepth) + " levels";
+            return false;
+        }
         stack_.emplace_back();
         stack_.back().node.kind = kind;
         stack_.back().node.pos = *last_;

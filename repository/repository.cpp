@@ -13,6 +13,7 @@
 
 #include "hgx_ptr.h"
 #include "owned.h"
+#include "regex_budget.h"
 
 namespace {
 
@@ -428,10 +429,11 @@ struct RegexFree {
 
 // Pulls into other_props every service or instance whose wern the pattern
 // selects, unless it was pulled before. A pattern that does not compile
-// pulls nothing and is no failure here.
+// (or that regcomp_bounded refuses as too costly) pulls nothing and is no
+// failure here.
 int match_instances(repository_t* repository, const char* pattern) {
     regex_t regex;
-    if (regcomp(&regex, pattern, REG_EXTENDED | REG_NOSUB) != 0) return 0;
+    if (regcomp_bounded(&regex, pattern, REG_EXTENDED | REG_NOSUB) != 0) return 0;
     RegexFree release{&regex};
     pkx_avl_t* names = repository->instance_names;
     for (auto* node = static_cast<property_table_node_t*>(pkx_avl_first(names)); node != nullptr;
@@ -557,7 +559,7 @@ property_list_node_t* repository_match_properties(repository_t* repository, cons
                                                   int grabs) {
     if (repository == nullptr || pattern == nullptr) return nullptr;
     regex_t regex;
-    if (regcomp(&regex, pattern, REG_EXTENDED) != 0) return nullptr;
+    if (regcomp_bounded(&regex, pattern, REG_EXTENDED) != 0) return nullptr;
     RegexFree release{&regex};
     int count = grabs + 1;
 

@@ -77,6 +77,9 @@ repository_error_t repository_create(const char* wern, const char* snapshot,
 void repository_destroy(repository_t* repository);
 
 const property_info_t* repository_get_property(repository_t* repository, const char* name);
+// Records whose names match the extended pattern, ascending; null for no
+// match and for every trouble, a pattern that does not compile or that
+// regcomp_bounded (regex_budget.h) refuses as too costly among them.
 property_list_node_t* repository_match_properties(repository_t* repository, const char* pattern,
                                                   int grabs);
 property_list_node_t* repository_get_pgs_by_type(repository_t* repository, const char* type);

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "stack_guard.h"
 #include "stencil_internal.h"
 
 thread_local match_t* duplicate_parent = nullptr;
@@ -25,6 +26,9 @@ int copy_string(char** target, const char* source) {
 }  // namespace
 
 int duplicate_subexpressions(expression_t* target, expression_t* source, stencil_t* stencil) {
+    // A body is copied where it is invoked, possibly deep in other forms:
+    // the copy can go deeper than its definition's parse did.
+    if (stack_exhausted()) return -1;
     target->type = source->type;
     for (int i = 0; i < source->num; ++i) {
         expression_t* child = source->sub_expressions[i];

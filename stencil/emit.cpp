@@ -12,6 +12,7 @@
 
 #include "emit_local.h"
 #include "pkx.h"
+#include "stack_guard.h"
 #include "stencil_internal.h"
 
 using stencil_eval::add_clamped;
@@ -48,12 +49,18 @@ stencil_error_t stencil_apply(stencil_t* stencil, repository_t* repository,
     if (root == nullptr) {
         return STENCIL_ERROR_NO_MEMORY;
     }
+    stack_guard_scope stack_scope;
     stencil->repository = repository;
     stencil->mode = mode;
     stencil->context = nullptr;
     stencil->line_number = 0;
 
     int r = emit_expression(&stencil->base, root, stencil, 0);
+    // Some callers on the way pass a failure over (a section whose operands
+    // fail gives no text); running out of stack is reported all the same.
+    if (r >= 0 && stack_guard_tripped()) {
+        r = STENCIL_ERROR_NO_MEMORY;
+    }
     stencil_error_t result = STENCIL_SUCCESS;
     if (r < 0) {
         stencil_output_buffer_destroy(root);
@@ -85,6 +92,9 @@ int emit_expression(expression_t* expression, stencil_output_buffer_t* buffer, s
                     int regex_pass) {
     if (expression == nullptr || buffer == nullptr || stencil == nullptr) {
         return STENCIL_ERROR_INTERNAL_ERROR;
+    }
+    if (stack_exhausted()) {
+        return STENCIL_ERROR_NO_MEMORY;
     }
     macro_t* const saved_macro = stencil->macro;
 

@@ -152,7 +152,8 @@ regex_context_t* match_regex(match_t* match, stencil_t* stencil) {
     if (context == nullptr) {
         return nullptr;
     }
-    // No match, or a pattern that does not compile, is an empty list.
+    // No match, or a pattern that does not compile (too costly a pattern
+    // included), is an empty list.
     context->match = repository_match_properties(stencil->repository, pattern.str(), match->grabs);
     context->regex = match;
     context->prev = stencil->context;

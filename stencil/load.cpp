@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "stack_guard.h"
 #include "stencil_internal.h"
 
 namespace {
@@ -204,7 +205,9 @@ stencil_error_t stencil_load(const char* file_name, stencil_t** out, defines_t* 
         return STENCIL_ERROR_NO_MEMORY;
     }
 
+    stack_guard_scope stack_scope;
     stencil_error_t result = parse_all(stencil, text.str());
+    if (result == STENCIL_SUCCESS && stack_guard_tripped()) result = STENCIL_ERROR_NO_MEMORY;
     // A stencil that failed to parse still goes out, for its errors.
     *out = stencil;
     return result;

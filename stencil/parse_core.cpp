@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "stack_guard.h"
 #include "stencil_internal.h"
 
 namespace {
@@ -141,6 +142,9 @@ int splice_define(stencil_t* stencil, const char* text, const char* piece, const
 
 int parse_stencil(const char* text, expression_t* container, stencil_t* stencil,
                   const char* delimiters) {
+    // Every nested form comes back here: the one place to stop a nesting
+    // deeper than the stack allows.
+    if (stack_exhausted()) return STENCIL_ERROR_NO_MEMORY;
     auto* literal = reinterpret_cast<literal_t*>(_grow(container, ET_LITERAL));
     if (literal == nullptr) return STENCIL_ERROR_NO_MEMORY;
     const char* literal_start = text;

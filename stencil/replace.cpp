@@ -4,8 +4,16 @@
 // match_glob gives exactly one end for each start position: a star inside a
 // pattern takes the fewest characters it can, and only a star that ends the
 // pattern takes the rest. replace_string never retries a rejected match in
-// another length. A malformed pattern (open set, trailing backslash) is no
-// error; it simply matches nothing.
+// another length.
+//
+// The stars cut the pattern into pieces of fixed length, so the first star's
+// shortest take is simply the earliest place where the next piece matches:
+// were any later placement of that piece followed by a match of the rest, the
+// earliest one would be too. Each piece is therefore placed once, earliest
+// first, with no backtracking: O(source x pattern) for one start position.
+//
+// A malformed pattern (open set, trailing backslash) is no error; it simply
+// matches nothing.
 
 #include <cstring>
 
@@ -85,30 +93,28 @@ const char* match_set(char c, const char* pattern) {
     return found != negate ? p : nullptr;
 }
 
-}  // namespace
-
-const char* match_glob(const char* source, const char* pattern) {
-    if (pattern == nullptr) {
-        return nullptr;
-    }
-    const char* s = source != nullptr ? source : "";
-    const char* p = pattern;
+// Matches the piece of pattern that begins at p and ends at the next star
+// (or the end) against the source at s. Every element takes exactly one
+// character, so a piece has one length wherever it is tried. Returns the
+// source position behind the piece and sets *rest to the star or the end, or
+// returns null when the piece does not match here.
+const char* match_piece(const char* s, const char* p, const char** rest) {
     for (;;) {
         switch (*p) {
             case '\0':
+            case '*':
+                *rest = p;
                 return s;
             case '?':
                 if (*s == '\0') {
                     return nullptr;
                 }
-                s++;
                 p++;
                 break;
             case '\\':
                 if (p[1] == '\0' || *s != p[1]) {
                     return nullptr;
                 }
-                s++;
                 p += 2;
                 break;
             case '[':
@@ -119,33 +125,55 @@ const char* match_glob(const char* source, const char* pattern) {
                 if (p == nullptr) {
                     return nullptr;
                 }
-                s++;
                 break;
-            case '*': {
-                while (*p == '*') {
-                    p++;
-                }
-                if (*p == '\0') {
-                    return s + std::strlen(s);
-                }
-                // Fewest characters first; the first success is the match.
-                for (; *s != '\0'; s++) {
-                    const char* end = match_glob(s, p);
-                    if (end != nullptr) {
-                        return end;
-                    }
-                }
-                return nullptr;
-            }
             default:
                 if (*s != *p) {
                     return nullptr;
                 }
-                s++;
                 p++;
                 break;
         }
+        s++;
     }
+}
+
+}  // namespace
+
+const char* match_glob(const char* source, const char* pattern) {
+    if (pattern == nullptr) {
+        return nullptr;
+    }
+    const char* s = source != nullptr ? source : "";
+    const char* p = pattern;
+    // The head, up to the first star, is anchored at the start.
+    s = match_piece(s, p, &p);
+    if (s == nullptr) {
+        return nullptr;
+    }
+    while (*p == '*') {
+        while (*p == '*') {
+            p++;
+        }
+        if (*p == '\0') {
+            return s + std::strlen(s);
+        }
+        // The earliest place where the next piece matches. Every piece takes
+        // at least one character, so the walk stops at the end of the source.
+        const char* end = nullptr;
+        const char* next = p;
+        for (; *s != '\0'; s++) {
+            end = match_piece(s, p, &next);
+            if (end != nullptr) {
+                break;
+            }
+        }
+        if (end == nullptr) {
+            return nullptr;
+        }
+        s = end;
+        p = next;
+    }
+    return s;
 }
 
 const char* replace_string(const char* source, const char* pattern, const char* replacement,

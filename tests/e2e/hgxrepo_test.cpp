@@ -215,6 +215,8 @@ TEST_F(Hgxrepo, RefusedManifestsNameTheirPlace) {
          "{\"services\": {\n  \"a\": {\"groups\": {\"g\": {\"properties\": {\n"
          "    \"ok\": \"x\",\n    \"p\": false,\n    `\"p\": 1}}}}}}",
          "duplicate"},
+        {"deep nesting", std::string(2048, '[') + "`[" + std::string(2049, ']'),
+         "nesting deeper than 2048 levels"},
         {"syntax", "{\"services\": {\"a\": {},`}}", "syntax error"},
         {"empty", "`", "syntax error"},
     };

@@ -1,0 +1,120 @@
+// Nesting deeper than the stack allows ends in STENCIL_ERROR_NO_MEMORY in
+// each of the three recursive walks: the parser, the copier of definition
+// bodies and the evaluator. The budget is set small so that the depths stay
+// cheap and the outcome does not depend on how large the build's frames are.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "hgxrepo.h"
+#include "stack_guard.h"
+#include "stencil_internal.h"
+#include "unit_util.h"
+
+namespace {
+
+constexpr char kManifest[] = R"({"services": {"net/foo": {"instances": {"default": {"groups": {
+  "net": {"properties": {"host": "h1"}}}}}}}})";
+constexpr size_t kBudget = 64 * 1024;
+
+std::string nested(int depth, const std::string& core = "x") {
+    std::string s;
+    for (int i = 0; i < depth; ++i) s += "$%{net/host:+";
+    s += core;
+    return s + std::string(static_cast<size_t>(depth), '}');
+}
+
+class DeepNesting : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string error;
+        ASSERT_EQ(hgxrepo_import_text(dir_ / "repo.db", kManifest, true, &error), 0) << error;
+        setenv("HGX_REPOSITORY", (dir_ / "repo.db").c_str(), 1);
+        ASSERT_EQ(repository_create("wrn:/net/foo:default", nullptr, &repository_),
+                  REPOSITORY_SUCCESS);
+    }
+    void TearDown() override {
+        stack_guard_set_budget(0);
+        stencil_destroy(stencil_);
+        repository_destroy(repository_);
+    }
+
+    stencil_error_t load(const std::string& text) {
+        unit::write_file(dir_ / "stencil", text);
+        stencil_destroy(stencil_);
+        stencil_ = nullptr;
+        return stencil_load((dir_ / "stencil").c_str(), &stencil_, nullptr);
+    }
+
+    // The deepest nesting that loads within the budget.
+    int deepest_loadable() {
+        int lo = 1;
+        int hi = 1 << 16;
+        while (lo < hi) {
+            int mid = (lo + hi + 1) / 2;
+            if (load(nested(mid)) == STENCIL_SUCCESS)
+                lo = mid;
+            else
+                hi = mid - 1;
+        }
+        return lo;
+    }
+
+    unit::TempDir dir_;
+    repository_t* repository_ = nullptr;
+    stencil_t* stencil_ = nullptr;
+};
+
+TEST_F(DeepNesting, ParserStopsAtItsBudget) {
+    stack_guard_set_budget(kBudget);
+    const int deepest = deepest_loadable();
+    EXPECT_GT(deepest, 10);
+    EXPECT_LT(deepest, 1 << 16);
+    EXPECT_EQ(load(nested(deepest + 1)), STENCIL_ERROR_NO_MEMORY);
+    // The default budget takes far more; nothing is lost for shallow texts.
+    stack_guard_set_budget(0);
+    EXPECT_EQ(load(nested(deepest + 1)), STENCIL_SUCCESS);
+}
+
+// The body of a definition is copied where it is invoked: each of the two
+// loads on its own, but the copy inside the nesting goes beyond the budget.
+TEST_F(DeepNesting, CopierStopsAtItsBudget) {
+    stack_guard_set_budget(kBudget);
+    const int depth = deepest_loadable() * 9 / 10;
+    const std::string definition = "$%define m {" + nested(depth) + "}";
+    ASSERT_EQ(load(definition + "$%[m]"), STENCIL_SUCCESS);
+    ASSERT_EQ(load("$%define m {x}" + nested(depth, "$%[m]")), STENCIL_SUCCESS);
+    EXPECT_EQ(load(definition + nested(depth, "$%[m]")), STENCIL_ERROR_NO_MEMORY);
+}
+
+TEST_F(DeepNesting, EvaluatorStopsAtItsBudget) {
+    ASSERT_EQ(load(nested(500)), STENCIL_SUCCESS);
+    stencil_output_buffer_t* out = nullptr;
+    ASSERT_EQ(stencil_apply(stencil_, repository_, STENCIL_OUTPUT_NORMAL, &out), STENCIL_SUCCESS);
+    stencil_output_buffer_destroy(out);
+    out = nullptr;
+    stack_guard_set_budget(kBudget / 4);
+    EXPECT_EQ(stencil_apply(stencil_, repository_, STENCIL_OUTPUT_NORMAL, &out),
+              STENCIL_ERROR_NO_MEMORY);
+    EXPECT_EQ(out, nullptr);
+    // The same stencil evaluates again once there is room.
+    stack_guard_set_budget(0);
+    ASSERT_EQ(stencil_apply(stencil_, repository_, STENCIL_OUTPUT_NORMAL, &out), STENCIL_SUCCESS);
+    stencil_output_buffer_destroy(out);
+}
+
+// A section whose operands run out of stack gives no text by the rules of
+// sections; running out is reported all the same.
+TEST_F(DeepNesting, ExhaustionInASectionOperandIsStillReported) {
+    ASSERT_EQ(load("$%define sec /net/(.*)/ {$%1}$%[sec:'" + nested(500) + "/y]"),
+              STENCIL_SUCCESS);
+    stencil_output_buffer_t* out = nullptr;
+    stack_guard_set_budget(kBudget / 4);
+    EXPECT_EQ(stencil_apply(stencil_, repository_, STENCIL_OUTPUT_NORMAL, &out),
+              STENCIL_ERROR_NO_MEMORY);
+    EXPECT_EQ(out, nullptr);
+}
+
+}  // namespace
