@@ -133,17 +133,21 @@ void import_documents(const std::string& path, const std::vector<manifest::Docum
 
 // The commands. Each checks its own words (throwing Usage), does its work
 // (throwing Failure) and returns the exit status.
+
+// Changing the repository, each in one transaction run until_committed.
 int cmd_import(const Invocation& inv);
-int cmd_export(const Invocation& inv);
-int cmd_snapshot(const Invocation& inv);
 int cmd_setprop(const Invocation& inv);
 int cmd_delprop(const Invocation& inv);
 int cmd_addpg(const Invocation& inv);
 int cmd_delpg(const Invocation& inv);
 int cmd_delete(const Invocation& inv);
+int cmd_snapshot(const Invocation& inv);
+int cmd_copy(const Invocation& inv);
+
+// Reading it, to standard output.
+int cmd_export(const Invocation& inv);
 int cmd_list(const Invocation& inv);
 int cmd_show(const Invocation& inv);
-int cmd_copy(const Invocation& inv);
 int cmd_diff(const Invocation& inv);
 
 }  // namespace hgxrepo
