@@ -85,7 +85,7 @@ int cmd_sync(const Invocation& inv) {
 // groups or properties take --snapshot.
 struct Command {
     const char* name;
-    int (*run)(const Invocation&);
+    CommandFn* run;
     bool takes_snapshot;
 };
 

@@ -131,23 +131,21 @@ std::string text_of(ssize_t (*get)(const T*, char*, size_t), std::type_identity_
 void import_documents(const std::string& path, const std::vector<manifest::Document>& docs,
                       bool snapshot, std::vector<std::string>* dropped = nullptr);
 
-// The commands. Each checks its own words (throwing Usage), does its work
-// (throwing Failure) and returns the exit status.
+// A command: checks its own words (throwing Usage), does its work (throwing
+// Failure) and returns the exit status.
+using CommandFn = int(const Invocation& inv);
 
-// Changing the repository, each in one transaction run until_committed.
-int cmd_import(const Invocation& inv);
-int cmd_setprop(const Invocation& inv);
-int cmd_delprop(const Invocation& inv);
-int cmd_addpg(const Invocation& inv);
-int cmd_delpg(const Invocation& inv);
-int cmd_delete(const Invocation& inv);
-int cmd_snapshot(const Invocation& inv);
-int cmd_copy(const Invocation& inv);
+// The commands that change the repository, each in one transaction run
+// until_committed: import (with a warning for each thing it drops), setprop
+// (keeping the type when -t is not given), delprop, addpg, delpg, delete (a
+// service or an instance), snapshot (of every instance of a service) and
+// copy (the target ends up holding what the repository holds).
+CommandFn cmd_import, cmd_setprop, cmd_delprop, cmd_addpg, cmd_delpg, cmd_delete, cmd_snapshot,
+    cmd_copy;
 
-// Reading it, to standard output.
-int cmd_export(const Invocation& inv);
-int cmd_list(const Invocation& inv);
-int cmd_show(const Invocation& inv);
-int cmd_diff(const Invocation& inv);
+// The commands that read it, to standard output: export (as a manifest),
+// list (every service and instance), show (a line per group and property)
+// and diff (what retaking the snapshot "running" would change).
+CommandFn cmd_export, cmd_list, cmd_show, cmd_diff;
 
 }  // namespace hgxrepo

@@ -301,16 +301,9 @@ std::string scalar_text(const Node& v) {
 
 // The type a scalar value gives a property on its own.
 hgx_type_t scalar_type(const Node& v) {
-    switch (v.kind) {
-        case Node::STRING:
-            return HGX_TYPE_ASTRING;
-        case Node::BOOLEAN:
-            return HGX_TYPE_BOOLEAN;
-        case Node::INTEGER:
-            return v.i < 0 ? HGX_TYPE_INTEGER : HGX_TYPE_COUNT;
-        default:
-            return HGX_TYPE_COUNT;
-    }
+    if (v.kind == Node::STRING) return HGX_TYPE_ASTRING;
+    if (v.kind == Node::BOOLEAN) return HGX_TYPE_BOOLEAN;
+    return v.kind == Node::INTEGER && v.i < 0 ? HGX_TYPE_INTEGER : HGX_TYPE_COUNT;
 }
 
 // A property written as {"type": ..., "values": ...}.
