@@ -275,100 +275,109 @@ void check_value(const std::string& wern, hgx_type_t type, const std::string& v,
                        ")");
 }
 
+// The kind of a scalar value, INTEGER read as UNSIGNED; refuses what is no
+// scalar value.
+Node::Kind scalar_kind(const Node& v, const std::string& wern) {
+    switch (v.kind) {
+        case Node::FLOAT:
+            // The parser gives integers beyond 64 bits as floats.
+            if (v.str.find_first_of(".eE") == std::string::npos)
+                fault(v.pos, wern + ": integer " + v.str + " is out of range");
+            fault(v.pos, wern + ": floating-point number " + v.str + " is not a valid value");
+        case Node::NUL:
+            fault(v.pos, wern + ": null is not a valid value");
+        case Node::OBJECT:
+        case Node::ARRAY:
+            fault(v.pos, wern + ": " + kind_name(v.kind) + " is not a valid value here");
+        default:
+            return v.kind == Node::INTEGER ? Node::UNSIGNED : v.kind;
+    }
+}
+
+// A scalar value as stored.
+std::string scalar_text(const Node& v) {
+    switch (v.kind) {
+        case Node::STRING:
+            return v.str;
+        case Node::BOOLEAN:
+            return v.b ? "true" : "false";
+        case Node::UNSIGNED:
+            return std::to_string(v.u);
+        default:
+            return std::to_string(v.i);
+    }
+}
+
+// The type a scalar value gives a property on its own.
+hgx_type_t scalar_type(const Node& v) {
+    if (v.kind == Node::STRING) return HGX_TYPE_ASTRING;
+    if (v.kind == Node::BOOLEAN) return HGX_TYPE_BOOLEAN;
+    return v.kind == Node::INTEGER && v.i < 0 ? HGX_TYPE_INTEGER : HGX_TYPE_COUNT;
+}
+
+// A property written as {"type": ..., "values": ...}.
+void read_typed_property(const Node& n, const std::string& wern, Property* p,
+                         std::vector<std::string>* values) {
+    only_keys(n, {"type", "values"}, "property " + wern);
+    const Node* t = n.get("type");
+    if (!t) fault(n.pos, wern + ": property object has no \"type\"");
+    if (t->kind != Node::STRING)
+        fault(t->pos, wern + ": \"type\" must be a string, not " + kind_name(t->kind));
+    p->type = hgx_string_to_type(t->str.c_str());
+    if (p->type == HGX_TYPE_INVALID) fault(t->pos, wern + ": unknown type " + quote(t->str));
+    const Node* vs = n.get("values");
+    if (!vs) return;
+    std::vector<const Node*> items;
+    if (vs->kind == Node::STRING) {
+        items.push_back(vs);
+    } else if (vs->kind == Node::ARRAY) {
+        for (const Node& v : vs->items) items.push_back(&v);
+    } else {
+        fault(vs->pos, wern + ": \"values\" must be an array of strings or a string, not " +
+                           kind_name(vs->kind));
+    }
+    for (const Node* v : items) {
+        if (v->kind != Node::STRING)
+            fault(v->pos, wern + ": values must be strings, not " + kind_name(v->kind));
+        check_value(wern, p->type, v->str, v->pos);
+        values->push_back(v->str);
+    }
+}
+
+// A property written as an array of scalars: one kind of scalar
+// throughout; numbers are counts unless one of them is negative.
+void read_array_property(const Node& n, const std::string& wern, Property* p,
+                         std::vector<std::string>* values) {
+    p->type = HGX_TYPE_ASTRING;
+    if (n.items.empty()) return;
+    Node::Kind kind = scalar_kind(n.items[0], wern);
+    p->type = scalar_type(n.items[0]);
+    for (const Node& v : n.items) {
+        Node::Kind k = scalar_kind(v, wern);
+        if (k != kind)
+            fault(v.pos, wern + ": array mixes " + kind_name(n.items[0].kind) + " and " +
+                             kind_name(v.kind));
+        if (scalar_type(v) == HGX_TYPE_INTEGER) p->type = HGX_TYPE_INTEGER;
+    }
+    for (const Node& v : n.items) {
+        check_value(wern, p->type, scalar_text(v), v.pos);
+        values->push_back(scalar_text(v));
+    }
+}
+
 Property read_property(const Node& n, const std::string& name, const std::string& wern) {
     Property p;
     p.name = name;
     std::vector<std::string> values;
-    auto scalar_kind = [&](const Node& v) {
-        switch (v.kind) {
-            case Node::FLOAT:
-                // The parser gives integers beyond 64 bits as floats.
-                if (v.str.find_first_of(".eE") == std::string::npos)
-                    fault(v.pos, wern + ": integer " + v.str + " is out of range");
-                fault(v.pos, wern + ": floating-point number " + v.str + " is not a valid value");
-            case Node::NUL:
-                fault(v.pos, wern + ": null is not a valid value");
-            case Node::OBJECT:
-            case Node::ARRAY:
-                fault(v.pos, wern + ": " + kind_name(v.kind) + " is not a valid value here");
-            default:
-                return v.kind == Node::INTEGER ? Node::UNSIGNED : v.kind;
-        }
-    };
-    auto text_of = [](const Node& v) -> std::string {
-        switch (v.kind) {
-            case Node::STRING:
-                return v.str;
-            case Node::BOOLEAN:
-                return v.b ? "true" : "false";
-            case Node::UNSIGNED:
-                return std::to_string(v.u);
-            default:
-                return std::to_string(v.i);
-        }
-    };
-    auto type_of = [](const Node& v) {
-        switch (v.kind) {
-            case Node::STRING:
-                return HGX_TYPE_ASTRING;
-            case Node::BOOLEAN:
-                return HGX_TYPE_BOOLEAN;
-            case Node::INTEGER:
-                return v.i < 0 ? HGX_TYPE_INTEGER : HGX_TYPE_COUNT;
-            default:
-                return HGX_TYPE_COUNT;
-        }
-    };
-
     if (n.kind == Node::OBJECT) {
-        only_keys(n, {"type", "values"}, "property " + wern);
-        const Node* t = n.get("type");
-        if (!t) fault(n.pos, wern + ": property object has no \"type\"");
-        if (t->kind != Node::STRING)
-            fault(t->pos, wern + ": \"type\" must be a string, not " + kind_name(t->kind));
-        p.type = hgx_string_to_type(t->str.c_str());
-        if (p.type == HGX_TYPE_INVALID) fault(t->pos, wern + ": unknown type " + quote(t->str));
-        if (const Node* vs = n.get("values")) {
-            std::vector<const Node*> items;
-            if (vs->kind == Node::STRING) {
-                items.push_back(vs);
-            } else if (vs->kind == Node::ARRAY) {
-                for (const Node& v : vs->items) items.push_back(&v);
-            } else {
-                fault(vs->pos, wern + ": \"values\" must be an array of strings or a string, not " +
-                                   kind_name(vs->kind));
-            }
-            for (const Node* v : items) {
-                if (v->kind != Node::STRING)
-                    fault(v->pos, wern + ": values must be strings, not " + kind_name(v->kind));
-                check_value(wern, p.type, v->str, v->pos);
-                values.push_back(v->str);
-            }
-        }
+        read_typed_property(n, wern, &p, &values);
     } else if (n.kind == Node::ARRAY) {
-        // One kind of scalar throughout; numbers are counts unless one of
-        // them is negative.
-        p.type = HGX_TYPE_ASTRING;
-        if (!n.items.empty()) {
-            Node::Kind kind = scalar_kind(n.items[0]);
-            p.type = type_of(n.items[0]);
-            for (const Node& v : n.items) {
-                Node::Kind k = scalar_kind(v);
-                if (k != kind)
-                    fault(v.pos, wern + ": array mixes " + kind_name(n.items[0].kind) + " and " +
-                                     kind_name(v.kind));
-                if (type_of(v) == HGX_TYPE_INTEGER) p.type = HGX_TYPE_INTEGER;
-            }
-            for (const Node& v : n.items) {
-                check_value(wern, p.type, text_of(v), v.pos);
-                values.push_back(text_of(v));
-            }
-        }
+        read_array_property(n, wern, &p, &values);
     } else {
-        scalar_kind(n);
-        p.type = type_of(n);
-        check_value(wern, p.type, text_of(n), n.pos);
-        values.push_back(text_of(n));
+        scalar_kind(n, wern);
+        p.type = scalar_type(n);
+        check_value(wern, p.type, scalar_text(n), n.pos);
+        values.push_back(scalar_text(n));
     }
     p.blob = hgx_values_blob(values);
     return p;

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+// What hgxrepo sync was told; a plain value, copied by hgxrepo_sync as it
+// needs.
 struct SyncOptions {
     std::string file;  // the mirror
     std::string url;   // the cluster
@@ -20,5 +22,11 @@ struct SyncOptions {
 // error, one line each with a timestamp. Returns the exit status: 0 after
 // --once or a signal, 1 when the file is refused (not a repository, or the
 // mirror of another cluster or prefix, or a repository that is no mirror) or
-// a pattern does not compile.
+// a pattern does not compile, and 1 when a copy of the whole cluster fails
+// under --once or is cut short by a signal. Without --once, a cluster that
+// cannot be reached is reported and tried again with a growing pause,
+// never fatal. The file is only ever changed by whole transactions, so a
+// reader of it sees the state of one revision of the cluster. Blocks the
+// calling thread, and leaves its handlers for SIGTERM and SIGINT installed.
+// Throws nothing but std::bad_alloc.
 int hgxrepo_sync(const SyncOptions& options);

@@ -1,0 +1,151 @@
+// What hgxrepo's command files share: how a command fails, how it opens the
+// repository for writing or reading, and the record a command is run with.
+// Private to hgxrepo; the program's interface is hgxrepo.h.
+//
+// Commands report failure by throwing Failure (printed as one line,
+// "hgxrepo: what", status 1) or Usage (the usage text, status 2); these
+// never leave hgxrepo_main or hgxrepo_import_text.
+#pragma once
+
+#include <unistd.h>
+
+#include <chrono>
+#include <random>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "hgx.h"
+#include "hgx_ptr.h"
+#include "hgx_write.h"
+#include "manifest.h"
+
+namespace hgxrepo {
+
+constexpr const char* PROG = "hgxrepo: ";
+
+// What a well-formed wern looks like, for messages about one that is not.
+constexpr const char* WERN_FORMS =
+    "a wern looks like wrn:/SERVICE, wrn:/SERVICE:INSTANCE or "
+    "wrn:/SERVICE:INSTANCE/:properties/GROUP/PROPERTY";
+
+// A command's failure: the message, without the program prefix.
+struct Failure {
+    std::string what;
+};
+
+// A bad command line; `what` (if any) is said after the usage.
+struct Usage {
+    std::string what;
+};
+
+// A commit that another writer beat to a cluster; the command runs again.
+struct Conflict {};
+
+// One command as the command line gave it.
+struct Invocation {
+    std::string path;                // the repository: -r, else $HGX_REPOSITORY, else default
+    std::vector<std::string> words;  // the words after the command's name and --snapshot
+    bool snapshot = false;           // --snapshot stood in front of them
+};
+
+// Throws Usage unless the command has from min to max words.
+void arity(const Invocation& inv, size_t min, size_t max);
+
+// s with its line breaks made spaces, so that a message stays one line
+// whatever a name or value held.
+std::string one_line(std::string s);
+
+using Writer = hgx_ptr<hgx_writer_t>;
+using Handle = hgx_ptr<hgx_handle_t>;
+using Service = hgx_ptr<hgx_service_t>;
+using Instance = hgx_ptr<hgx_instance_t>;
+using Snapshot = hgx_ptr<hgx_snapshot_t>;
+using Pg = hgx_ptr<hgx_propertygroup_t>;
+using Prop = hgx_ptr<hgx_property_t>;
+using Value = hgx_ptr<hgx_value_t>;
+using Iter = hgx_ptr<hgx_iter_t>;
+using Scope = hgx_ptr<hgx_scope_t>;
+
+// The library's text for its last error.
+std::string lib_error();
+
+// "cannot WHAT: " and the library's text.
+std::string failed_to(const char* what);
+
+// Opens the repository at path for one transaction, creating it if create
+// says so; throws Failure with the library's line and a hint where the
+// repository is missing. The caller owns the writer.
+Writer open_writer(const std::string& path, bool create);
+
+// Throws Failure "PATH: cannot write: ..." with what the writer knows, else
+// the library's text.
+[[noreturn]] void write_failed(hgx_writer_t* w, const std::string& path);
+
+// Commits w; throws Conflict when another writer committed first on a
+// cluster, else Failure as write_failed.
+void commit(hgx_writer_t* w, const std::string& path);
+
+// Opens the repository at path for the client interface; throws Failure on
+// failure. The caller owns the handle, which must outlive what is made for it.
+Handle open_reader(const std::string& path);
+
+// Throws Failure "PATH: cannot read: " and the library's text.
+[[noreturn]] void read_failed(const std::string& path);
+
+// Runs a changing command until its commit lands: on a cluster, a writer
+// that raced another reads the repository again and redoes its change on
+// top of the other's, so that neither update is lost. After 50 conflicts
+// throws Failure; every other exception of the command passes through.
+template <typename Command>
+void until_committed(const std::string& path, Command command) {
+    std::minstd_rand jitter(static_cast<unsigned>(getpid()));
+    for (int attempt = 1;; ++attempt) {
+        try {
+            command();
+            return;
+        } catch (const Conflict&) {
+            if (attempt == 50)
+                throw Failure{path + ": cannot write: " + lib_error() + ", 50 times over"};
+            std::this_thread::sleep_for(std::chrono::milliseconds(jitter() % (10 * attempt) + 1));
+        }
+    }
+}
+
+// A name or type of an object, none longer than a wern; throws Failure when
+// it cannot be read. The object is not deduced, so that the owning wrappers
+// convert to it.
+template <typename T>
+std::string text_of(ssize_t (*get)(const T*, char*, size_t), std::type_identity_t<const T*> o) {
+    char buf[1100];
+    if (get(o, buf, sizeof buf) < 0) throw Failure{failed_to("read")};
+    return buf;
+}
+
+// Loads checked manifests into the repository at path in one transaction
+// (throws Conflict or Failure, and then nothing is changed), taking the
+// snapshot "running" of every imported instance when snapshot says so. What
+// the import removes without the manifests saying so goes to *dropped, one
+// line each, when dropped is not null.
+void import_documents(const std::string& path, const std::vector<manifest::Document>& docs,
+                      bool snapshot, std::vector<std::string>* dropped = nullptr);
+
+// A command: checks its own words (throwing Usage), does its work (throwing
+// Failure) and returns the exit status.
+using CommandFn = int(const Invocation& inv);
+
+// The commands that change the repository, each in one transaction run
+// until_committed: import (with a warning for each thing it drops), setprop
+// (keeping the type when -t is not given), delprop, addpg, delpg, delete (a
+// service or an instance), snapshot (of every instance of a service) and
+// copy (the target ends up holding what the repository holds).
+CommandFn cmd_import, cmd_setprop, cmd_delprop, cmd_addpg, cmd_delpg, cmd_delete, cmd_snapshot,
+    cmd_copy;
+
+// The commands that read it, to standard output: export (as a manifest),
+// list (every service and instance), show (a line per group and property)
+// and diff (what retaking the snapshot "running" would change).
+CommandFn cmd_export, cmd_list, cmd_show, cmd_diff;
+
+}  // namespace hgxrepo

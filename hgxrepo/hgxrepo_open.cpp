@@ -1,0 +1,63 @@
+// Opening the repository for a command, and the messages of its failures.
+#include <string>
+
+#include "hgxrepo_internal.h"
+
+namespace hgxrepo {
+
+namespace {
+
+// What to do about a repository file that is not there, for the message
+// that names the file.
+std::string missing_repository_hint() {
+    if (hgx_error() == HGX_ERROR_CLUSTER_NO_REPOSITORY)
+        return "; name the cluster and prefix with -r URL or HGX_REPOSITORY, or create it "
+               "with hgxrepo import";
+    if (hgx_error() != HGX_ERROR_NO_REPOSITORY) return "";
+    return "; name the file with -r FILE or HGX_REPOSITORY, or create it with hgxrepo import";
+}
+
+}  // namespace
+
+std::string lib_error() { return hgx_strerror(hgx_error()); }
+
+// Built by appending: GCC 12 at -O3 takes "literal" + std::string&& for an
+// overlapping copy (-Wrestrict).
+std::string failed_to(const char* what) {
+    std::string s = "cannot ";
+    s += what;
+    s += ": ";
+    s += lib_error();
+    return s;
+}
+
+Writer open_writer(const std::string& path, bool create) {
+    std::string message;
+    hgx_writer_t* w = hgx_writer_open(path.c_str(), create, &message);
+    if (!w) throw Failure{message + missing_repository_hint()};
+    return Writer(w);
+}
+
+void write_failed(hgx_writer_t* w, const std::string& path) {
+    std::string detail = hgx_writer_message(w);
+    throw Failure{path + ": cannot write: " + (detail.empty() ? lib_error() : detail)};
+}
+
+void commit(hgx_writer_t* w, const std::string& path) {
+    if (hgx_writer_commit(w) == 0) return;
+    if (hgx_error() == HGX_ERROR_CONFLICT) throw Conflict{};
+    write_failed(w, path);
+}
+
+Handle open_reader(const std::string& path) {
+    Handle h(hgx_handle_create(HGX_VERSION));
+    if (!h) throw Failure{lib_error()};
+    if (hgx_handle_bind_path(h.get(), path.c_str()) < 0) {
+        throw Failure{path + ": " + lib_error() + missing_repository_hint()};
+    }
+    return h;
+}
+
+void read_failed(const std::string& path) { throw Failure{path + ": cannot read: " + lib_error()}; }
+
+}  // namespace hgxrepo
