@@ -19,13 +19,10 @@ namespace {
 pkx_avl_pool_t* global_pool = nullptr;
 int existing_repositories = 0;
 
-constexpr const char kSeparator[] = HGX_WERN_PG_SEPARATOR;  // "/:properties/"
+constexpr const char kSeparator[] = HGX_WERN_PG_SEPARATOR;   // "/:properties/"
 constexpr size_t kSeparatorLength = sizeof(kSeparator) - 1;  // 13
 constexpr const char kScheme[] = "wrn:";
 constexpr size_t kSchemeLength = sizeof(kScheme) - 1;
-
-// Owning pointer for malloc'd memory, so that every exit of the fill and
-// query paths releases what it created (client objects: hgx_ptr).
 
 // Buffer sizes: a wern or group name, a value, a group type, each with its
 // terminator.
@@ -101,10 +98,7 @@ void property_tree_destroy(pkx_avl_t* tree) {
 }
 
 // A node not yet placed, released by its destructor unless handed to a tree.
-struct NodeDeleter {
-    void operator()(property_table_node_t* node) const { property_table_node_destroy(node); }
-};
-using node_ptr = std::unique_ptr<property_table_node_t, NodeDeleter>;
+using node_ptr = owned<property_table_node_t, property_table_node_destroy>;
 
 node_ptr new_node(repository_type_t kind, const char* name) {
     node_ptr node(static_cast<property_table_node_t*>(pkx_zalloc(sizeof(property_table_node_t))));
@@ -202,9 +196,8 @@ repository_error_t process_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, char* buf
 // service's nested groups are its own; an instance's come from the composed
 // view (of the snapshot, if any).
 repository_error_t process_pg(pkx_avl_t* tree, pkx_avl_pool_t* pool, char* buffer, ssize_t size,
-                              const size_t offset, hgx_handle_t* handle,
-                              hgx_propertygroup_t* group, int is_service,
-                              hgx_snapshot_t* snapshot) {
+                              const size_t offset, hgx_handle_t* handle, hgx_propertygroup_t* group,
+                              int is_service, hgx_snapshot_t* snapshot) {
     PrefixRestore restore{buffer, offset};
     auto usize = static_cast<size_t>(size);
     hgx_ptr<hgx_propertygroup_t> nested(hgx_pg_create(handle));
@@ -421,10 +414,9 @@ int fill_instance_tree(pkx_avl_t* tree, hgx_handle_t* handle) {
     return REPOSITORY_SUCCESS;
 }
 
-struct RegexFree {
-    regex_t* regex;
-    ~RegexFree() { regfree(regex); }
-};
+// Frees a compiled expression on the caller's frame (the object itself is
+// not freed, only what regcomp allocated for it).
+using compiled_regex = owned<regex_t, regfree>;
 
 // Pulls into other_props every service or instance whose wern the pattern
 // selects, unless it was pulled before. A pattern that does not compile
@@ -432,7 +424,7 @@ struct RegexFree {
 int match_instances(repository_t* repository, const char* pattern) {
     regex_t regex;
     if (regcomp(&regex, pattern, REG_EXTENDED | REG_NOSUB) != 0) return 0;
-    RegexFree release{&regex};
+    compiled_regex release(&regex);
     pkx_avl_t* names = repository->instance_names;
     for (auto* node = static_cast<property_table_node_t*>(pkx_avl_first(names)); node != nullptr;
          node = static_cast<property_table_node_t*>(pkx_avl_next(names, node))) {
@@ -535,22 +527,18 @@ const property_info_t* repository_get_property(repository_t* repository, const c
     // Straight from the repository, no snapshot; stored under the name as
     // written so that the next query of it is served from the tree.
     hgx_handle_t* handle = repository->handle;
-    hgx_scope_t* scope = hgx_scope_create(handle);
-    hgx_service_t* service = hgx_service_create(handle);
-    hgx_instance_t* instance = hgx_instance_create(handle);
-    hgx_propertygroup_t* group = hgx_pg_create(handle);
-    hgx_property_t* property = hgx_property_create(handle);
-    property_table_node_t* node = nullptr;
-    if (scope != nullptr && service != nullptr && instance != nullptr && group != nullptr &&
-        property != nullptr &&
-        hgx_handle_decode_wern(handle, name, scope, service, instance, group, property, 0) == 0)
-        node = add_prop(repository->other_props, global_pool, name, property, handle);
-    hgx_scope_destroy(scope);
-    hgx_service_destroy(service);
-    hgx_instance_destroy(instance);
-    hgx_pg_destroy(group);
-    hgx_property_destroy(property);
-    return public_info(node);
+    hgx_ptr<hgx_scope_t> scope(hgx_scope_create(handle));
+    hgx_ptr<hgx_service_t> service(hgx_service_create(handle));
+    hgx_ptr<hgx_instance_t> instance(hgx_instance_create(handle));
+    hgx_ptr<hgx_propertygroup_t> group(hgx_pg_create(handle));
+    hgx_ptr<hgx_property_t> property(hgx_property_create(handle));
+    if (scope == nullptr || service == nullptr || instance == nullptr || group == nullptr ||
+        property == nullptr ||
+        hgx_handle_decode_wern(handle, name, scope.get(), service.get(), instance.get(),
+                               group.get(), property.get(), 0) != 0)
+        return nullptr;
+    return public_info(
+        add_prop(repository->other_props, global_pool, name, property.get(), handle));
 }
 
 property_list_node_t* repository_match_properties(repository_t* repository, const char* pattern,
@@ -558,13 +546,14 @@ property_list_node_t* repository_match_properties(repository_t* repository, cons
     if (repository == nullptr || pattern == nullptr) return nullptr;
     regex_t regex;
     if (regcomp(&regex, pattern, REG_EXTENDED) != 0) return nullptr;
-    RegexFree release{&regex};
+    compiled_regex release(&regex);
     int count = grabs + 1;
 
     const char* start = pattern;
     if (*start == '^') start++;
     while (*start == '(') start++;
-    if (!is_absolute(start)) return match_properties(repository->instance_props, &regex, count, nullptr);
+    if (!is_absolute(start))
+        return match_properties(repository->instance_props, &regex, count, nullptr);
     // The separator without its slash, so that a pattern ending there counts.
     const char* boundary = std::strstr(start, "/:properties");
     if (boundary == nullptr)

@@ -36,7 +36,7 @@ int parse_property(const char* text, expression_t* expression, stencil_t* stenci
 
     // Once a splice has begun the define name is never cleared: a further
     // `]` extends it by the text since the last one.
-    stencil_eval::HeapText define_name;
+    heap_text define_name;
     bool spliced = false;
     const char* piece = text;
     const char* p = text;
@@ -49,7 +49,8 @@ int parse_property(const char* text, expression_t* expression, stencil_t* stenci
             return report_syntax_error(stencil, text, at + 1, at, SE_UNTERMINATED_SECTION);
         }
         if (c == '$' && p[1] == '%' && p[2] == '[') {
-            if (spliced) return report_syntax_error(stencil, text, at + 1, at, SE_ILLEGAL_CHARACTER);
+            if (spliced)
+                return report_syntax_error(stencil, text, at + 1, at, SE_ILLEGAL_CHARACTER);
             spliced = true;
             if (_make_str(&property->property_name, piece, p) != 0) return STENCIL_ERROR_NO_MEMORY;
             p += 3;
@@ -65,7 +66,7 @@ int parse_property(const char* text, expression_t* expression, stencil_t* stenci
             continue;
         }
         if (c == ']' && spliced) {
-            int r = splice_define(stencil, text, piece, p, &define_name.text,
+            int r = splice_define(stencil, text, piece, p, out_text(define_name),
                                   &property->property_name);
             if (r < 0) return r;
             piece = ++p;

@@ -32,9 +32,10 @@ int parse_regex(const char* text, expression_t* expression, stencil_t* stencil) 
     match->invocable = match->name == nullptr ? 1 : 0;
     // Group numbers run on from the enclosing sections; the parent's grabs
     // are known since they are stored before its body is scanned.
-    match->grab_start = match->parent != nullptr ? match->parent->grabs + match->parent->grab_start : 0;
+    match->grab_start =
+        match->parent != nullptr ? match->parent->grabs + match->parent->grab_start : 0;
 
-    stencil_eval::HeapText define_name;
+    heap_text define_name;
     bool spliced = false;
     int grabs = 0;
     const char* piece = text;
@@ -84,7 +85,8 @@ int parse_regex(const char* text, expression_t* expression, stencil_t* stencil) 
                 break;
             case ']':
                 if (spliced) {
-                    int r = splice_define(stencil, text, piece, p, &define_name.text, &match->regex);
+                    int r = splice_define(stencil, text, piece, p, out_text(define_name),
+                                          &match->regex);
                     if (r < 0) return r;
                     piece = ++p;
                     continue;
@@ -170,7 +172,8 @@ int parse_regex_invocation(const char* text, match_t* match, stencil_t* stencil)
         end = stop;
     }
 
-    auto* definition = static_cast<expression_t*>(dictionary_find(stencil->dictionary, match->name));
+    auto* definition =
+        static_cast<expression_t*>(dictionary_find(stencil->dictionary, match->name));
     const size_t name_length = strlen(match->name);
     if (definition == nullptr)
         return report_syntax_error(stencil, match->name, name_length, 0, SE_REGEX_NOT_FOUND);
