@@ -13,11 +13,9 @@
 
 #include "hgx_ptr.h"
 #include "owned.h"
+#include "shared_pool.h"
 
 namespace {
-
-pkx_avl_pool_t* global_pool = nullptr;
-int existing_repositories = 0;
 
 constexpr const char kSeparator[] = HGX_WERN_PG_SEPARATOR;   // "/:properties/"
 constexpr size_t kSeparatorLength = sizeof(kSeparator) - 1;  // 13
@@ -61,6 +59,10 @@ int property_table_node_compare(const void* left, const void* right, void* /*pri
     return c < 0 ? 1 : c > 0 ? -1 : 0;
 }
 
+// All trees of all views.
+shared_pool view_pool{"repository_pool", sizeof(property_table_node_t),
+                      property_table_node_compare};
+
 int place_table_node(pkx_avl_t* tree, pkx_avl_pool_t* pool, property_table_node_t* node,
                      pkx_avl_index_t* where) {
     if (pkx_avl_find(tree, node, nullptr, where) != nullptr) return -1;
@@ -83,7 +85,7 @@ void free_node_contents(property_table_node_t* node) {
 void property_table_node_destroy(property_table_node_t* node) {
     if (node == nullptr) return;
     free_node_contents(node);
-    pkx_avl_node_fini(node, node, global_pool);
+    pkx_avl_node_fini(node, node, view_pool.pool);
     std::free(node);
 }
 
@@ -361,13 +363,13 @@ property_list_node_t* match_properties(pkx_avl_t* tree, regex_t* regex, int coun
 // buffer must have room for the separator behind the wern; it is left
 // altered.
 int add_instance_permutations(char* buffer, pkx_avl_t* tree) {
-    if (add_instance(tree, global_pool, buffer) == nullptr) return -1;
+    if (add_instance(tree, view_pool.pool, buffer) == nullptr) return -1;
     std::strcat(buffer, kSeparator);
-    property_table_node_t* node = add_instance(tree, global_pool, buffer);
+    property_table_node_t* node = add_instance(tree, view_pool.pool, buffer);
     if (node == nullptr) return -1;
     node->info.inst_have_pulled_properties = 1;
     buffer[std::strlen(buffer) - 1] = '\0';
-    node = add_instance(tree, global_pool, buffer);
+    node = add_instance(tree, view_pool.pool, buffer);
     if (node == nullptr) return -1;
     node->info.inst_have_pulled_properties = 1;
     return 0;
@@ -431,7 +433,7 @@ int match_instances(repository_t* repository, const char* pattern) {
         if (regexec(&regex, node->info.wern, 0, nullptr, 0) != 0 ||
             node->info.inst_have_pulled_properties != 0)
             continue;
-        repository_error_t r = fill_tree(repository->other_props, global_pool, node->info.wern,
+        repository_error_t r = fill_tree(repository->other_props, view_pool.pool, node->info.wern,
                                          nullptr, repository->handle, 0);
         if (r != REPOSITORY_SUCCESS) return r;
         node->info.inst_have_pulled_properties = 1;
@@ -453,7 +455,8 @@ repository_error_t repository_create(const char* wern, const char* snapshot,
 
     // Every failure from here on takes the whole view down again, and the
     // pool with it when no other view uses it.
-    auto fail = [repo](repository_error_t error) {
+    bool counted = false;
+    auto fail = [repo, &counted](repository_error_t error) {
         hgx_handle_destroy(repo->handle);
         repo->handle = nullptr;
         property_tree_destroy(repo->instance_props);
@@ -462,27 +465,21 @@ repository_error_t repository_create(const char* wern, const char* snapshot,
         std::free(repo->wern);
         std::free(repo->inst_wrn_mem);
         std::free(repo);
-        if (existing_repositories == 0 && global_pool != nullptr) {
-            pkx_avl_pool_destroy(global_pool);
-            global_pool = nullptr;
-        }
+        if (counted) view_pool.release();
         return error;
     };
 
-    if (global_pool == nullptr) {
-        global_pool = pkx_avl_pool_create("repository_pool", sizeof(property_table_node_t), 0,
-                                          property_table_node_compare, 0);
-        if (global_pool == nullptr) return fail(REPOSITORY_NO_MEMORY);
-    }
-    repo->instance_props = pkx_avl_create(global_pool, nullptr, 0);
-    repo->other_props = pkx_avl_create(global_pool, nullptr, 0);
-    repo->instance_names = pkx_avl_create(global_pool, nullptr, 0);
+    if (view_pool.acquire() == nullptr) return fail(REPOSITORY_NO_MEMORY);
+    counted = true;
+    repo->instance_props = pkx_avl_create(view_pool.pool, nullptr, 0);
+    repo->other_props = pkx_avl_create(view_pool.pool, nullptr, 0);
+    repo->instance_names = pkx_avl_create(view_pool.pool, nullptr, 0);
     if (repo->instance_props == nullptr || repo->other_props == nullptr ||
         repo->instance_names == nullptr)
         return fail(REPOSITORY_NO_MEMORY);
 
     repository_error_t r =
-        fill_tree(repo->instance_props, global_pool, wern, snapshot, repo->handle, 1);
+        fill_tree(repo->instance_props, view_pool.pool, wern, snapshot, repo->handle, 1);
     if (r != REPOSITORY_SUCCESS) return fail(r);
 
     repo->wern = strdup(wern);
@@ -498,7 +495,6 @@ repository_error_t repository_create(const char* wern, const char* snapshot,
     (void)hgx_parse_wern(repo->inst_wrn_mem, nullptr, nullptr, &repo->service_name,
                          &repo->instance_name, nullptr, nullptr, nullptr);
 
-    existing_repositories++;
     *repository = repo;
     return REPOSITORY_SUCCESS;
 }
@@ -512,10 +508,7 @@ void repository_destroy(repository_t* repository) {
     std::free(repository->wern);
     std::free(repository->inst_wrn_mem);
     std::free(repository);
-    if (--existing_repositories == 0) {
-        pkx_avl_pool_destroy(global_pool);
-        global_pool = nullptr;
-    }
+    view_pool.release();
 }
 
 const property_info_t* repository_get_property(repository_t* repository, const char* name) {
@@ -538,7 +531,7 @@ const property_info_t* repository_get_property(repository_t* repository, const c
                                group.get(), property.get(), 0) != 0)
         return nullptr;
     return public_info(
-        add_prop(repository->other_props, global_pool, name, property.get(), handle));
+        add_prop(repository->other_props, view_pool.pool, name, property.get(), handle));
 }
 
 property_list_node_t* repository_match_properties(repository_t* repository, const char* pattern,
@@ -631,5 +624,5 @@ const char* repository_get_service_name(repository_t* repository) {
 const char* repository_get_qrm_method(repository_t* repository) { return repository->qrm_method; }
 const char* repository_get_restarter(repository_t* repository) { return repository->restarter; }
 
-int repository_live_views(void) { return existing_repositories; }
-int repository_pool_exists(void) { return global_pool != nullptr; }
+int repository_live_views(void) { return view_pool.users; }
+int repository_pool_exists(void) { return view_pool.pool != nullptr; }
