@@ -30,39 +30,14 @@ typedef enum repository_error {
 typedef struct property_info {
     const char* wern;  // relative or absolute name; the tree's key
     const repository_type_t repo_type;
-    const char* pg_type;  // group's type text; null for other kinds
+    const char* pg_type;    // group's type text; null for other kinds
     const hgx_type_t type;  // property's value type; 0 for other kinds
     const int num_values;
     const char** values;  // null when there are none
 } property_info_t;
 
-typedef struct local_property_info {
-    char* wern;
-    repository_type_t repo_type;
-    char* pg_type;
-    hgx_type_t type;
-    int num_values;
-    char** values;
-    int inst_have_pulled_properties;  // REPO_TYPE_INSTANCE records only
-} local_property_info_t;
-
-typedef struct property_table_node {
-    pkx_avl_node_t node;
-    local_property_info_t info;
-} property_table_node_t;
-
-typedef struct repository {
-    hgx_handle_t* handle;
-    pkx_avl_t* instance_props;
-    pkx_avl_t* other_props;
-    pkx_avl_t* instance_names;
-    char* wern;
-    const char* instance_name;  // inside inst_wrn_mem; null if none
-    const char* service_name;   // inside inst_wrn_mem
-    char* qrm_method;           // from the environment, not owned
-    char* restarter;            // from the environment, not owned; may be null
-    char* inst_wrn_mem;
-} repository_t;
+// A view; its layout is the module's own.
+typedef struct repository repository_t;
 
 // One query result. matches holds grabs + 2 regmatch_t (null in the lists of
 // repository_get_pgs_by_type); info is borrowed from the view.
@@ -87,7 +62,3 @@ const char* repository_get_instance_name(repository_t* repository);
 const char* repository_get_service_name(repository_t* repository);
 const char* repository_get_qrm_method(repository_t* repository);
 const char* repository_get_restarter(repository_t* repository);
-
-// Module state, visible to tests.
-int repository_live_views(void);
-int repository_pool_exists(void);
