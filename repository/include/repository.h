@@ -47,18 +47,47 @@ typedef struct property_list_node {
     const property_info_t* info;
 } property_list_node_t;
 
+// Binds a client handle to the repository the environment names and reads
+// every group and property of the service or instance wern names into a new
+// view; an instance is read from the snapshot named snapshot (null:
+// "running") when it has one. Stores the view in *repository and returns
+// REPOSITORY_SUCCESS; otherwise stores null there and returns
+// REPOSITORY_NO_MEMORY or REPOSITORY_QRM_ERROR (binding or reading failed),
+// and nothing of the view remains. The caller destroys the view with
+// repository_destroy; wern and snapshot are copied or only read.
 repository_error_t repository_create(const char* wern, const char* snapshot,
                                      repository_t** repository);
+// Releases the view, every record it handed out and its client handle;
+// lists from its queries must be destroyed first. Null is ignored.
 void repository_destroy(repository_t* repository);
 
+// The record of name: relative names come from the view's own service or
+// instance; an absolute wern is read once, straight from the repository
+// (never a snapshot), and then served from the view. Null when there is no
+// such record or it cannot be read. The record belongs to the view and
+// lives as long as it.
 const property_info_t* repository_get_property(repository_t* repository, const char* name);
+// The records whose names the extended regular expression pattern matches,
+// in ascending name order, each with the offsets of the whole match and of
+// grabs groups. A pattern naming other services or instances absolutely
+// first pulls those its instance part selects into the view. Null for no
+// match, a pattern that does not compile, or a failure (no partial list:
+// that would silently skip records). The caller releases the list with
+// property_list_destroy; the records in it belong to the view.
 property_list_node_t* repository_match_properties(repository_t* repository, const char* pattern,
                                                   int grabs);
+// The view's own groups whose type is type, in ascending name order; null
+// for none or on exhausted memory. Owned as repository_match_properties'.
 property_list_node_t* repository_get_pgs_by_type(repository_t* repository, const char* type);
+// Releases a query's list (not the records it points to). Null is ignored.
 void property_list_destroy(property_list_node_t* list);
 
+// The view's wern as given to repository_create, and its parts: the
+// instance name (null for a service) and the service name. Owned by the view.
 const char* repository_get_wern(repository_t* repository);
 const char* repository_get_instance_name(repository_t* repository);
 const char* repository_get_service_name(repository_t* repository);
+// QRM_METHOD and QRM_RESTARTER from the environment when the view was made,
+// not copied: the method is "no method" when unset, the restarter null.
 const char* repository_get_qrm_method(repository_t* repository);
 const char* repository_get_restarter(repository_t* repository);
