@@ -20,6 +20,7 @@
 #include "host.h"
 #include "kelvo.h"
 #include "line_diff.h"
+#include "owned.h"
 
 namespace {
 
@@ -31,10 +32,6 @@ void print_usage(FILE* stream, const char* prog) {
                     "\t-S  set stencil directory (default is %s)\n"),
             prog, KELVO_DEFAULT_STENCIL_DIR);
 }
-
-struct output_deleter {
-    void operator()(stencil_output_buffer_t* b) const { stencil_output_buffer_destroy(b); }
-};
 
 struct diff_run {
     repository_t* repository;
@@ -77,9 +74,9 @@ void warn_missing_directory(const diff_run& run, const char* path) {
 int show_group(const configfile_group& group, defines_t* defines, void* context) {
     auto* run = static_cast<diff_run*>(context);
     stencil_output_buffer_t* raw = nullptr;
-    kelvo_error_t status = evaluate_stencil(run->repository, defines, group.input_file,
-                                            run->stencil_dir, 0, &raw);
-    std::unique_ptr<stencil_output_buffer_t, output_deleter> output(raw);
+    kelvo_error_t status =
+        evaluate_stencil(run->repository, defines, group.input_file, run->stencil_dir, 0, &raw);
+    owned<stencil_output_buffer_t, stencil_output_buffer_destroy> output(raw);
     if (status != KELVO_SUCCESS) return status;
 
     delivery_plan plan;
@@ -139,8 +136,8 @@ std::string change_header(const struct stat* current, mode_t mode, uid_t uid, gi
     if (uid != static_cast<uid_t>(-1) && uid != current->st_uid)
         out += "old owner " + user_name(current->st_uid) + "\nnew owner " + user_name(uid) + "\n";
     if (gid != static_cast<gid_t>(-1) && gid != current->st_gid)
-        out += "old group " + group_name_of(current->st_gid) + "\nnew group " +
-               group_name_of(gid) + "\n";
+        out += "old group " + group_name_of(current->st_gid) + "\nnew group " + group_name_of(gid) +
+               "\n";
     return out;
 }
 
@@ -154,9 +151,15 @@ int kelvo_diff_main(int argc, char** argv) {
     int c;
     while ((c = getopt(argc, argv, "+f:R:S:")) != -1) {
         switch (c) {
-            case 'f': instance_wern = optarg; break;
-            case 'R': root_prefix = optarg; break;
-            case 'S': stencil_dir = optarg; break;
+            case 'f':
+                instance_wern = optarg;
+                break;
+            case 'R':
+                root_prefix = optarg;
+                break;
+            case 'S':
+                stencil_dir = optarg;
+                break;
             default:
                 print_usage(stderr, prog);
                 return KELVO_DIFF_USAGE;

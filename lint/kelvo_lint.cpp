@@ -14,6 +14,7 @@
 #include <memory>
 
 #include "kelvo.h"
+#include "owned.h"
 
 void reference_findings::observe(const stencil_reference_t* reference, void* context) {
     auto* self = static_cast<reference_findings*>(context);
@@ -59,10 +60,6 @@ void print_usage(FILE* stream, const char* prog) {
             prog, KELVO_DEFAULT_STENCIL_DIR);
 }
 
-struct output_deleter {
-    void operator()(stencil_output_buffer_t* b) const { stencil_output_buffer_destroy(b); }
-};
-
 struct lint_run {
     repository_t* repository;
     const char* stencil_dir;
@@ -83,7 +80,7 @@ int lint_stencil(lint_run& run, defines_t* defines, const char* input_file) {
     stencil_output_buffer_t* raw = nullptr;
     kelvo_error_t status = evaluate_stencil(run.repository, defines, input_file, run.stencil_dir, 0,
                                             &raw, reference_findings::observe, &findings);
-    std::unique_ptr<stencil_output_buffer_t, output_deleter> output(raw);
+    owned<stencil_output_buffer_t, stencil_output_buffer_destroy> output(raw);
     if (status != KELVO_SUCCESS) return status;
     char buffer[1024];
     const char* shown = stencil_path(input_file, run.stencil_dir, buffer);
@@ -111,10 +108,18 @@ int kelvo_lint_main(int argc, char** argv) {
     int c;
     while ((c = getopt(argc, argv, "+af:i:S:")) != -1) {
         switch (c) {
-            case 'a': all_configfiles = 1; break;
-            case 'f': instance_wern = optarg; break;
-            case 'i': input_file = optarg; break;
-            case 'S': stencil_dir = optarg; break;
+            case 'a':
+                all_configfiles = 1;
+                break;
+            case 'f':
+                instance_wern = optarg;
+                break;
+            case 'i':
+                input_file = optarg;
+                break;
+            case 'S':
+                stencil_dir = optarg;
+                break;
             default:
                 print_usage(stderr, prog);
                 return KELVO_LINT_USAGE;
@@ -125,8 +130,7 @@ int kelvo_lint_main(int argc, char** argv) {
     if (optind < argc)
         fprintf(stderr, gettext("%s: Illegal argument -- %s\n"), prog, refusal = argv[optind]);
     else if (all_configfiles && input_file != nullptr)
-        fprintf(stderr, gettext("%s: Option -a cannot be present with -i or -o\n"),
-                refusal = prog);
+        fprintf(stderr, gettext("%s: Option -a cannot be present with -i or -o\n"), refusal = prog);
     else if (instance_wern == nullptr)
         fprintf(stderr, gettext("%s: No WERN (use -f)\n"), refusal = prog);
     else if (!all_configfiles && input_file == nullptr)

@@ -167,7 +167,8 @@ int emit_expression(expression_t* expression, stencil_output_buffer_t* buffer, s
 
 int emit_literal(literal_t* literal, stencil_output_buffer_t* buffer, stencil_t* stencil) {
     const stencil_output_functions_t* row = row_for(stencil);
-    return row == nullptr ? STENCIL_ERROR_INTERNAL_ERROR : row->emit_literal(literal, buffer, stencil);
+    return row == nullptr ? STENCIL_ERROR_INTERNAL_ERROR
+                          : row->emit_literal(literal, buffer, stencil);
 }
 
 int emit_regex(match_t* match, stencil_output_buffer_t* buffer, stencil_t* stencil) {
@@ -235,10 +236,10 @@ int expression_to_string(expression_t* expression, stencil_t* stencil, char** ou
 
 int string_buffer_append_expression(string_buffer_t* sb, expression_t* expression,
                                     stencil_t* stencil) {
-    stencil_eval::HeapText text;
-    int r = expression_to_string(expression, stencil, &text.text);
+    heap_text text;
+    int r = expression_to_string(expression, stencil, out_text(text));
     if (r < 0) {
         return r;
     }
-    return string_buffer_append_string(sb, text.text) < 0 ? STENCIL_ERROR_NO_MEMORY : 0;
+    return string_buffer_append_string(sb, text.get()) < 0 ? STENCIL_ERROR_NO_MEMORY : 0;
 }

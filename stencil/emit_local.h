@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdlib>
 
+#include "owned.h"
 #include "stencil.h"
 #include "string_buffer.h"
 
@@ -25,22 +26,6 @@ struct LocalBuffer {
     string_buffer_t* get() { return &sb; }
     const char* str() const { return string_buffer_get_str(&sb); }
     char* take() { return string_buffer_take_ownership(&sb); }
-};
-
-// A heap text owned by the frame (free() on every path out).
-struct HeapText {
-    char* text = nullptr;
-
-    HeapText() = default;
-    HeapText(const HeapText&) = delete;
-    HeapText& operator=(const HeapText&) = delete;
-    ~HeapText() { std::free(text); }
-
-    char* release() {
-        char* t = text;
-        text = nullptr;
-        return t;
-    }
 };
 
 // Sets up a thread-local scratch buffer on its first use and registers it

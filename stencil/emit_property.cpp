@@ -7,7 +7,6 @@
 #include "emit_local.h"
 #include "stencil_internal.h"
 
-using stencil_eval::HeapText;
 using stencil_eval::LocalBuffer;
 
 namespace {
@@ -40,7 +39,8 @@ void observe(const property_t* property, const char* written_name, stencil_t* st
 }
 
 int build_text(property_t* property, string_buffer_t* sb, stencil_t* stencil) {
-    const property_info_t* info = repository_get_property(stencil->repository, property->property_name);
+    const property_info_t* info =
+        repository_get_property(stencil->repository, property->property_name);
     const bool defined = is_defined(info);
 
     switch (property->transform) {
@@ -52,24 +52,24 @@ int build_text(property_t* property, string_buffer_t* sb, stencil_t* stencil) {
         case PT_DELIM: {
             // The delimiter is evaluated even for an undefined property, so a
             // failure inside it is always reported.
-            HeapText delim;
-            int r = expression_to_string(&property->first_expression, stencil, &delim.text);
+            heap_text delim;
+            int r = expression_to_string(&property->first_expression, stencil, out_text(delim));
             if (r < 0) {
                 return r;
             }
-            if (defined && !append_joined(sb, info, delim.text)) {
+            if (defined && !append_joined(sb, info, delim.get())) {
                 return STENCIL_ERROR_NO_MEMORY;
             }
             return 0;
         }
         case PT_IFNDEF:
-            return defined ? 0
-                           : string_buffer_append_expression(sb, &property->first_expression,
-                                                             stencil);
+            return defined
+                       ? 0
+                       : string_buffer_append_expression(sb, &property->first_expression, stencil);
         case PT_IFDEF:
-            return defined ? string_buffer_append_expression(sb, &property->first_expression,
-                                                             stencil)
-                           : 0;
+            return defined
+                       ? string_buffer_append_expression(sb, &property->first_expression, stencil)
+                       : 0;
         case PT_BOOL: {
             // Only the exact first value "true" counts; only the branch
             // taken is evaluated.
@@ -82,20 +82,20 @@ int build_text(property_t* property, string_buffer_t* sb, stencil_t* stencil) {
             if (!defined) {
                 return 0;
             }
-            HeapText prefix;
-            HeapText suffix;
-            int r = expression_to_string(&property->first_expression, stencil, &prefix.text);
+            heap_text prefix;
+            heap_text suffix;
+            int r = expression_to_string(&property->first_expression, stencil, out_text(prefix));
             if (r < 0) {
                 return r;
             }
-            r = expression_to_string(&property->second_expression, stencil, &suffix.text);
+            r = expression_to_string(&property->second_expression, stencil, out_text(suffix));
             if (r < 0) {
                 return r;
             }
             for (int i = 0; i < info->num_values; i++) {
-                if (string_buffer_append_string(sb, prefix.text) < 0 ||
+                if (string_buffer_append_string(sb, prefix.get()) < 0 ||
                     string_buffer_append_string(sb, info->values[i]) < 0 ||
-                    string_buffer_append_string(sb, suffix.text) < 0) {
+                    string_buffer_append_string(sb, suffix.get()) < 0) {
                     return STENCIL_ERROR_NO_MEMORY;
                 }
             }
@@ -106,13 +106,13 @@ int build_text(property_t* property, string_buffer_t* sb, stencil_t* stencil) {
             if (!defined) {
                 return 0;
             }
-            HeapText pattern;
-            HeapText replacement;
-            int r = expression_to_string(&property->first_expression, stencil, &pattern.text);
+            heap_text pattern;
+            heap_text replacement;
+            int r = expression_to_string(&property->first_expression, stencil, out_text(pattern));
             if (r < 0) {
                 return r;
             }
-            r = expression_to_string(&property->second_expression, stencil, &replacement.text);
+            r = expression_to_string(&property->second_expression, stencil, out_text(replacement));
             if (r < 0) {
                 return r;
             }
@@ -120,7 +120,7 @@ int build_text(property_t* property, string_buffer_t* sb, stencil_t* stencil) {
             for (int i = 0; i < info->num_values; i++) {
                 // "first" is per value: each value gets its own first match.
                 const char* replaced =
-                    replace_string(info->values[i], pattern.text, replacement.text, all);
+                    replace_string(info->values[i], pattern.get(), replacement.get(), all);
                 if (replaced == nullptr) {
                     return STENCIL_ERROR_NO_MEMORY;
                 }
@@ -158,10 +158,9 @@ int emit_property(property_t* property, stencil_output_buffer_t* buffer, stencil
     }
     // The mode's operation reads the final name from the record; the parsed
     // name is put back afterwards so that each visit starts from it again.
-    HeapText final_name;
-    final_name.text = name.take();
-    property->property_name = final_name.text;
-    if (stencil->observer != nullptr && final_name.text != nullptr)
+    heap_text final_name(name.take());
+    property->property_name = final_name.get();
+    if (stencil->observer != nullptr && final_name.get() != nullptr)
         observe(property, parsed_name, stencil);
     r = emit_property_by_mode(property, buffer, stencil);
     property->property_name = parsed_name;

@@ -16,7 +16,6 @@
 #include "emit_local.h"
 #include "stencil_internal.h"
 
-using stencil_eval::HeapText;
 using stencil_eval::LocalBuffer;
 
 namespace {
@@ -76,10 +75,10 @@ const char* transform_wern_pass_two(regex_context_t* context, string_buffer_t* s
         }
     } else if (transform == PT_REPLACE_FIRST || transform == PT_REPLACE_ALL) {
         const char* tail = string_buffer_get_str(sb) + context->mark;
-        const char* replaced =
-            replace_string(tail, context->first_transform != nullptr ? context->first_transform : "",
-                           context->second_transform != nullptr ? context->second_transform : "",
-                           transform == PT_REPLACE_ALL ? 1 : 0);
+        const char* replaced = replace_string(
+            tail, context->first_transform != nullptr ? context->first_transform : "",
+            context->second_transform != nullptr ? context->second_transform : "",
+            transform == PT_REPLACE_ALL ? 1 : 0);
         if (replaced == nullptr) {
             return nullptr;
         }
@@ -129,17 +128,17 @@ regex_context_t* match_regex(match_t* match, stencil_t* stencil) {
     }
     // Operands see the sections around this one: the stencil's context is
     // still theirs.
-    HeapText first;
-    HeapText second;
-    if (expression_to_string(&match->first_expression, stencil, &first.text) < 0 ||
-        expression_to_string(&match->second_expression, stencil, &second.text) < 0) {
+    heap_text first;
+    heap_text second;
+    if (expression_to_string(&match->first_expression, stencil, out_text(first)) < 0 ||
+        expression_to_string(&match->second_expression, stencil, out_text(second)) < 0) {
         return nullptr;
     }
     regex_context_t own{};
     own.regex = match;
     own.prev = stencil->context;
-    own.first_transform = first.text;
-    own.second_transform = second.text;
+    own.first_transform = first.get();
+    own.second_transform = second.get();
     const char* transformed = transform_wern(match->regex, &own, 1);
     if (transformed == nullptr) {
         return nullptr;

@@ -6,23 +6,12 @@
 
 #include <cstring>
 
-#include "emit_local.h"
+#include "parse_raw.h"
 #include "stencil_internal.h"
 
 namespace {
 
 bool is_operator(char c) { return c != '\0' && strchr("'+,-?^", c) != nullptr; }
-
-// Scans one operand into `operand` as a pseudo-base, so that a `}` of this
-// level ends it. The type goes back to ET_BASE whatever happens: a finished
-// tree holds no pseudo-bases.
-int scan_operand(const char* text, expression_t* operand, stencil_t* stencil,
-                 const char* delimiters) {
-    operand->type = ET_PSEUDOBASE;
-    int r = parse_stencil(text, operand, stencil, delimiters);
-    operand->type = ET_BASE;
-    return r;
-}
 
 }  // namespace
 
@@ -34,11 +23,7 @@ int parse_property(const char* text, expression_t* expression, stencil_t* stenci
     property->first_expression.type = ET_BASE;
     property->second_expression.type = ET_BASE;
 
-    // Once a splice has begun the define name is never cleared: a further
-    // `]` extends it by the text since the last one.
-    stencil_eval::HeapText define_name;
-    bool spliced = false;
-    const char* piece = text;
+    define_splice splice(text);
     const char* p = text;
     for (;;) {
         const char c = *p;
@@ -49,11 +34,7 @@ int parse_property(const char* text, expression_t* expression, stencil_t* stenci
             return report_syntax_error(stencil, text, at + 1, at, SE_UNTERMINATED_SECTION);
         }
         if (c == '$' && p[1] == '%' && p[2] == '[') {
-            if (spliced) return report_syntax_error(stencil, text, at + 1, at, SE_ILLEGAL_CHARACTER);
-            spliced = true;
-            if (_make_str(&property->property_name, piece, p) != 0) return STENCIL_ERROR_NO_MEMORY;
-            p += 3;
-            piece = p;
+            if (int r = splice.open(stencil, p, &property->property_name); r < 0) return r;
             continue;
         }
         if (c == ':') {
@@ -64,22 +45,19 @@ int parse_property(const char* text, expression_t* expression, stencil_t* stenci
             p += (p[1] == '\0' || p[1] == '\n') ? 1 : 2;
             continue;
         }
-        if (c == ']' && spliced) {
-            int r = splice_define(stencil, text, piece, p, &define_name.text,
-                                  &property->property_name);
-            if (r < 0) return r;
-            piece = ++p;
+        if (splice.closes_at(p)) {
+            if (int r = splice.close(stencil, p, &property->property_name); r < 0) return r;
             continue;
         }
         if (c == '}') {
-            if (_make_str(&property->property_name, piece, p) != 0) return STENCIL_ERROR_NO_MEMORY;
+            if (int r = splice.finish(p, &property->property_name); r < 0) return r;
             return static_cast<int>(p + 1 - text);
         }
         ++p;
     }
 
     // p is at the `:` in front of an operator.
-    if (_make_str(&property->property_name, piece, p) != 0) return STENCIL_ERROR_NO_MEMORY;
+    if (int r = splice.finish(p, &property->property_name); r < 0) return r;
     ++p;
     const char* delimiters = "/";
     switch (*p++) {
@@ -117,16 +95,10 @@ int parse_property(const char* text, expression_t* expression, stencil_t* stenci
             return STENCIL_ERROR_INTERNAL_ERROR;
     }
 
-    int r = scan_operand(p, &property->first_expression, stencil, delimiters);
-    if (r < 0) return r;
-    const char* stop = p + r;
-    if (*stop == '\0') return unterminated_at(stencil, text, stop);
-    if (*stop != '/') return static_cast<int>(stop + 1 - text);
-
-    const char* second = stop + 1;
-    r = scan_operand(second, &property->second_expression, stencil, nullptr);
-    if (r < 0) return r;
-    stop = second + r;
-    if (*stop == '\0') return unterminated_at(stencil, text, stop);
+    // As pseudo-bases the operands end at the form's `}`.
+    int error = 0;
+    const char* stop = scan_operands(text, p, &property->first_expression, delimiters,
+                                     &property->second_expression, nullptr, true, stencil, &error);
+    if (stop == nullptr) return error;
     return static_cast<int>(stop + 1 - text);
 }

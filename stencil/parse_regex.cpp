@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "emit_local.h"
+#include "parse_raw.h"
 #include "stencil_internal.h"
 
 match_t* parse_parent = nullptr;
@@ -32,12 +32,11 @@ int parse_regex(const char* text, expression_t* expression, stencil_t* stencil) 
     match->invocable = match->name == nullptr ? 1 : 0;
     // Group numbers run on from the enclosing sections; the parent's grabs
     // are known since they are stored before its body is scanned.
-    match->grab_start = match->parent != nullptr ? match->parent->grabs + match->parent->grab_start : 0;
+    match->grab_start =
+        match->parent != nullptr ? match->parent->grabs + match->parent->grab_start : 0;
 
-    stencil_eval::HeapText define_name;
-    bool spliced = false;
+    define_splice splice(text);
     int grabs = 0;
-    const char* piece = text;
     const char* p = text;
     const char* brace = nullptr;
     while (brace == nullptr) {
@@ -51,12 +50,7 @@ int parse_regex(const char* text, expression_t* expression, stencil_t* stencil) 
                 return report_syntax_error(stencil, text, at + 1, at, SE_UNTERMINATED_SECTION);
             case '$':
                 if (p[1] == '%' && p[2] == '[') {
-                    if (spliced)
-                        return report_syntax_error(stencil, text, at + 1, at, SE_ILLEGAL_CHARACTER);
-                    spliced = true;
-                    if (_make_str(&match->regex, piece, p) != 0) return STENCIL_ERROR_NO_MEMORY;
-                    p += 3;
-                    piece = p;
+                    if (int r = splice.open(stencil, p, &match->regex); r < 0) return r;
                     continue;
                 }
                 break;
@@ -83,10 +77,8 @@ int parse_regex(const char* text, expression_t* expression, stencil_t* stencil) 
                 }
                 break;
             case ']':
-                if (spliced) {
-                    int r = splice_define(stencil, text, piece, p, &define_name.text, &match->regex);
-                    if (r < 0) return r;
-                    piece = ++p;
+                if (splice.closes_at(p)) {
+                    if (int r = splice.close(stencil, p, &match->regex); r < 0) return r;
                     continue;
                 }
                 break;
@@ -97,7 +89,7 @@ int parse_regex(const char* text, expression_t* expression, stencil_t* stencil) 
     }
 
     // p is at the `/` that closes the pattern.
-    if (_make_str(&match->regex, piece, p) != 0) return STENCIL_ERROR_NO_MEMORY;
+    if (int r = splice.finish(p, &match->regex); r < 0) return r;
     if (match->name != nullptr && dictionary_find(stencil->dictionary, match->name) != nullptr) {
         size_t at = static_cast<size_t>(brace - text);
         return report_syntax_error(stencil, text, at + 1, at, SE_DUPLICATE_REGEX_NAME);
@@ -156,21 +148,14 @@ int parse_regex_invocation(const char* text, match_t* match, stencil_t* stencil)
 
     if (end == nullptr) {
         // Operands come before the name is looked up, so their errors win.
-        int r = parse_stencil(p, &match->first_expression, stencil, "/]");
-        if (r < 0) return r;
-        const char* stop = p + r;
-        if (*stop == '\0') return unterminated_at(stencil, text, stop);
-        if (*stop == '/') {
-            const char* second = stop + 1;
-            r = parse_stencil(second, &match->second_expression, stencil, "]");
-            if (r < 0) return r;
-            stop = second + r;
-            if (*stop == '\0') return unterminated_at(stencil, text, stop);
-        }
-        end = stop;
+        int error = 0;
+        end = scan_operands(text, p, &match->first_expression, "/]", &match->second_expression, "]",
+                            false, stencil, &error);
+        if (end == nullptr) return error;
     }
 
-    auto* definition = static_cast<expression_t*>(dictionary_find(stencil->dictionary, match->name));
+    auto* definition =
+        static_cast<expression_t*>(dictionary_find(stencil->dictionary, match->name));
     const size_t name_length = strlen(match->name);
     if (definition == nullptr)
         return report_syntax_error(stencil, match->name, name_length, 0, SE_REGEX_NOT_FOUND);

@@ -7,15 +7,16 @@
 #include <cstdlib>
 #include <cstring>
 
-namespace {
+#include "shared_pool.h"
 
-pkx_avl_pool_t* global_pool = nullptr;
-int existing_defines = 0;
+namespace {
 
 int defines_entry_compare(const void* left, const void* right, void* /*priv*/) {
     return std::strcmp(static_cast<const defines_entry_t*>(left)->name,
                        static_cast<const defines_entry_t*>(right)->name);
 }
+
+shared_pool pool{"defines_pool", sizeof(defines_entry_t), defines_entry_compare};
 
 void free_entry(defines_entry_t* entry) {
     std::free(const_cast<char*>(entry->name));
@@ -29,40 +30,29 @@ void free_entry(defines_entry_t* entry) {
 defines_t* defines_create(void) {
     auto* defines = static_cast<defines_t*>(pkx_zalloc(sizeof(defines_t)));
     if (defines == nullptr) return nullptr;
-    if (global_pool == nullptr) {
-        global_pool = pkx_avl_pool_create("defines_pool", sizeof(defines_entry_t), 0,
-                                          defines_entry_compare, 0);
-        if (global_pool == nullptr) {
-            std::free(defines);
-            return nullptr;
-        }
-    }
-    defines->entries = pkx_avl_create(global_pool, nullptr, 0);
-    if (defines->entries == nullptr) {
-        // The pool stays while another table still uses it.
-        if (existing_defines == 0) {
-            pkx_avl_pool_destroy(global_pool);
-            global_pool = nullptr;
-        }
+    if (pool.acquire() == nullptr) {
         std::free(defines);
         return nullptr;
     }
-    existing_defines++;
+    defines->entries = pkx_avl_create(pool.pool, nullptr, 0);
+    if (defines->entries == nullptr) {
+        pool.release();
+        std::free(defines);
+        return nullptr;
+    }
     return defines;
 }
 
 void defines_destroy(defines_t* defines) {
     if (defines == nullptr) return;
     void* cookie = nullptr;
-    while (auto* entry = static_cast<defines_entry_t*>(pkx_avl_teardown(defines->entries, &cookie))) {
-        pkx_avl_node_fini(entry, entry, global_pool);
+    while (auto* entry =
+               static_cast<defines_entry_t*>(pkx_avl_teardown(defines->entries, &cookie))) {
+        pkx_avl_node_fini(entry, entry, pool.pool);
         free_entry(entry);
     }
     pkx_avl_destroy(defines->entries);
-    if (--existing_defines == 0) {
-        pkx_avl_pool_destroy(global_pool);
-        global_pool = nullptr;
-    }
+    pool.release();
     std::free(defines);
 }
 
@@ -84,7 +74,7 @@ int defines_add(defines_t* defines, const char* name, const char* value) {
         free_entry(entry);
         return -2;
     }
-    pkx_avl_node_init(entry, entry, global_pool);
+    pkx_avl_node_init(entry, entry, pool.pool);
     pkx_avl_insert(defines->entries, entry, where);
     return 0;
 }
@@ -96,7 +86,8 @@ int defines_count(defines_t* defines) {
 const char* defines_find(defines_t* defines, const char* name) {
     defines_entry_t key{};
     key.name = name;
-    auto* entry = static_cast<defines_entry_t*>(pkx_avl_find(defines->entries, &key, nullptr, nullptr));
+    auto* entry =
+        static_cast<defines_entry_t*>(pkx_avl_find(defines->entries, &key, nullptr, nullptr));
     return entry == nullptr ? nullptr : entry->value;
 }
 
@@ -115,5 +106,5 @@ char* defines_walk_next(defines_t* /*defines*/, pkx_avl_walk_t* walk) {
     return entry->macro;
 }
 
-int defines_live_tables(void) { return existing_defines; }
-int defines_pool_exists(void) { return global_pool != nullptr; }
+int defines_live_tables(void) { return pool.users; }
+int defines_pool_exists(void) { return pool.pool != nullptr; }

@@ -17,14 +17,24 @@ typedef struct defines_entry {
     char* macro;        // owned: the define as stencil text
 } defines_entry_t;
 
+// A new empty table, or null on exhausted memory. The caller destroys it
+// with defines_destroy.
 defines_t* defines_create(void);
+// Releases the table and every text it handed out. Null is ignored.
 void defines_destroy(defines_t* defines);
-// 0 added; -1 the name exists already (table unchanged); -2 out of memory.
+// Copies name and value in. 0 added; -1 the name exists already (table
+// unchanged); -2 out of memory (table unchanged).
 int defines_add(defines_t* defines, const char* name, const char* value);
+// The number of defines in the table.
 int defines_count(defines_t* defines);
+// The value of name, owned by the table; null when it is not there.
 const char* defines_find(defines_t* defines, const char* name);
+// Starts a walk in ascending name order; null on exhausted memory. The
+// table must not change while the walk lasts.
 pkx_avl_walk_t* defines_walk_start(defines_t* defines);
-// The next define's macro text, or null at the end, when the walk is ended.
+// The next define's macro text, owned by the table; null at the end, when
+// the walk is ended and released (a walk left before its end is ended with
+// pkx_avl_walk_end).
 char* defines_walk_next(defines_t* defines, pkx_avl_walk_t* walk);
 
 // Module state, visible to tests: number of live tables, and whether the

@@ -7,39 +7,32 @@
 #include <cstdlib>
 #include <cstring>
 
-namespace {
+#include "shared_pool.h"
 
-pkx_avl_pool_t* global_pool = nullptr;
-int existing_dictionaries = 0;
+namespace {
 
 int dictionary_entry_compare(const void* left, const void* right, void* /*priv*/) {
     return std::strcmp(static_cast<const dictionary_entry_t*>(left)->name,
                        static_cast<const dictionary_entry_t*>(right)->name);
 }
 
+shared_pool pool{"dictionary_pool", sizeof(dictionary_entry_t), dictionary_entry_compare};
+
 }  // namespace
 
 dictionary_t* dictionary_create(void) {
     auto* dictionary = static_cast<dictionary_t*>(pkx_zalloc(sizeof(dictionary_t)));
     if (dictionary == nullptr) return nullptr;
-    if (global_pool == nullptr) {
-        global_pool = pkx_avl_pool_create("dictionary_pool", sizeof(dictionary_entry_t), 0,
-                                          dictionary_entry_compare, 0);
-        if (global_pool == nullptr) {
-            std::free(dictionary);
-            return nullptr;
-        }
-    }
-    dictionary->entries = pkx_avl_create(global_pool, nullptr, 0);
-    if (dictionary->entries == nullptr) {
-        if (existing_dictionaries == 0) {
-            pkx_avl_pool_destroy(global_pool);
-            global_pool = nullptr;
-        }
+    if (pool.acquire() == nullptr) {
         std::free(dictionary);
         return nullptr;
     }
-    existing_dictionaries++;
+    dictionary->entries = pkx_avl_create(pool.pool, nullptr, 0);
+    if (dictionary->entries == nullptr) {
+        pool.release();
+        std::free(dictionary);
+        return nullptr;
+    }
     return dictionary;
 }
 
@@ -48,15 +41,12 @@ void dictionary_destroy(dictionary_t* dictionary) {
     void* cookie = nullptr;
     while (auto* entry =
                static_cast<dictionary_entry_t*>(pkx_avl_teardown(dictionary->entries, &cookie))) {
-        pkx_avl_node_fini(entry, entry, global_pool);
+        pkx_avl_node_fini(entry, entry, pool.pool);
         std::free(const_cast<char*>(entry->name));
         std::free(entry);
     }
     pkx_avl_destroy(dictionary->entries);
-    if (--existing_dictionaries == 0) {
-        pkx_avl_pool_destroy(global_pool);
-        global_pool = nullptr;
-    }
+    pool.release();
     std::free(dictionary);
 }
 
@@ -73,7 +63,7 @@ int dictionary_add(dictionary_t* dictionary, const char* name, void* entry) {
         std::free(node);
         return -2;
     }
-    pkx_avl_node_init(node, node, global_pool);
+    pkx_avl_node_init(node, node, pool.pool);
     pkx_avl_insert(dictionary->entries, node, where);
     return 0;
 }
@@ -81,10 +71,10 @@ int dictionary_add(dictionary_t* dictionary, const char* name, void* entry) {
 void* dictionary_find(dictionary_t* dictionary, const char* name) {
     dictionary_entry_t key{};
     key.name = name;
-    auto* node = static_cast<dictionary_entry_t*>(
-        pkx_avl_find(dictionary->entries, &key, nullptr, nullptr));
+    auto* node =
+        static_cast<dictionary_entry_t*>(pkx_avl_find(dictionary->entries, &key, nullptr, nullptr));
     return node == nullptr ? nullptr : node->entry;
 }
 
-int dictionary_live_tables(void) { return existing_dictionaries; }
-int dictionary_pool_exists(void) { return global_pool != nullptr; }
+int dictionary_live_tables(void) { return pool.users; }
+int dictionary_pool_exists(void) { return pool.pool != nullptr; }

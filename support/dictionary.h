@@ -14,11 +14,20 @@ typedef struct dictionary_entry {
     void* entry;       // match_t or macro_t, borrowed
 } dictionary_entry_t;
 
+// A new empty dictionary, or null on exhausted memory. The caller destroys
+// it with dictionary_destroy.
 dictionary_t* dictionary_create(void);
+// Releases the dictionary and its name copies, not the definitions. Null is
+// ignored.
 void dictionary_destroy(dictionary_t* dictionary);
-// 0 added; -1 the name exists already; -2 out of memory.
+// Copies name in and keeps entry borrowed; the entry must outlive the
+// dictionary. 0 added; -1 the name exists already; -2 out of memory (the
+// dictionary unchanged in both).
 int dictionary_add(dictionary_t* dictionary, const char* name, void* entry);
+// The definition named name (borrowed), or null when there is none.
 void* dictionary_find(dictionary_t* dictionary, const char* name);
 
+// Module state, visible to tests: live dictionaries, and whether their pool
+// exists.
 int dictionary_live_tables(void);
 int dictionary_pool_exists(void);

@@ -32,3 +32,20 @@ struct destroyer {
 // never see it; unique_ptr does not call it for null.
 template <typename T, void (*Destroy)(T*)>
 using owned = std::unique_ptr<T, destroyer<T, Destroy>>;
+
+// Lets a function that takes heap text through a char** parameter (to fill,
+// grow or replace it) work on a heap_text: f(..., out_text(text)). The
+// function sees what text held; whatever it leaves there, on success or
+// failure, is owned by text again once the call's full expression ends.
+class out_text {
+  public:
+    explicit out_text(heap_text& owner) : owner_(owner), raw_(owner.release()) {}
+    out_text(const out_text&) = delete;
+    out_text& operator=(const out_text&) = delete;
+    ~out_text() { owner_.reset(raw_); }
+    operator char**() noexcept { return &raw_; }
+
+  private:
+    heap_text& owner_;
+    char* raw_;
+};

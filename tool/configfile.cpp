@@ -17,11 +17,7 @@
 
 namespace {
 
-struct list_deleter {
-    void operator()(property_list_node_t* list) const { property_list_destroy(list); }
-};
-using property_list = std::unique_ptr<property_list_node_t, list_deleter>;
-
+using property_list = owned<property_list_node_t, property_list_destroy>;
 
 // The mode text of a group: octal with nothing after it. Reports and gives
 // false for a bad one.
@@ -69,7 +65,7 @@ int add_configfile_defines(defines_t* defines, repository_t* repository, const c
     // number of slashes, so every record whose name holds "<group>/defines"
     // is taken, also those of other groups whose names end in <group>.
     size_t size = strlen(group) + strlen("defines/*") + 2;
-    heap_text pattern(static_cast<char*>(malloc(size)));
+    heap_text pattern = alloc_text(size);
     if (!pattern) die(KELVO_SYSERR, gettext("Out of memory\n"));
     snprintf(pattern.get(), size, "%s/defines/*", group);
 
@@ -92,12 +88,13 @@ int walk_configfiles(repository_t* repository, defines_t** defines, configfile_w
     int status = KELVO_SUCCESS;
     walk.failed = 0;
     ssize_t limit = hgx_limit(HGX_LIMIT_WERN_LENGTH);
-    if (limit <= 0) die(KELVO_QRMERR, gettext("Unable to get properties for %s"),
-                        repository_get_wern(repository));
+    if (limit <= 0)
+        die(KELVO_QRMERR, gettext("Unable to get properties for %s"),
+            repository_get_wern(repository));
     // One buffer for the run: "<group>/" stays in front, and only the
     // property name behind it is rewritten for each read.
     const size_t wern_limit = static_cast<size_t>(limit);
-    heap_text buffer(static_cast<char*>(malloc(wern_limit + 1)));
+    heap_text buffer = alloc_text(wern_limit + 1);
     if (!buffer) die(KELVO_SYSERR, gettext("Out of memory\n"));
     char* property_path = buffer.get();
 
@@ -126,8 +123,8 @@ int walk_configfiles(repository_t* repository, defines_t** defines, configfile_w
             size_t name_start = length + 1;
             size_t name_room = wern_limit - length;
             auto read = [&](const char* name, int optional, const char** value) {
-                return get_single_property(repository, name, property_path, name_start,
-                                           name_room, optional, value);
+                return get_single_property(repository, name, property_path, name_start, name_room,
+                                           optional, value);
             };
 
             if (read("disabled", 1, &disabled_text) != 0) {

@@ -10,11 +10,7 @@
 #include <string>
 #include <string_view>
 
-// Text from malloc, strdup or realpath, released with free.
-struct free_deleter {
-    void operator()(void* p) const { std::free(p); }
-};
-using heap_text = std::unique_ptr<char, free_deleter>;
+#include "owned.h"
 
 // BSD-style bounded copy and append: the result is always terminated (when
 // size > 0) and the return value is the length the whole text would have,

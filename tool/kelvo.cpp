@@ -148,8 +148,7 @@ class file_delivery {
 
         uid_t uid = static_cast<uid_t>(-1);
         gid_t gid = static_cast<gid_t>(-1);
-        if (resolve_owner(owner_name, group_name, &uid, &gid) != KELVO_SUCCESS)
-            return KELVO_SYSERR;
+        if (resolve_owner(owner_name, group_name, &uid, &gid) != KELVO_SUCCESS) return KELVO_SYSERR;
         if (uid != static_cast<uid_t>(-1) || gid != static_cast<gid_t>(-1)) {
             while ((rc = fchown(fd_, uid, gid)) != 0 && errno == EINTR) {
             }
@@ -195,16 +194,6 @@ class file_delivery {
     int fd_ = -1;
     bool written_ = false;    // the open for writing succeeded
     bool succeeded_ = false;  // the call ends with KELVO_SUCCESS
-};
-
-struct stencil_deleter {
-    void operator()(stencil_t* s) const { stencil_destroy(s); }
-};
-struct output_deleter {
-    void operator()(stencil_output_buffer_t* b) const { stencil_output_buffer_destroy(b); }
-};
-struct iter_deleter {
-    void operator()(stencil_syntax_error_iter_t* i) const { stencil_syntax_error_iterator_destroy(i); }
 };
 
 }  // namespace
@@ -365,8 +354,8 @@ void add_optarg_define(defines_t* defines, char* argument) {
     if (add_single_define(defines, copy.get(), equals + 1) != 0) exit(1);
 }
 
-kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines,
-                               const char* input_file, const char* stencil_dir, int list_mode,
+kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines, const char* input_file,
+                               const char* stencil_dir, int list_mode,
                                stencil_output_buffer_t** text, stencil_reference_fn observer,
                                void* context) {
     *text = nullptr;
@@ -379,7 +368,7 @@ kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines,
 
     stencil_t* raw_stencil = nullptr;
     stencil_error_t result = stencil_load(path, &raw_stencil, defines);
-    std::unique_ptr<stencil_t, stencil_deleter> stencil(raw_stencil);
+    owned<stencil_t, stencil_destroy> stencil(raw_stencil);
     switch (result) {
         case STENCIL_SUCCESS:
             break;
@@ -397,7 +386,7 @@ kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines,
             return KELVO_SYSERR;
         case STENCIL_ERROR_SYNTAX: {
             fprintf(stderr, gettext("Stencil at %s has syntax errors:\n"), shown_path);
-            std::unique_ptr<stencil_syntax_error_iter_t, iter_deleter> iter(
+            owned<stencil_syntax_error_iter_t, stencil_syntax_error_iterator_destroy> iter(
                 stencil_syntax_error_iterator_create(stencil.get()));
             if (iter) {
                 while (const stencil_syntax_error_t* error =
@@ -417,7 +406,7 @@ kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines,
     result = observer != nullptr
                  ? stencil_apply_observed(stencil.get(), repository, observer, context, &raw_output)
                  : stencil_apply(stencil.get(), repository, output_mode, &raw_output);
-    std::unique_ptr<stencil_output_buffer_t, output_deleter> output(raw_output);
+    owned<stencil_output_buffer_t, stencil_output_buffer_destroy> output(raw_output);
     switch (result) {
         case STENCIL_SUCCESS:
             break;
@@ -449,7 +438,7 @@ kelvo_error_t apply_stencil(repository_t* repository, defines_t* defines, const 
     kelvo_error_t evaluated =
         evaluate_stencil(repository, defines, input_file, stencil_dir, list_mode, &raw_output);
     // Nothing reads the output tree after the delivery; it goes with the call.
-    std::unique_ptr<stencil_output_buffer_t, output_deleter> output(raw_output);
+    owned<stencil_output_buffer_t, stencil_output_buffer_destroy> output(raw_output);
     if (evaluated != KELVO_SUCCESS) return evaluated;
 
     if (output_file == nullptr) {
@@ -501,26 +490,54 @@ int kelvo_main(int argc, char** argv) {
     int c;
     while ((c = getopt(argc, argv, "+aD:f:g:i:lL:m:o:O:pR::S:ux")) != -1) {
         switch (c) {
-            case 'a': all_configfiles = 1; break;
-            case 'D': add_optarg_define(defines, optarg); break;
-            case 'f': instance_wern = optarg; break;
-            case 'g': group_name = optarg; break;
-            case 'i': input_file = optarg; break;
-            case 'l': list_mode = 1; break;
-            case 'L': take_lofs_options(optarg, &lofs_options, &lofs_options_len); break;
-            case 'm': output_mode = parse_mode_option(optarg); break;
-            case 'o': output_file = optarg; break;
-            case 'O': owner_name = optarg; break;
-            case 'p': create_dirs = 1; break;
+            case 'a':
+                all_configfiles = 1;
+                break;
+            case 'D':
+                add_optarg_define(defines, optarg);
+                break;
+            case 'f':
+                instance_wern = optarg;
+                break;
+            case 'g':
+                group_name = optarg;
+                break;
+            case 'i':
+                input_file = optarg;
+                break;
+            case 'l':
+                list_mode = 1;
+                break;
+            case 'L':
+                take_lofs_options(optarg, &lofs_options, &lofs_options_len);
+                break;
+            case 'm':
+                output_mode = parse_mode_option(optarg);
+                break;
+            case 'o':
+                output_file = optarg;
+                break;
+            case 'O':
+                owner_name = optarg;
+                break;
+            case 'p':
+                create_dirs = 1;
+                break;
             case 'R':
                 if (optarg != nullptr)
                     root_prefix = optarg;
                 else if (optind < argc)
                     root_prefix = argv[optind++];
                 break;
-            case 'S': stencil_dir = optarg; break;
-            case 'u': undo = 1; break;
-            case 'x': stop_on_error = 1; break;
+            case 'S':
+                stencil_dir = optarg;
+                break;
+            case 'u':
+                undo = 1;
+                break;
+            case 'x':
+                stop_on_error = 1;
+                break;
             default:
                 defines_destroy(defines);
                 usage(stderr);

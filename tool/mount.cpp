@@ -159,7 +159,7 @@ int undo_file(const char* output_file, const char* root_prefix, int mount_flag) 
     if (root_prefix == nullptr) return unlink(output_file);
     // No length limit: the path is built to the size it needs.
     size_t size = strlen(output_file) + strlen(root_prefix) + 2;
-    heap_text path(static_cast<char*>(malloc(size)));
+    heap_text path = alloc_text(size);
     if (!path) die(KELVO_SYSERR, gettext("Out of memory\n"));
     snprintf(path.get(), size, "%s/%s", root_prefix, output_file);
     return unlink(path.get());

@@ -1,6 +1,7 @@
 #include "e2e_util.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -14,8 +15,6 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-
-#include <gtest/gtest.h>
 
 extern char** environ;
 
@@ -36,9 +35,18 @@ void pump(int in_fd, const std::string& input, int out_fd, int err_fd, Result& r
         pollfd fds[3];
         int n = 0;
         int idx_in = -1, idx_out = -1, idx_err = -1;
-        if (in_fd >= 0) { fds[n] = {in_fd, POLLOUT, 0}; idx_in = n++; }
-        if (out_fd >= 0) { fds[n] = {out_fd, POLLIN, 0}; idx_out = n++; }
-        if (err_fd >= 0) { fds[n] = {err_fd, POLLIN, 0}; idx_err = n++; }
+        if (in_fd >= 0) {
+            fds[n] = {in_fd, POLLOUT, 0};
+            idx_in = n++;
+        }
+        if (out_fd >= 0) {
+            fds[n] = {out_fd, POLLIN, 0};
+            idx_out = n++;
+        }
+        if (err_fd >= 0) {
+            fds[n] = {err_fd, POLLIN, 0};
+            idx_err = n++;
+        }
         if (poll(fds, n, -1) < 0) {
             if (errno == EINTR) continue;
             throw std::runtime_error("poll failed");
@@ -94,7 +102,8 @@ class ClusterPass : public ::testing::Environment {
         if (e.rfind("skip:", 0) == 0) GTEST_SKIP() << e;
     }
 };
-[[maybe_unused]] const auto* const cluster_pass = ::testing::AddGlobalTestEnvironment(new ClusterPass);
+[[maybe_unused]] const auto* const cluster_pass =
+    ::testing::AddGlobalTestEnvironment(new ClusterPass);
 
 }  // namespace
 
@@ -139,8 +148,10 @@ Result run(const Run& given) {
         dup2(out[1], 1);
         dup2(err[1], 2);
         for (auto& [k, v] : r.env) {
-            if (v) setenv(k.c_str(), v->c_str(), 1);
-            else unsetenv(k.c_str());
+            if (v)
+                setenv(k.c_str(), v->c_str(), 1);
+            else
+                unsetenv(k.c_str());
         }
         if (!r.cwd.empty() && chdir(r.cwd.c_str()) != 0) _exit(126);
         execvp(argv[0], argv.data());
@@ -152,29 +163,10 @@ Result run(const Run& given) {
     Result res;
     pump(in[1], r.input, out[0], err[0], res);
     int st = 0;
-    while (waitpid(pid, &st, 0) < 0 && errno == EINTR) {}
+    while (waitpid(pid, &st, 0) < 0 && errno == EINTR) {
+    }
     res.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
     return res;
-}
-
-TempDir::TempDir() {
-    const char* base = getenv("TMPDIR");
-    std::string tmpl = std::string(base && *base ? base : "/tmp") + "/kelvo-test-XXXXXX";
-    std::vector<char> buf(tmpl.begin(), tmpl.end());
-    buf.push_back('\0');
-    if (!mkdtemp(buf.data())) throw std::runtime_error("mkdtemp failed");
-    path_ = buf.data();
-}
-
-TempDir::~TempDir() {
-    std::error_code ec;
-    // Tests may leave files without permission bits; make them removable.
-    for (auto it = std::filesystem::recursive_directory_iterator(path_, ec);
-         !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
-        std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
-                                     std::filesystem::perm_options::add, ec);
-    }
-    std::filesystem::remove_all(path_, ec);
 }
 
 void write_file(const std::string& path, const std::string& content) {
@@ -217,9 +209,8 @@ Result kelvo(const std::string& repository, const std::vector<std::string>& args
     return program(kelvo_bin(), repository, args, input, std::move(env));
 }
 
-Result program(const char* bin, const std::string& repository,
-               const std::vector<std::string>& args, const std::string& input,
-               std::map<std::string, std::optional<std::string>> env) {
+Result program(const char* bin, const std::string& repository, const std::vector<std::string>& args,
+               const std::string& input, std::map<std::string, std::optional<std::string>> env) {
     Run r;
     r.args = {bin};
     r.args.insert(r.args.end(), args.begin(), args.end());

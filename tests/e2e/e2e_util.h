@@ -8,6 +8,8 @@
 #include <tuple>
 #include <vector>
 
+#include "../common/temp_dir.h"
+
 namespace e2e {
 
 struct Result {
@@ -47,18 +49,7 @@ using Whole = std::tuple<int, std::string, std::string>;
 inline Whole whole(const Result& r) { return {r.status, r.out, r.err}; }
 
 // A scratch directory, removed with its contents when the object goes.
-class TempDir {
-  public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& path() const { return path_; }
-    std::string operator/(const std::string& rel) const { return path_ + "/" + rel; }
-
-  private:
-    std::string path_;
-};
+using testing_support::TempDir;
 
 void write_file(const std::string& path, const std::string& content);
 std::string read_file(const std::string& path);
@@ -83,8 +74,8 @@ Result kelvo(const std::string& repository, const std::vector<std::string>& args
              std::map<std::string, std::optional<std::string>> env = {});
 
 // As kelvo(), for another program that reads the repository as kelvo does.
-Result program(const char* bin, const std::string& repository,
-               const std::vector<std::string>& args, const std::string& input = "",
+Result program(const char* bin, const std::string& repository, const std::vector<std::string>& args,
+               const std::string& input = "",
                std::map<std::string, std::optional<std::string>> env = {});
 
 Result hgxrepo(const std::vector<std::string>& args, const std::string& input = "");

@@ -15,6 +15,8 @@
 #include <fstream>
 #include <thread>
 
+#include "../common/temp_dir.h"
+
 namespace etcd_testing {
 
 namespace {
@@ -172,12 +174,11 @@ bool EtcdServer::start(const Options& options, std::string* why) {
         return false;
     }
     if (options.dir.empty()) {
-        char tmpl[] = "/tmp/kelvo-etcd-XXXXXX";
-        if (!mkdtemp(tmpl)) {
+        dir_ = testing_support::make_temp_dir("kelvo-etcd");
+        if (dir_.empty()) {
             *why = "cannot make a temporary directory";
             return false;
         }
-        dir_ = tmpl;
         own_dir_ = true;
     } else {
         dir_ = options.dir;

@@ -94,7 +94,7 @@ void change(const std::string& path) {
 class Client : public ::testing::Test {
   protected:
     void SetUp() override {
-        path = dir.path + "/repo.db";
+        path = dir.path() + "/repo.db";
         build(path);
         h = bind(path);
         ASSERT_NE(h, nullptr);
@@ -417,8 +417,8 @@ TEST_F(Client, BoundHandleKeepsItsStateWhileAnotherProcessWrites) {
 
 TEST(Bind, EachFailureHasItsOwnCodeAndText) {
     TempDir dir;
-    std::string text = dir.path + "/text", other = dir.path + "/other.db",
-                empty = dir.path + "/empty", sub = dir.path + "/sub";
+    std::string text = dir.path() + "/text", other = dir.path() + "/other.db",
+                empty = dir.path() + "/empty", sub = dir.path() + "/sub";
     unit::write_file(text, "this is not a database at all, just some text that is long enough\n");
     unit::write_file(empty, "");
     std::filesystem::create_directory(sub);
@@ -433,8 +433,8 @@ TEST(Bind, EachFailureHasItsOwnCodeAndText) {
         std::string file;
         hgx_error_t code;
     } cases[] = {
-        {dir.path + "/missing.db", HGX_ERROR_NO_REPOSITORY},
-        {dir.path + "/missing/deeper.db", HGX_ERROR_NO_REPOSITORY},
+        {dir.path() + "/missing.db", HGX_ERROR_NO_REPOSITORY},
+        {dir.path() + "/missing/deeper.db", HGX_ERROR_NO_REPOSITORY},
         {text, HGX_ERROR_NOT_A_REPOSITORY},
         {other, HGX_ERROR_SCHEMA_MISMATCH},
         {empty, HGX_ERROR_SCHEMA_MISMATCH},

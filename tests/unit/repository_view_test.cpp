@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "hgxrepo.h"
-#include "repository.h"
+#include "repository_internal.h"
 #include "unit_util.h"
 
 namespace {

@@ -26,7 +26,8 @@ using defines_ptr = std::unique_ptr<defines_t, defines_deleter>;
 
 inline defines_ptr make_defines(const std::vector<std::pair<std::string, std::string>>& pairs) {
     defines_ptr defines(defines_create());
-    for (const auto& [name, value] : pairs) EXPECT_EQ(defines_add(defines.get(), name.c_str(), value.c_str()), 0);
+    for (const auto& [name, value] : pairs)
+        EXPECT_EQ(defines_add(defines.get(), name.c_str(), value.c_str()), 0);
     return defines;
 }
 
@@ -75,19 +76,23 @@ inline std::string dump(const expression_t* e) {
             return quote(reinterpret_cast<const literal_t*>(e)->str);
         case ET_PROPERTY: {
             auto* p = reinterpret_cast<const property_t*>(e);
-            std::string out = "{" + quote(p->property_name);
+            std::string out = "{";
+            out += quote(p->property_name);
             if (p->transform != PT_NONE)
-                out += " T" + std::to_string(p->transform) + " " + dump_children(&p->first_expression) +
-                       " / " + dump_children(&p->second_expression);
+                out += " T" + std::to_string(p->transform) + " " +
+                       dump_children(&p->first_expression) + " / " +
+                       dump_children(&p->second_expression);
             return out + "}";
         }
         case ET_REGEX: {
             auto* m = reinterpret_cast<const match_t*>(e);
-            std::string out = "/" + quote(m->regex) + "/";
+            std::string out = "/";
+            out.append(quote(m->regex)).append("/");
             if (m->name) out += (m->invocable ? " inv " : " def ") + std::string(m->name);
             if (m->transform != PT_NONE)
-                out += " T" + std::to_string(m->transform) + " " + dump_children(&m->first_expression) +
-                       " / " + dump_children(&m->second_expression);
+                out += " T" + std::to_string(m->transform) + " " +
+                       dump_children(&m->first_expression) + " / " +
+                       dump_children(&m->second_expression);
             return out + "[" + dump_children(e) + "]";
         }
         case ET_MACRO: {
@@ -95,8 +100,10 @@ inline std::string dump(const expression_t* e) {
             std::string out = "m " + std::string(m->name) + "(";
             for (int i = 0; i < m->num_args; ++i) {
                 if (i) out += ",";
-                if (m->args) out += m->args[i];
-                else if (m->arg_expressions) out += dump_children(&m->arg_expressions[i]);
+                if (m->args)
+                    out += m->args[i];
+                else if (m->arg_expressions)
+                    out += dump_children(&m->arg_expressions[i]);
             }
             return out + ")[" + dump_children(e) + "]";
         }

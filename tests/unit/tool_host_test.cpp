@@ -36,7 +36,7 @@ TEST(ToolHost, StrlcpyAndStrlcat) {
 
 TEST(ToolHost, Mkdirp) {
     unit::TempDir dir;
-    const std::string& base = dir.path;
+    const std::string& base = dir.path();
     std::string deep = base + "/a//b/c/";
     EXPECT_EQ(mkdirp(deep.c_str(), 0755), 0);
     struct stat st;
@@ -85,7 +85,7 @@ TEST(ToolHost, LofsOptionString) {
 
 TEST(ToolHost, UndoBuildsPathBelowPrefix) {
     unit::TempDir dir;
-    const std::string& base = dir.path;
+    const std::string& base = dir.path();
     const std::string file = dir / "f";
     unit::write_file(file, "");
     // "/f" below the prefix gives base + "//f": the same file.

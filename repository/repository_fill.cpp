@@ -1,0 +1,359 @@
+// Filling the repository view: the records of one service or instance read
+// through the client into a tree, and the names of all services and
+// instances for queries that pull others in.
+//
+// Trees sort in descending strcmp order of names (see repository.cpp).
+
+#include <cstdlib>
+#include <cstring>
+
+#include "hgx_ptr.h"
+#include "owned.h"
+#include "repository_internal.h"
+
+namespace repository_internal {
+
+constexpr const char kSeparator[] = HGX_WERN_PG_SEPARATOR;   // "/:properties/"
+constexpr size_t kSeparatorLength = sizeof(kSeparator) - 1;  // 13
+
+// Buffer sizes: a wern or group name, a value, a group type, each with its
+// terminator.
+size_t wern_buffer_size() { return static_cast<size_t>(hgx_limit(HGX_LIMIT_WERN_LENGTH)) + 1; }
+size_t value_buffer_size() { return static_cast<size_t>(hgx_limit(HGX_LIMIT_VALUE_LENGTH)) + 1; }
+size_t pg_type_buffer_size() {
+    return static_cast<size_t>(hgx_limit(HGX_LIMIT_PG_TYPE_LENGTH)) + 1;
+}
+
+// Copies src into dst of size bytes, truncating, always terminated (size > 0).
+void bounded_copy(char* dst, const char* src, size_t size) {
+    if (size == 0) return;
+    size_t n = std::strlen(src);
+    if (n >= size) n = size - 1;
+    std::memcpy(dst, src, n);
+    dst[n] = '\0';
+}
+
+// Appends src to the text in dst of size bytes, truncating.
+void bounded_append(char* dst, const char* src, size_t size) {
+    size_t used = strnlen(dst, size);
+    if (used < size) bounded_copy(dst + used, src, size - used);
+}
+
+int property_table_node_compare(const void* left, const void* right, void* /*priv*/) {
+    int c = std::strcmp(static_cast<const property_table_node_t*>(left)->info.wern,
+                        static_cast<const property_table_node_t*>(right)->info.wern);
+    return c < 0 ? 1 : c > 0 ? -1 : 0;
+}
+
+// All trees of all views.
+shared_pool view_pool{"repository_pool", sizeof(property_table_node_t),
+                      property_table_node_compare};
+
+int place_table_node(pkx_avl_t* tree, pkx_avl_pool_t* pool, property_table_node_t* node,
+                     pkx_avl_index_t* where) {
+    if (pkx_avl_find(tree, node, nullptr, where) != nullptr) return -1;
+    pkx_avl_node_init(node, node, pool);
+    pkx_avl_insert(tree, node, *where);
+    return 0;
+}
+
+void free_node_contents(property_table_node_t* node) {
+    local_property_info_t& info = node->info;
+    if (info.values != nullptr) {
+        for (int i = 0; i < info.num_values; i++) std::free(info.values[i]);
+    }
+    std::free(info.values);
+    std::free(info.wern);
+    std::free(info.pg_type);
+}
+
+// For a node in no tree, also one that place_table_node turned away.
+void property_table_node_destroy(property_table_node_t* node) {
+    if (node == nullptr) return;
+    free_node_contents(node);
+    pkx_avl_node_fini(node, node, view_pool.pool);
+    std::free(node);
+}
+
+void property_tree_destroy(pkx_avl_t* tree) {
+    if (tree == nullptr) return;
+    void* cookie = nullptr;
+    while (auto* node = static_cast<property_table_node_t*>(pkx_avl_teardown(tree, &cookie))) {
+        free_node_contents(node);
+        std::free(node);
+    }
+    pkx_avl_destroy(tree);
+}
+
+// A node not yet placed, released by its destructor unless handed to a tree.
+using node_ptr = owned<property_table_node_t, property_table_node_destroy>;
+
+node_ptr new_node(repository_type_t kind, const char* name) {
+    node_ptr node(static_cast<property_table_node_t*>(pkx_zalloc(sizeof(property_table_node_t))));
+    if (node == nullptr) return node;
+    node->info.repo_type = kind;
+    node->info.wern = strdup(name);
+    if (node->info.wern == nullptr) node.reset();
+    return node;
+}
+
+// Hands a finished node to its tree; null (and the node freed) if the name
+// is there already.
+property_table_node_t* place(pkx_avl_t* tree, pkx_avl_pool_t* pool, node_ptr node) {
+    pkx_avl_index_t where = 0;
+    if (place_table_node(tree, pool, node.get(), &where) != 0) return nullptr;
+    return node.release();
+}
+
+property_table_node_t* add_instance(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* name) {
+    node_ptr node = new_node(REPO_TYPE_INSTANCE, name);
+    if (node == nullptr) return nullptr;
+    return place(tree, pool, std::move(node));
+}
+
+property_table_node_t* add_pg(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* name,
+                              hgx_propertygroup_t* group) {
+    node_ptr node = new_node(REPO_TYPE_PG, name);
+    if (node == nullptr) return nullptr;
+    size_t size = pg_type_buffer_size();
+    node->info.pg_type = static_cast<char*>(std::malloc(size));
+    if (node->info.pg_type == nullptr || hgx_pg_get_type(group, node->info.pg_type, size) < 0)
+        return nullptr;
+    return place(tree, pool, std::move(node));
+}
+
+property_table_node_t* add_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* name,
+                                hgx_property_t* property, hgx_handle_t* handle) {
+    node_ptr node = new_node(REPO_TYPE_PROPERTY, name);
+    size_t size = value_buffer_size();
+    heap_text value_text = alloc_text(size);
+    if (node == nullptr || value_text == nullptr) return nullptr;
+    local_property_info_t& info = node->info;
+    if (hgx_property_type(property, &info.type) != 0) return nullptr;
+
+    hgx_ptr<hgx_iter_t> iter(hgx_iter_create(handle));
+    hgx_ptr<hgx_value_t> value(hgx_value_create(handle));
+    if (iter == nullptr || value == nullptr || hgx_iter_property_values(iter.get(), property) != 0)
+        return nullptr;
+    // A failed step ends the values like the end does.
+    while (hgx_iter_next_value(iter.get(), value.get()) > 0) {
+        if (hgx_value_get_as_string(value.get(), value_text.get(), size) < 0) return nullptr;
+        auto* grown = static_cast<char**>(
+            std::realloc(info.values, (static_cast<size_t>(info.num_values) + 1) * sizeof(char*)));
+        if (grown == nullptr) return nullptr;
+        info.values = grown;
+        char* copy = strdup(value_text.get());
+        if (copy == nullptr) return nullptr;
+        info.values[info.num_values++] = copy;
+    }
+    return place(tree, pool, std::move(node));
+}
+
+// Puts the relative part of an object's wern (what follows the first
+// separator) into buffer + offset. False if the wern has no separator.
+bool copy_relative(char* buffer, size_t size, size_t offset, const char* wern) {
+    const char* sep = std::strstr(wern, kSeparator);
+    if (sep == nullptr) return false;
+    bounded_copy(buffer + offset, sep + kSeparatorLength, size - offset);
+    return true;
+}
+
+// Clears the name behind the prefix whichever way a fill step ends.
+struct PrefixRestore {
+    char* buffer;
+    size_t offset;
+    ~PrefixRestore() { buffer[offset] = '\0'; }
+};
+
+repository_error_t process_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, char* buffer, ssize_t size,
+                                const size_t offset, hgx_handle_t* handle,
+                                hgx_property_t* property) {
+    PrefixRestore restore{buffer, offset};
+    auto usize = static_cast<size_t>(size);
+    heap_text wern = alloc_text(usize);
+    if (wern == nullptr) return REPOSITORY_NO_MEMORY;
+    if (hgx_property_to_wern(property, wern.get(), usize) == -1) return REPOSITORY_QRM_ERROR;
+    // The client always writes a property's wern with the separator; one
+    // without it is a client fault.
+    if (!copy_relative(buffer, usize, offset, wern.get())) return REPOSITORY_QRM_ERROR;
+    if (add_prop(tree, pool, buffer, property, handle) == nullptr) return REPOSITORY_NO_MEMORY;
+    return REPOSITORY_SUCCESS;
+}
+
+// Adds one group, its properties and, recursively, its nested groups. A
+// service's nested groups are its own; an instance's come from the composed
+// view (of the snapshot, if any).
+repository_error_t process_pg(pkx_avl_t* tree, pkx_avl_pool_t* pool, char* buffer, ssize_t size,
+                              const size_t offset, hgx_handle_t* handle, hgx_propertygroup_t* group,
+                              int is_service, hgx_snapshot_t* snapshot) {
+    PrefixRestore restore{buffer, offset};
+    auto usize = static_cast<size_t>(size);
+    hgx_ptr<hgx_propertygroup_t> nested(hgx_pg_create(handle));
+    hgx_ptr<hgx_property_t> property(hgx_property_create(handle));
+    hgx_ptr<hgx_iter_t> iter(hgx_iter_create(handle));
+    heap_text wern = alloc_text(usize);
+    if (nested == nullptr || property == nullptr || iter == nullptr || wern == nullptr)
+        return REPOSITORY_NO_MEMORY;
+
+    if (hgx_pg_to_wern(group, wern.get(), usize) == -1) return REPOSITORY_QRM_ERROR;
+    if (!copy_relative(buffer, usize, offset, wern.get())) return REPOSITORY_QRM_ERROR;
+    // The group is on record even when it holds no properties.
+    if (add_pg(tree, pool, buffer, group) == nullptr) return REPOSITORY_NO_MEMORY;
+
+    if (hgx_iter_pg_properties(iter.get(), group) != 0) return REPOSITORY_QRM_ERROR;
+    while (hgx_iter_next_property(iter.get(), property.get()) > 0) {
+        repository_error_t r =
+            process_prop(tree, pool, buffer, size, offset, handle, property.get());
+        if (r != REPOSITORY_SUCCESS) return r;
+    }
+
+    int started = is_service ? hgx_iter_pg_pgs(iter.get(), group)
+                             : hgx_iter_pg_pgs_composed(iter.get(), group, snapshot);
+    if (started != 0) return REPOSITORY_QRM_ERROR;
+    while (hgx_iter_next_pg(iter.get(), nested.get()) > 0) {
+        repository_error_t r = process_pg(tree, pool, buffer, size, offset, handle, nested.get(),
+                                          is_service, snapshot);
+        if (r != REPOSITORY_SUCCESS) return r;
+    }
+    return REPOSITORY_SUCCESS;
+}
+
+// Adds every group of the service or instance that wern names, under
+// relative names, or under absolute ones made of wern, separator and the
+// relative name. An instance is read from the named snapshot ("running" by
+// default) when it has one, else directly; its group "general" is always
+// read outside the snapshot, with current values.
+repository_error_t fill_tree(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* wern,
+                             const char* snapshot_name, hgx_handle_t* handle,
+                             const int relative_names) {
+    size_t size = wern_buffer_size();
+    heap_text pg_name = alloc_text(size);
+    hgx_ptr<hgx_service_t> service(hgx_service_create(handle));
+    hgx_ptr<hgx_instance_t> instance(hgx_instance_create(handle));
+    hgx_ptr<hgx_snapshot_t> snapshot(hgx_snapshot_create(handle));
+    hgx_ptr<hgx_propertygroup_t> group(hgx_pg_create(handle));
+    hgx_ptr<hgx_iter_t> iter(hgx_iter_create(handle));
+    heap_text buffer = alloc_text(size);
+    if (pg_name == nullptr || service == nullptr || instance == nullptr || snapshot == nullptr ||
+        group == nullptr || iter == nullptr || buffer == nullptr)
+        return REPOSITORY_NO_MEMORY;
+
+    // The bounded copies keep the offset inside the buffer even for a wern
+    // too long to leave room for the relative name.
+    buffer[0] = '\0';
+    if (!relative_names) {
+        bounded_copy(buffer.get(), wern, size);
+        bounded_append(buffer.get(), kSeparator, size);
+    }
+    size_t offset = std::strlen(buffer.get());
+    auto ssize = static_cast<ssize_t>(size);
+
+    if (hgx_handle_decode_wern(handle, wern, nullptr, service.get(), nullptr, nullptr, nullptr,
+                               HGX_DECODE_SERVICE_ONLY) == 0) {
+        if (hgx_iter_service_pgs(iter.get(), service.get()) != 0) return REPOSITORY_QRM_ERROR;
+        while (hgx_iter_next_pg(iter.get(), group.get()) > 0) {
+            if (hgx_pg_get_name(group.get(), pg_name.get(), size) < 0) return REPOSITORY_QRM_ERROR;
+            if (std::strcmp(pg_name.get(), "general") == 0 &&
+                hgx_service_get_pg(service.get(), "general", group.get()) != 0)
+                return REPOSITORY_QRM_ERROR;
+            repository_error_t r = process_pg(tree, pool, buffer.get(), ssize, offset, handle,
+                                              group.get(), 1, nullptr);
+            if (r != REPOSITORY_SUCCESS) return r;
+            buffer[offset] = '\0';
+        }
+        return REPOSITORY_SUCCESS;
+    }
+
+    // The wern names more than a service: read it as an instance.
+    if (hgx_error() != HGX_ERROR_CONSTRAINT_VIOLATED) return REPOSITORY_QRM_ERROR;
+    if (hgx_handle_decode_wern(handle, wern, nullptr, service.get(), instance.get(), nullptr,
+                               nullptr, HGX_DECODE_INSTANCE_ONLY) != 0)
+        return REPOSITORY_QRM_ERROR;
+
+    const char* name = snapshot_name != nullptr ? snapshot_name : "running";
+    if (hgx_instance_get_snapshot(instance.get(), name, snapshot.get()) == 0) {
+        if (hgx_iter_instance_pgs_composed(iter.get(), instance.get(), snapshot.get()) != 0)
+            return REPOSITORY_QRM_ERROR;
+    } else if (hgx_error() == HGX_ERROR_NOT_FOUND) {
+        snapshot.reset();
+        if (hgx_iter_instance_pgs(iter.get(), instance.get()) != 0) return REPOSITORY_QRM_ERROR;
+    } else {
+        return REPOSITORY_QRM_ERROR;
+    }
+
+    while (hgx_iter_next_pg(iter.get(), group.get()) > 0) {
+        if (hgx_pg_get_name(group.get(), pg_name.get(), size) < 0) return REPOSITORY_QRM_ERROR;
+        hgx_snapshot_t* group_snapshot = snapshot.get();
+        if (std::strcmp(pg_name.get(), "general") == 0) {
+            if (hgx_instance_get_pg_composed(instance.get(), nullptr, "general", group.get()) != 0)
+                return REPOSITORY_QRM_ERROR;
+            group_snapshot = nullptr;
+        }
+        repository_error_t r = process_pg(tree, pool, buffer.get(), ssize, offset, handle,
+                                          group.get(), 0, group_snapshot);
+        if (r != REPOSITORY_SUCCESS) return r;
+        buffer[offset] = '\0';
+    }
+    return REPOSITORY_SUCCESS;
+}
+
+// The three names under which a service or instance can be matched: the
+// wern (which a pull starts from), and the wern with the separator, with and
+// without its last slash (for patterns that end there; these never pull).
+// buffer must have room for the separator behind the wern; it is left
+// altered.
+int add_instance_permutations(char* buffer, pkx_avl_t* tree) {
+    if (add_instance(tree, view_pool.pool, buffer) == nullptr) return -1;
+    std::strcat(buffer, kSeparator);
+    property_table_node_t* node = add_instance(tree, view_pool.pool, buffer);
+    if (node == nullptr) return -1;
+    node->info.inst_have_pulled_properties = 1;
+    buffer[std::strlen(buffer) - 1] = '\0';
+    node = add_instance(tree, view_pool.pool, buffer);
+    if (node == nullptr) return -1;
+    node->info.inst_have_pulled_properties = 1;
+    return 0;
+}
+
+int client_failure() {
+    return hgx_error() == HGX_ERROR_NO_MEMORY ? REPOSITORY_NO_MEMORY : REPOSITORY_QRM_ERROR;
+}
+
+int fill_instance_tree(pkx_avl_t* tree, hgx_handle_t* handle) {
+    // Room for the longest wern and the separator appended to it.
+    size_t size = wern_buffer_size() + kSeparatorLength;
+    hgx_ptr<hgx_scope_t> scope(hgx_scope_create(handle));
+    hgx_ptr<hgx_service_t> service(hgx_service_create(handle));
+    hgx_ptr<hgx_instance_t> instance(hgx_instance_create(handle));
+    hgx_ptr<hgx_iter_t> services(hgx_iter_create(handle));
+    hgx_ptr<hgx_iter_t> instances(hgx_iter_create(handle));
+    heap_text buffer = alloc_text(size);
+    if (buffer == nullptr) return REPOSITORY_NO_MEMORY;
+    if (scope == nullptr || service == nullptr || instance == nullptr || services == nullptr ||
+        instances == nullptr)
+        return client_failure();
+
+    if (hgx_handle_get_scope(handle, "localhost", scope.get()) != 0 ||
+        hgx_iter_scope_services(services.get(), scope.get()) != 0)
+        return client_failure();
+
+    // Unlike the group loops of a fill, these tell a failed step from the end.
+    int step;
+    while ((step = hgx_iter_next_service(services.get(), service.get())) == 1) {
+        if (hgx_service_to_wern(service.get(), buffer.get(), size) < 0) return client_failure();
+        if (int r = add_instance_permutations(buffer.get(), tree); r != 0) return r;
+        if (hgx_iter_service_instances(instances.get(), service.get()) != 0)
+            return client_failure();
+        int inner;
+        while ((inner = hgx_iter_next_instance(instances.get(), instance.get())) == 1) {
+            if (hgx_instance_to_wern(instance.get(), buffer.get(), size) < 0)
+                return client_failure();
+            if (int r = add_instance_permutations(buffer.get(), tree); r != 0) return r;
+        }
+        if (inner == -1) return client_failure();
+    }
+    if (step == -1) return client_failure();
+    return REPOSITORY_SUCCESS;
+}
+
+}  // namespace repository_internal

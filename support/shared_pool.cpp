@@ -1,0 +1,17 @@
+#include "shared_pool.h"
+
+pkx_avl_pool_t* shared_pool::acquire() {
+    if (pool == nullptr) {
+        pool = pkx_avl_pool_create(name, entry_size, 0, compare, 0);
+        if (pool == nullptr) return nullptr;
+    }
+    users++;
+    return pool;
+}
+
+void shared_pool::release() {
+    if (--users == 0) {
+        pkx_avl_pool_destroy(pool);
+        pool = nullptr;
+    }
+}

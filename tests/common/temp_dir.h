@@ -1,0 +1,60 @@
+// The tests' scratch directories: one helper for the unit tests, the
+// end-to-end tests and the test etcd.
+#pragma once
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace testing_support {
+
+// Makes a new empty directory under $TMPDIR (or /tmp) whose name starts with
+// prefix; returns its path, or an empty string when it cannot be made. The
+// caller removes it.
+inline std::string make_temp_dir(const std::string& prefix) {
+    const char* base = getenv("TMPDIR");
+    if (base == nullptr || *base == '\0') base = "/tmp";
+    std::vector<char> name(base, base + strlen(base));
+    name.push_back('/');
+    name.insert(name.end(), prefix.begin(), prefix.end());
+    for (const char* p = "-XXXXXX"; *p != '\0'; ++p) name.push_back(*p);
+    name.push_back('\0');
+    if (mkdtemp(name.data()) == nullptr) return std::string();
+    return std::string(name.data());
+}
+
+// A scratch directory, removed with its contents when the object goes.
+// Throws when no directory can be made: a test cannot go on without one.
+class TempDir {
+  public:
+    TempDir() : path_(make_temp_dir("kelvo-test")) {
+        if (path_.empty()) throw std::runtime_error("mkdtemp failed");
+    }
+    ~TempDir() {
+        std::error_code ec;
+        // Tests may leave files without permission bits; make them removable.
+        for (auto it = std::filesystem::recursive_directory_iterator(path_, ec);
+             !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+            std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
+                                         std::filesystem::perm_options::add, ec);
+        }
+        std::filesystem::remove_all(path_, ec);
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return path_; }
+    std::string operator/(const std::string& rel) const {
+        std::string joined = path_;
+        return joined.append("/").append(rel);
+    }
+
+  private:
+    std::string path_;
+};
+
+}  // namespace testing_support
