@@ -87,6 +87,16 @@ typedef struct regex_context {
     size_t mark;
 } regex_context_t;
 
+// A failed load's syntax errors, newest first.
+typedef struct stencil_syntax_error_list {
+    struct stencil_syntax_error_list* next;
+    stencil_syntax_error_t syntax_error;
+} stencil_syntax_error_list_t;
+
+struct stencil_syntax_error_iter {
+    stencil_syntax_error_list_t* list;  // the next error to hand out; borrowed
+};
+
 struct stencil {
     expression_t base;
     defines_t* defines;        // not owned

@@ -5,7 +5,9 @@
 // handler is installed with the first registration only, so a run that never
 // registers anything leaves exit untouched.
 
-#include "atexit_free.h"
+#include "support_internal.h"
+
+#include <pthread.h>
 
 #include <cstdlib>
 

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "shared_pool.h"
+#include "support_internal.h"
 
 namespace {
 

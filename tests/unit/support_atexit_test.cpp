@@ -11,7 +11,7 @@
 
 #include <cstdlib>
 
-#include "atexit_free.h"
+#include "support_internal.h"
 
 namespace {
 

@@ -8,6 +8,7 @@
 
 #include "defines.h"
 #include "dictionary.h"
+#include "support_internal.h"
 
 namespace {
 

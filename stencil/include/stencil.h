@@ -64,29 +64,47 @@ typedef enum syntax_error {
     SE_REGEX_IS_MACRO = 16,
 } syntax_error_t;
 
+// One syntax error of a failed load. The record and error_line belong to the
+// stencil and live as long as it.
 typedef struct stencil_syntax_error {
-    const char* error_line;  // the text the error is about; owned by the list
-    size_t error_location;   // index of the offending character
-    int line_number;
+    const char* error_line;  // the text the error is about; owned by the stencil
+    size_t error_location;   // index of the offending character in error_line
+    int line_number;         // stencil line, from 1
     syntax_error_t err;
 } stencil_syntax_error_t;
 
-typedef struct stencil_syntax_error_list {
-    struct stencil_syntax_error_list* next;
-    stencil_syntax_error_t syntax_error;
-} stencil_syntax_error_list_t;
+// A walk over a stencil's syntax errors; its layout is the module's own.
+typedef struct stencil_syntax_error_iter stencil_syntax_error_iter_t;
 
-typedef struct stencil_syntax_error_iter {
-    stencil_syntax_error_list_t* list;
-} stencil_syntax_error_iter_t;
-
+// A parsed stencil; its layout is the module's own.
 typedef struct stencil stencil_t;
 
-// A null file name reads standard input. A stencil that failed to parse is
-// still handed out (so its errors can be listed); the caller destroys it.
+// Reads file_name (null: standard input, which is left open) and parses it.
+// Returns STENCIL_SUCCESS with the stencil in *stencil. When the text does
+// not parse, the stencil is still stored in *stencil (so that its errors can
+// be walked) and STENCIL_ERROR_SYNTAX, or STENCIL_ERROR_NO_MEMORY when the
+// heap or the stack ran out, is returned. When the file cannot be read or
+// the stencil record not made, stores null in *stencil and returns the
+// STENCIL_ERROR_* its errno maps to (NO_SUCH_FILE, PERMISSIONS,
+// NO_RESOURCES, LONG_FILENAME, NO_MEMORY; INTERNAL_ERROR, with a line on
+// standard error, for any other). Whatever it stores, the
+// caller destroys it with stencil_destroy. defines is borrowed, may be
+// null, and must outlive the stencil: defines are spliced in at load and
+// read again by every evaluation.
 stencil_error_t stencil_load(const char* file_name, stencil_t** stencil, defines_t* defines);
+// Releases the stencil, its expression tree and its syntax errors (so
+// records from stencil_syntax_error_iterator_next die with it); not its
+// defines. Output trees it produced are independent of it. Null is ignored.
 void stencil_destroy(stencil_t* stencil);
 
+// Evaluates the stencil against repository (borrowed for the call only). On success stores
+// the root of a new output tree in *out and returns STENCIL_SUCCESS; the
+// caller releases the tree with stencil_output_buffer_destroy. On failure
+// stores null in *out (unless out itself is null) and returns a negative
+// stencil_error_t: STENCIL_ERROR_INVALID_ARGUMENT for a null stencil or out,
+// or a stencil with syntax errors; STENCIL_ERROR_NO_MEMORY when the heap or
+// the stack ran out. The stencil may be applied again, to the same or
+// another repository, but by one thread at a time.
 stencil_error_t stencil_apply(stencil_t* stencil, repository_t* repository,
                               stencil_output_mode_t mode, stencil_output_buffer_t** out);
 
@@ -99,23 +117,44 @@ typedef struct stencil_reference {
     int defined;         // the name gave a value
 } stencil_reference_t;
 typedef void (*stencil_reference_fn)(const stencil_reference_t* reference, void* context);
-// As stencil_apply in normal mode, calling observer for every property
-// reference each time the evaluation visits it. A reference the evaluation
+// As stencil_apply in normal mode (same results, same ownership of *out),
+// calling observer for every property reference each time the evaluation
+// visits it. A reference the evaluation
 // never reaches (an untaken branch, the body of a section without matches)
-// is not visited.
+// is not visited. The reference record and its texts are valid only during
+// the call; observer must not use the stencil. STENCIL_ERROR_INVALID_ARGUMENT
+// for a null stencil (*out then untouched).
 stencil_error_t stencil_apply_observed(stencil_t* stencil, repository_t* repository,
                                        stencil_reference_fn observer, void* context,
                                        stencil_output_buffer_t** out);
+
+// Writes the tree's text to fd in order, retrying short writes. Returns
+// STENCIL_SUCCESS, or the failing write's STENCIL_ERROR_TOO_BIG,
+// STENCIL_ERROR_NO_SPACE or STENCIL_ERROR_IO (any other failure), with part of the text perhaps written. The tree is
+// only read; null writes nothing.
 stencil_error_t stencil_output_buffer_emit(stencil_output_buffer_t* buffer, int fd);
-// 0: the file open on fd holds exactly the tree's text; anything else: it
-// does not. *error reports a failure (then the result is 0).
+// 0: the file open on fd holds exactly the tree's text (fd -1 counts as
+// equal); anything else: it does not. A file that is not regular, or is
+// empty, differs whatever the text, so that the caller writes it anyway.
+// *error (required) is set to STENCIL_SUCCESS, or to the failure of reading
+// the file (then the result is 0, and means nothing). The file offset is
+// not moved.
 int stencil_output_buffer_cmp(stencil_output_buffer_t* buffer, int fd, stencil_error_t* error);
+// Releases a root from stencil_apply and the whole tree under it. Null is
+// ignored.
 void stencil_output_buffer_destroy(stencil_output_buffer_t* buffer);
 // The tree's whole text as one heap string, freed by the caller; null when
 // out of memory. For readers that look at the text instead of writing it.
 char* stencil_output_buffer_text(const stencil_output_buffer_t* buffer);
 
+// Walks the syntax errors of a stencil whose load failed: create returns a
+// new walk (null for a null stencil or when out of memory) that the caller
+// releases with stencil_syntax_error_iterator_destroy (null is ignored);
+// next returns the following error, newest first, or null at the end. The
+// stencil must outlive the walk; the records belong to the stencil.
 stencil_syntax_error_iter_t* stencil_syntax_error_iterator_create(stencil_t* stencil);
 const stencil_syntax_error_t* stencil_syntax_error_iterator_next(stencil_syntax_error_iter_t* iter);
 void stencil_syntax_error_iterator_destroy(stencil_syntax_error_iter_t* iter);
+// Prints one error as the user reads it ("  Line n:  " and the message of
+// its kind, in the locale's language) to standard error. Null is ignored.
 void display_syntax_error(const stencil_syntax_error_t* error);

@@ -2,17 +2,8 @@
 // space. Entries borrow the definition records, which the expression tree owns.
 #pragma once
 
-#include "pkx.h"
-
-typedef struct dictionary {
-    pkx_avl_t* entries;
-} dictionary_t;
-
-typedef struct dictionary_entry {
-    pkx_avl_node_t node;
-    const char* name;  // owned copy; the key
-    void* entry;       // match_t or macro_t, borrowed
-} dictionary_entry_t;
+// A dictionary; its layout is the module's own.
+typedef struct dictionary dictionary_t;
 
 // A new empty dictionary, or null on exhausted memory. The caller destroys
 // it with dictionary_destroy.
@@ -26,8 +17,3 @@ void dictionary_destroy(dictionary_t* dictionary);
 int dictionary_add(dictionary_t* dictionary, const char* name, void* entry);
 // The definition named name (borrowed), or null when there is none.
 void* dictionary_find(dictionary_t* dictionary, const char* name);
-
-// Module state, visible to tests: live dictionaries, and whether their pool
-// exists.
-int dictionary_live_tables(void);
-int dictionary_pool_exists(void);

@@ -6,16 +6,8 @@
 
 #include "pkx.h"
 
-typedef struct defines {
-    pkx_avl_t* entries;
-} defines_t;
-
-typedef struct defines_entry {
-    pkx_avl_node_t node;
-    const char* name;   // owned copy; the key
-    const char* value;  // owned copy
-    char* macro;        // owned: the define as stencil text
-} defines_entry_t;
+// A table; its layout is the module's own.
+typedef struct defines defines_t;
 
 // A new empty table, or null on exhausted memory. The caller destroys it
 // with defines_destroy.
@@ -36,8 +28,3 @@ pkx_avl_walk_t* defines_walk_start(defines_t* defines);
 // the walk is ended and released (a walk left before its end is ended with
 // pkx_avl_walk_end).
 char* defines_walk_next(defines_t* defines, pkx_avl_walk_t* walk);
-
-// Module state, visible to tests: number of live tables, and whether the
-// module's pool exists.
-int defines_live_tables(void);
-int defines_pool_exists(void);
