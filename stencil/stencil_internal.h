@@ -8,6 +8,8 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
+
 #include "defines.h"
 #include "dictionary.h"
 #include "repository.h"
@@ -77,6 +79,14 @@ typedef struct macro {
     expression_t* arg_expressions;  // invocation: num_args containers; definition: null
     struct macro* invocation;       // invocation: the definition (not owned)
 } macro_t;
+
+// A child is created as its concrete record (_grow), linked as an
+// expression_t* and cast back by `type`: the common header must open every
+// concrete record.
+static_assert(offsetof(literal_t, expression) == 0, "a literal must open with its expression");
+static_assert(offsetof(property_t, expression) == 0, "a property must open with its expression");
+static_assert(offsetof(match_t, expression) == 0, "a section must open with its expression");
+static_assert(offsetof(macro_t, expression) == 0, "a macro must open with its expression");
 
 typedef struct regex_context {
     property_list_node_t* match;  // the match being visited

@@ -1,5 +1,7 @@
 #include "shared_pool.h"
 
+#include <cassert>
+
 pkx_avl_pool_t* shared_pool::acquire() {
     if (pool == nullptr) {
         pool = pkx_avl_pool_create(name, entry_size, 0, compare, 0);
@@ -10,6 +12,8 @@ pkx_avl_pool_t* shared_pool::acquire() {
 }
 
 void shared_pool::release() {
+    // Only a user that acquired the pool releases it.
+    assert(users > 0 && pool != nullptr);
     if (--users == 0) {
         pkx_avl_pool_destroy(pool);
         pool = nullptr;

@@ -44,6 +44,9 @@ namespace {
 using node_t = pkx_avl_node_t;
 
 constexpr uintptr_t kBalanceMask = 3;
+// The balance rides in the parent pointer's two low bits, and an insertion
+// index in bit 0 of its parent's address: nodes must leave those bits free.
+static_assert(alignof(pkx_avl_node_t) > kBalanceMask, "node addresses must leave two bits free");
 
 node_t* left_of(const node_t* n) { return static_cast<node_t*>(n->pkx_private[0]); }
 node_t* right_of(const node_t* n) { return static_cast<node_t*>(n->pkx_private[1]); }

@@ -16,7 +16,8 @@ struct free_deleter {
 // Text on the heap, owned by its holder and freed with it; null for none.
 using heap_text = std::unique_ptr<char[], free_deleter>;
 
-// size bytes of uninitialised text; null when the heap is exhausted.
+// size bytes of uninitialised text, owned by the returned holder; an empty
+// holder when the heap is exhausted.
 inline heap_text alloc_text(size_t size) {
     return heap_text(static_cast<char*>(std::malloc(size)));
 }
@@ -28,7 +29,8 @@ struct destroyer {
 };
 
 // The owner of an object made by a create function: owned<stencil_t,
-// stencil_destroy> destroys it when it goes. Destroy must accept null or
+// stencil_destroy> destroys it when it goes (or on reset); release() hands
+// it back to the caller, who must then destroy it. Destroy must accept null or
 // never see it; unique_ptr does not call it for null.
 template <typename T, void (*Destroy)(T*)>
 using owned = std::unique_ptr<T, destroyer<T, Destroy>>;
@@ -37,6 +39,8 @@ using owned = std::unique_ptr<T, destroyer<T, Destroy>>;
 // grow or replace it) work on a heap_text: f(..., out_text(text)). The
 // function sees what text held; whatever it leaves there, on success or
 // failure, is owned by text again once the call's full expression ends.
+// text must outlive that expression, and nothing else may touch it before
+// the expression ends.
 class out_text {
   public:
     explicit out_text(heap_text& owner) : owner_(owner), raw_(owner.release()) {}
