@@ -16,6 +16,15 @@
 #include "stencil.h"
 #include "string_buffer.h"
 
+// One node of the output tree: its own text, then its chained children, depth
+// first. The root returned by stencil_apply is a heap record; every other node
+// lives by value in its parent's `chained` array.
+struct stencil_output_buffer {
+    char* buffer;  // owned; null for a node without text of its own
+    int num;
+    struct stencil_output_buffer* chained;  // num children, owned
+};
+
 typedef enum expression_type {
     ET_BASE = 0,        // plain container of sub-expressions
     ET_PSEUDOBASE = 1,  // container scanned inside a property; parse time only

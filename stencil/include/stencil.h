@@ -35,14 +35,9 @@ typedef enum stencil_output_mode {
     STENCIL_OUTPUT_INVALID = 2,
 } stencil_output_mode_t;
 
-// One node of the output tree: its own text, then its chained children, depth
-// first. The root returned by stencil_apply is a heap record; every other node
-// lives by value in its parent's `chained` array.
-typedef struct stencil_output_buffer {
-    char* buffer;
-    int num;
-    struct stencil_output_buffer* chained;
-} stencil_output_buffer_t;
+// The text an evaluation produced, as a tree that the functions below write,
+// compare, join or release; its layout is the module's own.
+typedef struct stencil_output_buffer stencil_output_buffer_t;
 
 typedef enum syntax_error {
     SE_UNTERMINATED_GRAB = 0,
