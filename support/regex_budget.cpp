@@ -13,6 +13,7 @@
 // (`(a*)\1b` against a long name of a's runs for minutes).
 
 #include "regex_budget.h"
+#include "support_internal.h"
 
 #include <cctype>
 #include <cstring>

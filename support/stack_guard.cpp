@@ -1,4 +1,5 @@
 #include "stack_guard.h"
+#include "support_internal.h"
 
 #include <pthread.h>
 #include <sys/resource.h>

@@ -5,11 +5,14 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "atexit_free.h"
 #include "defines.h"
 #include "dictionary.h"
 #include "pkx.h"
+#include "regex_budget.h"
+#include "stack_guard.h"
 
 struct defines {
     pkx_avl_t* entries;  // defines_entry_t, by name
@@ -75,3 +78,45 @@ void _atexit_free(void* memory, void** pointer);
 // The list itself, for tests of the slot accounting. Read it only while no
 // other thread registers.
 const free_list_t* atexit_free_list_state(void);
+
+// ---- the regular expression budget ----
+
+// What regex_measure finds in an extended (REG_EXTENDED) pattern. Counts
+// saturate instead of overflowing.
+typedef struct regex_measure_result {
+    uint64_t nodes;       // nodes of the compiled tree, repetitions copied out
+    uint64_t epsilon;     // of those, the ones matched without a character
+                          // (groups, alternations, optional copies, loops)
+    uint64_t anchors;     // of those, the anchors: ^ $ \b \B \< \> \` \'
+    size_t depth;         // deepest nesting of parentheses (measuring stops
+                          // at the first level beyond REGEX_BUDGET_DEPTH)
+    int repeated_anchor;  // 1 when a quantifier applies to an anchor
+    int backreferences;   // \1 to \9
+} regex_measure_result_t;
+
+// Limits of regex_within_budget. Every pattern of ordinary use stays far
+// below them; at the limits the compiler takes well under a second and some
+// tens of megabytes. A quantifier on anything that holds an anchor is
+// refused at any size (see regex_budget.cpp for why), and so is a
+// back-reference (\1 to \9): extended expressions do not define it, and
+// matching one can take time exponential in the length of the name.
+#define REGEX_BUDGET_NODES 65536
+#define REGEX_BUDGET_EPSILON 512
+#define REGEX_BUDGET_ANCHORS 16
+#define REGEX_BUDGET_DEPTH 128
+
+// Measures the pattern as the compiler would build it. Malformed parts are
+// measured as plain characters; the compiler rejects them anyway.
+regex_measure_result_t regex_measure(const char* pattern);
+
+// 1 when the pattern is within every limit above, 0 when it is not.
+int regex_within_budget(const char* pattern);
+
+// ---- the stack guard ----
+
+// The budget in bytes that the next scope (or base) takes: half of the stack
+// the thread may use (the stack size limit for the main thread, at most
+// 512 MiB; the thread's own stack otherwise), unless stack_guard_set_budget
+// set one. 0 there restores the default; for tests.
+size_t stack_guard_budget();
+void stack_guard_set_budget(size_t bytes);

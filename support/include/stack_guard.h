@@ -10,8 +10,6 @@
 // other half to whatever the recursion calls at its deepest point.
 #pragma once
 
-#include <cstddef>
-
 // Makes the frame of its owner the base from which use is measured, for as
 // long as it lives, and reads the budget afresh. An inner scope while one is
 // active changes nothing. Per thread.
@@ -30,10 +28,3 @@ bool stack_exhausted();
 // began, so that a failure some caller passed over as harmless is still
 // reported at the end.
 bool stack_guard_tripped();
-
-// The budget in bytes that the next scope (or base) takes: half of the stack
-// the thread may use (the stack size limit for the main thread, at most
-// 512 MiB; the thread's own stack otherwise), unless stack_guard_set_budget
-// set one. 0 there restores the default; for tests.
-size_t stack_guard_budget();
-void stack_guard_set_budget(size_t bytes);

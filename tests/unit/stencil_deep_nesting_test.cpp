@@ -10,6 +10,7 @@
 
 #include "hgxrepo.h"
 #include "stack_guard.h"
+#include "support_internal.h"
 #include "stencil_internal.h"
 #include "unit_util.h"
 

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "regex_budget.h"
+#include "support_internal.h"
 
 namespace {
 
