@@ -3,6 +3,7 @@
 
 #include "defines.h"
 
+#include <cassert>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -52,6 +53,8 @@ void defines_destroy(defines_t* defines) {
         pkx_avl_node_fini(entry, entry, pool.pool);
         free_entry(entry);
     }
+    // Teardown hands out every entry before it reports the tree empty.
+    assert(pkx_avl_numnodes(defines->entries) == 0);
     pkx_avl_destroy(defines->entries);
     pool.release();
     std::free(defines);

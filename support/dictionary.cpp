@@ -4,6 +4,7 @@
 
 #include "dictionary.h"
 
+#include <cassert>
 #include <cstdlib>
 #include <cstring>
 
@@ -46,6 +47,8 @@ void dictionary_destroy(dictionary_t* dictionary) {
         std::free(const_cast<char*>(entry->name));
         std::free(entry);
     }
+    // Teardown hands out every entry before it reports the tree empty.
+    assert(pkx_avl_numnodes(dictionary->entries) == 0);
     pkx_avl_destroy(dictionary->entries);
     pool.release();
     std::free(dictionary);

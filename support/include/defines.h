@@ -6,7 +6,9 @@
 
 #include "pkx.h"
 
-// A table; its layout is the module's own.
+// A table; its layout is the module's own. Every function below but
+// defines_create and defines_destroy requires a live table from
+// defines_create; the table is not safe for concurrent use.
 typedef struct defines defines_t;
 
 // A new empty table, or null on exhausted memory. The caller destroys it

@@ -2,7 +2,8 @@
 // space. Entries borrow the definition records, which the expression tree owns.
 #pragma once
 
-// A dictionary; its layout is the module's own.
+// A dictionary; its layout is the module's own. dictionary_add and
+// dictionary_find require a live dictionary from dictionary_create.
 typedef struct dictionary dictionary_t;
 
 // A new empty dictionary, or null on exhausted memory. The caller destroys
