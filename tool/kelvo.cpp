@@ -259,7 +259,11 @@ kelvo_error_t apply_stencil(repository_t* repository, defines_t* defines, const 
                            lofs_options, lofs_options_len, create_dirs);
 }
 
-int kelvo_main(int argc, char** argv) {
+namespace {
+
+// What the command line asks for. The texts point into argv, which outlives
+// the run; lofs_options is owned by lofs_storage.
+struct command_line {
     const char* instance_wern = getenv("QRM_WERN");
     const char* input_file = nullptr;
     const char* output_file = nullptr;
@@ -268,19 +272,18 @@ int kelvo_main(int argc, char** argv) {
     const char* root_prefix = nullptr;
     const char* stencil_dir = KELVO_DEFAULT_STENCIL_DIR;
     mode_t output_mode = 0644;
-    char* lofs_options = nullptr;  // owned by lofs_storage
+    char* lofs_options = nullptr;
     ssize_t lofs_options_len = 0;
     int all_configfiles = 0;
     int create_dirs = 0;
     int list_mode = 0;
     int undo = 0;
     int stop_on_error = 0;
+};
 
-    set_program_name(argv[0]);
-
-    defines_t* defines = defines_create();
-    if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
-
+// Reads the options into *cl and the -D defines into defines. False on an
+// option getopt refused (it has said why); dies on a bad option argument.
+bool parse_options(int argc, char** argv, defines_t* defines, command_line* cl) {
     // "+": options end at the first word that is none, so a stray word stays
     // where it is and is refused below instead of being moved past the
     // options. getopt's own diagnostics stay on.
@@ -294,98 +297,116 @@ int kelvo_main(int argc, char** argv) {
     while ((c = getopt(argc, argv, "+aD:f:g:i:lL:m:o:O:pR::S:ux")) != -1) {
         switch (c) {
             case 'a':
-                all_configfiles = 1;
+                cl->all_configfiles = 1;
                 break;
             case 'D':
                 add_optarg_define(defines, optarg);
                 break;
             case 'f':
-                instance_wern = optarg;
+                cl->instance_wern = optarg;
                 break;
             case 'g':
-                group_name = optarg;
+                cl->group_name = optarg;
                 break;
             case 'i':
-                input_file = optarg;
+                cl->input_file = optarg;
                 break;
             case 'l':
-                list_mode = 1;
+                cl->list_mode = 1;
                 break;
             case 'L':
-                take_lofs_options(optarg, &lofs_options, &lofs_options_len);
+                take_lofs_options(optarg, &cl->lofs_options, &cl->lofs_options_len);
                 break;
             case 'm':
-                output_mode = parse_mode_option(optarg);
+                cl->output_mode = parse_mode_option(optarg);
                 break;
             case 'o':
-                output_file = optarg;
+                cl->output_file = optarg;
                 break;
             case 'O':
-                owner_name = optarg;
+                cl->owner_name = optarg;
                 break;
             case 'p':
-                create_dirs = 1;
+                cl->create_dirs = 1;
                 break;
             case 'R':
                 if (optarg != nullptr)
-                    root_prefix = optarg;
+                    cl->root_prefix = optarg;
                 else if (optind < argc)
-                    root_prefix = argv[optind++];
+                    cl->root_prefix = argv[optind++];
                 break;
             case 'S':
-                stencil_dir = optarg;
+                cl->stencil_dir = optarg;
                 break;
             case 'u':
-                undo = 1;
+                cl->undo = 1;
                 break;
             case 'x':
-                stop_on_error = 1;
+                cl->stop_on_error = 1;
                 break;
             default:
-                defines_destroy(defines);
-                usage(stderr);
-                return KELVO_USAGE;
+                return false;
         }
     }
-    if (optind < argc) die(KELVO_USAGE, gettext("Illegal argument -- %s\n"), argv[optind]);
+    return true;
+}
 
+// Refuses a command line whose options do not go together.
+void check_options(const command_line& cl, defines_t* defines) {
     // The first check that holds ends the run; their order decides which
     // message a command line with several faults gets.
-    if (all_configfiles && defines_count(defines) > 0)
+    if (cl.all_configfiles && defines_count(defines) > 0)
         die(KELVO_USAGE, gettext("Option -a cannot be present with -D\n"));
-    if (all_configfiles && (output_file != nullptr || input_file != nullptr))
+    if (cl.all_configfiles && (cl.output_file != nullptr || cl.input_file != nullptr))
         die(KELVO_USAGE, gettext("Option -a cannot be present with -i or -o\n"));
-    if (!all_configfiles && lofs_options != nullptr && output_file == nullptr)
+    if (!cl.all_configfiles && cl.lofs_options != nullptr && cl.output_file == nullptr)
         die(KELVO_USAGE, gettext("Option -L requires either -a or -o\n"));
-    if (lofs_options != nullptr && root_prefix == nullptr)
+    if (cl.lofs_options != nullptr && cl.root_prefix == nullptr)
         die(KELVO_USAGE, gettext("Option -L requires -R\n"));
-    if (lofs_options == nullptr && create_dirs)
+    if (cl.lofs_options == nullptr && cl.create_dirs)
         die(KELVO_USAGE, gettext("Option -p requires -L\n"));
-    if (instance_wern == nullptr) die(KELVO_USAGE, gettext("No WERN (use -f)\n"));
+    if (cl.instance_wern == nullptr) die(KELVO_USAGE, gettext("No WERN (use -f)\n"));
     // An undo in a single run needs the file to remove. Refused last, so
     // every other fault of the command line keeps its own message.
-    if (undo && !all_configfiles && output_file == nullptr)
+    if (cl.undo && !cl.all_configfiles && cl.output_file == nullptr)
         die(KELVO_USAGE, gettext("Option -u requires either -a or -o\n"));
+}
 
-    repository_t* repository = open_instance_view(instance_wern);
-    int status = KELVO_SUCCESS;
-
+// Runs what cl asks for on the instance's view; returns the exit status.
+int run_command(const command_line& cl, repository_t* repository, defines_t** defines) {
     // Whatever the run creates has no permission bits until it is given
     // them; nothing resets the mask.
     umask(0777);
 
-    if (all_configfiles) {
-        configfile_run run{root_prefix, stencil_dir, lofs_options, lofs_options_len,
-                           create_dirs, list_mode,   undo,         stop_on_error};
-        status = run_configfiles(repository, &defines, run);
-    } else if (undo) {
-        status = undo_file(output_file, root_prefix, lofs_options != nullptr);
-    } else {
-        status = apply_stencil(repository, defines, input_file, output_file, root_prefix,
-                               stencil_dir, output_mode, owner_name, group_name, lofs_options,
-                               lofs_options_len, create_dirs, list_mode);
+    if (cl.all_configfiles) {
+        configfile_run run{cl.root_prefix, cl.stencil_dir, cl.lofs_options, cl.lofs_options_len,
+                           cl.create_dirs, cl.list_mode,   cl.undo,         cl.stop_on_error};
+        return run_configfiles(repository, defines, run);
     }
+    if (cl.undo) return undo_file(cl.output_file, cl.root_prefix, cl.lofs_options != nullptr);
+    return apply_stencil(repository, *defines, cl.input_file, cl.output_file, cl.root_prefix,
+                         cl.stencil_dir, cl.output_mode, cl.owner_name, cl.group_name,
+                         cl.lofs_options, cl.lofs_options_len, cl.create_dirs, cl.list_mode);
+}
 
+}  // namespace
+
+int kelvo_main(int argc, char** argv) {
+    command_line cl;
+    set_program_name(argv[0]);
+
+    defines_t* defines = defines_create();
+    if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
+    if (!parse_options(argc, argv, defines, &cl)) {
+        defines_destroy(defines);
+        usage(stderr);
+        return KELVO_USAGE;
+    }
+    if (optind < argc) die(KELVO_USAGE, gettext("Illegal argument -- %s\n"), argv[optind]);
+    check_options(cl, defines);
+
+    repository_t* repository = open_instance_view(cl.instance_wern);
+    int status = run_command(cl, repository, &defines);
     repository_destroy(repository);
     defines_destroy(defines);
     return status;
