@@ -38,58 +38,25 @@ void observe(const property_t* property, const char* written_name, stencil_t* st
     stencil->observer(&reference, stencil->observer_context);
 }
 
-// Evaluates both operands of a property form, the first first. 0, or the
-// first failure; first and second own their texts either way.
-int evaluate_operands(property_t* property, stencil_t* stencil, heap_text& first,
-                      heap_text& second) {
-    int r = expression_to_string(&property->first_expression, stencil, out_text(first));
-    if (r < 0) {
-        return r;
-    }
-    return expression_to_string(&property->second_expression, stencil, out_text(second));
-}
-
-// Each value between the evaluated prefix and suffix; nothing for an
-// undefined property, whose prefix and suffix are not evaluated.
-int append_with_prefix_suffix(property_t* property, const property_info_t* info, bool defined,
-                              string_buffer_t* sb, stencil_t* stencil) {
-    if (!defined) {
-        return 0;
-    }
-    heap_text prefix;
-    heap_text suffix;
-    int r = evaluate_operands(property, stencil, prefix, suffix);
-    if (r < 0) {
-        return r;
-    }
+// Each value between prefix and suffix.
+int append_with_prefix_suffix(const property_info_t* info, const char* prefix, const char* suffix,
+                              string_buffer_t* sb) {
     for (int i = 0; i < info->num_values; i++) {
-        if (string_buffer_append_string(sb, prefix.get()) < 0 ||
+        if (string_buffer_append_string(sb, prefix) < 0 ||
             string_buffer_append_string(sb, info->values[i]) < 0 ||
-            string_buffer_append_string(sb, suffix.get()) < 0) {
+            string_buffer_append_string(sb, suffix) < 0) {
             return STENCIL_ERROR_NO_MEMORY;
         }
     }
     return 0;
 }
 
-// The values joined by blanks, each with the evaluated pattern replaced;
-// nothing for an undefined property, whose operands are not evaluated.
-int append_replaced(property_t* property, const property_info_t* info, bool defined,
-                    string_buffer_t* sb, stencil_t* stencil) {
-    if (!defined) {
-        return 0;
-    }
-    heap_text pattern;
-    heap_text replacement;
-    int r = evaluate_operands(property, stencil, pattern, replacement);
-    if (r < 0) {
-        return r;
-    }
-    const int all = property->transform == PT_REPLACE_ALL ? 1 : 0;
+// The values joined by blanks, each with pattern replaced (all: every match).
+int append_replaced(const property_info_t* info, const char* pattern, const char* replacement,
+                    int all, string_buffer_t* sb) {
     for (int i = 0; i < info->num_values; i++) {
         // "first" is per value: each value gets its own first match.
-        const char* replaced =
-            replace_string(info->values[i], pattern.get(), replacement.get(), all);
+        const char* replaced = replace_string(info->values[i], pattern, replacement, all);
         if (replaced == nullptr) {
             return STENCIL_ERROR_NO_MEMORY;
         }
@@ -99,6 +66,31 @@ int append_replaced(property_t* property, const property_info_t* info, bool defi
         }
     }
     return 0;
+}
+
+// The forms with two operands: prefix/suffix and replace. Nothing for an
+// undefined property, whose operands are then not evaluated; otherwise the
+// first operand is evaluated before the second.
+int append_with_operands(property_t* property, const property_info_t* info, bool defined,
+                         string_buffer_t* sb, stencil_t* stencil) {
+    if (!defined) {
+        return 0;
+    }
+    heap_text first;
+    heap_text second;
+    int r = expression_to_string(&property->first_expression, stencil, out_text(first));
+    if (r < 0) {
+        return r;
+    }
+    r = expression_to_string(&property->second_expression, stencil, out_text(second));
+    if (r < 0) {
+        return r;
+    }
+    const transform_t t = property->transform;
+    if (t == PT_PREFIX_SUFFIX || t == PT_PREFIX_SUFFIX_IFDEF) {
+        return append_with_prefix_suffix(info, first.get(), second.get(), sb);
+    }
+    return append_replaced(info, first.get(), second.get(), t == PT_REPLACE_ALL ? 1 : 0, sb);
 }
 
 int build_text(property_t* property, string_buffer_t* sb, stencil_t* stencil) {
@@ -142,11 +134,11 @@ int build_text(property_t* property, string_buffer_t* sb, stencil_t* stencil) {
         }
         case PT_PREFIX_SUFFIX:
         case PT_PREFIX_SUFFIX_IFDEF: {
-            return append_with_prefix_suffix(property, info, defined, sb, stencil);
+            return append_with_operands(property, info, defined, sb, stencil);
         }
         case PT_REPLACE_FIRST:
         case PT_REPLACE_ALL: {
-            return append_replaced(property, info, defined, sb, stencil);
+            return append_with_operands(property, info, defined, sb, stencil);
         }
         default:
             return STENCIL_ERROR_INTERNAL_ERROR;
