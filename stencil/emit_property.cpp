@@ -133,13 +133,10 @@ int build_text(property_t* property, string_buffer_t* sb, stencil_t* stencil) {
                 sb, truth ? &property->first_expression : &property->second_expression, stencil);
         }
         case PT_PREFIX_SUFFIX:
-        case PT_PREFIX_SUFFIX_IFDEF: {
-            return append_with_operands(property, info, defined, sb, stencil);
-        }
+        case PT_PREFIX_SUFFIX_IFDEF:
         case PT_REPLACE_FIRST:
-        case PT_REPLACE_ALL: {
+        case PT_REPLACE_ALL:
             return append_with_operands(property, info, defined, sb, stencil);
-        }
         default:
             return STENCIL_ERROR_INTERNAL_ERROR;
     }
