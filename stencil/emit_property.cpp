@@ -38,6 +38,61 @@ void observe(const property_t* property, const char* written_name, stencil_t* st
     stencil->observer(&reference, stencil->observer_context);
 }
 
+// Each value between prefix and suffix.
+int append_with_prefix_suffix(const property_info_t* info, const char* prefix, const char* suffix,
+                              string_buffer_t* sb) {
+    for (int i = 0; i < info->num_values; i++) {
+        if (string_buffer_append_string(sb, prefix) < 0 ||
+            string_buffer_append_string(sb, info->values[i]) < 0 ||
+            string_buffer_append_string(sb, suffix) < 0) {
+            return STENCIL_ERROR_NO_MEMORY;
+        }
+    }
+    return 0;
+}
+
+// The values joined by blanks, each with pattern replaced (all: every match).
+int append_replaced(const property_info_t* info, const char* pattern, const char* replacement,
+                    int all, string_buffer_t* sb) {
+    for (int i = 0; i < info->num_values; i++) {
+        // "first" is per value: each value gets its own first match.
+        const char* replaced = replace_string(info->values[i], pattern, replacement, all);
+        if (replaced == nullptr) {
+            return STENCIL_ERROR_NO_MEMORY;
+        }
+        if ((i > 0 && string_buffer_append_char(sb, ' ') < 0) ||
+            string_buffer_append_string(sb, replaced) < 0) {
+            return STENCIL_ERROR_NO_MEMORY;
+        }
+    }
+    return 0;
+}
+
+// The forms with two operands: prefix/suffix and replace. Nothing for an
+// undefined property, whose operands are then not evaluated; otherwise the
+// first operand is evaluated before the second.
+int append_with_operands(property_t* property, const property_info_t* info, bool defined,
+                         string_buffer_t* sb, stencil_t* stencil) {
+    if (!defined) {
+        return 0;
+    }
+    heap_text first;
+    heap_text second;
+    int r = expression_to_string(&property->first_expression, stencil, out_text(first));
+    if (r < 0) {
+        return r;
+    }
+    r = expression_to_string(&property->second_expression, stencil, out_text(second));
+    if (r < 0) {
+        return r;
+    }
+    const transform_t t = property->transform;
+    if (t == PT_PREFIX_SUFFIX || t == PT_PREFIX_SUFFIX_IFDEF) {
+        return append_with_prefix_suffix(info, first.get(), second.get(), sb);
+    }
+    return append_replaced(info, first.get(), second.get(), t == PT_REPLACE_ALL ? 1 : 0, sb);
+}
+
 int build_text(property_t* property, string_buffer_t* sb, stencil_t* stencil) {
     const property_info_t* info =
         repository_get_property(stencil->repository, property->property_name);
@@ -78,59 +133,10 @@ int build_text(property_t* property, string_buffer_t* sb, stencil_t* stencil) {
                 sb, truth ? &property->first_expression : &property->second_expression, stencil);
         }
         case PT_PREFIX_SUFFIX:
-        case PT_PREFIX_SUFFIX_IFDEF: {
-            if (!defined) {
-                return 0;
-            }
-            heap_text prefix;
-            heap_text suffix;
-            int r = expression_to_string(&property->first_expression, stencil, out_text(prefix));
-            if (r < 0) {
-                return r;
-            }
-            r = expression_to_string(&property->second_expression, stencil, out_text(suffix));
-            if (r < 0) {
-                return r;
-            }
-            for (int i = 0; i < info->num_values; i++) {
-                if (string_buffer_append_string(sb, prefix.get()) < 0 ||
-                    string_buffer_append_string(sb, info->values[i]) < 0 ||
-                    string_buffer_append_string(sb, suffix.get()) < 0) {
-                    return STENCIL_ERROR_NO_MEMORY;
-                }
-            }
-            return 0;
-        }
+        case PT_PREFIX_SUFFIX_IFDEF:
         case PT_REPLACE_FIRST:
-        case PT_REPLACE_ALL: {
-            if (!defined) {
-                return 0;
-            }
-            heap_text pattern;
-            heap_text replacement;
-            int r = expression_to_string(&property->first_expression, stencil, out_text(pattern));
-            if (r < 0) {
-                return r;
-            }
-            r = expression_to_string(&property->second_expression, stencil, out_text(replacement));
-            if (r < 0) {
-                return r;
-            }
-            const int all = property->transform == PT_REPLACE_ALL ? 1 : 0;
-            for (int i = 0; i < info->num_values; i++) {
-                // "first" is per value: each value gets its own first match.
-                const char* replaced =
-                    replace_string(info->values[i], pattern.get(), replacement.get(), all);
-                if (replaced == nullptr) {
-                    return STENCIL_ERROR_NO_MEMORY;
-                }
-                if ((i > 0 && string_buffer_append_char(sb, ' ') < 0) ||
-                    string_buffer_append_string(sb, replaced) < 0) {
-                    return STENCIL_ERROR_NO_MEMORY;
-                }
-            }
-            return 0;
-        }
+        case PT_REPLACE_ALL:
+            return append_with_operands(property, info, defined, sb, stencil);
         default:
             return STENCIL_ERROR_INTERNAL_ERROR;
     }

@@ -140,14 +140,99 @@ int splice_define(stencil_t* stencil, const char* text, const char* piece, const
     return 0;
 }
 
+namespace {
+
+// The literal being scanned runs from start to the cursor. A form or a
+// comment cuts it: it is closed there and a fresh one follows.
+struct open_literal {
+    literal_t* literal;
+    const char* start;
+};
+
+// Opens the next literal of container at start. 0, or STENCIL_ERROR_NO_MEMORY.
+int open_next_literal(open_literal* open, expression_t* container, const char* start) {
+    open->literal = reinterpret_cast<literal_t*>(_grow(container, ET_LITERAL));
+    if (open->literal == nullptr) return STENCIL_ERROR_NO_MEMORY;
+    open->start = start;
+    return 0;
+}
+
+// The newline at *p: counted, and the comment lines behind it passed over.
+int scan_newline(const char** p, open_literal* open, expression_t* container, stencil_t* stencil) {
+    stencil->line_number++;
+    ++*p;
+    int comment = consume_comment(*p, stencil);
+    if (comment <= 0) return 0;
+    // Comment lines split the literal; the newline in front of them stays
+    // with the first half.
+    if (fill_in_literal(open->literal, open->start, *p) != 0) return STENCIL_ERROR_NO_MEMORY;
+    *p += comment;
+    return open_next_literal(open, container, *p);
+}
+
+// Parses the form whose letter is at form into container; *args is where
+// its operands start, or null when the letter opens no form.
+int parse_form(const char* form, expression_t* container, stencil_t* stencil, const char** args) {
+    *args = nullptr;
+    if (*form == '/') {
+        *args = form + 1;
+        expression_t* match = _grow(container, ET_REGEX);
+        return match != nullptr ? parse_regex(*args, match, stencil) : STENCIL_ERROR_NO_MEMORY;
+    }
+    if (*form == '[') {
+        *args = form + 1;
+        return parse_invocation(*args, container, stencil);
+    }
+    if (*form == '{') {
+        *args = form + 1;
+        expression_t* property = _grow(container, ET_PROPERTY);
+        return property != nullptr ? parse_property(*args, property, stencil)
+                                   : STENCIL_ERROR_NO_MEMORY;
+    }
+    if (*form == 'd' && next_substring(form + 1, "efine") == 0) {
+        *args = form + 6;
+        return parse_definition(*args, container, stencil);
+    }
+    return 0;
+}
+
+// The "$%" at *p and the form it opens; moves *p behind the form. *stop is
+// set where the scan ends early.
+int scan_form(const char** p, open_literal* open, expression_t* container, stencil_t* stencil,
+              const char** stop) {
+    const char* form = *p + 2;
+    const char* args = nullptr;
+    int r = parse_form(form, container, stencil, &args);
+    if (args == nullptr) {
+        // No form: `$%` stays in the literal, and the character behind it is
+        // looked at like any other.
+        *p = form;
+        return 0;
+    }
+    if (fill_in_literal(open->literal, open->start, *p) != 0) return STENCIL_ERROR_NO_MEMORY;
+    if (r < 0) return r;
+    if (r == 0) {
+        // A `$%define` that defines nothing ends the scan behind the word,
+        // which then stands in the literal.
+        free(open->literal->str);
+        open->literal->str = nullptr;
+        if (fill_in_literal(open->literal, open->start, args) != 0) return STENCIL_ERROR_NO_MEMORY;
+        *stop = args;
+        return 0;
+    }
+    *p = args + r;
+    return open_next_literal(open, container, *p);
+}
+
+}  // namespace
+
 int parse_stencil(const char* text, expression_t* container, stencil_t* stencil,
                   const char* delimiters) {
     // Every nested form comes back here: the one place to stop a nesting
     // deeper than the stack allows.
     if (stack_exhausted()) return STENCIL_ERROR_NO_MEMORY;
-    auto* literal = reinterpret_cast<literal_t*>(_grow(container, ET_LITERAL));
-    if (literal == nullptr) return STENCIL_ERROR_NO_MEMORY;
-    const char* literal_start = text;
+    open_literal open{};
+    if (open_next_literal(&open, container, text) != 0) return STENCIL_ERROR_NO_MEMORY;
     const bool newline_stops = delimiters != nullptr && strchr(delimiters, '\n') != nullptr;
     const bool brace_stops = brace_closes(container);
 
@@ -158,60 +243,14 @@ int parse_stencil(const char* text, expression_t* container, stencil_t* stencil,
         if (c == '\n') {
             // A newline delimiter is left uncounted: the caller crosses it.
             if (newline_stops) break;
-            stencil->line_number++;
-            ++p;
-            int comment = consume_comment(p, stencil);
-            if (comment > 0) {
-                // Comment lines split the literal; the newline in front of
-                // them stays with the first half.
-                if (fill_in_literal(literal, literal_start, p) != 0) return STENCIL_ERROR_NO_MEMORY;
-                literal = reinterpret_cast<literal_t*>(_grow(container, ET_LITERAL));
-                if (literal == nullptr) return STENCIL_ERROR_NO_MEMORY;
-                p += comment;
-                literal_start = p;
-            }
+            if (scan_newline(&p, &open, container, stencil) != 0) return STENCIL_ERROR_NO_MEMORY;
             continue;
         }
         if (c == '$' && p[1] == '%') {
-            const char* form = p + 2;
-            const char* args = nullptr;
-            int r;
-            if (*form == '/') {
-                args = form + 1;
-                expression_t* match = _grow(container, ET_REGEX);
-                r = match != nullptr ? parse_regex(args, match, stencil) : STENCIL_ERROR_NO_MEMORY;
-            } else if (*form == '[') {
-                args = form + 1;
-                r = parse_invocation(args, container, stencil);
-            } else if (*form == '{') {
-                args = form + 1;
-                expression_t* property = _grow(container, ET_PROPERTY);
-                r = property != nullptr ? parse_property(args, property, stencil)
-                                        : STENCIL_ERROR_NO_MEMORY;
-            } else if (*form == 'd' && next_substring(form + 1, "efine") == 0) {
-                args = form + 6;
-                r = parse_definition(args, container, stencil);
-            } else {
-                // No form: `$%` stays in the literal, and the character behind
-                // it is looked at like any other.
-                p = form;
-                continue;
-            }
-            if (fill_in_literal(literal, literal_start, p) != 0) return STENCIL_ERROR_NO_MEMORY;
+            const char* stop = nullptr;
+            int r = scan_form(&p, &open, container, stencil, &stop);
             if (r < 0) return r;
-            if (r == 0) {
-                // A `$%define` that defines nothing ends the scan behind the
-                // word, which then stands in the literal.
-                free(literal->str);
-                literal->str = nullptr;
-                if (fill_in_literal(literal, literal_start, args) != 0)
-                    return STENCIL_ERROR_NO_MEMORY;
-                return static_cast<int>(args - text);
-            }
-            p = args + r;
-            literal = reinterpret_cast<literal_t*>(_grow(container, ET_LITERAL));
-            if (literal == nullptr) return STENCIL_ERROR_NO_MEMORY;
-            literal_start = p;
+            if (stop != nullptr) return static_cast<int>(stop - text);
             continue;
         }
         if (c == '\\') {
@@ -233,7 +272,7 @@ int parse_stencil(const char* text, expression_t* container, stencil_t* stencil,
         if (c != '$' && delimiters != nullptr && strchr(delimiters, c) != nullptr) break;
         ++p;
     }
-    if (fill_in_literal(literal, literal_start, p) != 0) return STENCIL_ERROR_NO_MEMORY;
+    if (fill_in_literal(open.literal, open.start, p) != 0) return STENCIL_ERROR_NO_MEMORY;
     return static_cast<int>(p - text);
 }
 

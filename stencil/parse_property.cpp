@@ -13,6 +13,48 @@ namespace {
 
 bool is_operator(char c) { return c != '\0' && strchr("'+,-?^", c) != nullptr; }
 
+// The operator behind the `:` at *p - 1: sets the property's transform and
+// the delimiters its operands end at (null: the first operand takes all),
+// and moves *p past the operator.
+int read_operator(const char** p, property_t* property, const char** delimiters) {
+    *delimiters = "/";
+    switch (*(*p)++) {
+        case ',':
+            property->transform = PT_DELIM;
+            *delimiters = nullptr;
+            break;
+        case '-':
+            property->transform = PT_IFNDEF;
+            *delimiters = nullptr;
+            break;
+        case '+':
+            property->transform = PT_IFDEF;
+            *delimiters = nullptr;
+            break;
+        case '?':
+            property->transform = PT_BOOL;
+            break;
+        case '^':
+            property->transform = PT_PREFIX_SUFFIX;
+            if (**p == '*') {
+                property->transform = PT_PREFIX_SUFFIX_IFDEF;
+                ++*p;
+            }
+            break;
+        case '\'':
+            property->transform = PT_REPLACE_FIRST;
+            if (**p == '\'') {
+                property->transform = PT_REPLACE_ALL;
+                ++*p;
+            }
+            break;
+        default:
+            // The name scan lets only the six operator characters through.
+            return STENCIL_ERROR_INTERNAL_ERROR;
+    }
+    return 0;
+}
+
 }  // namespace
 
 int parse_property(const char* text, expression_t* expression, stencil_t* stencil) {
@@ -59,41 +101,8 @@ int parse_property(const char* text, expression_t* expression, stencil_t* stenci
     // p is at the `:` in front of an operator.
     if (int r = splice.finish(p, &property->property_name); r < 0) return r;
     ++p;
-    const char* delimiters = "/";
-    switch (*p++) {
-        case ',':
-            property->transform = PT_DELIM;
-            delimiters = nullptr;
-            break;
-        case '-':
-            property->transform = PT_IFNDEF;
-            delimiters = nullptr;
-            break;
-        case '+':
-            property->transform = PT_IFDEF;
-            delimiters = nullptr;
-            break;
-        case '?':
-            property->transform = PT_BOOL;
-            break;
-        case '^':
-            property->transform = PT_PREFIX_SUFFIX;
-            if (*p == '*') {
-                property->transform = PT_PREFIX_SUFFIX_IFDEF;
-                ++p;
-            }
-            break;
-        case '\'':
-            property->transform = PT_REPLACE_FIRST;
-            if (*p == '\'') {
-                property->transform = PT_REPLACE_ALL;
-                ++p;
-            }
-            break;
-        default:
-            // The name scan lets only the six operator characters through.
-            return STENCIL_ERROR_INTERNAL_ERROR;
-    }
+    const char* delimiters = nullptr;
+    if (int r = read_operator(&p, property, &delimiters); r < 0) return r;
 
     // As pseudo-bases the operands end at the form's `}`.
     int error = 0;

@@ -17,26 +17,14 @@ struct restore_parse_parent {
     ~restore_parse_parent() { parse_parent = saved; }
 };
 
-}  // namespace
-
-int parse_regex(const char* text, expression_t* expression, stencil_t* stencil) {
-    auto* match = reinterpret_cast<match_t*>(expression);
-    match->expression.type = ET_REGEX;
-    match->transform = PT_NONE;
-    match->first_expression.type = ET_BASE;
-    match->second_expression.type = ET_BASE;
-    match->parent = parse_parent;
-    restore_parse_parent restore{match->parent};
-    parse_parent = match;
-    // A named section is a definition: it stands for its name only.
-    match->invocable = match->name == nullptr ? 1 : 0;
-    // Group numbers run on from the enclosing sections; the parent's grabs
-    // are known since they are stored before its body is scanned.
-    match->grab_start =
-        match->parent != nullptr ? match->parent->grabs + match->parent->grab_start : 0;
-
+// Scans the pattern of the section at text up to the `/` whose next
+// non-blank is `{`, splicing defines into match->regex and counting its
+// groups. Sets *brace_out to that `{`. Negative on failure, after the report
+// of a syntax error.
+int scan_pattern(const char* text, match_t* match, stencil_t* stencil, int* grabs,
+                 const char** brace_out) {
     define_splice splice(text);
-    int grabs = 0;
+    *grabs = 0;
     const char* p = text;
     const char* brace = nullptr;
     while (brace == nullptr) {
@@ -55,7 +43,7 @@ int parse_regex(const char* text, expression_t* expression, stencil_t* stencil) 
                 }
                 break;
             case '(':
-                grabs++;
+                ++*grabs;
                 break;
             case '/': {
                 // Only a `/` whose next non-blank (across lines and comment
@@ -89,7 +77,31 @@ int parse_regex(const char* text, expression_t* expression, stencil_t* stencil) 
     }
 
     // p is at the `/` that closes the pattern.
-    if (int r = splice.finish(p, &match->regex); r < 0) return r;
+    *brace_out = brace;
+    return splice.finish(p, &match->regex);
+}
+
+}  // namespace
+
+int parse_regex(const char* text, expression_t* expression, stencil_t* stencil) {
+    auto* match = reinterpret_cast<match_t*>(expression);
+    match->expression.type = ET_REGEX;
+    match->transform = PT_NONE;
+    match->first_expression.type = ET_BASE;
+    match->second_expression.type = ET_BASE;
+    match->parent = parse_parent;
+    restore_parse_parent restore{match->parent};
+    parse_parent = match;
+    // A named section is a definition: it stands for its name only.
+    match->invocable = match->name == nullptr ? 1 : 0;
+    // Group numbers run on from the enclosing sections; the parent's grabs
+    // are known since they are stored before its body is scanned.
+    match->grab_start =
+        match->parent != nullptr ? match->parent->grabs + match->parent->grab_start : 0;
+
+    int grabs = 0;
+    const char* brace = nullptr;
+    if (int r = scan_pattern(text, match, stencil, &grabs, &brace); r < 0) return r;
     if (match->name != nullptr && dictionary_find(stencil->dictionary, match->name) != nullptr) {
         size_t at = static_cast<size_t>(brace - text);
         return report_syntax_error(stencil, text, at + 1, at, SE_DUPLICATE_REGEX_NAME);

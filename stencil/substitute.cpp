@@ -115,6 +115,123 @@ const char* get_macro_expansion(const char** text, macro_t* macro) {
     return macro->args[best] != nullptr ? macro->args[best] : kNoGrab;
 }
 
+namespace {
+
+// A backslash and the character behind it: \n, \r and \t give their control
+// characters, any other character stands for itself. A backslash that ends
+// the text stays, and leaves *p on the terminator.
+int translate_escape(const char** p, string_buffer_t* sb) {
+    const char* at = *p;
+    if (at[1] == '\0') {
+        *p = at + 1;
+        return append_char(sb, '\\') ? 0 : STENCIL_ERROR_NO_MEMORY;
+    }
+    char c = at[1];
+    switch (c) {
+        case 'n':
+            c = '\n';
+            break;
+        case 'r':
+            c = '\r';
+            break;
+        case 't':
+            c = '\t';
+            break;
+        default:
+            break;  // the character itself, not examined further
+    }
+    *p = at + 2;
+    return append_char(sb, c) ? 0 : STENCIL_ERROR_NO_MEMORY;
+}
+
+// "$%<number>", the number read as strtol reads it (sign, blanks, 0x,
+// octal). Sets *handled and moves *p past the number when form starts one.
+int translate_grab(const char** p, const char* form, string_buffer_t* sb, regex_context_t* context,
+                   bool* handled) {
+    char* number_end = nullptr;
+    const long number = std::strtol(form, &number_end, 0);
+    *handled = number_end != form;
+    if (!*handled) {
+        return 0;
+    }
+    const char* grab = get_grab(static_cast<int>(number), context);
+    if (grab == nullptr) {
+        return STENCIL_ERROR_NO_MEMORY;
+    }
+    // An absent or empty grab leaves the form standing, so that a later
+    // translation (a section operand's second one) may fill it.
+    const ssize_t r = *grab != '\0' ? string_buffer_append_string(sb, grab)
+                                    : string_buffer_append_substring(sb, *p, number_end);
+    *p = number_end;
+    return r < 0 ? STENCIL_ERROR_NO_MEMORY : 0;
+}
+
+// "$%" and one character that is neither a number nor a macro argument: a
+// named form, "%%", or no form at all. A "$%" that ends the text stays, and
+// leaves *p on the terminator.
+int translate_named_form(const char** p, const char* form, string_buffer_t* sb,
+                         stencil_t* stencil) {
+    repository_t* repository = stencil != nullptr ? stencil->repository : nullptr;
+    *p = *form == '\0' ? form : form + 1;
+    switch (*form) {
+        case '\0':
+            return append(sb, "$%") ? 0 : STENCIL_ERROR_NO_MEMORY;
+        case '%':
+            return append_char(sb, '%') ? 0 : STENCIL_ERROR_NO_MEMORY;
+        case 'f':
+        case 'i':
+        case 's':
+        case 'm':
+        case 'r': {
+            const char* value = named_value(*form, repository);
+            if (value != nullptr) {
+                return append(sb, value) ? 0 : STENCIL_ERROR_NO_MEMORY;
+            }
+            // A wern or name the view lacks gives nothing; a missing method
+            // or restarter is an error of its own.
+            if (*form == 'm') {
+                return STENCIL_ERROR_NO_METHOD;
+            }
+            return *form == 'r' ? STENCIL_ERROR_NO_RESTARTER : 0;
+        }
+        default:
+            // No form: both characters stay, with the one behind them.
+            return string_buffer_append_substring(sb, form - 2, form + 1) < 0
+                       ? STENCIL_ERROR_NO_MEMORY
+                       : 0;
+    }
+}
+
+// Everything that starts with a dollar; moves *p past what it translated.
+int translate_dollar(const char** p, string_buffer_t* sb, regex_context_t* context,
+                     stencil_t* stencil) {
+    const char* at = *p;
+    if (at[1] != '%') {
+        // A lone dollar, or a dollar and a character that is passed over
+        // unexamined (so in "$$%1" the second dollar opens nothing).
+        *p = at[1] == '\0' ? at + 1 : at + 2;
+        return string_buffer_append_substring(sb, at, *p) < 0 ? STENCIL_ERROR_NO_MEMORY : 0;
+    }
+    const char* form = at + 2;
+    bool handled = false;
+    int result = translate_grab(p, form, sb, context, &handled);
+    if (handled) {
+        return result;
+    }
+    // A macro argument hides a named form of the same letter.
+    if (stencil != nullptr && stencil->macro != nullptr) {
+        const char* after = form;
+        const char* value = get_macro_expansion(&after, stencil->macro);
+        if (value != nullptr) {
+            *p = after;
+            return append(sb, value) ? 0 : STENCIL_ERROR_NO_MEMORY;
+        }
+    }
+    return translate_named_form(p, form, sb, stencil);
+}
+
+}  // namespace
+
 int translate_grabs(const char* text, string_buffer_t* sb, regex_context_t* context,
                     stencil_t* stencil) {
     if (sb == nullptr) {
@@ -125,117 +242,18 @@ int translate_grabs(const char* text, string_buffer_t* sb, regex_context_t* cont
     }
     const char* p = text;
     while (*p != '\0') {
+        int result = 0;
         if (*p == '\\') {
-            if (p[1] == '\0') {
-                return append_char(sb, '\\') ? 0 : STENCIL_ERROR_NO_MEMORY;
-            }
-            char c = p[1];
-            switch (c) {
-                case 'n':
-                    c = '\n';
-                    break;
-                case 'r':
-                    c = '\r';
-                    break;
-                case 't':
-                    c = '\t';
-                    break;
-                default:
-                    break;  // the character itself, not examined further
-            }
-            if (!append_char(sb, c)) {
-                return STENCIL_ERROR_NO_MEMORY;
-            }
-            p += 2;
-            continue;
-        }
-        if (*p != '$') {
-            if (!append_char(sb, *p)) {
-                return STENCIL_ERROR_NO_MEMORY;
-            }
+            result = translate_escape(&p, sb);
+        } else if (*p == '$') {
+            result = translate_dollar(&p, sb, context, stencil);
+        } else {
+            result = append_char(sb, *p) ? 0 : STENCIL_ERROR_NO_MEMORY;
             p++;
-            continue;
         }
-        if (p[1] != '%') {
-            // A lone dollar, or a dollar and a character that is passed over
-            // unexamined (so in "$$%1" the second dollar opens nothing).
-            const char* end = p[1] == '\0' ? p + 1 : p + 2;
-            if (string_buffer_append_substring(sb, p, end) < 0) {
-                return STENCIL_ERROR_NO_MEMORY;
-            }
-            p = end;
-            continue;
+        if (result != 0) {
+            return result;
         }
-
-        const char* form = p + 2;
-
-        // A grab number, read as strtol reads it (sign, blanks, 0x, octal).
-        char* number_end = nullptr;
-        const long number = std::strtol(form, &number_end, 0);
-        if (number_end != form) {
-            const char* grab = get_grab(static_cast<int>(number), context);
-            if (grab == nullptr) {
-                return STENCIL_ERROR_NO_MEMORY;
-            }
-            // An absent or empty grab leaves the form standing, so that a
-            // later translation (a section operand's second one) may fill it.
-            const ssize_t r = *grab != '\0' ? string_buffer_append_string(sb, grab)
-                                            : string_buffer_append_substring(sb, p, number_end);
-            if (r < 0) {
-                return STENCIL_ERROR_NO_MEMORY;
-            }
-            p = number_end;
-            continue;
-        }
-
-        // A macro argument hides a named form of the same letter.
-        if (stencil != nullptr && stencil->macro != nullptr) {
-            const char* after = form;
-            const char* value = get_macro_expansion(&after, stencil->macro);
-            if (value != nullptr) {
-                if (!append(sb, value)) {
-                    return STENCIL_ERROR_NO_MEMORY;
-                }
-                p = after;
-                continue;
-            }
-        }
-
-        repository_t* repository = stencil != nullptr ? stencil->repository : nullptr;
-        switch (*form) {
-            case '\0':
-                return append(sb, "$%") ? 0 : STENCIL_ERROR_NO_MEMORY;
-            case '%':
-                if (!append_char(sb, '%')) {
-                    return STENCIL_ERROR_NO_MEMORY;
-                }
-                break;
-            case 'f':
-            case 'i':
-            case 's':
-            case 'm':
-            case 'r': {
-                const char* value = named_value(*form, repository);
-                if (value == nullptr) {
-                    if (*form == 'm') {
-                        return STENCIL_ERROR_NO_METHOD;
-                    }
-                    if (*form == 'r') {
-                        return STENCIL_ERROR_NO_RESTARTER;
-                    }
-                } else if (!append(sb, value)) {
-                    return STENCIL_ERROR_NO_MEMORY;
-                }
-                break;
-            }
-            default:
-                // No form: both characters stay, with the one behind them.
-                if (string_buffer_append_substring(sb, p, form + 1) < 0) {
-                    return STENCIL_ERROR_NO_MEMORY;
-                }
-                break;
-        }
-        p = form + 1;
     }
     return 0;
 }

