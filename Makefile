@@ -17,7 +17,7 @@ PREFIX     ?= /usr/local
 # What build depends on first; make install empties it (it checks instead).
 DEPS       ?= deps
 
-.PHONY: all deps build build-asan check test test-asan demo bench clean \
+.PHONY: all deps build build-asan check test test-asan demo bench clean format-check \
         install deb check-package demo-installed
 
 all: build
@@ -42,6 +42,10 @@ test-asan: build-asan
 
 check:
 	@$(MAKE) --no-print-directory test test-asan WERROR=ON
+
+# Every source formatted by .clang-format (CI runs it).
+format-check: deps
+	@sh scripts/check-format.sh
 
 demo: build
 	@sh scripts/demo.sh $(BUILD)

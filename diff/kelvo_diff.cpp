@@ -33,7 +33,7 @@ void print_usage(FILE* stream, const char* prog) {
             prog, KELVO_DEFAULT_STENCIL_DIR);
 }
 
-struct diff_run {
+struct DiffRun {
     repository_t* repository;
     const char* root_prefix;
     const char* stencil_dir;
@@ -62,7 +62,7 @@ bool read_whole(const char* path, std::string* text) {
 
 // Names the missing directory that would make kelvo's open for writing fail:
 // kelvo -a makes directories only with -L and -p.
-void warn_missing_directory(const diff_run& run, const char* path) {
+void warn_missing_directory(const DiffRun& run, const char* path) {
     std::string copy = path;
     const char* directory = dirname(copy.data());
     struct stat st;
@@ -71,15 +71,15 @@ void warn_missing_directory(const diff_run& run, const char* path) {
                 run.prog, directory);
 }
 
-int show_group(const configfile_group& group, defines_t* defines, void* context) {
-    auto* run = static_cast<diff_run*>(context);
+int show_group(const ConfigfileGroup& group, defines_t* defines, void* context) {
+    auto* run = static_cast<DiffRun*>(context);
     stencil_output_buffer_t* raw = nullptr;
     kelvo_error_t status =
         evaluate_stencil(run->repository, defines, group.input_file, run->stencil_dir, 0, &raw);
-    owned<stencil_output_buffer_t, stencil_output_buffer_destroy> output(raw);
+    Owned<stencil_output_buffer_t, stencil_output_buffer_destroy> output(raw);
     if (status != KELVO_SUCCESS) return status;
 
-    delivery_plan plan;
+    DeliveryPlan plan;
     status = plan_delivery(output.get(), group.output_file, run->root_prefix, &plan);
     if (status != KELVO_SUCCESS) return status;
     if (plan.action == DELIVERY_UNCHANGED) return KELVO_SUCCESS;
@@ -90,7 +90,7 @@ int show_group(const configfile_group& group, defines_t* defines, void* context)
     status = resolve_owner(group.owner_name, group.group_name, &uid, &gid);
     if (status != KELVO_SUCCESS) return status;
 
-    heap_text text(stencil_output_buffer_text(output.get()));
+    HeapText text(stencil_output_buffer_text(output.get()));
     if (!text) die(KELVO_SYSERR, gettext("Out of memory\n"));
     std::string old_text;
     const bool created = plan.action == DELIVERY_CREATE;
@@ -182,8 +182,8 @@ int kelvo_diff_main(int argc, char** argv) {
     defines_t* defines = defines_create();
     if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
 
-    diff_run run{repository, root_prefix, stencil_dir, prog};
-    configfile_walk walk{1, 0, show_group, &run, 0};
+    DiffRun run{repository, root_prefix, stencil_dir, prog};
+    ConfigfileWalk walk{1, 0, show_group, &run, 0};
     walk_configfiles(repository, &defines, walk);
     defines_destroy(defines);
     repository_destroy(repository);

@@ -60,8 +60,8 @@ std::vector<Edit> shortest_edit(const std::vector<std::string_view>& a,
         int64_t prev_k = 0, prev_x = 0, prev_y = 0;
         if (d > 0) {
             const std::vector<int64_t>& vp = trace[static_cast<size_t>(d - 1)];
-            prev_k = (k == -d || (k != d && vp[k - 1 + offset] < vp[k + 1 + offset])) ? k + 1
-                                                                                        : k - 1;
+            prev_k =
+                (k == -d || (k != d && vp[k - 1 + offset] < vp[k + 1 + offset])) ? k + 1 : k - 1;
             prev_x = vp[prev_k + offset];
             prev_y = prev_x - prev_k;
         }
@@ -94,8 +94,7 @@ void append_line(std::string& out, char mark, std::string_view line) {
 // before it, as the format wants.
 std::string range(size_t first, size_t count) {
     size_t shown = count == 0 ? first : first + 1;
-    return count == 1 ? std::to_string(shown)
-                      : std::to_string(shown) + "," + std::to_string(count);
+    return count == 1 ? std::to_string(shown) : std::to_string(shown) + "," + std::to_string(count);
 }
 
 }  // namespace
@@ -134,9 +133,12 @@ std::string unified_hunks(std::string_view old_text, std::string_view new_text, 
             const Edit& edit = edits[e];
             if (edit.kind != Edit::ADD) ++old_count;
             if (edit.kind != Edit::REMOVE) ++new_count;
-            if (edit.kind == Edit::KEEP) append_line(body, ' ', a[edit.old_line]);
-            else if (edit.kind == Edit::REMOVE) append_line(body, '-', a[edit.old_line]);
-            else append_line(body, '+', b[edit.new_line]);
+            if (edit.kind == Edit::KEEP)
+                append_line(body, ' ', a[edit.old_line]);
+            else if (edit.kind == Edit::REMOVE)
+                append_line(body, '-', a[edit.old_line]);
+            else
+                append_line(body, '+', b[edit.new_line]);
         }
         out += "@@ -" + range(edits[begin].old_line, old_count) + " +" +
                range(edits[begin].new_line, new_count) + " @@\n" + body;

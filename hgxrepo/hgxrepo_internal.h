@@ -57,16 +57,16 @@ void arity(const Invocation& inv, size_t min, size_t max);
 // whatever a name or value held.
 std::string one_line(std::string s);
 
-using Writer = hgx_ptr<hgx_writer_t>;
-using Handle = hgx_ptr<hgx_handle_t>;
-using Service = hgx_ptr<hgx_service_t>;
-using Instance = hgx_ptr<hgx_instance_t>;
-using Snapshot = hgx_ptr<hgx_snapshot_t>;
-using Pg = hgx_ptr<hgx_propertygroup_t>;
-using Prop = hgx_ptr<hgx_property_t>;
-using Value = hgx_ptr<hgx_value_t>;
-using Iter = hgx_ptr<hgx_iter_t>;
-using Scope = hgx_ptr<hgx_scope_t>;
+using Writer = HgxPtr<hgx_writer_t>;
+using Handle = HgxPtr<hgx_handle_t>;
+using Service = HgxPtr<hgx_service_t>;
+using Instance = HgxPtr<hgx_instance_t>;
+using Snapshot = HgxPtr<hgx_snapshot_t>;
+using Pg = HgxPtr<hgx_propertygroup_t>;
+using Prop = HgxPtr<hgx_property_t>;
+using Value = HgxPtr<hgx_value_t>;
+using Iter = HgxPtr<hgx_iter_t>;
+using Scope = HgxPtr<hgx_scope_t>;
 
 // The library's text for its last error.
 std::string lib_error();

@@ -70,7 +70,7 @@ struct TrackingIter {
 
 class Builder {
   public:
-    static constexpr size_t kMaxDepth = 2048;
+    static constexpr size_t MAX_DEPTH = 2048;
 
     Builder(const std::string& text, const size_t* last) : text_(text), last_(last) {}
 
@@ -195,9 +195,9 @@ class Builder {
     bool open(Node::Kind kind) {
         // The tree is released by recursion, one frame per level; a manifest
         // needs a few levels per group level, and wern lengths bound those.
-        if (stack_.size() >= kMaxDepth) {
+        if (stack_.size() >= MAX_DEPTH) {
             error_pos_ = *last_;
-            error_ = "nesting deeper than " + std::to_string(kMaxDepth) + " levels";
+            error_ = "nesting deeper than " + std::to_string(MAX_DEPTH) + " levels";
             return false;
         }
         stack_.emplace_back();

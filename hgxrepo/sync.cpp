@@ -49,7 +49,7 @@ void log_line(const std::string& text) {
 
 std::string lib_error() { return hgx_strerror(hgx_error()); }
 
-using Writer = hgx_ptr<hgx_writer_t>;
+using Writer = HgxPtr<hgx_writer_t>;
 
 // A compiled pattern, freed with it.
 struct Pattern {

@@ -16,10 +16,10 @@
 #include "kelvo.h"
 #include "owned.h"
 
-void reference_findings::observe(const stencil_reference_t* reference, void* context) {
-    auto* self = static_cast<reference_findings*>(context);
+void ReferenceFindings::observe(const stencil_reference_t* reference, void* context) {
+    auto* self = static_cast<ReferenceFindings*>(context);
     const std::string name = reference->written_name != nullptr ? reference->written_name : "";
-    auto it = std::find_if(self->places_.begin(), self->places_.end(), [&](const place& p) {
+    auto it = std::find_if(self->places_.begin(), self->places_.end(), [&](const Place& p) {
         return p.line == reference->line_number && p.name == name;
     });
     if (it == self->places_.end()) {
@@ -37,14 +37,14 @@ void reference_findings::observe(const stencil_reference_t* reference, void* con
     }
 }
 
-std::vector<std::string> reference_findings::reported() const {
-    std::vector<const place*> kept;
-    for (const place& p : places_)
+std::vector<std::string> ReferenceFindings::reported() const {
+    std::vector<const Place*> kept;
+    for (const Place& p : places_)
         if (!p.defined && !(p.tests_presence && p.group_found)) kept.push_back(&p);
     std::stable_sort(kept.begin(), kept.end(),
-                     [](const place* a, const place* b) { return a->line < b->line; });
+                     [](const Place* a, const Place* b) { return a->line < b->line; });
     std::vector<std::string> out;
-    for (const place* p : kept) out.push_back(std::to_string(p->line) + ": " + p->name);
+    for (const Place* p : kept) out.push_back(std::to_string(p->line) + ": " + p->name);
     return out;
 }
 
@@ -60,7 +60,7 @@ void print_usage(FILE* stream, const char* prog) {
             prog, KELVO_DEFAULT_STENCIL_DIR);
 }
 
-struct lint_run {
+struct LintRun {
     repository_t* repository;
     const char* stencil_dir;
     int findings = 0;
@@ -73,14 +73,14 @@ bool group_exists(const char* name, void* context) {
 }
 
 // Evaluates one stencil and prints "stencil:line: name" per finding.
-int lint_stencil(lint_run& run, defines_t* defines, const char* input_file) {
-    reference_findings findings;
+int lint_stencil(LintRun& run, defines_t* defines, const char* input_file) {
+    ReferenceFindings findings;
     findings.group_exists = group_exists;
     findings.group_context = run.repository;
     stencil_output_buffer_t* raw = nullptr;
     kelvo_error_t status = evaluate_stencil(run.repository, defines, input_file, run.stencil_dir, 0,
-                                            &raw, reference_findings::observe, &findings);
-    owned<stencil_output_buffer_t, stencil_output_buffer_destroy> output(raw);
+                                            &raw, ReferenceFindings::observe, &findings);
+    Owned<stencil_output_buffer_t, stencil_output_buffer_destroy> output(raw);
     if (status != KELVO_SUCCESS) return status;
     char buffer[1024];
     const char* shown = stencil_path(input_file, run.stencil_dir, buffer);
@@ -91,8 +91,8 @@ int lint_stencil(lint_run& run, defines_t* defines, const char* input_file) {
     return KELVO_SUCCESS;
 }
 
-int lint_group(const configfile_group& group, defines_t* defines, void* context) {
-    return lint_stencil(*static_cast<lint_run*>(context), defines, group.input_file);
+int lint_group(const ConfigfileGroup& group, defines_t* defines, void* context) {
+    return lint_stencil(*static_cast<LintRun*>(context), defines, group.input_file);
 }
 
 }  // namespace
@@ -144,10 +144,10 @@ int kelvo_lint_main(int argc, char** argv) {
     defines_t* defines = defines_create();
     if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
 
-    lint_run run{repository, stencil_dir};
+    LintRun run{repository, stencil_dir};
     int failed = 0;
     if (all_configfiles) {
-        configfile_walk walk{1, 0, lint_group, &run, 0};
+        ConfigfileWalk walk{1, 0, lint_group, &run, 0};
         walk_configfiles(repository, &defines, walk);
         failed = walk.failed;
     } else {

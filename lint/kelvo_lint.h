@@ -23,9 +23,9 @@ int kelvo_lint_main(int argc, char** argv);
 // visited. It is reported when no visit found a value; a reference that only
 // tests for a value (:-, :+, :?) is reported only when, besides, no visit
 // found the group its name lies in.
-class reference_findings {
+class ReferenceFindings {
   public:
-    // Fits stencil_reference_fn; context is the reference_findings.
+    // Fits stencil_reference_fn; context is the ReferenceFindings.
     static void observe(const stencil_reference_t* reference, void* context);
     // "line: name" of each reported reference, by line, in the order of
     // first visit within a line.
@@ -36,12 +36,12 @@ class reference_findings {
     void* group_context = nullptr;
 
   private:
-    struct place {
+    struct Place {
         int line;
         std::string name;
         bool tests_presence;
         bool defined = false;
         bool group_found = false;
     };
-    std::vector<place> places_;
+    std::vector<Place> places_;
 };

@@ -14,7 +14,6 @@
 #include "hgx_ptr.h"
 #include "owned.h"
 #include "regex_budget.h"
-
 #include "repository_internal.h"
 
 using namespace repository_internal;
@@ -69,7 +68,7 @@ property_list_node_t* match_properties(pkx_avl_t* tree, regex_t* regex, int coun
 
 // Frees a compiled expression on the caller's frame (the object itself is
 // not freed, only what regcomp allocated for it).
-using compiled_regex = owned<regex_t, regfree>;
+using CompiledRegex = Owned<regex_t, regfree>;
 
 // Pulls into other_props every service or instance whose wern the pattern
 // selects, unless it was pulled before. A pattern that does not compile
@@ -78,7 +77,7 @@ using compiled_regex = owned<regex_t, regfree>;
 int match_instances(repository_t* repository, const char* pattern) {
     regex_t regex;
     if (regcomp_bounded(&regex, pattern, REG_EXTENDED | REG_NOSUB) != 0) return 0;
-    compiled_regex release(&regex);
+    CompiledRegex release(&regex);
     pkx_avl_t* names = repository->instance_names;
     for (auto* node = static_cast<property_table_node_t*>(pkx_avl_first(names)); node != nullptr;
          node = static_cast<property_table_node_t*>(pkx_avl_next(names, node))) {
@@ -98,7 +97,7 @@ int match_instances(repository_t* repository, const char* pattern) {
 repository_error_t repository_create(const char* wern, const char* snapshot,
                                      repository_t** repository) {
     *repository = nullptr;
-    hgx_ptr<hgx_handle_t> handle(hgx_handle_create(HGX_VERSION));
+    HgxPtr<hgx_handle_t> handle(hgx_handle_create(HGX_VERSION));
     if (handle == nullptr || hgx_handle_bind(handle.get()) != 0) return REPOSITORY_QRM_ERROR;
 
     auto* repo = static_cast<repository_t*>(pkx_zalloc(sizeof(repository_t)));
@@ -172,11 +171,11 @@ const property_info_t* repository_get_property(repository_t* repository, const c
     // Straight from the repository, no snapshot; stored under the name as
     // written so that the next query of it is served from the tree.
     hgx_handle_t* handle = repository->handle;
-    hgx_ptr<hgx_scope_t> scope(hgx_scope_create(handle));
-    hgx_ptr<hgx_service_t> service(hgx_service_create(handle));
-    hgx_ptr<hgx_instance_t> instance(hgx_instance_create(handle));
-    hgx_ptr<hgx_propertygroup_t> group(hgx_pg_create(handle));
-    hgx_ptr<hgx_property_t> property(hgx_property_create(handle));
+    HgxPtr<hgx_scope_t> scope(hgx_scope_create(handle));
+    HgxPtr<hgx_service_t> service(hgx_service_create(handle));
+    HgxPtr<hgx_instance_t> instance(hgx_instance_create(handle));
+    HgxPtr<hgx_propertygroup_t> group(hgx_pg_create(handle));
+    HgxPtr<hgx_property_t> property(hgx_property_create(handle));
     if (scope == nullptr || service == nullptr || instance == nullptr || group == nullptr ||
         property == nullptr ||
         hgx_handle_decode_wern(handle, name, scope.get(), service.get(), instance.get(),
@@ -191,7 +190,7 @@ property_list_node_t* repository_match_properties(repository_t* repository, cons
     if (repository == nullptr || pattern == nullptr) return nullptr;
     regex_t regex;
     if (regcomp_bounded(&regex, pattern, REG_EXTENDED) != 0) return nullptr;
-    compiled_regex release(&regex);
+    CompiledRegex release(&regex);
     int count = grabs + 1;
 
     const char* start = pattern;
@@ -208,7 +207,7 @@ property_list_node_t* repository_match_properties(repository_t* repository, cons
     // widened backward over the opening parentheses that start stepped over
     // until its parentheses balance; what then stands there (without the
     // anchors) decides which services and instances are pulled first.
-    heap_text copy(strdup(pattern));
+    HeapText copy(strdup(pattern));
     if (copy == nullptr) return nullptr;
     char* first = copy.get();
     char* position = first + (start - pattern);

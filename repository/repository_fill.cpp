@@ -13,8 +13,8 @@
 
 namespace repository_internal {
 
-constexpr const char kSeparator[] = HGX_WERN_PG_SEPARATOR;   // "/:properties/"
-constexpr size_t kSeparatorLength = sizeof(kSeparator) - 1;  // 13
+constexpr const char SEPARATOR[] = HGX_WERN_PG_SEPARATOR;   // "/:properties/"
+constexpr size_t SEPARATOR_LENGTH = sizeof(SEPARATOR) - 1;  // 13
 
 // Buffer sizes: a wern or group name, a value, a group type, each with its
 // terminator.
@@ -46,8 +46,7 @@ int property_table_node_compare(const void* left, const void* right, void* /*pri
 }
 
 // All trees of all views.
-shared_pool view_pool{"repository_pool", sizeof(property_table_node_t),
-                      property_table_node_compare};
+SharedPool view_pool{"repository_pool", sizeof(property_table_node_t), property_table_node_compare};
 
 int place_table_node(pkx_avl_t* tree, pkx_avl_pool_t* pool, property_table_node_t* node,
                      pkx_avl_index_t* where) {
@@ -86,10 +85,10 @@ void property_tree_destroy(pkx_avl_t* tree) {
 }
 
 // A node not yet placed, released by its destructor unless handed to a tree.
-using node_ptr = owned<property_table_node_t, property_table_node_destroy>;
+using NodePtr = Owned<property_table_node_t, property_table_node_destroy>;
 
-node_ptr new_node(repository_type_t kind, const char* name) {
-    node_ptr node(static_cast<property_table_node_t*>(pkx_zalloc(sizeof(property_table_node_t))));
+NodePtr new_node(repository_type_t kind, const char* name) {
+    NodePtr node(static_cast<property_table_node_t*>(pkx_zalloc(sizeof(property_table_node_t))));
     if (node == nullptr) return node;
     node->info.repo_type = kind;
     node->info.wern = strdup(name);
@@ -99,21 +98,21 @@ node_ptr new_node(repository_type_t kind, const char* name) {
 
 // Hands a finished node to its tree; null (and the node freed) if the name
 // is there already.
-property_table_node_t* place(pkx_avl_t* tree, pkx_avl_pool_t* pool, node_ptr node) {
+property_table_node_t* place(pkx_avl_t* tree, pkx_avl_pool_t* pool, NodePtr node) {
     pkx_avl_index_t where = 0;
     if (place_table_node(tree, pool, node.get(), &where) != 0) return nullptr;
     return node.release();
 }
 
 property_table_node_t* add_instance(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* name) {
-    node_ptr node = new_node(REPO_TYPE_INSTANCE, name);
+    NodePtr node = new_node(REPO_TYPE_INSTANCE, name);
     if (node == nullptr) return nullptr;
     return place(tree, pool, std::move(node));
 }
 
 property_table_node_t* add_pg(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* name,
                               hgx_propertygroup_t* group) {
-    node_ptr node = new_node(REPO_TYPE_PG, name);
+    NodePtr node = new_node(REPO_TYPE_PG, name);
     if (node == nullptr) return nullptr;
     size_t size = pg_type_buffer_size();
     node->info.pg_type = static_cast<char*>(std::malloc(size));
@@ -124,15 +123,15 @@ property_table_node_t* add_pg(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char*
 
 property_table_node_t* add_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* name,
                                 hgx_property_t* property, hgx_handle_t* handle) {
-    node_ptr node = new_node(REPO_TYPE_PROPERTY, name);
+    NodePtr node = new_node(REPO_TYPE_PROPERTY, name);
     size_t size = value_buffer_size();
-    heap_text value_text = alloc_text(size);
+    HeapText value_text = alloc_text(size);
     if (node == nullptr || value_text == nullptr) return nullptr;
     local_property_info_t& info = node->info;
     if (hgx_property_type(property, &info.type) != 0) return nullptr;
 
-    hgx_ptr<hgx_iter_t> iter(hgx_iter_create(handle));
-    hgx_ptr<hgx_value_t> value(hgx_value_create(handle));
+    HgxPtr<hgx_iter_t> iter(hgx_iter_create(handle));
+    HgxPtr<hgx_value_t> value(hgx_value_create(handle));
     if (iter == nullptr || value == nullptr || hgx_iter_property_values(iter.get(), property) != 0)
         return nullptr;
     // A failed step ends the values like the end does.
@@ -152,9 +151,9 @@ property_table_node_t* add_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, const cha
 // Puts the relative part of an object's wern (what follows the first
 // separator) into buffer + offset. False if the wern has no separator.
 bool copy_relative(char* buffer, size_t size, size_t offset, const char* wern) {
-    const char* sep = std::strstr(wern, kSeparator);
+    const char* sep = std::strstr(wern, SEPARATOR);
     if (sep == nullptr) return false;
-    bounded_copy(buffer + offset, sep + kSeparatorLength, size - offset);
+    bounded_copy(buffer + offset, sep + SEPARATOR_LENGTH, size - offset);
     return true;
 }
 
@@ -170,7 +169,7 @@ repository_error_t process_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, char* buf
                                 hgx_property_t* property) {
     PrefixRestore restore{buffer, offset};
     auto usize = static_cast<size_t>(size);
-    heap_text wern = alloc_text(usize);
+    HeapText wern = alloc_text(usize);
     if (wern == nullptr) return REPOSITORY_NO_MEMORY;
     if (hgx_property_to_wern(property, wern.get(), usize) == -1) return REPOSITORY_QRM_ERROR;
     // The client always writes a property's wern with the separator; one
@@ -188,10 +187,10 @@ repository_error_t process_pg(pkx_avl_t* tree, pkx_avl_pool_t* pool, char* buffe
                               int is_service, hgx_snapshot_t* snapshot) {
     PrefixRestore restore{buffer, offset};
     auto usize = static_cast<size_t>(size);
-    hgx_ptr<hgx_propertygroup_t> nested(hgx_pg_create(handle));
-    hgx_ptr<hgx_property_t> property(hgx_property_create(handle));
-    hgx_ptr<hgx_iter_t> iter(hgx_iter_create(handle));
-    heap_text wern = alloc_text(usize);
+    HgxPtr<hgx_propertygroup_t> nested(hgx_pg_create(handle));
+    HgxPtr<hgx_property_t> property(hgx_property_create(handle));
+    HgxPtr<hgx_iter_t> iter(hgx_iter_create(handle));
+    HeapText wern = alloc_text(usize);
     if (nested == nullptr || property == nullptr || iter == nullptr || wern == nullptr)
         return REPOSITORY_NO_MEMORY;
 
@@ -227,13 +226,13 @@ repository_error_t fill_tree(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* 
                              const char* snapshot_name, hgx_handle_t* handle,
                              const int relative_names) {
     size_t size = wern_buffer_size();
-    heap_text pg_name = alloc_text(size);
-    hgx_ptr<hgx_service_t> service(hgx_service_create(handle));
-    hgx_ptr<hgx_instance_t> instance(hgx_instance_create(handle));
-    hgx_ptr<hgx_snapshot_t> snapshot(hgx_snapshot_create(handle));
-    hgx_ptr<hgx_propertygroup_t> group(hgx_pg_create(handle));
-    hgx_ptr<hgx_iter_t> iter(hgx_iter_create(handle));
-    heap_text buffer = alloc_text(size);
+    HeapText pg_name = alloc_text(size);
+    HgxPtr<hgx_service_t> service(hgx_service_create(handle));
+    HgxPtr<hgx_instance_t> instance(hgx_instance_create(handle));
+    HgxPtr<hgx_snapshot_t> snapshot(hgx_snapshot_create(handle));
+    HgxPtr<hgx_propertygroup_t> group(hgx_pg_create(handle));
+    HgxPtr<hgx_iter_t> iter(hgx_iter_create(handle));
+    HeapText buffer = alloc_text(size);
     if (pg_name == nullptr || service == nullptr || instance == nullptr || snapshot == nullptr ||
         group == nullptr || iter == nullptr || buffer == nullptr)
         return REPOSITORY_NO_MEMORY;
@@ -243,7 +242,7 @@ repository_error_t fill_tree(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* 
     buffer[0] = '\0';
     if (!relative_names) {
         bounded_copy(buffer.get(), wern, size);
-        bounded_append(buffer.get(), kSeparator, size);
+        bounded_append(buffer.get(), SEPARATOR, size);
     }
     size_t offset = std::strlen(buffer.get());
     auto ssize = static_cast<ssize_t>(size);
@@ -304,7 +303,7 @@ repository_error_t fill_tree(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* 
 // altered.
 int add_instance_permutations(char* buffer, pkx_avl_t* tree) {
     if (add_instance(tree, view_pool.pool, buffer) == nullptr) return -1;
-    std::strcat(buffer, kSeparator);
+    std::strcat(buffer, SEPARATOR);
     property_table_node_t* node = add_instance(tree, view_pool.pool, buffer);
     if (node == nullptr) return -1;
     node->info.inst_have_pulled_properties = 1;
@@ -321,13 +320,13 @@ int client_failure() {
 
 int fill_instance_tree(pkx_avl_t* tree, hgx_handle_t* handle) {
     // Room for the longest wern and the separator appended to it.
-    size_t size = wern_buffer_size() + kSeparatorLength;
-    hgx_ptr<hgx_scope_t> scope(hgx_scope_create(handle));
-    hgx_ptr<hgx_service_t> service(hgx_service_create(handle));
-    hgx_ptr<hgx_instance_t> instance(hgx_instance_create(handle));
-    hgx_ptr<hgx_iter_t> services(hgx_iter_create(handle));
-    hgx_ptr<hgx_iter_t> instances(hgx_iter_create(handle));
-    heap_text buffer = alloc_text(size);
+    size_t size = wern_buffer_size() + SEPARATOR_LENGTH;
+    HgxPtr<hgx_scope_t> scope(hgx_scope_create(handle));
+    HgxPtr<hgx_service_t> service(hgx_service_create(handle));
+    HgxPtr<hgx_instance_t> instance(hgx_instance_create(handle));
+    HgxPtr<hgx_iter_t> services(hgx_iter_create(handle));
+    HgxPtr<hgx_iter_t> instances(hgx_iter_create(handle));
+    HeapText buffer = alloc_text(size);
     if (buffer == nullptr) return REPOSITORY_NO_MEMORY;
     if (scope == nullptr || service == nullptr || instance == nullptr || services == nullptr ||
         instances == nullptr)

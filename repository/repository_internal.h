@@ -56,7 +56,7 @@ namespace repository_internal {
 
 // The one pool of all trees of all views: the first view made creates it,
 // the last one destroyed releases it.
-extern shared_pool view_pool;
+extern SharedPool view_pool;
 
 inline bool is_absolute(const char* name) { return std::strncmp(name, "wrn:", 4) == 0; }
 

@@ -93,7 +93,8 @@ int duplicate_regex(match_t* target, match_t* source, stencil_t* stencil) {
         target->grab_start =
             target->parent != nullptr ? target->parent->grabs + target->parent->grab_start : 0;
     } else {
-        auto* found = static_cast<expression_t*>(dictionary_find(stencil->dictionary, source->name));
+        auto* found =
+            static_cast<expression_t*>(dictionary_find(stencil->dictionary, source->name));
         if (found == nullptr || found->type != ET_REGEX) return -2;
         auto* definition = reinterpret_cast<match_t*>(found);
         if (definition != source) {
@@ -103,8 +104,8 @@ int duplicate_regex(match_t* target, match_t* source, stencil_t* stencil) {
             int r = duplicate_subexpressions(&target->first_expression, &source->first_expression,
                                              stencil);
             if (r == 0)
-                r = duplicate_subexpressions(&target->second_expression,
-                                             &source->second_expression, stencil);
+                r = duplicate_subexpressions(&target->second_expression, &source->second_expression,
+                                             stencil);
             if (r != 0) return r;
             source = definition;
         }
@@ -125,7 +126,8 @@ int duplicate_macro(macro_t* target, macro_t* source, stencil_t* stencil) {
     if (source->invocation == nullptr) {
         // A definition lying in a body being copied: it finds itself in the
         // dictionary, and from now on points at itself.
-        auto* found = static_cast<expression_t*>(dictionary_find(stencil->dictionary, source->name));
+        auto* found =
+            static_cast<expression_t*>(dictionary_find(stencil->dictionary, source->name));
         if (found == nullptr || found->type != ET_MACRO) return -2;
         source->invocation = reinterpret_cast<macro_t*>(found);
     }

@@ -49,7 +49,7 @@ stencil_error_t stencil_apply(stencil_t* stencil, repository_t* repository,
     if (root == nullptr) {
         return STENCIL_ERROR_NO_MEMORY;
     }
-    stack_guard_scope stack_scope;
+    StackGuardScope stack_scope;
     stencil->repository = repository;
     stencil->mode = mode;
     stencil->context = nullptr;
@@ -236,7 +236,7 @@ int expression_to_string(expression_t* expression, stencil_t* stencil, char** ou
 
 int string_buffer_append_expression(string_buffer_t* sb, expression_t* expression,
                                     stencil_t* stencil) {
-    heap_text text;
+    HeapText text;
     int r = expression_to_string(expression, stencil, out_text(text));
     if (r < 0) {
         return r;

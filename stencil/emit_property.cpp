@@ -76,8 +76,8 @@ int append_with_operands(property_t* property, const property_info_t* info, bool
     if (!defined) {
         return 0;
     }
-    heap_text first;
-    heap_text second;
+    HeapText first;
+    HeapText second;
     int r = expression_to_string(&property->first_expression, stencil, out_text(first));
     if (r < 0) {
         return r;
@@ -107,7 +107,7 @@ int build_text(property_t* property, string_buffer_t* sb, stencil_t* stencil) {
         case PT_DELIM: {
             // The delimiter is evaluated even for an undefined property, so a
             // failure inside it is always reported.
-            heap_text delim;
+            HeapText delim;
             int r = expression_to_string(&property->first_expression, stencil, out_text(delim));
             if (r < 0) {
                 return r;
@@ -164,7 +164,7 @@ int emit_property(property_t* property, stencil_output_buffer_t* buffer, stencil
     }
     // The mode's operation reads the final name from the record; the parsed
     // name is put back afterwards so that each visit starts from it again.
-    heap_text final_name(name.take());
+    HeapText final_name(name.take());
     property->property_name = final_name.get();
     if (stencil->observer != nullptr && final_name.get() != nullptr)
         observe(property, parsed_name, stencil);

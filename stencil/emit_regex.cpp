@@ -23,7 +23,7 @@ namespace {
 // Holds the result of the last transform_wern call.
 thread_local string_buffer_t transform_scratch;
 
-constexpr char kSeparator[] = "/:properties/";
+constexpr char SEPARATOR[] = "/:properties/";
 
 bool append(string_buffer_t* sb, const char* text) {
     return string_buffer_append_string(sb, text != nullptr ? text : "") >= 0;
@@ -41,7 +41,7 @@ void destroy_context(regex_context_t* context, property_list_node_t* head) {
 }  // namespace
 
 int is_absolute_wern(const char* wern) {
-    return wern != nullptr && std::strstr(wern, kSeparator) != nullptr ? 1 : 0;
+    return wern != nullptr && std::strstr(wern, SEPARATOR) != nullptr ? 1 : 0;
 }
 
 // Inward, outermost entry first: each prefix goes in, and every entry marks
@@ -128,8 +128,8 @@ regex_context_t* match_regex(match_t* match, stencil_t* stencil) {
     }
     // Operands see the sections around this one: the stencil's context is
     // still theirs.
-    heap_text first;
-    heap_text second;
+    HeapText first;
+    HeapText second;
     if (expression_to_string(&match->first_expression, stencil, out_text(first)) < 0 ||
         expression_to_string(&match->second_expression, stencil, out_text(second)) < 0) {
         return nullptr;

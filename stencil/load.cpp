@@ -18,45 +18,47 @@
 namespace {
 
 // Offsets in the parser are int; no text may be longer than this.
-constexpr size_t max_text_length = 0x7FFFFFFF;
-constexpr size_t chunk = 128;
+constexpr size_t MAX_TEXT_LENGTH = 0x7FFFFFFF;
+constexpr size_t CHUNK = 128;
 
 // The stencil's text, NUL-terminated: either a private mapping of the file or
 // a heap buffer. Released at the end of the load whatever happened.
-class stencil_text {
-public:
-    stencil_text() = default;
-    stencil_text(const stencil_text&) = delete;
-    stencil_text& operator=(const stencil_text&) = delete;
-    ~stencil_text() {
+class StencilText {
+  public:
+    StencilText() = default;
+    StencilText(const StencilText&) = delete;
+    StencilText& operator=(const StencilText&) = delete;
+    ~StencilText() {
         if (mapped_ != nullptr) munmap(mapped_, mapped_length_);
         free(buffer_);
     }
 
-    const char* str() const { return mapped_ != nullptr ? static_cast<const char*>(mapped_) : buffer_; }
+    const char* str() const {
+        return mapped_ != nullptr ? static_cast<const char*>(mapped_) : buffer_;
+    }
 
     // Reads descriptor 0 to its end in chunks; the buffer always has room for
     // a whole chunk and the NUL ahead of each read. 0, or -1 with errno.
     int read_stdin() {
-        size_t allocated = chunk + 1;
+        size_t allocated = CHUNK + 1;
         size_t used = 0;
         buffer_ = static_cast<char*>(malloc(allocated));
         if (buffer_ == nullptr) return -1;
         for (;;) {
-            if (allocated - used < chunk + 1) {
-                auto* grown = static_cast<char*>(realloc(buffer_, allocated + chunk));
+            if (allocated - used < CHUNK + 1) {
+                auto* grown = static_cast<char*>(realloc(buffer_, allocated + CHUNK));
                 if (grown == nullptr) return -1;
                 buffer_ = grown;
-                allocated += chunk;
+                allocated += CHUNK;
             }
-            ssize_t n = read(0, buffer_ + used, chunk);
+            ssize_t n = read(0, buffer_ + used, CHUNK);
             if (n < 0) {
                 if (errno == EINTR) continue;
                 return -1;
             }
             if (n == 0) break;
             used += static_cast<size_t>(n);
-            if (used > max_text_length) {
+            if (used > MAX_TEXT_LENGTH) {
                 errno = E2BIG;
                 return -1;
             }
@@ -73,7 +75,7 @@ public:
         const auto size = static_cast<size_t>(st.st_size);
         const auto page = static_cast<size_t>(getpagesize());
         const size_t length = size - size % page + page;
-        if (length > max_text_length) {
+        if (length > MAX_TEXT_LENGTH) {
             errno = E2BIG;
             return -1;
         }
@@ -90,7 +92,7 @@ public:
         return 0;
     }
 
-private:
+  private:
     int read_whole(int fd, size_t size) {
         buffer_ = static_cast<char*>(malloc(size + 1));
         if (buffer_ == nullptr) return -1;
@@ -113,17 +115,17 @@ private:
     char* buffer_ = nullptr;
 };
 
-class file_descriptor {
-public:
-    explicit file_descriptor(int fd) : fd_(fd) {}
-    file_descriptor(const file_descriptor&) = delete;
-    file_descriptor& operator=(const file_descriptor&) = delete;
-    ~file_descriptor() {
+class FileDescriptor {
+  public:
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    ~FileDescriptor() {
         if (fd_ >= 0) close(fd_);
     }
     int get() const { return fd_; }
 
-private:
+  private:
     int fd_;
 };
 
@@ -184,10 +186,10 @@ void free_errors(stencil_t* stencil) {
 
 stencil_error_t stencil_load(const char* file_name, stencil_t** out, defines_t* defines) {
     *out = nullptr;
-    stencil_text text;
+    StencilText text;
     // Standard input (fd -1 here) stays open; a named file is closed on the
     // way out.
-    file_descriptor fd(file_name != nullptr ? open(file_name, O_RDONLY | O_CLOEXEC) : -1);
+    FileDescriptor fd(file_name != nullptr ? open(file_name, O_RDONLY | O_CLOEXEC) : -1);
     if (file_name != nullptr) {
         if (fd.get() < 0 || text.map_file(fd.get()) != 0) return error_from_errno(errno);
     } else if (text.read_stdin() != 0) {
@@ -205,7 +207,7 @@ stencil_error_t stencil_load(const char* file_name, stencil_t** out, defines_t* 
         return STENCIL_ERROR_NO_MEMORY;
     }
 
-    stack_guard_scope stack_scope;
+    StackGuardScope stack_scope;
     stencil_error_t result = parse_all(stencil, text.str());
     if (result == STENCIL_SUCCESS && stack_guard_tripped()) result = STENCIL_ERROR_NO_MEMORY;
     // A stencil that failed to parse still goes out, for its errors.

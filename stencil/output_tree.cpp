@@ -161,7 +161,6 @@ stencil_error_t stencil_output_buffer_emit(stencil_output_buffer_t* buffer, int 
     return STENCIL_SUCCESS;
 }
 
-
 char* stencil_output_buffer_text(const stencil_output_buffer_t* buffer) {
     stencil_eval::LocalBuffer text;
     if (text.init() != 0 || coalesce_buffer_chain_kernel(buffer, text.get()) < 0) return nullptr;

@@ -169,7 +169,8 @@ int parse_invocation(const char* text, expression_t* container, stencil_t* stenc
         auto* found = static_cast<expression_t*>(dictionary_find(stencil->dictionary, name));
         free(name);
         if (found == nullptr)
-            return report_syntax_error(stencil, text, name_length, name_length - 1, SE_UNKNOWN_NAME);
+            return report_syntax_error(stencil, text, name_length, name_length - 1,
+                                       SE_UNKNOWN_NAME);
         if (found->type == ET_MACRO)
             as_macro = true;
         else if (found->type != ET_REGEX)
@@ -226,8 +227,9 @@ int parse_macro_invocation(const char* text, expression_t* expression, stencil_t
                 break;
         }
 
-        auto* grown = static_cast<expression_t*>(realloc(
-            macro->arg_expressions, (static_cast<size_t>(macro->num_args) + 1) * sizeof(expression_t)));
+        auto* grown = static_cast<expression_t*>(
+            realloc(macro->arg_expressions,
+                    (static_cast<size_t>(macro->num_args) + 1) * sizeof(expression_t)));
         if (grown == nullptr) return STENCIL_ERROR_NO_MEMORY;
         macro->arg_expressions = grown;
         expression_t* argument = &grown[macro->num_args++];
@@ -239,7 +241,8 @@ int parse_macro_invocation(const char* text, expression_t* expression, stencil_t
     }
 
     // Arguments come before the name is looked up, so their errors win.
-    auto* definition = static_cast<expression_t*>(dictionary_find(stencil->dictionary, macro->name));
+    auto* definition =
+        static_cast<expression_t*>(dictionary_find(stencil->dictionary, macro->name));
     const size_t name_length = strlen(macro->name);
     if (definition == nullptr)
         return report_syntax_error(stencil, macro->name, name_length, 0, SE_MACRO_NOT_FOUND);

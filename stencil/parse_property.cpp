@@ -65,7 +65,7 @@ int parse_property(const char* text, expression_t* expression, stencil_t* stenci
     property->first_expression.type = ET_BASE;
     property->second_expression.type = ET_BASE;
 
-    define_splice splice(text);
+    DefineSplice splice(text);
     const char* p = text;
     for (;;) {
         const char c = *p;

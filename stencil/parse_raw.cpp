@@ -3,7 +3,7 @@
 
 #include "parse_raw.h"
 
-int define_splice::open(stencil_t* stencil, const char*& p, char** target) {
+int DefineSplice::open(stencil_t* stencil, const char*& p, char** target) {
     const size_t at = static_cast<size_t>(p - text_);
     if (begun_) return report_syntax_error(stencil, text_, at + 1, at, SE_ILLEGAL_CHARACTER);
     begun_ = true;
@@ -13,14 +13,14 @@ int define_splice::open(stencil_t* stencil, const char*& p, char** target) {
     return 0;
 }
 
-int define_splice::close(stencil_t* stencil, const char*& p, char** target) {
+int DefineSplice::close(stencil_t* stencil, const char*& p, char** target) {
     int r = splice_define(stencil, text_, piece_, p, out_text(name_), target);
     if (r < 0) return r;
     piece_ = ++p;
     return 0;
 }
 
-int define_splice::finish(const char* end, char** target) {
+int DefineSplice::finish(const char* end, char** target) {
     return _make_str(target, piece_, end) != 0 ? STENCIL_ERROR_NO_MEMORY : 0;
 }
 

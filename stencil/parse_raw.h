@@ -10,9 +10,9 @@
 // opener and each define's value go to the caller's target in order; the
 // define name is never cleared once the splice has begun, so a further `]`
 // extends it by the text since the last one.
-class define_splice {
+class DefineSplice {
   public:
-    explicit define_splice(const char* text) : text_(text), piece_(text) {}
+    explicit DefineSplice(const char* text) : text_(text), piece_(text) {}
 
     // p is at the `$` of `$%[`: keeps the text before it in *target and moves
     // p past the opener. 0, or a negative stencil_error_t (a second splice
@@ -30,7 +30,7 @@ class define_splice {
   private:
     const char* text_;   // the start of the form, for error locations
     const char* piece_;  // the start of the text not yet kept
-    heap_text name_;
+    HeapText name_;
     bool begun_ = false;
 };
 

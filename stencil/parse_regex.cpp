@@ -12,9 +12,9 @@ namespace {
 
 // Puts parse_parent back to the enclosing section on every way out of
 // parse_regex, so a later load in the same process starts with it null.
-struct restore_parse_parent {
+struct RestoreParseParent {
     match_t* saved;
-    ~restore_parse_parent() { parse_parent = saved; }
+    ~RestoreParseParent() { parse_parent = saved; }
 };
 
 // Scans the pattern of the section at text up to the `/` whose next
@@ -23,7 +23,7 @@ struct restore_parse_parent {
 // of a syntax error.
 int scan_pattern(const char* text, match_t* match, stencil_t* stencil, int* grabs,
                  const char** brace_out) {
-    define_splice splice(text);
+    DefineSplice splice(text);
     *grabs = 0;
     const char* p = text;
     const char* brace = nullptr;
@@ -90,7 +90,7 @@ int parse_regex(const char* text, expression_t* expression, stencil_t* stencil) 
     match->first_expression.type = ET_BASE;
     match->second_expression.type = ET_BASE;
     match->parent = parse_parent;
-    restore_parse_parent restore{match->parent};
+    RestoreParseParent restore{match->parent};
     parse_parent = match;
     // A named section is a definition: it stands for its name only.
     match->invocable = match->name == nullptr ? 1 : 0;

@@ -201,8 +201,8 @@ const char* replace_string(const char* source, const char* pattern, const char* 
     const char* pos = source;
     while (*pos != '\0') {
         const char* end = match_glob(pos, pattern);
-        const bool accepted = end != nullptr && (!start_anchor || pos == source) &&
-                              (!end_anchor || *end == '\0');
+        const bool accepted =
+            end != nullptr && (!start_anchor || pos == source) && (!end_anchor || *end == '\0');
         if (!accepted) {
             if (string_buffer_append_char(&replace_scratch, *pos) < 0) {
                 return nullptr;

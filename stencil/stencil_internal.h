@@ -62,7 +62,7 @@ typedef struct property {
     expression_t expression;
     char* property_name;  // null when the name in the text is empty
     transform_t transform;
-    int line_number;  // line of the stencil text the reference starts on, from 1
+    int line_number;                 // line of the stencil text the reference starts on, from 1
     expression_t first_expression;   // text after the operator
     expression_t second_expression;  // text after '/'
 } property_t;
@@ -73,11 +73,11 @@ typedef struct match {
     transform_t transform;    // set by an invocation
     expression_t first_expression;
     expression_t second_expression;
-    char* regex;  // pattern as written, defines spliced in
-    int grabs;       // groups the pattern opens
-    int grab_start;  // group numbers used by enclosing sections
+    char* regex;           // pattern as written, defines spliced in
+    int grabs;             // groups the pattern opens
+    int grab_start;        // group numbers used by enclosing sections
     struct match* parent;  // enclosing section when made; not owned
-    int invocable;   // 0 for a named section's definition
+    int invocable;         // 0 for a named section's definition
 } match_t;
 
 typedef struct macro {
@@ -126,7 +126,7 @@ struct stencil {
     stencil_output_mode_t mode;
     int line_number;
     stencil_syntax_error_list_t* errors;  // newest first; null when none
-    stencil_reference_fn observer;  // set during stencil_apply_observed only
+    stencil_reference_fn observer;        // set during stencil_apply_observed only
     void* observer_context;
 };
 
@@ -218,8 +218,7 @@ int emit_property_by_mode(property_t* property, stencil_output_buffer_t* buffer,
 int emit_normal_literal(literal_t* literal, stencil_output_buffer_t* buffer, stencil_t* stencil);
 int emit_list_properties_literal(literal_t* literal, stencil_output_buffer_t* buffer,
                                  stencil_t* stencil);
-int emit_normal_property(property_t* property, stencil_output_buffer_t* buffer,
-                         stencil_t* stencil);
+int emit_normal_property(property_t* property, stencil_output_buffer_t* buffer, stencil_t* stencil);
 int emit_list_properties_property(property_t* property, stencil_output_buffer_t* buffer,
                                   stencil_t* stencil);
 int emit_normal_regex(match_t* match, stencil_output_buffer_t* buffer, stencil_t* stencil);

@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr ssize_t kInitialSize = 16;
+constexpr ssize_t INITIAL_SIZE = 16;
 
 // Makes room for `extra` more bytes; returns the block size or -1. A failed
 // realloc leaves text, used and allocated untouched.
@@ -67,7 +67,7 @@ int string_buffer_init(string_buffer_t* sb) {
         return -1;
     }
     sb->free_atexit = 0;
-    sb->buf = static_cast<char*>(std::malloc(kInitialSize));
+    sb->buf = static_cast<char*>(std::malloc(INITIAL_SIZE));
     if (sb->buf == nullptr) {
         sb->used = 0;
         sb->allocated = 0;
@@ -75,7 +75,7 @@ int string_buffer_init(string_buffer_t* sb) {
     }
     sb->buf[0] = '\0';
     sb->used = 1;
-    sb->allocated = kInitialSize;
+    sb->allocated = INITIAL_SIZE;
     return 0;
 }
 
@@ -134,9 +134,7 @@ void string_buffer_trim(string_buffer_t* sb, size_t length) {
     }
 }
 
-void string_buffer_free(string_buffer_t* sb) {
-    std::free(string_buffer_take_ownership(sb));
-}
+void string_buffer_free(string_buffer_t* sb) { std::free(string_buffer_take_ownership(sb)); }
 
 void string_buffer_atexit_free(string_buffer_t* sb) {
     if (sb == nullptr || sb->free_atexit != 0) {

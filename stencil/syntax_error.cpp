@@ -33,13 +33,14 @@ const char* const messages[] = {
     "\"%s\" is a regular expression, but was invoked as a macro\n",
     "\"%s\" is a macro, but was invoked as a regular expression\n",
 };
-constexpr unsigned message_count = sizeof(messages) / sizeof(messages[0]);
+constexpr unsigned MESSAGE_COUNT = sizeof(messages) / sizeof(messages[0]);
 
 }  // namespace
 
 int add_error(stencil_t* stencil, const char* text, size_t length, size_t location,
               syntax_error_t err) {
-    auto* node = static_cast<stencil_syntax_error_list_t*>(calloc(1, sizeof(stencil_syntax_error_list_t)));
+    auto* node =
+        static_cast<stencil_syntax_error_list_t*>(calloc(1, sizeof(stencil_syntax_error_list_t)));
     auto* line = static_cast<char*>(malloc(length + 1));
     if (node == nullptr || line == nullptr) {
         free(node);
@@ -72,13 +73,15 @@ int unterminated_at(stencil_t* stencil, const char* text, const char* at) {
 
 stencil_syntax_error_iter_t* stencil_syntax_error_iterator_create(stencil_t* stencil) {
     if (stencil == nullptr) return nullptr;
-    auto* iter = static_cast<stencil_syntax_error_iter_t*>(malloc(sizeof(stencil_syntax_error_iter_t)));
+    auto* iter =
+        static_cast<stencil_syntax_error_iter_t*>(malloc(sizeof(stencil_syntax_error_iter_t)));
     if (iter == nullptr) return nullptr;
     iter->list = stencil->errors;
     return iter;
 }
 
-const stencil_syntax_error_t* stencil_syntax_error_iterator_next(stencil_syntax_error_iter_t* iter) {
+const stencil_syntax_error_t* stencil_syntax_error_iterator_next(
+    stencil_syntax_error_iter_t* iter) {
     if (iter == nullptr || iter->list == nullptr) return nullptr;
     const stencil_syntax_error_t* error = &iter->list->syntax_error;
     iter->list = iter->list->next;
@@ -91,7 +94,7 @@ void display_syntax_error(const stencil_syntax_error_t* error) {
     if (error == nullptr) return;
     fprintf(stderr, "  Line %d:  ", error->line_number);
     const unsigned code = static_cast<unsigned>(error->err);
-    if (code >= message_count) {
+    if (code >= MESSAGE_COUNT) {
         fprintf(stderr, "Unhandled error: %d \"%s\"\n", static_cast<int>(error->err),
                 error->error_line);
         return;

@@ -5,11 +5,11 @@
 // handler is installed with the first registration only, so a run that never
 // registers anything leaves exit untouched.
 
-#include "support_internal.h"
-
 #include <pthread.h>
 
 #include <cstdlib>
+
+#include "support_internal.h"
 
 namespace {
 

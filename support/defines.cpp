@@ -18,7 +18,7 @@ int defines_entry_compare(const void* left, const void* right, void* /*priv*/) {
                        static_cast<const defines_entry_t*>(right)->name);
 }
 
-shared_pool pool{"defines_pool", sizeof(defines_entry_t), defines_entry_compare};
+SharedPool pool{"defines_pool", sizeof(defines_entry_t), defines_entry_compare};
 
 void free_entry(defines_entry_t* entry) {
     std::free(const_cast<char*>(entry->name));

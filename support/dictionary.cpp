@@ -18,7 +18,7 @@ int dictionary_entry_compare(const void* left, const void* right, void* /*priv*/
                        static_cast<const dictionary_entry_t*>(right)->name);
 }
 
-shared_pool pool{"dictionary_pool", sizeof(dictionary_entry_t), dictionary_entry_compare};
+SharedPool pool{"dictionary_pool", sizeof(dictionary_entry_t), dictionary_entry_compare};
 
 }  // namespace
 

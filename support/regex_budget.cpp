@@ -13,21 +13,22 @@
 // (`(a*)\1b` against a long name of a's runs for minutes).
 
 #include "regex_budget.h"
-#include "support_internal.h"
 
 #include <cctype>
 #include <cstring>
 #include <vector>
 
+#include "support_internal.h"
+
 namespace {
 
-constexpr uint64_t kSaturated = uint64_t{1} << 62;
+constexpr uint64_t SATURATED = uint64_t{1} << 62;
 
-uint64_t add(uint64_t a, uint64_t b) { return a + b > kSaturated ? kSaturated : a + b; }
+uint64_t add(uint64_t a, uint64_t b) { return a + b > SATURATED ? SATURATED : a + b; }
 
 uint64_t mul(uint64_t a, uint64_t b) {
     if (a == 0 || b == 0) return 0;
-    return a > kSaturated / b ? kSaturated : a * b;
+    return a > SATURATED / b ? SATURATED : a * b;
 }
 
 struct Cost {
@@ -42,10 +43,10 @@ Cost plus(Cost a, Cost b) {
 
 Cost times(Cost a, uint64_t n) { return {mul(a.nodes, n), mul(a.epsilon, n), mul(a.anchors, n)}; }
 
-constexpr Cost kChar{1, 0, 0};
-constexpr Cost kAnchor{1, 1, 1};
-constexpr Cost kJoint{1, 1, 0};  // a branch, a loop or an optional copy
-constexpr Cost kGroup{2, 2, 0};  // opening and closing node
+constexpr Cost CHAR_NODE{1, 0, 0};
+constexpr Cost ANCHOR_NODE{1, 1, 1};
+constexpr Cost JOINT_NODE{1, 1, 0};   // a branch, a loop or an optional copy
+constexpr Cost GROUP_NODES{2, 2, 0};  // opening and closing node
 
 // One level of parentheses: the finished branches, the current branch up to
 // its last atom, and that atom (kept apart because a quantifier may follow).
@@ -70,7 +71,9 @@ struct Frame {
         has_atom = false;
     }
     // The whole level, one node per further branch.
-    Cost total() const { return plus(plus(branches, branch()), times(kJoint, branch_count - 1)); }
+    Cost total() const {
+        return plus(plus(branches, branch()), times(JOINT_NODE, branch_count - 1));
+    }
 };
 
 // Reads a decimal count at p, clamped far above the compiler's own maximum
@@ -113,10 +116,10 @@ bool read_interval(const char*& p, uint64_t* min, uint64_t* max) {
 Cost repeat(Cost atom, uint64_t min, uint64_t max) {
     if (max == UINT64_MAX) {
         // m copies, then one starred copy.
-        return plus(times(atom, min + 1), kJoint);
+        return plus(times(atom, min + 1), JOINT_NODE);
     }
-    if (max == 0) return kJoint;
-    return plus(times(atom, max), times(kJoint, max - min));
+    if (max == 0) return JOINT_NODE;
+    return plus(times(atom, max), times(JOINT_NODE, max - min));
 }
 
 // Steps over a bracket expression at p (on its '['); one atom however long.
@@ -163,9 +166,9 @@ regex_measure_result_t regex_measure(const char* pattern) {
                 if (frames.size() > 1) {
                     Cost inner = frame.total();
                     frames.pop_back();
-                    frames.back().push_atom(plus(inner, kGroup));
+                    frames.back().push_atom(plus(inner, GROUP_NODES));
                 } else {
-                    frame.push_atom(kChar);
+                    frame.push_atom(CHAR_NODE);
                 }
                 ++p;
                 continue;
@@ -177,14 +180,14 @@ regex_measure_result_t regex_measure(const char* pattern) {
             case '?':
             case '+':
                 if (!frame.has_atom) {
-                    frame.push_atom(kChar);
+                    frame.push_atom(CHAR_NODE);
                 } else if (frame.atom.anchors != 0) {
                     result.repeated_anchor = 1;
                     frame.atom = repeat(frame.atom, 1, UINT64_MAX);
                 } else if (c == '+') {
                     frame.atom = repeat(frame.atom, 1, UINT64_MAX);
                 } else {
-                    frame.atom = plus(frame.atom, kJoint);
+                    frame.atom = plus(frame.atom, JOINT_NODE);
                 }
                 ++p;
                 continue;
@@ -195,33 +198,33 @@ regex_measure_result_t regex_measure(const char* pattern) {
                     if (frame.atom.anchors != 0) result.repeated_anchor = 1;
                     frame.atom = repeat(frame.atom, min, max);
                 } else {
-                    frame.push_atom(kChar);
+                    frame.push_atom(CHAR_NODE);
                     ++p;
                 }
                 continue;
             }
             case '[':
-                frame.push_atom(kChar);
+                frame.push_atom(CHAR_NODE);
                 p = skip_bracket(p);
                 continue;
             case '\\':
                 // Word boundaries and buffer anchors match no character.
                 if (p[1] == '\0') {
-                    frame.push_atom(kChar);
+                    frame.push_atom(CHAR_NODE);
                     ++p;
                     continue;
                 }
                 if (p[1] >= '1' && p[1] <= '9') result.backreferences++;
-                frame.push_atom(std::strchr("bB<>`'", p[1]) != nullptr ? kAnchor : kChar);
+                frame.push_atom(std::strchr("bB<>`'", p[1]) != nullptr ? ANCHOR_NODE : CHAR_NODE);
                 p += 2;
                 continue;
             case '^':
             case '$':
-                frame.push_atom(kAnchor);
+                frame.push_atom(ANCHOR_NODE);
                 ++p;
                 continue;
             default:
-                frame.push_atom(kChar);
+                frame.push_atom(CHAR_NODE);
                 ++p;
                 continue;
         }
@@ -230,7 +233,7 @@ regex_measure_result_t regex_measure(const char* pattern) {
     while (frames.size() > 1) {
         Cost inner = frames.back().total();
         frames.pop_back();
-        frames.back().push_atom(plus(inner, kGroup));
+        frames.back().push_atom(plus(inner, GROUP_NODES));
     }
     Cost whole = frames.back().total();
     result.nodes = whole.nodes;

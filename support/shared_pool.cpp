@@ -2,7 +2,7 @@
 
 #include <cassert>
 
-pkx_avl_pool_t* shared_pool::acquire() {
+pkx_avl_pool_t* SharedPool::acquire() {
     if (pool == nullptr) {
         pool = pkx_avl_pool_create(name, entry_size, 0, compare, 0);
         if (pool == nullptr) return nullptr;
@@ -11,7 +11,7 @@ pkx_avl_pool_t* shared_pool::acquire() {
     return pool;
 }
 
-void shared_pool::release() {
+void SharedPool::release() {
     // Only a user that acquired the pool releases it.
     assert(users > 0 && pool != nullptr);
     if (--users == 0) {

@@ -1,5 +1,4 @@
 #include "stack_guard.h"
-#include "support_internal.h"
 
 #include <pthread.h>
 #include <sys/resource.h>
@@ -7,9 +6,11 @@
 
 #include <cstdint>
 
+#include "support_internal.h"
+
 namespace {
 
-constexpr size_t kLargestStack = size_t{512} << 20;
+constexpr size_t LARGEST_STACK = size_t{512} << 20;
 
 thread_local uintptr_t base = 0;  // 0: none yet
 thread_local size_t budget = 0;
@@ -30,7 +31,7 @@ void set_base(uintptr_t frame) {
 
 size_t stack_guard_budget() {
     if (budget_override != 0) return budget_override;
-    size_t usable = kLargestStack;
+    size_t usable = LARGEST_STACK;
     if (getpid() == gettid()) {
         struct rlimit limit {};
         if (getrlimit(RLIMIT_STACK, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
@@ -53,14 +54,14 @@ size_t stack_guard_budget() {
 
 void stack_guard_set_budget(size_t bytes) { budget_override = bytes; }
 
-stack_guard_scope::stack_guard_scope() {
+StackGuardScope::StackGuardScope() {
     if (scopes++ == 0) {
         set_base(here());
         tripped = false;
     }
 }
 
-stack_guard_scope::~stack_guard_scope() {
+StackGuardScope::~StackGuardScope() {
     if (--scopes == 0) base = 0;
 }
 

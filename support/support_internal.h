@@ -35,12 +35,11 @@ typedef struct dictionary_entry {
     void* entry;       // match_t or macro_t, borrowed
 } dictionary_entry_t;
 
-// shared_pool creates every pool with node offset 0: pkx finds its links at
+// SharedPool creates every pool with node offset 0: pkx finds its links at
 // the start of each entry, and the compare callbacks read the entry through
 // the same pointer.
 static_assert(offsetof(defines_entry_t, node) == 0, "tree links must open a define entry");
-static_assert(offsetof(dictionary_entry_t, node) == 0,
-              "tree links must open a dictionary entry");
+static_assert(offsetof(dictionary_entry_t, node) == 0, "tree links must open a dictionary entry");
 
 // Pool counters, for tests of the shared pool lifecycle: the number of live
 // tables, and 1 while the module's pool exists (0 otherwise).

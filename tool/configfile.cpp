@@ -17,7 +17,7 @@
 
 namespace {
 
-using property_list = owned<property_list_node_t, property_list_destroy>;
+using PropertyList = Owned<property_list_node_t, property_list_destroy>;
 
 // The mode text of a group: octal with nothing after it. Reports and gives
 // false for a bad one.
@@ -65,17 +65,17 @@ int add_configfile_defines(defines_t* defines, repository_t* repository, const c
     // number of slashes, so every record whose name holds "<group>/defines"
     // is taken, also those of other groups whose names end in <group>.
     size_t size = strlen(group) + strlen("defines/*") + 2;
-    heap_text pattern = alloc_text(size);
+    HeapText pattern = alloc_text(size);
     if (!pattern) die(KELVO_SYSERR, gettext("Out of memory\n"));
     snprintf(pattern.get(), size, "%s/defines/*", group);
 
-    property_list list(repository_match_properties(repository, pattern.get(), 0));
+    PropertyList list(repository_match_properties(repository, pattern.get(), 0));
     int failed = 0;
     for (const property_list_node_t* node = list.get(); node != nullptr; node = node->next) {
         // Records with other than one value, group records among them, are
         // passed over silently.
         if (node->info->num_values != 1) continue;
-        heap_text name_copy(strdup(node->info->wern));
+        HeapText name_copy(strdup(node->info->wern));
         if (!name_copy) die(KELVO_SYSERR, gettext("Out of memory\n"));
         char* slash = strrchr(name_copy.get(), '/');
         char* name = slash != nullptr ? slash + 1 : name_copy.get();
@@ -121,7 +121,7 @@ class group_reader {
 
 // The output a group describes: path, stencil, mode, owner and group.
 // KELVO_SUCCESS, or KELVO_QRMERR after the message.
-int describe_group(group_reader& reader, configfile_group* described) {
+int describe_group(group_reader& reader, ConfigfileGroup* described) {
     const char* mode_text = nullptr;
     if (reader.read("path", 0, &described->output_file) != 0 ||
         reader.read("stencil", 0, &described->input_file) != 0 ||
@@ -144,12 +144,12 @@ int describe_group(group_reader& reader, configfile_group* described) {
 // One group of the walk: read its description, then visit it, with its
 // defines when the walk asks for them. Returns the walk's status after the
 // group; a disabled group (*disabled) returns status_before unchanged.
-int walk_group(repository_t* repository, defines_t** defines, const configfile_walk& walk,
+int walk_group(repository_t* repository, defines_t** defines, const ConfigfileWalk& walk,
                const char* group, group_reader& reader, int status_before, bool* disabled) {
     // Strings below are borrowed from the repository view, which outlives
     // the walk. Each read resets its variable, so nothing carries over from
     // an earlier group or from -O and -g.
-    configfile_group described{group, nullptr, nullptr, 0, nullptr, nullptr};
+    ConfigfileGroup described{group, nullptr, nullptr, 0, nullptr, nullptr};
     const char* disabled_text = nullptr;
     *disabled = false;
     if (!reader.start(group)) return KELVO_QRMERR;
@@ -172,7 +172,7 @@ int walk_group(repository_t* repository, defines_t** defines, const configfile_w
 
 }  // namespace
 
-int walk_configfiles(repository_t* repository, defines_t** defines, configfile_walk& walk) {
+int walk_configfiles(repository_t* repository, defines_t** defines, ConfigfileWalk& walk) {
     int status = KELVO_SUCCESS;
     walk.failed = 0;
     ssize_t limit = hgx_limit(HGX_LIMIT_WERN_LENGTH);
@@ -180,12 +180,12 @@ int walk_configfiles(repository_t* repository, defines_t** defines, configfile_w
         die(KELVO_QRMERR, gettext("Unable to get properties for %s"),
             repository_get_wern(repository));
     const size_t wern_limit = static_cast<size_t>(limit);
-    heap_text buffer = alloc_text(wern_limit + 1);
+    HeapText buffer = alloc_text(wern_limit + 1);
     if (!buffer) die(KELVO_SYSERR, gettext("Out of memory\n"));
     group_reader reader(repository, buffer.get(), wern_limit);
 
     // Ascending order of group names.
-    property_list group_list(repository_get_pgs_by_type(repository, "configfile"));
+    PropertyList group_list(repository_get_pgs_by_type(repository, "configfile"));
     for (const property_list_node_t* node = group_list.get(); node != nullptr; node = node->next) {
         bool disabled = false;
         status = walk_group(repository, defines, walk, node->info->wern, reader, status, &disabled);
@@ -199,9 +199,9 @@ int walk_configfiles(repository_t* repository, defines_t** defines, configfile_w
 namespace {
 
 // kelvo's own handling of a group: undo, or generate and deliver.
-int apply_group(const configfile_group& group, defines_t* defines, void* context) {
-    const auto* run = static_cast<const std::pair<repository_t*, const configfile_run*>*>(context);
-    const configfile_run& r = *run->second;
+int apply_group(const ConfigfileGroup& group, defines_t* defines, void* context) {
+    const auto* run = static_cast<const std::pair<repository_t*, const ConfigfileRun*>*>(context);
+    const ConfigfileRun& r = *run->second;
     if (r.undo) return undo_file(group.output_file, r.root_prefix, r.lofs_options != nullptr);
     return apply_stencil(run->first, defines, group.input_file, group.output_file, r.root_prefix,
                          r.stencil_dir, group.mode, group.owner_name, group.group_name,
@@ -210,9 +210,9 @@ int apply_group(const configfile_group& group, defines_t* defines, void* context
 
 }  // namespace
 
-int run_configfiles(repository_t* repository, defines_t** defines, const configfile_run& run) {
-    std::pair<repository_t*, const configfile_run*> context{repository, &run};
+int run_configfiles(repository_t* repository, defines_t** defines, const ConfigfileRun& run) {
+    std::pair<repository_t*, const ConfigfileRun*> context{repository, &run};
     // An undo needs no defines: the group's are not even read.
-    configfile_walk walk{!run.undo, run.stop_on_error, apply_group, &context, 0};
+    ConfigfileWalk walk{!run.undo, run.stop_on_error, apply_group, &context, 0};
     return walk_configfiles(repository, defines, walk);
 }

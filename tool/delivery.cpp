@@ -43,23 +43,23 @@ void report_open_failure(int err, const char* path, bool for_writing) {
 // (no temporary and rename): its inode, and so a mount or a daemon's open
 // descriptor, stays the same. Once the open for writing succeeded, every
 // failure removes the file, so that no half-made file is left behind.
-class file_delivery {
+class FileDelivery {
   public:
-    file_delivery(const char* output_file, const char* root_prefix)
+    FileDelivery(const char* output_file, const char* root_prefix)
         : output_file_(output_file), root_prefix_(root_prefix) {}
-    ~file_delivery() {
+    ~FileDelivery() {
         if (fd_ >= 0) close(fd_);
         if (written_ && !succeeded_) unlink(output_path_);
     }
-    file_delivery(const file_delivery&) = delete;
-    file_delivery& operator=(const file_delivery&) = delete;
+    FileDelivery(const FileDelivery&) = delete;
+    FileDelivery& operator=(const FileDelivery&) = delete;
 
     kelvo_error_t deliver(stencil_output_buffer_t* output, mode_t mode, const char* owner_name,
                           const char* group_name, char* lofs_options, ssize_t lofs_options_len,
                           int create_dirs) {
         // Compare first: a file that already holds the text gets no write, no
         // mode, no owner and no mount, and keeps its times.
-        delivery_plan plan;
+        DeliveryPlan plan;
         kelvo_error_t planned = plan_delivery(output, output_file_, root_prefix_, &plan);
         memcpy(output_path_, plan.output_path, sizeof output_path_);
         if (planned != KELVO_SUCCESS) return planned;
@@ -168,7 +168,7 @@ void report_write_failure(stencil_error_t result, const char* path) {
 }
 
 kelvo_error_t plan_delivery(stencil_output_buffer_t* output, const char* output_file,
-                            const char* root_prefix, delivery_plan* plan) {
+                            const char* root_prefix, DeliveryPlan* plan) {
     // An absolute output_file still lies below the prefix: "/r" and "/a"
     // give "/r//a". Neither part is normalised.
     char* output_path = plan->output_path;
@@ -230,7 +230,7 @@ kelvo_error_t deliver_to_file(stencil_output_buffer_t* output, const char* outpu
                               const char* root_prefix, mode_t mode, const char* owner_name,
                               const char* group_name, char* lofs_options, ssize_t lofs_options_len,
                               int create_dirs) {
-    file_delivery delivery(output_file, root_prefix);
+    FileDelivery delivery(output_file, root_prefix);
     return delivery.deliver(output, mode, owner_name, group_name, lofs_options, lofs_options_len,
                             create_dirs);
 }

@@ -105,7 +105,8 @@ bool mountinfo_has_mount_point(std::string_view text, std::string_view path) {
         }
         if (start == std::string_view::npos) continue;
         size_t end = line.find(' ', start);
-        std::string_view mount_point = line.substr(start, end == std::string_view::npos ? end : end - start);
+        std::string_view mount_point =
+            line.substr(start, end == std::string_view::npos ? end : end - start);
         if (mountinfo_unescape(mount_point) == path) return true;
     }
     return false;
@@ -122,6 +123,6 @@ int host_is_mount_point(const char* path) {
     if (mountinfo_has_mount_point(text, path)) return 1;
     // The table holds canonical paths; a path spelled with "//", "." or a
     // symbolic link in it still names the same mount point.
-    heap_text resolved(realpath(path, nullptr));
+    HeapText resolved(realpath(path, nullptr));
     return resolved && mountinfo_has_mount_point(text, resolved.get()) ? 1 : 0;
 }

@@ -43,7 +43,7 @@ mode_t parse_mode_option(const char* text) {
 
 // The mount option string of -L. It lives until the process ends, and is
 // handed to every mount of the run; the last -L decides its text.
-heap_text lofs_storage;
+HeapText lofs_storage;
 
 // -L: the privileges first, so that a process without them ends here even
 // when the rest of the command line is bad.
@@ -149,7 +149,7 @@ int add_single_define(defines_t* defines, char* name, const char* value) {
 
 void add_optarg_define(defines_t* defines, char* argument) {
     // The copy is cut at the "="; the argument stays whole for the message.
-    heap_text copy(strdup(argument));
+    HeapText copy(strdup(argument));
     if (!copy) die(KELVO_SYSERR, gettext("Out of memory\n"));
     char* equals = strchr(copy.get(), '=');
     // No line end: errno's text follows, whatever errno holds here.
@@ -172,7 +172,7 @@ kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines, con
 
     stencil_t* raw_stencil = nullptr;
     stencil_error_t result = stencil_load(path, &raw_stencil, defines);
-    owned<stencil_t, stencil_destroy> stencil(raw_stencil);
+    Owned<stencil_t, stencil_destroy> stencil(raw_stencil);
     switch (result) {
         case STENCIL_SUCCESS:
             break;
@@ -190,7 +190,7 @@ kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines, con
             return KELVO_SYSERR;
         case STENCIL_ERROR_SYNTAX: {
             fprintf(stderr, gettext("Stencil at %s has syntax errors:\n"), shown_path);
-            owned<stencil_syntax_error_iter_t, stencil_syntax_error_iterator_destroy> iter(
+            Owned<stencil_syntax_error_iter_t, stencil_syntax_error_iterator_destroy> iter(
                 stencil_syntax_error_iterator_create(stencil.get()));
             if (iter) {
                 while (const stencil_syntax_error_t* error =
@@ -210,7 +210,7 @@ kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines, con
     result = observer != nullptr
                  ? stencil_apply_observed(stencil.get(), repository, observer, context, &raw_output)
                  : stencil_apply(stencil.get(), repository, output_mode, &raw_output);
-    owned<stencil_output_buffer_t, stencil_output_buffer_destroy> output(raw_output);
+    Owned<stencil_output_buffer_t, stencil_output_buffer_destroy> output(raw_output);
     switch (result) {
         case STENCIL_SUCCESS:
             break;
@@ -242,7 +242,7 @@ kelvo_error_t apply_stencil(repository_t* repository, defines_t* defines, const 
     kelvo_error_t evaluated =
         evaluate_stencil(repository, defines, input_file, stencil_dir, list_mode, &raw_output);
     // Nothing reads the output tree after the delivery; it goes with the call.
-    owned<stencil_output_buffer_t, stencil_output_buffer_destroy> output(raw_output);
+    Owned<stencil_output_buffer_t, stencil_output_buffer_destroy> output(raw_output);
     if (evaluated != KELVO_SUCCESS) return evaluated;
 
     if (output_file == nullptr) {
@@ -379,8 +379,8 @@ int run_command(const command_line& cl, repository_t* repository, defines_t** de
     umask(0777);
 
     if (cl.all_configfiles) {
-        configfile_run run{cl.root_prefix, cl.stencil_dir, cl.lofs_options, cl.lofs_options_len,
-                           cl.create_dirs, cl.list_mode,   cl.undo,         cl.stop_on_error};
+        ConfigfileRun run{cl.root_prefix, cl.stencil_dir, cl.lofs_options, cl.lofs_options_len,
+                          cl.create_dirs, cl.list_mode,   cl.undo,         cl.stop_on_error};
         return run_configfiles(repository, defines, run);
     }
     if (cl.undo) return undo_file(cl.output_file, cl.root_prefix, cl.lofs_options != nullptr);

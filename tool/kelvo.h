@@ -90,7 +90,7 @@ const char* stencil_path(const char* input_file, const char* stencil_dir, char (
 // file is created, rewritten, or left wholly alone because it holds the
 // text already. Only a rewritten or created file gets mode and owner.
 enum delivery_action { DELIVERY_UNCHANGED, DELIVERY_CREATE, DELIVERY_REWRITE };
-struct delivery_plan {
+struct DeliveryPlan {
     char output_path[1024];  // "<root_prefix>/<output_file>", or output_file
     delivery_action action;
     struct stat current;  // the file as found; set unless action is DELIVERY_CREATE
@@ -98,7 +98,7 @@ struct delivery_plan {
 // Fills *plan for output_file below root_prefix (null: none). KELVO_SUCCESS,
 // or KELVO_SYSERR after the message (path too long, file unreadable).
 kelvo_error_t plan_delivery(stencil_output_buffer_t* output, const char* output_file,
-                            const char* root_prefix, delivery_plan* plan);
+                            const char* root_prefix, DeliveryPlan* plan);
 // Writes output to output_file below root_prefix (null: none) as
 // apply_stencil describes: compare first, rewrite in place, then mode, owner
 // and, with lofs_options, the mount of the file over output_file. Any
@@ -120,7 +120,7 @@ kelvo_error_t resolve_owner(const char* owner_name, const char* group_name, uid_
 // ascending order of group names. Returns the run's status. The run variables
 // named in the configfile convention are overwritten for each group; defines
 // is replaced by a fresh table after each applied group, hence the pointer.
-struct configfile_run {
+struct ConfigfileRun {
     const char* root_prefix;
     const char* stencil_dir;
     char* lofs_options;
@@ -130,11 +130,11 @@ struct configfile_run {
     int undo;
     int stop_on_error;
 };
-int run_configfiles(repository_t* repository, defines_t** defines, const configfile_run& run);
+int run_configfiles(repository_t* repository, defines_t** defines, const ConfigfileRun& run);
 
 // One configfile group as read from the instance; strings are borrowed from
 // the repository view.
-struct configfile_group {
+struct ConfigfileGroup {
     const char* name;
     const char* output_file;  // "path"
     const char* input_file;   // "stencil"
@@ -145,7 +145,7 @@ struct configfile_group {
 // What is done with each group that is enabled and well described: returns
 // the group's status. `defines` holds the group's defines unless the walk
 // leaves them out.
-typedef int (*configfile_visit)(const configfile_group& group, defines_t* defines, void* context);
+typedef int (*configfile_visit)(const ConfigfileGroup& group, defines_t* defines, void* context);
 // The walk under run_configfiles, for every program that handles the groups
 // as kelvo does: groups in ascending name order, a bad description reported
 // with kelvo's messages (status KELVO_QRMERR), with_defines adds the group's
@@ -153,14 +153,14 @@ typedef int (*configfile_visit)(const configfile_group& group, defines_t* define
 // stop_on_error, the first failing group ends the process. Returns the
 // status of the last group that set one; `failed` receives the number of
 // groups that ended with another status than KELVO_SUCCESS.
-struct configfile_walk {
+struct ConfigfileWalk {
     int with_defines;
     int stop_on_error;
     configfile_visit visit;
     void* context;
     int failed;
 };
-int walk_configfiles(repository_t* repository, defines_t** defines, configfile_walk& walk);
+int walk_configfiles(repository_t* repository, defines_t** defines, ConfigfileWalk& walk);
 
 // Reads the single-valued property `name` of the group whose name, plus "/",
 // stands at the start of property_path. 0 (value or null when optional and

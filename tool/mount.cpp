@@ -21,13 +21,13 @@ namespace {
 
 // The words Linux can apply on a bind mount; anything else (xatrr, or what a
 // user adds that belongs to other file systems) is ignored.
-struct mount_word {
+struct MountWord {
     const char* word;
     unsigned long set;
     unsigned long clear;
 };
 constexpr unsigned long ATIME_FLAGS = MS_NOATIME | MS_RELATIME | MS_STRICTATIME;
-constexpr mount_word MOUNT_WORDS[] = {
+constexpr MountWord MOUNT_WORDS[] = {
     {"ro", MS_RDONLY, 0},
     {"rw", 0, MS_RDONLY},
     {"nosuid", MS_NOSUID, 0},
@@ -67,7 +67,7 @@ unsigned long apply_words(unsigned long flags, std::string_view options) {
         size_t comma = options.find(',');
         std::string_view word = options.substr(0, comma);
         options = comma == std::string_view::npos ? std::string_view() : options.substr(comma + 1);
-        for (const mount_word& w : MOUNT_WORDS) {
+        for (const MountWord& w : MOUNT_WORDS) {
             if (word == w.word) {
                 flags = (flags & ~w.clear) | w.set;
                 break;
@@ -163,7 +163,7 @@ int undo_file(const char* output_file, const char* root_prefix, int mount_flag) 
     if (root_prefix == nullptr) return unlink(output_file);
     // No length limit: the path is built to the size it needs.
     size_t size = strlen(output_file) + strlen(root_prefix) + 2;
-    heap_text path = alloc_text(size);
+    HeapText path = alloc_text(size);
     if (!path) die(KELVO_SYSERR, gettext("Out of memory\n"));
     snprintf(path.get(), size, "%s/%s", root_prefix, output_file);
     return unlink(path.get());

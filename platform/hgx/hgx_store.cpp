@@ -91,10 +91,10 @@ static bool alnum(char c) {
 
 bool valid_segment(std::string_view s) {
     // Not strchr: it would take a NUL byte in the name for the set's terminator.
-    constexpr std::string_view punctuation = "_.,+-";
+    constexpr std::string_view PUNCTUATION = "_.,+-";
     if (s.empty() || !alnum(s[0])) return false;
     for (char c : s)
-        if (!alnum(c) && punctuation.find(c) == std::string_view::npos) return false;
+        if (!alnum(c) && PUNCTUATION.find(c) == std::string_view::npos) return false;
     return true;
 }
 

@@ -43,10 +43,10 @@ namespace {
 
 using node_t = pkx_avl_node_t;
 
-constexpr uintptr_t kBalanceMask = 3;
+constexpr uintptr_t BALANCE_MASK = 3;
 // The balance rides in the parent pointer's two low bits, and an insertion
 // index in bit 0 of its parent's address: nodes must leave those bits free.
-static_assert(alignof(pkx_avl_node_t) > kBalanceMask, "node addresses must leave two bits free");
+static_assert(alignof(pkx_avl_node_t) > BALANCE_MASK, "node addresses must leave two bits free");
 
 node_t* left_of(const node_t* n) { return static_cast<node_t*>(n->pkx_private[0]); }
 node_t* right_of(const node_t* n) { return static_cast<node_t*>(n->pkx_private[1]); }
@@ -55,10 +55,10 @@ void set_child(node_t* n, int dir, node_t* c) { n->pkx_private[dir] = c; }
 
 node_t* parent_of(const node_t* n) {
     return reinterpret_cast<node_t*>(reinterpret_cast<uintptr_t>(n->pkx_private[2]) &
-                                     ~kBalanceMask);
+                                     ~BALANCE_MASK);
 }
 int balance_of(const node_t* n) {
-    return static_cast<int>(reinterpret_cast<uintptr_t>(n->pkx_private[2]) & kBalanceMask) - 1;
+    return static_cast<int>(reinterpret_cast<uintptr_t>(n->pkx_private[2]) & BALANCE_MASK) - 1;
 }
 void set_parent_balance(node_t* n, node_t* parent, int balance) {
     n->pkx_private[2] = reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(parent) |

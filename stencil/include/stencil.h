@@ -108,8 +108,8 @@ typedef struct stencil_reference {
     int line_number;           // stencil line the reference starts on, from 1
     const char* written_name;  // as the stencil writes it, defines spliced in; may be null
     const char* final_name;    // as looked up, after sections' transforms and grabs
-    int tests_presence;  // the reference only asks whether there is a value (:- :+ :?)
-    int defined;         // the name gave a value
+    int tests_presence;        // the reference only asks whether there is a value (:- :+ :?)
+    int defined;               // the name gave a value
 } stencil_reference_t;
 typedef void (*stencil_reference_fn)(const stencil_reference_t* reference, void* context);
 // As stencil_apply in normal mode (same results, same ownership of *out),
@@ -125,8 +125,8 @@ stencil_error_t stencil_apply_observed(stencil_t* stencil, repository_t* reposit
 
 // Writes the tree's text to fd in order, retrying short writes. Returns
 // STENCIL_SUCCESS, or the failing write's STENCIL_ERROR_TOO_BIG,
-// STENCIL_ERROR_NO_SPACE or STENCIL_ERROR_IO (any other failure), with part of the text perhaps written. The tree is
-// only read; null writes nothing.
+// STENCIL_ERROR_NO_SPACE or STENCIL_ERROR_IO (any other failure), with part of the text perhaps
+// written. The tree is only read; null writes nothing.
 stencil_error_t stencil_output_buffer_emit(stencil_output_buffer_t* buffer, int fd);
 // 0: the file open on fd holds exactly the tree's text (fd -1 counts as
 // equal); anything else: it does not. A file that is not regular, or is

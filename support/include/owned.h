@@ -1,7 +1,7 @@
 // Owners of what the project's C-style interfaces hand out, so that every
 // module frees them the same way: heap text and records from malloc, and
 // any object with a create/destroy pair. (libhgx's objects have their own
-// owners in hgx_ptr.h, beside the library's interface.)
+// owners in HgxPtr.h, beside the library's interface.)
 #pragma once
 
 #include <cstddef>
@@ -9,47 +9,45 @@
 #include <memory>
 
 // Frees with free(): what malloc, calloc, realloc or strdup gave.
-struct free_deleter {
+struct FreeDeleter {
     void operator()(void* p) const noexcept { std::free(p); }
 };
 
 // Text on the heap, owned by its holder and freed with it; null for none.
-using heap_text = std::unique_ptr<char[], free_deleter>;
+using HeapText = std::unique_ptr<char[], FreeDeleter>;
 
 // size bytes of uninitialised text, owned by the returned holder; an empty
 // holder when the heap is exhausted.
-inline heap_text alloc_text(size_t size) {
-    return heap_text(static_cast<char*>(std::malloc(size)));
-}
+inline HeapText alloc_text(size_t size) { return HeapText(static_cast<char*>(std::malloc(size))); }
 
 // Calls Destroy, the destroy function of a create/destroy pair.
 template <typename T, void (*Destroy)(T*)>
-struct destroyer {
+struct Destroyer {
     void operator()(T* p) const noexcept { Destroy(p); }
 };
 
-// The owner of an object made by a create function: owned<stencil_t,
+// The owner of an object made by a create function: Owned<stencil_t,
 // stencil_destroy> destroys it when it goes (or on reset); release() hands
 // it back to the caller, who must then destroy it. Destroy must accept null or
 // never see it; unique_ptr does not call it for null.
 template <typename T, void (*Destroy)(T*)>
-using owned = std::unique_ptr<T, destroyer<T, Destroy>>;
+using Owned = std::unique_ptr<T, Destroyer<T, Destroy>>;
 
 // Lets a function that takes heap text through a char** parameter (to fill,
-// grow or replace it) work on a heap_text: f(..., out_text(text)). The
+// grow or replace it) work on a HeapText: f(..., out_text(text)). The
 // function sees what text held; whatever it leaves there, on success or
 // failure, is owned by text again once the call's full expression ends.
 // text must outlive that expression, and nothing else may touch it before
 // the expression ends.
 class out_text {
   public:
-    explicit out_text(heap_text& owner) : owner_(owner), raw_(owner.release()) {}
+    explicit out_text(HeapText& owner) : owner_(owner), raw_(owner.release()) {}
     out_text(const out_text&) = delete;
     out_text& operator=(const out_text&) = delete;
     ~out_text() { owner_.reset(raw_); }
     operator char**() noexcept { return &raw_; }
 
   private:
-    heap_text& owner_;
+    HeapText& owner_;
     char* raw_;
 };

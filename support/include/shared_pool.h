@@ -7,7 +7,7 @@
 
 #include "pkx.h"
 
-struct shared_pool {
+struct SharedPool {
     const char* name;  // the pool's name, for pkx
     size_t entry_size;
     pkx_avl_compare_fn compare;

@@ -13,11 +13,11 @@
 // Makes the frame of its owner the base from which use is measured, for as
 // long as it lives, and reads the budget afresh. An inner scope while one is
 // active changes nothing. Per thread.
-struct stack_guard_scope {
-    stack_guard_scope();
-    ~stack_guard_scope();
-    stack_guard_scope(const stack_guard_scope&) = delete;
-    stack_guard_scope& operator=(const stack_guard_scope&) = delete;
+struct StackGuardScope {
+    StackGuardScope();
+    ~StackGuardScope();
+    StackGuardScope(const StackGuardScope&) = delete;
+    StackGuardScope& operator=(const StackGuardScope&) = delete;
 };
 
 // True once the calling thread is more than its budget below the base.

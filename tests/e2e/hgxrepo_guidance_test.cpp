@@ -80,13 +80,12 @@ TEST_F(HgxrepoGuidance, EditsHintOrSnapshotAndDiffShowsWhatKelvoWouldSee) {
     // kelvo reads the group general from the current view: no hint.
     EXPECT_EQ(whole(run({"setprop", WERN + "/:properties/general/on", "true"})),
               (Whole{0, "", ""}));
-    EXPECT_EQ(whole(run({"diff", WERN})),
-              (Whole{0,
-                     "~ config/port count \"8080\" -> count \"9090\"\n"
-                     "- config/tls/ application\n"
-                     "+ extra/ application\n"
-                     "+ general/on astring \"true\"\n",
-                     ""}));
+    EXPECT_EQ(whole(run({"diff", WERN})), (Whole{0,
+                                                 "~ config/port count \"8080\" -> count \"9090\"\n"
+                                                 "- config/tls/ application\n"
+                                                 "+ extra/ application\n"
+                                                 "+ general/on astring \"true\"\n",
+                                                 ""}));
     e2e::Result kelvo = e2e::kelvo(repo, {"-f", WERN}, "$%{config/port}\n");
     EXPECT_EQ(kelvo.out, "8080\n");
 

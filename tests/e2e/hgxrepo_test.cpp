@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-
 #include <string>
 #include <vector>
 
@@ -111,9 +110,9 @@ TEST_F(Hgxrepo, ExportOfImportedExportIsTheSame) {
     EXPECT_EQ(first.out, second.out);
     // The values that need the object form survive the trip.
     std::string shown = hgxrepo({"-r", b, "show", "wrn:/net/foo:default"}).out;
-    for (const char* line : {"config/lead count \"007\"", "config/posint integer \"5\"",
-                             "config/noflags boolean\n", "config/tls/deep/ application",
-                             "config/hosts astring \"a.example\" \"b.example\""})
+    for (const char* line :
+         {"config/lead count \"007\"", "config/posint integer \"5\"", "config/noflags boolean\n",
+          "config/tls/deep/ application", "config/hosts astring \"a.example\" \"b.example\""})
         EXPECT_NE(shown.find(line), std::string::npos) << line << "\n" << shown;
 
     // One instance alone, and the listing.
@@ -132,7 +131,9 @@ TEST_F(Hgxrepo, PropertyFormsGiveTheirTypes) {
           "obj": {"type": "net_address_v6", "values": "::1"},
           "objs": {"type": "integer", "values": ["5", "-5"]},
           "novalues": {"type": "count"}
-        }}}}}}}})").status, 0);
+        }}}}}}}})")
+                  .status,
+              0);
     EXPECT_EQ(run({"show", "wrn:/s:i"}).out,
               "g/ application\n"
               "g/bools boolean \"false\" \"true\"\n"
@@ -153,7 +154,8 @@ TEST_F(Hgxrepo, ImportReplacesNamedServicesWhollyAndSnapshotsInstances) {
     const std::string r = dir / "r.db";
     e2e::make_repository(r, R"({"services": {
         "a": {"groups": {"old": {}}, "instances": {"i": {}, "j": {}}},
-        "b": {"instances": {"k": {}}}}})", false);
+        "b": {"instances": {"k": {}}}}})",
+                         false);
     e2e::make_repository(r, R"({"services": {"a": {"instances": {"i": {"groups": {"g": {}}}}}}})");
     EXPECT_EQ(hgxrepo({"-r", r, "list"}).out, "wrn:/a\nwrn:/a:i\nwrn:/b\nwrn:/b:k\n");
     EXPECT_EQ(hgxrepo({"-r", r, "show", "wrn:/a:i", "running"}).out, "g/ application\n");
@@ -364,10 +366,19 @@ TEST_F(Hgxrepo, UserWhoCannotWriteTheDirectoryReadsTheRepository) {
 
 TEST(HgxrepoCommandLine, BadCommandLinesGiveUsage) {
     const std::vector<std::vector<std::string>> cases = {
-        {}, {"-r"}, {"-x", "list"}, {"bogus"}, {"import"}, {"import", "--no-snapshot"},
-        {"export", "a", "b"}, {"list", "extra"}, {"show"}, {"addpg", "wrn:/a/:properties/g"},
+        {},
+        {"-r"},
+        {"-x", "list"},
+        {"bogus"},
+        {"import"},
+        {"import", "--no-snapshot"},
+        {"export", "a", "b"},
+        {"list", "extra"},
+        {"show"},
+        {"addpg", "wrn:/a/:properties/g"},
         {"setprop", "wrn:/a/:properties/g/p", "-t"},
-        {"setprop", "-t", "count", "wrn:/a/:properties/g/p", "1"}, {"snapshot"},
+        {"setprop", "-t", "count", "wrn:/a/:properties/g/p", "1"},
+        {"snapshot"},
     };
     for (const auto& args : cases) {
         e2e::Result r = hgxrepo(args);

@@ -62,7 +62,8 @@ class KelvoCli : public ::testing::Test {
         spec.args = {e2e::kelvo_bin()};
         spec.args.insert(spec.args.end(), args.begin(), args.end());
         spec.env = {{"HGX_REPOSITORY", repo}, {"QRM_WERN", std::nullopt}};
-        if (geteuid() == 0) spec.wrapper = {"setpriv", "--inh-caps=-all", "--bounding-set=-all", "--"};
+        if (geteuid() == 0)
+            spec.wrapper = {"setpriv", "--inh-caps=-all", "--bounding-set=-all", "--"};
         return e2e::run(spec);
     }
     static bool cannot_drop(const e2e::Result& r) {
@@ -168,17 +169,20 @@ TEST_F(KelvoCli, DefinesFromCommandLine) {
     e2e::Result r = run({"-f", WERN, "-D", "a"}, "x\n");
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "");
-    EXPECT_TRUE(std::regex_match(r.err, std::regex("kelvo: Invalid -D argument: a: [^\n]* \\([0-9]+\\)\n")))
+    EXPECT_TRUE(
+        std::regex_match(r.err, std::regex("kelvo: Invalid -D argument: a: [^\n]* \\([0-9]+\\)\n")))
         << r.err;
 }
 
 TEST_F(KelvoCli, RepositoryFailureCarriesLibraryText) {
     EXPECT_EQ(whole(run({"-f", "wrn:/net/none:default"}, "x\n")),
-              Whole(3, "", "kelvo: Unable to get properties for wrn:/net/none:default: "
-                           "No such object in the repository\n"));
+              Whole(3, "",
+                    "kelvo: Unable to get properties for wrn:/net/none:default: "
+                    "No such object in the repository\n"));
     EXPECT_EQ(whole(e2e::kelvo(dir / "missing.db", {"-f", WERN}, "x\n")),
-              Whole(3, "", std::string("kelvo: Unable to get properties for wrn:/net/foo:default: ") +
-                               e2e::missing_repository_text() + "\n"));
+              Whole(3, "",
+                    std::string("kelvo: Unable to get properties for wrn:/net/foo:default: ") +
+                        e2e::missing_repository_text() + "\n"));
 }
 
 TEST_F(KelvoCli, StencilLoadFailures) {
@@ -200,8 +204,9 @@ TEST_F(KelvoCli, StencilLoadFailures) {
     ASSERT_GE(r.err.size(), tail.size()) << r.err;
     EXPECT_EQ(r.err.substr(r.err.size() - tail.size()), tail);
     e2e::write_file(stencils + "/file", "x\n");
-    EXPECT_EQ(whole(run({"-f", WERN, "-S", stencils, "-i", "file/below"})),
-              Whole(1, "", "mmap: " + std::to_string(ENOTDIR) + " " + strerror(ENOTDIR) + "\n" + tail));
+    EXPECT_EQ(
+        whole(run({"-f", WERN, "-S", stencils, "-i", "file/below"})),
+        Whole(1, "", "mmap: " + std::to_string(ENOTDIR) + " " + strerror(ENOTDIR) + "\n" + tail));
 
     // Over 1023 bytes the path is cut, and the cut path is what is tried.
     std::string long_name(1100, 'n');
@@ -215,7 +220,8 @@ TEST_F(KelvoCli, StencilWithoutReadPermission) {
     ASSERT_EQ(chmod((stencils + "/secret").c_str(), 0), 0);
     e2e::Result r = run_without_capabilities({"-f", WERN, "-S", stencils, "-i", "secret"});
     if (cannot_drop(r)) GTEST_SKIP() << "cannot drop capabilities here: " << r.err;
-    EXPECT_EQ(whole(r), Whole(1, "", "Insufficient permissions to access " + stencils + "/secret\n"));
+    EXPECT_EQ(whole(r),
+              Whole(1, "", "Insufficient permissions to access " + stencils + "/secret\n"));
 }
 
 TEST_F(KelvoCli, SyntaxErrorReport) {

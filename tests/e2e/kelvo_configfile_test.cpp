@@ -66,7 +66,7 @@ TEST_F(KelvoConfigfile, EachGroupWritesItsFile) {
               Whole(0, "", ""));
     EXPECT_EQ(e2e::read_file(out("a")), "port=8080\n");
     EXPECT_EQ(e2e::read_file(out("b")), "other\n");
-    struct stat st{};
+    struct stat st {};
     ASSERT_EQ(stat(out("a").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0640u);
     ASSERT_EQ(stat(out("b").c_str(), &st), 0);
@@ -164,8 +164,9 @@ TEST_F(KelvoConfigfile, GroupDefines) {
     e2e::write_file(stencils + "/d", "x=$%[x] y=$%[y]\n");
     // "ba" is searched too: the defines search is not anchored. A define
     // record with two values is passed over.
-    repository(group("a", "d", "0644", "", R"("defines": {"properties": {"x": "1", "z": ["p", "q"]}})") +
-               R"(, "ba": {"properties": {"unused": "u"}, "groups": {"defines": {"properties": {"y": "2"}}}})");
+    repository(
+        group("a", "d", "0644", "", R"("defines": {"properties": {"x": "1", "z": ["p", "q"]}})") +
+        R"(, "ba": {"properties": {"unused": "u"}, "groups": {"defines": {"properties": {"y": "2"}}}})");
     EXPECT_EQ(whole(run()), Whole(0, "", ""));
     EXPECT_EQ(e2e::read_file(out("a")), "x=1 y=2\n");
 }
@@ -175,9 +176,11 @@ TEST_F(KelvoConfigfile, DuplicateDefineStaysForNextGroup) {
     // a/defines/sub/x and a/defines/x end in the same name; the first in name
     // order is added, the second fails the group. The table is not rebuilt
     // after the failure, so b (with no defines) still sees that x.
-    repository(group("a", "d", "0644", "",
-                     R"("defines": {"properties": {"x": "1"}, "groups": {"sub": {"properties": {"x": "2"}}}})") +
-               "," + group("b", "d"));
+    repository(
+        group(
+            "a", "d", "0644", "",
+            R"("defines": {"properties": {"x": "1"}, "groups": {"sub": {"properties": {"x": "2"}}}})") +
+        "," + group("b", "d"));
     EXPECT_EQ(whole(run()), Whole(0, "", "Invalid define: x already exists\n"));
     EXPECT_FALSE(e2e::exists(out("a")));
     EXPECT_EQ(e2e::read_file(out("b")), "x=2\n");
@@ -204,15 +207,14 @@ TEST_F(KelvoConfigfile, OwnerAndUser) {
         unlink(out("a").c_str());
         repository(group("a", "s", "0644", c.extra));
         EXPECT_EQ(whole(run()), Whole(0, "", c.err));
-        struct stat st{};
+        struct stat st {};
         ASSERT_EQ(stat(out("a").c_str(), &st), 0);
         EXPECT_EQ(st.st_uid, c.uid);
     }
     repository(group("a", "s", "0644", R"("owner": ["a", "b"], "user": ["c", "d"])"));
-    EXPECT_EQ(whole(run()),
-              Whole(3, "",
-                    "Property a/owner may only have one value\n"
-                    "Property a/user may only have one value\n"));
+    EXPECT_EQ(whole(run()), Whole(3, "",
+                                  "Property a/owner may only have one value\n"
+                                  "Property a/user may only have one value\n"));
 }
 
 TEST_F(KelvoConfigfile, ListModeWritesEachPath) {

@@ -21,7 +21,7 @@ using e2e::whole;
 using e2e::Whole;
 
 struct stat stat_of(const std::string& path) {
-    struct stat st{};
+    struct stat st {};
     EXPECT_EQ(stat(path.c_str(), &st), 0) << path;
     return st;
 }
@@ -111,8 +111,9 @@ TEST_F(KelvoDelivery, UnknownUserOrGroupRemovesTheFile) {
 TEST_F(KelvoDelivery, OpenFailures) {
     // No directory, no -p: the open for writing reports it.
     std::string out = dir / "missing/out.conf";
-    EXPECT_EQ(whole(run({"-o", out})),
-              Whole(1, "", "Could not open output file at " + out + ": No such file or directory\n"));
+    EXPECT_EQ(
+        whole(run({"-o", out})),
+        Whole(1, "", "Could not open output file at " + out + ": No such file or directory\n"));
 
     // A directory where the file should be.
     out = dir / "adir";
@@ -123,9 +124,9 @@ TEST_F(KelvoDelivery, OpenFailures) {
     // Prefix and name together over 1023 bytes: refused, nothing made.
     std::string name = "/";
     name.append(1100 - root.size(), 'x');
-    EXPECT_EQ(whole(run({"-o", name, "-R", root})),
-              Whole(1, "", "Output filename " + (root + "/" + name).substr(0, 1023) +
-                               " is too long\n"));
+    EXPECT_EQ(
+        whole(run({"-o", name, "-R", root})),
+        Whole(1, "", "Output filename " + (root + "/" + name).substr(0, 1023) + " is too long\n"));
 
     // A syntax error leaves an existing file as it was.
     out = dir / "keep.conf";
@@ -158,8 +159,8 @@ class KelvoMount : public KelvoDelivery {
         e2e::write_file(dir / "probe-src", "");
         e2e::write_file(dir / "probe-dst", "");
         e2e::Run probe;
-        probe.args = {"unshare", "--mount", "--propagation", "private",
-                      "mount", "--bind", dir / "probe-src", dir / "probe-dst"};
+        probe.args = {"unshare", "--mount", "--propagation",   "private",
+                      "mount",   "--bind",  dir / "probe-src", dir / "probe-dst"};
         e2e::Result r = e2e::run(probe);
         if (r.status != 0)
             GTEST_SKIP() << "cannot bind-mount a file in a private mount namespace here (status "
@@ -173,7 +174,7 @@ class KelvoMount : public KelvoDelivery {
         // The written files lie below the prefix at the test directory's path.
         r.args = {"sh", "-c", "mkdir -p $R$T || exit 99\n" + text};
         r.env = {{"HGX_REPOSITORY", repo}, {"QRM_WERN", WERN}, {"K", e2e::kelvo_bin()},
-                 {"S", stencils}, {"R", root}, {"T", dir.path()}};
+                 {"S", stencils},          {"R", root},        {"T", dir.path()}};
         return e2e::run(r);
     }
 };

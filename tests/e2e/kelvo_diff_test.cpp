@@ -14,9 +14,11 @@ const char* const WERN = "wrn:/net/foo:default";
 
 std::string manifest(const std::string& port, const std::string& mode) {
     return R"({"services": {"net/foo": {"instances": {"default": {"groups": {
-        "config": {"properties": {"port": )" + port + R"(}},
+        "config": {"properties": {"port": )" +
+           port + R"(}},
         "conf": {"type": "configfile", "properties": {
-            "path": "/etc/foo.conf", "stencil": "foo", "mode": ")" + mode + R"("}}}}}}}})";
+            "path": "/etc/foo.conf", "stencil": "foo", "mode": ")" +
+           mode + R"("}}}}}}}})";
 }
 
 using e2e::whole;
@@ -27,7 +29,7 @@ using e2e::Whole;
 std::string tree_of(const std::string& dir) {
     std::string out;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(dir)) {
-        struct stat st{};
+        struct stat st {};
         lstat(entry.path().c_str(), &st);
         out += entry.path().string() + " " + std::to_string(st.st_mode) + " " +
                std::to_string(st.st_size) + " " + std::to_string(st.st_mtim.tv_nsec) + "\n";
@@ -61,9 +63,12 @@ TEST_F(KelvoDiff, NewFileShowsModeAndContentAndWritesNothing) {
     const std::string before = tree_of(root);
     const std::string path = root + "//etc/foo.conf";
     EXPECT_EQ(whole(diff()), (Whole{1,
-                                    "kelvo-diff " + path + "\nnew file mode 0640\n"
-                                    "--- /dev/null\n+++ " + path + "\n"
-                                    "@@ -0,0 +1,3 @@\n+# foo\n+port=8080\n+end\n",
+                                    "kelvo-diff " + path +
+                                        "\nnew file mode 0640\n"
+                                        "--- /dev/null\n+++ " +
+                                        path +
+                                        "\n"
+                                        "@@ -0,0 +1,3 @@\n+# foo\n+port=8080\n+end\n",
                                     ""}));
     EXPECT_EQ(tree_of(root), before);
 }
@@ -79,8 +84,8 @@ TEST_F(KelvoDiff, UpToDateFileShowsNothing) {
 TEST_F(KelvoDiff, ChangedPropertyShowsTheLine) {
     e2e::make_repository(repo, manifest("8080", "0640"));
     ASSERT_EQ(kelvo().status, 0);
-    ASSERT_EQ(e2e::hgxrepo({"-r", repo, "setprop", std::string(WERN) + "/:properties/config/port",
-                            "9090"})
+    ASSERT_EQ(e2e::hgxrepo(
+                  {"-r", repo, "setprop", std::string(WERN) + "/:properties/config/port", "9090"})
                   .status,
               0);
     ASSERT_EQ(e2e::hgxrepo({"-r", repo, "snapshot", WERN}).status, 0);

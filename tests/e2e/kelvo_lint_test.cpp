@@ -52,17 +52,15 @@ TEST_F(KelvoLint, ReportsWhatNamesNothingWithItsLine) {
     const std::vector<Case> cases = {
         {"a reference that is fine", "port=$%{config/port}\n", ""},
         {"a typo", "# c\nport=$%{config/port}\nprt=$%{config/prot}\n", ":3: config/prot\n"},
-        {"stencil order, each place once",
-         "$%{zz/a} $%{config/nope}\n$%{config/nope}\n$%{zz/a}\n",
+        {"stencil order, each place once", "$%{zz/a} $%{config/nope}\n$%{config/nope}\n$%{zz/a}\n",
          ":1: zz/a\n:1: config/nope\n:2: config/nope\n:3: zz/a\n"},
         {"a default for an optional property", "$%{config/maybe:-1}\n", ""},
         {"a default in a group that does not exist", "$%{confg/maybe:-1}\n", ":1: confg/maybe\n"},
-        {"tests of presence", "$%{config/x:+y}$%{config/on:?a/b}$%{cnfig/x:+y}\n",
-         ":1: cnfig/x\n"},
-        {"found on some match of a section",
-         "$%/hosts\\/([a-z])\\/addr/ { $%{hosts/$%1/alias} }\n", ""},
-        {"found on no match of a section",
-         "$%/hosts\\/([a-z])\\/addr/ {\n$%{hosts/$%1/alais}\n}\n", ":2: hosts/$%1/alais\n"},
+        {"tests of presence", "$%{config/x:+y}$%{config/on:?a/b}$%{cnfig/x:+y}\n", ":1: cnfig/x\n"},
+        {"found on some match of a section", "$%/hosts\\/([a-z])\\/addr/ { $%{hosts/$%1/alias} }\n",
+         ""},
+        {"found on no match of a section", "$%/hosts\\/([a-z])\\/addr/ {\n$%{hosts/$%1/alais}\n}\n",
+         ":2: hosts/$%1/alais\n"},
         {"a section without matches", "$%/nothing\\/(.*)/ { $%{x/y} }\n", ""},
     };
     for (const Case& c : cases) {

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr char kManifest[] = R"({"services": {"demo": {"instances": {"default": {"groups": {
+constexpr char MANIFEST[] = R"({"services": {"demo": {"instances": {"default": {"groups": {
   "config": {"properties": {"aaaa": "x",
     "name": "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa"}}}}}}}})";
 
@@ -27,7 +27,7 @@ std::string nested(int depth) {
 
 class Resources : public ::testing::Test {
   protected:
-    void SetUp() override { e2e::make_repository(repo_, kManifest); }
+    void SetUp() override { e2e::make_repository(repo_, MANIFEST); }
 
     // kelvo on the stencil, its stack limited to stack_bytes when not 0. The
     // stencil is read from a file: standard input grows its buffer in small

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr char kManifest[] = R"({
+constexpr char MANIFEST[] = R"({
   "services": {
     "net/foo": {
       "instances": {
@@ -50,13 +50,13 @@ constexpr char kManifest[] = R"({
   }
 })";
 
-constexpr char kWern[] = "wrn:/net/foo:default";
+constexpr char WERN[] = "wrn:/net/foo:default";
 
 class Stencil : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
         dir_ = new e2e::TempDir();
-        e2e::make_repository(repo(), kManifest);
+        e2e::make_repository(repo(), MANIFEST);
     }
     static void TearDownTestSuite() {
         delete dir_;
@@ -67,7 +67,7 @@ class Stencil : public ::testing::Test {
     static void run_cases(const std::vector<e2e::StencilCase>& cases,
                           const std::vector<std::string>& extra = {},
                           const std::map<std::string, std::optional<std::string>>& env = {}) {
-        e2e::expect_stencil_cases(repo(), kWern, cases, extra, env);
+        e2e::expect_stencil_cases(repo(), WERN, cases, extra, env);
     }
 
     static e2e::TempDir* dir_;
@@ -101,12 +101,13 @@ TEST_F(Stencil, NamedForms) {
         {"restarter unset", "before $%r after", "",
          "QRM_RESTARTER is not defined in the environment\n", 1},
     });
-    run_cases({{"method and restarter set", "$%m by $%r", "refresh by wrn:/system/r:default"}},
-              {}, {{"QRM_METHOD", "refresh"}, {"QRM_RESTARTER", "wrn:/system/r:default"}});
+    run_cases({{"method and restarter set", "$%m by $%r", "refresh by wrn:/system/r:default"}}, {},
+              {{"QRM_METHOD", "refresh"}, {"QRM_RESTARTER", "wrn:/system/r:default"}});
 }
 
 TEST_F(Stencil, ServiceWernHasNoInstanceName) {
-    e2e::expect_stencil_cases(repo(), "wrn:/net/foo", {{"service wern", "[$%i][$%s]", "[][net/foo]"}});
+    e2e::expect_stencil_cases(repo(), "wrn:/net/foo",
+                              {{"service wern", "[$%i][$%s]", "[][net/foo]"}});
 }
 
 TEST_F(Stencil, PropertyOperators) {
@@ -118,8 +119,7 @@ TEST_F(Stencil, PropertyOperators) {
         {"delimiter single value", "$%{config/one:,-}", "solo"},
         {"ifdef", "[$%{config/a:+yes}][$%{config/nope:+yes}]", "[yes][]"},
         {"ifndef", "[$%{config/a:-no}][$%{config/nope:-no}]", "[][no]"},
-        {"bool", "$%{config/t:?on/off} $%{config/f:?on/off} $%{config/a:?on/off}",
-         "on off off"},
+        {"bool", "$%{config/t:?on/off} $%{config/f:?on/off} $%{config/a:?on/off}", "on off off"},
         {"bool undefined and upper case", "$%{config/nope:?on/off} $%{config/T:?on/off}",
          "off off"},
         {"bool looks at the first value only", "$%{config/tf:?on/off} $%{config/ft:?on/off}",
@@ -154,8 +154,8 @@ TEST_F(Stencil, EmptyValuedAndGroupNames) {
 TEST_F(Stencil, ListMode) {
     run_cases(
         {
-            {"one line per reference in order",
-             "a$%{config/one}b$%{config/nope:-x}c$%{config/one}", "config/one\nconfig/nope\nconfig/one\n"},
+            {"one line per reference in order", "a$%{config/one}b$%{config/nope:-x}c$%{config/one}",
+             "config/one\nconfig/nope\nconfig/one\n"},
             {"operands are not listed", "$%{config/a:+$%{config/one}}", "config/a\n"},
             {"text alone lists nothing", "just text $%f", ""},
             {"sections list once per match with grabs",
@@ -190,8 +190,7 @@ TEST_F(Stencil, NestedAndNamed) {
         {"a definition gives nothing", "a$%define hosts /net/(.*)/ {<$%1>}b", "ab"},
         {"invoked definition", "$%define hosts /net/(.*)/ {<$%1>}$%[hosts]", "<host><port>"},
         {"named section hides outer grabs",
-         "$%define inner /net/(.*)/ {<$%1|$%2>}$%/(config)/ {$%[inner]}",
-         "<host|$%2><port|$%2>"},
+         "$%define inner /net/(.*)/ {<$%1|$%2>}$%/(config)/ {$%[inner]}", "<host|$%2><port|$%2>"},
         {"prefix on pattern and names", "$%define sec /(.*)/ {$%1=$%{$%1};}$%[sec:^net\\//]",
          "host=h1;port=80;"},
         {"operand takes the outer grab",
@@ -232,8 +231,7 @@ TEST_F(Stencil, Macros) {
         {"arguments hold grabs and references",
          "$%define show k v {$%k -> $%v;}$%/net/(.*)/ {$%[show $%1 $%{net/$%1}]}",
          "host -> h1;port -> 80;"},
-        {"body sees the section's grabs", "$%define g {<$%1>}$%/net/(.*)/ {$%[g]}",
-         "<host><port>"},
+        {"body sees the section's grabs", "$%define g {<$%1>}$%/net/(.*)/ {$%[g]}", "<host><port>"},
         {"argument forms are evaluated once", "$%define m a {$%a$%a}$%[m $%{config/one}]",
          "solosolo"},
     });

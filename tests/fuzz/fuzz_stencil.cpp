@@ -59,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     close(fd);
     if (loaded == STENCIL_SUCCESS) {
         repository_t* repository = nullptr;
-        if (repository_create(fuzz::kInstance, nullptr, &repository) == REPOSITORY_SUCCESS) {
+        if (repository_create(fuzz::INSTANCE, nullptr, &repository) == REPOSITORY_SUCCESS) {
             evaluate(stencil, repository, STENCIL_OUTPUT_NORMAL, null_fd, empty_fd);
             evaluate(stencil, repository, STENCIL_OUTPUT_LIST_PROPERTIES, null_fd, empty_fd);
             repository_destroy(repository);

@@ -13,7 +13,7 @@ namespace {
 // Two services, an instance with groups of every kind a stencil reads, a
 // nested group and a configfile group with defines: small enough that the
 // sections of a fuzzed stencil stay cheap.
-constexpr char kManifest[] = R"({"services": {
+constexpr char MANIFEST[] = R"({"services": {
   "demo/web": {
     "groups": {"config": {"properties": {"user": "www", "workers": 4, "tls": true}}},
     "instances": {"default": {"groups": {
@@ -37,7 +37,7 @@ void ensure_repository() {
     if (mkdtemp(dir) == nullptr) abort();
     std::string path = std::string(dir) + "/repo.db";
     std::string error;
-    if (hgxrepo_import_text(path, kManifest, true, &error) != 0) {
+    if (hgxrepo_import_text(path, MANIFEST, true, &error) != 0) {
         std::fprintf(stderr, "fuzz: cannot make the repository: %s\n", error.c_str());
         abort();
     }

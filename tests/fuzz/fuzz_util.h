@@ -7,7 +7,7 @@
 namespace fuzz {
 
 // The instance the stencil target evaluates for.
-constexpr char kInstance[] = "wrn:/demo/web:default";
+constexpr char INSTANCE[] = "wrn:/demo/web:default";
 
 // Imports the fixed manifest into a new scratch repository (once) and points
 // HGX_REPOSITORY at it. Aborts when that fails: no run would mean anything.

@@ -187,14 +187,19 @@ TEST_F(Client, DecodeWernForms) {
                   CV = HGX_ERROR_CONSTRAINT_VIOLATED;
     const std::string P = "wrn:/net/foo/:properties/", IP = "wrn:/net/foo:default/:properties/";
     const std::string cfg = P + "config", tls = P + "config/tls", icfg = IP + "config";
-    const std::string ishared = IP + "shared_only", itls = IP + "config/tls", idual = IP + "config/dual";
+    const std::string ishared = IP + "shared_only", itls = IP + "config/tls",
+                      idual = IP + "config/dual";
     const std::string port = P + "config/port", cert = tls + "/cert", isvc = IP + "config/svconly";
     const std::string icert = itls + "/cert", iinner = idual + "/inner";
     const DecodeCase cases[] = {
-        {"wrn:/net/foo", 0, 0}, {"wrn://localhost/net/foo", 0, 0},
-        {"wrn://localhost/net/foo:default", 0, 0}, {"wrn:/net/foo:default", IO, 0},
-        {"wrn:/net/foo", SO, 0}, {cfg.c_str(), 0, 0, cfg.c_str()},
-        {port.c_str(), 0, 0, cfg.c_str(), port.c_str()}, {tls.c_str(), 0, 0, tls.c_str()},
+        {"wrn:/net/foo", 0, 0},
+        {"wrn://localhost/net/foo", 0, 0},
+        {"wrn://localhost/net/foo:default", 0, 0},
+        {"wrn:/net/foo:default", IO, 0},
+        {"wrn:/net/foo", SO, 0},
+        {cfg.c_str(), 0, 0, cfg.c_str()},
+        {port.c_str(), 0, 0, cfg.c_str(), port.c_str()},
+        {tls.c_str(), 0, 0, tls.c_str()},
         {"wrn://localhost/net/foo/:properties/config/tls/cert", 0, 0, tls.c_str(), cert.c_str()},
         // An instance's groups resolve in its composed view.
         {isvc.c_str(), 0, 0, icfg.c_str(), isvc.c_str()},
@@ -204,18 +209,34 @@ TEST_F(Client, DecodeWernForms) {
         // the group is reached through its own properties.
         {idual.c_str(), 0, 0, icfg.c_str(), idual.c_str()},
         {iinner.c_str(), 0, 0, idual.c_str(), iinner.c_str()},
-        {"wrn:/nope", 0, NF}, {"wrn:/net/foo:nope", 0, NF}, {"wrn:/net/foo:nope", IO, NF},
-        {"wrn:/net/foo/:properties/nope", 0, NF}, {"wrn:/net/foo/:properties/config/nope", 0, NF},
+        {"wrn:/nope", 0, NF},
+        {"wrn:/net/foo:nope", 0, NF},
+        {"wrn:/net/foo:nope", IO, NF},
+        {"wrn:/net/foo/:properties/nope", 0, NF},
+        {"wrn:/net/foo/:properties/config/nope", 0, NF},
         {"wrn:/net/foo/:properties/config/port/x", 0, NF},
-        {"wrn:/net/foo/:properties/inst_only", 0, NF}, {"wrn://otherhost/net/foo", 0, NF},
-        {at_limit.c_str(), 0, NF}, {too_long.c_str(), 0, INV}, {"", 0, INV}, {"wrn:", 0, INV},
-        {"wrn:/", 0, INV}, {"wrn:net/foo", 0, INV}, {"svc:/net/foo", 0, INV},
-        {"wrn:/net//foo", 0, INV}, {"wrn:/net/foo/", 0, INV}, {"wrn:/-net", 0, INV},
-        {"wrn:/net/foo:", 0, INV}, {"wrn:/net/foo:a:b", 0, INV},
-        {"wrn:/net/foo/:properties/", 0, INV}, {"wrn:/net/foo/:props/config", 0, INV},
+        {"wrn:/net/foo/:properties/inst_only", 0, NF},
+        {"wrn://otherhost/net/foo", 0, NF},
+        {at_limit.c_str(), 0, NF},
+        {too_long.c_str(), 0, INV},
+        {"", 0, INV},
+        {"wrn:", 0, INV},
+        {"wrn:/", 0, INV},
+        {"wrn:net/foo", 0, INV},
+        {"svc:/net/foo", 0, INV},
+        {"wrn:/net//foo", 0, INV},
+        {"wrn:/net/foo/", 0, INV},
+        {"wrn:/-net", 0, INV},
+        {"wrn:/net/foo:", 0, INV},
+        {"wrn:/net/foo:a:b", 0, INV},
+        {"wrn:/net/foo/:properties/", 0, INV},
+        {"wrn:/net/foo/:props/config", 0, INV},
         {"wrn:/net/foo/:properties/config//port", 0, INV},
-        {"wrn:/net/foo:default", SO, CV}, {"wrn:/nope:x", SO, CV}, {cfg.c_str(), SO, CV},
-        {"wrn:/net/foo", IO, CV}, {icfg.c_str(), IO, CV},
+        {"wrn:/net/foo:default", SO, CV},
+        {"wrn:/nope:x", SO, CV},
+        {cfg.c_str(), SO, CV},
+        {"wrn:/net/foo", IO, CV},
+        {icfg.c_str(), IO, CV},
     };
     hgx_scope_t* scope = hgx_scope_create(h);
     hgx_service_t* svc = hgx_service_create(h);
@@ -235,11 +256,17 @@ TEST_F(Client, DecodeWernForms) {
         EXPECT_GE(hgx_service_to_wern(svc, buf, sizeof buf), 0);
         bool named = strstr(c.wern, ":default") != nullptr;
         EXPECT_EQ(hgx_instance_to_wern(inst, buf, sizeof buf) >= 0, named);
-        if (named) { EXPECT_STREQ(buf, "wrn:/net/foo:default"); }
+        if (named) {
+            EXPECT_STREQ(buf, "wrn:/net/foo:default");
+        }
         EXPECT_EQ(hgx_pg_to_wern(g, buf, sizeof buf) >= 0, c.pg != nullptr);
-        if (c.pg) { EXPECT_STREQ(buf, c.pg); }
+        if (c.pg) {
+            EXPECT_STREQ(buf, c.pg);
+        }
         EXPECT_EQ(hgx_property_to_wern(p, buf, sizeof buf) >= 0, c.prop != nullptr);
-        if (c.prop) { EXPECT_STREQ(buf, c.prop); }
+        if (c.prop) {
+            EXPECT_STREQ(buf, c.prop);
+        }
     }
     hgx_property_destroy(p);
     hgx_pg_destroy(g);
@@ -259,9 +286,18 @@ TEST_F(Client, ComposedViewAddsServiceGroupsRecursively) {
     };
     EXPECT_EQ(dump_instance(inst, true, nullptr), composed);
     std::vector<std::string> own = {
-        "config/",       "config/dual=prop",      "config/hosts=c,a,b", "config/none=",
-        "config/port=8080", "config/dual/",       "config/dual/inner=i", "config/tls/",
-        "config/tls/on=false", "general/",        "general/enabled=false", "inst_only/",
+        "config/",
+        "config/dual=prop",
+        "config/hosts=c,a,b",
+        "config/none=",
+        "config/port=8080",
+        "config/dual/",
+        "config/dual/inner=i",
+        "config/tls/",
+        "config/tls/on=false",
+        "general/",
+        "general/enabled=false",
+        "inst_only/",
     };
     EXPECT_EQ(dump_instance(inst, false, nullptr), own);
 
@@ -470,20 +506,35 @@ TEST(Writer, RefusesValuesThatDoNotFitTheirType) {
         const char* value;
         bool ok;
     } cases[] = {
-        {HGX_TYPE_BOOLEAN, "true", true}, {HGX_TYPE_BOOLEAN, "yes", false},
-        {HGX_TYPE_COUNT, "18446744073709551615", true}, {HGX_TYPE_COUNT, "18446744073709551616", false},
-        {HGX_TYPE_COUNT, "-1", false}, {HGX_TYPE_COUNT, "", false},
-        {HGX_TYPE_INTEGER, "-9223372036854775808", true}, {HGX_TYPE_INTEGER, "9223372036854775808", false},
-        {HGX_TYPE_INTEGER, "1x", false}, {HGX_TYPE_NET_ADDRESS_V4, "10.1.2.3", true},
-        {HGX_TYPE_NET_ADDRESS_V4, "10.1.2.0/24", true}, {HGX_TYPE_NET_ADDRESS_V4, "10.1.2", false},
-        {HGX_TYPE_NET_ADDRESS_V4, "::1", false}, {HGX_TYPE_NET_ADDRESS_V6, "::1", true},
-        {HGX_TYPE_NET_ADDRESS_V6, "fe80::/129", false}, {HGX_TYPE_NET_ADDRESS, "10.0.0.1", true},
-        {HGX_TYPE_NET_ADDRESS, "host", false}, {HGX_TYPE_HOSTNAME, "a-b.example.", true},
-        {HGX_TYPE_HOSTNAME, "-a.example", false}, {HGX_TYPE_USTRING, "\xc3\xa9", true},
-        {HGX_TYPE_USTRING, "\xc3", false}, {HGX_TYPE_OPAQUE, "0aFf", true},
-        {HGX_TYPE_OPAQUE, "0a0", false}, {HGX_TYPE_TIME, "12.5", true}, {HGX_TYPE_TIME, "12.", false},
-        {HGX_TYPE_WERN, "wrn:/a:b", true}, {HGX_TYPE_WERN, "wrn:a", false},
-        {HGX_TYPE_URI, "https://x/", true}, {HGX_TYPE_URI, "//x", false},
+        {HGX_TYPE_BOOLEAN, "true", true},
+        {HGX_TYPE_BOOLEAN, "yes", false},
+        {HGX_TYPE_COUNT, "18446744073709551615", true},
+        {HGX_TYPE_COUNT, "18446744073709551616", false},
+        {HGX_TYPE_COUNT, "-1", false},
+        {HGX_TYPE_COUNT, "", false},
+        {HGX_TYPE_INTEGER, "-9223372036854775808", true},
+        {HGX_TYPE_INTEGER, "9223372036854775808", false},
+        {HGX_TYPE_INTEGER, "1x", false},
+        {HGX_TYPE_NET_ADDRESS_V4, "10.1.2.3", true},
+        {HGX_TYPE_NET_ADDRESS_V4, "10.1.2.0/24", true},
+        {HGX_TYPE_NET_ADDRESS_V4, "10.1.2", false},
+        {HGX_TYPE_NET_ADDRESS_V4, "::1", false},
+        {HGX_TYPE_NET_ADDRESS_V6, "::1", true},
+        {HGX_TYPE_NET_ADDRESS_V6, "fe80::/129", false},
+        {HGX_TYPE_NET_ADDRESS, "10.0.0.1", true},
+        {HGX_TYPE_NET_ADDRESS, "host", false},
+        {HGX_TYPE_HOSTNAME, "a-b.example.", true},
+        {HGX_TYPE_HOSTNAME, "-a.example", false},
+        {HGX_TYPE_USTRING, "\xc3\xa9", true},
+        {HGX_TYPE_USTRING, "\xc3", false},
+        {HGX_TYPE_OPAQUE, "0aFf", true},
+        {HGX_TYPE_OPAQUE, "0a0", false},
+        {HGX_TYPE_TIME, "12.5", true},
+        {HGX_TYPE_TIME, "12.", false},
+        {HGX_TYPE_WERN, "wrn:/a:b", true},
+        {HGX_TYPE_WERN, "wrn:a", false},
+        {HGX_TYPE_URI, "https://x/", true},
+        {HGX_TYPE_URI, "//x", false},
         {HGX_TYPE_ASTRING, "anything at all", true},
     };
     for (const auto& c : cases) {

@@ -14,7 +14,7 @@
 
 namespace {
 
-using Handle = hgx_ptr<hgx_handle_t>;
+using Handle = HgxPtr<hgx_handle_t>;
 
 class HgxEtcd : public ::testing::Test {
   protected:

@@ -13,13 +13,13 @@
 
 namespace {
 
-struct item_t {
+struct Item {
     pkx_avl_node_t node;
     int key;
 };
 
 int ascending(const void* l, const void* r, void*) {
-    int a = static_cast<const item_t*>(l)->key, b = static_cast<const item_t*>(r)->key;
+    int a = static_cast<const Item*>(l)->key, b = static_cast<const Item*>(r)->key;
     return a < b ? -1 : a > b ? 1 : 0;
 }
 int descending(const void* l, const void* r, void* p) { return -ascending(l, r, p); }
@@ -28,16 +28,16 @@ struct Tree {
     pkx_avl_pool_t* pool;
     pkx_avl_t* tree;
     explicit Tree(pkx_avl_compare_fn fn) {
-        pool = pkx_avl_pool_create("test_pool", sizeof(item_t), 0, fn, 0);
+        pool = pkx_avl_pool_create("test_pool", sizeof(Item), 0, fn, 0);
         tree = pkx_avl_create(pool, nullptr, 0);
     }
     // Returns false for a duplicate.
     bool add(int key) {
-        item_t probe{};
+        Item probe{};
         probe.key = key;
         pkx_avl_index_t where = 0;
         if (pkx_avl_find(tree, &probe, nullptr, &where) != nullptr) return false;
-        auto* it = static_cast<item_t*>(pkx_zalloc(sizeof(item_t)));
+        auto* it = static_cast<Item*>(pkx_zalloc(sizeof(Item)));
         it->key = key;
         pkx_avl_node_init(it, it, pool);
         pkx_avl_insert(tree, it, where);
@@ -46,7 +46,7 @@ struct Tree {
     std::vector<int> keys() {
         std::vector<int> out;
         for (void* e = pkx_avl_first(tree); e != nullptr; e = pkx_avl_next(tree, e))
-            out.push_back(static_cast<item_t*>(e)->key);
+            out.push_back(static_cast<Item*>(e)->key);
         return out;
     }
     ~Tree() {
@@ -75,9 +75,9 @@ TEST(PkxTree, FindReportsExistingAndRefusesDuplicates) {
     for (int k : {10, 20, 30}) ASSERT_TRUE(t.add(k));
     EXPECT_FALSE(t.add(20));
     EXPECT_EQ(pkx_avl_numnodes(t.tree), 3u);
-    item_t probe{};
+    Item probe{};
     probe.key = 30;
-    auto* found = static_cast<item_t*>(pkx_avl_find(t.tree, &probe, nullptr, nullptr));
+    auto* found = static_cast<Item*>(pkx_avl_find(t.tree, &probe, nullptr, nullptr));
     ASSERT_NE(found, nullptr);
     EXPECT_EQ(found->key, 30);
     probe.key = 25;
@@ -112,7 +112,7 @@ TEST(PkxTree, OrderedAndBalancedUnderSortedAndRandomInput) {
             pkx_avl_walk_t* w = pkx_avl_walk_start(t.tree, 1);
             ASSERT_NE(w, nullptr);
             std::vector<int> walked;
-            while (void* e = pkx_avl_walk_next(w)) walked.push_back(static_cast<item_t*>(e)->key);
+            while (void* e = pkx_avl_walk_next(w)) walked.push_back(static_cast<Item*>(e)->key);
             pkx_avl_walk_end(w);
             EXPECT_EQ(walked, expected);
         }
@@ -126,7 +126,7 @@ TEST(PkxTree, TeardownReturnsEveryEntryOnce) {
         std::vector<int> seen;
         void* cookie = nullptr;
         while (void* e = pkx_avl_teardown(t.tree, &cookie)) {
-            seen.push_back(static_cast<item_t*>(e)->key);
+            seen.push_back(static_cast<Item*>(e)->key);
             std::free(e);
         }
         std::sort(seen.begin(), seen.end());

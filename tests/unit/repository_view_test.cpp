@@ -15,7 +15,7 @@
 
 namespace {
 
-const char* kManifest = R"({
+const char* MANIFEST = R"({
   "services": {
     "net/foo": {
       "groups": {
@@ -55,7 +55,7 @@ class RepositoryView : public ::testing::Test {
   protected:
     void SetUp() override {
         file_ = dir_ / "repository.db";
-        import(kManifest, true);
+        import(MANIFEST, true);
         setenv("HGX_REPOSITORY", file_.c_str(), 1);
         unsetenv("QRM_METHOD");
         unsetenv("QRM_RESTARTER");
@@ -118,7 +118,10 @@ TEST_F(RepositoryView, CreateReadsTheInstanceUnderRelativeNames) {
     } cases[] = {
         {"config", REPO_TYPE_PG, "application", HGX_TYPE_INVALID, {}},
         {"config/port", REPO_TYPE_PROPERTY, nullptr, HGX_TYPE_COUNT, {"8080"}},
-        {"config/hosts", REPO_TYPE_PROPERTY, nullptr, HGX_TYPE_ASTRING,
+        {"config/hosts",
+         REPO_TYPE_PROPERTY,
+         nullptr,
+         HGX_TYPE_ASTRING,
          {"c.example", "a.example", "b.example"}},
         {"config/empty", REPO_TYPE_PROPERTY, nullptr, HGX_TYPE_ASTRING, {}},
         {"config/tls", REPO_TYPE_PG, "application", HGX_TYPE_INVALID, {}},
@@ -244,7 +247,7 @@ TEST_F(RepositoryView, RelativePatternsStayInTheInstance) {
          {"config/empty", "config/hosts", "config/port", "config/tls", "config/tls/on"}},
         {"^cf[01]$", {"cf0", "cf1"}},
         {"tls", {"config/tls", "config/tls/on"}},  // unanchored: anywhere in the name
-        {"^wrn:/net/bar:one$", {}},  // absolute without the separator: tried here
+        {"^wrn:/net/bar:one$", {}},                // absolute without the separator: tried here
         {"^nothing$", {}},
         {"^(config$", {}},  // does not compile
     };
@@ -283,10 +286,13 @@ TEST_F(RepositoryView, AbsolutePatternPullsTheSelectedInstancesOnce) {
         const char* name;
         int pulled;
     } flags[] = {
-        {"wrn:/net/bar:one", 1},   {"wrn:/net/bar:two", 1},
-        {"wrn:/net/bar", 0},       {"wrn:/net/baz", 0},
+        {"wrn:/net/bar:one", 1},
+        {"wrn:/net/bar:two", 1},
+        {"wrn:/net/bar", 0},
+        {"wrn:/net/baz", 0},
         {"wrn:/net/foo:default", 0},
-        {"wrn:/net/baz/:properties/", 1}, {"wrn:/net/baz/:properties", 1},
+        {"wrn:/net/baz/:properties/", 1},
+        {"wrn:/net/baz/:properties", 1},
     };
     for (const Flag& f : flags) {
         SCOPED_TRACE(f.name);
@@ -310,7 +316,8 @@ TEST_F(RepositoryView, AbsolutePatternPullsTheSelectedInstancesOnce) {
 
 TEST_F(RepositoryView, PatternEndingAtTheSeparatorFindsTheInstanceRecord) {
     open("wrn:/net/foo:default");
-    property_list_node_t* list = repository_match_properties(view_, "^wrn:/net/baz/:properties/$", 0);
+    property_list_node_t* list =
+        repository_match_properties(view_, "^wrn:/net/baz/:properties/$", 0);
     ASSERT_NE(list, nullptr);
     EXPECT_EQ(list->info->repo_type, REPO_TYPE_INSTANCE);
     EXPECT_EQ(list->info->num_values, 0);

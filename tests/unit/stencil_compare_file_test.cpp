@@ -23,8 +23,7 @@ class TempFile {
         fd_ = mkstemp(name);
         path_ = name;
         EXPECT_GE(fd_, 0);
-        EXPECT_EQ(write(fd_, content.data(), content.size()),
-                  static_cast<ssize_t>(content.size()));
+        EXPECT_EQ(write(fd_, content.data(), content.size()), static_cast<ssize_t>(content.size()));
     }
     ~TempFile() {
         close(fd_);

@@ -10,15 +10,15 @@
 
 #include "hgxrepo.h"
 #include "stack_guard.h"
-#include "support_internal.h"
 #include "stencil_internal.h"
+#include "support_internal.h"
 #include "unit_util.h"
 
 namespace {
 
-constexpr char kManifest[] = R"({"services": {"net/foo": {"instances": {"default": {"groups": {
+constexpr char MANIFEST[] = R"({"services": {"net/foo": {"instances": {"default": {"groups": {
   "net": {"properties": {"host": "h1"}}}}}}}})";
-constexpr size_t kBudget = 64 * 1024;
+constexpr size_t BUDGET = 64 * 1024;
 
 std::string nested(int depth, const std::string& core = "x") {
     std::string s;
@@ -31,7 +31,7 @@ class DeepNesting : public ::testing::Test {
   protected:
     void SetUp() override {
         std::string error;
-        ASSERT_EQ(hgxrepo_import_text(dir_ / "repo.db", kManifest, true, &error), 0) << error;
+        ASSERT_EQ(hgxrepo_import_text(dir_ / "repo.db", MANIFEST, true, &error), 0) << error;
         setenv("HGX_REPOSITORY", (dir_ / "repo.db").c_str(), 1);
         ASSERT_EQ(repository_create("wrn:/net/foo:default", nullptr, &repository_),
                   REPOSITORY_SUCCESS);
@@ -69,7 +69,7 @@ class DeepNesting : public ::testing::Test {
 };
 
 TEST_F(DeepNesting, ParserStopsAtItsBudget) {
-    stack_guard_set_budget(kBudget);
+    stack_guard_set_budget(BUDGET);
     const int deepest = deepest_loadable();
     EXPECT_GT(deepest, 10);
     EXPECT_LT(deepest, 1 << 16);
@@ -82,7 +82,7 @@ TEST_F(DeepNesting, ParserStopsAtItsBudget) {
 // The body of a definition is copied where it is invoked: each of the two
 // loads on its own, but the copy inside the nesting goes beyond the budget.
 TEST_F(DeepNesting, CopierStopsAtItsBudget) {
-    stack_guard_set_budget(kBudget);
+    stack_guard_set_budget(BUDGET);
     const int depth = deepest_loadable() * 9 / 10;
     const std::string definition = "$%define m {" + nested(depth) + "}";
     ASSERT_EQ(load(definition + "$%[m]"), STENCIL_SUCCESS);
@@ -96,7 +96,7 @@ TEST_F(DeepNesting, EvaluatorStopsAtItsBudget) {
     ASSERT_EQ(stencil_apply(stencil_, repository_, STENCIL_OUTPUT_NORMAL, &out), STENCIL_SUCCESS);
     stencil_output_buffer_destroy(out);
     out = nullptr;
-    stack_guard_set_budget(kBudget / 4);
+    stack_guard_set_budget(BUDGET / 4);
     EXPECT_EQ(stencil_apply(stencil_, repository_, STENCIL_OUTPUT_NORMAL, &out),
               STENCIL_ERROR_NO_MEMORY);
     EXPECT_EQ(out, nullptr);
@@ -109,10 +109,9 @@ TEST_F(DeepNesting, EvaluatorStopsAtItsBudget) {
 // A section whose operands run out of stack gives no text by the rules of
 // sections; running out is reported all the same.
 TEST_F(DeepNesting, ExhaustionInASectionOperandIsStillReported) {
-    ASSERT_EQ(load("$%define sec /net/(.*)/ {$%1}$%[sec:'" + nested(500) + "/y]"),
-              STENCIL_SUCCESS);
+    ASSERT_EQ(load("$%define sec /net/(.*)/ {$%1}$%[sec:'" + nested(500) + "/y]"), STENCIL_SUCCESS);
     stencil_output_buffer_t* out = nullptr;
-    stack_guard_set_budget(kBudget / 4);
+    stack_guard_set_budget(BUDGET / 4);
     EXPECT_EQ(stencil_apply(stencil_, repository_, STENCIL_OUTPUT_NORMAL, &out),
               STENCIL_ERROR_NO_MEMORY);
     EXPECT_EQ(out, nullptr);

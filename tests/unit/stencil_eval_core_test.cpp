@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr char kManifest[] = R"({"services": {"net/foo": {"instances": {"default": {"groups": {
+constexpr char MANIFEST[] = R"({"services": {"net/foo": {"instances": {"default": {"groups": {
   "net": {"properties": {"host": "h1", "port": "80"}}}}}}}})";
 
 // A repository file, a view on it, and stencils loaded from text.
@@ -25,11 +25,12 @@ class Eval : public ::testing::Test {
   protected:
     void SetUp() override {
         std::string error;
-        ASSERT_EQ(hgxrepo_import_text(dir_ / "repo.db", kManifest, true, &error), 0) << error;
+        ASSERT_EQ(hgxrepo_import_text(dir_ / "repo.db", MANIFEST, true, &error), 0) << error;
         setenv("HGX_REPOSITORY", (dir_ / "repo.db").c_str(), 1);
         unsetenv("QRM_METHOD");
         unsetenv("QRM_RESTARTER");
-        ASSERT_EQ(repository_create("wrn:/net/foo:default", nullptr, &repository_), REPOSITORY_SUCCESS);
+        ASSERT_EQ(repository_create("wrn:/net/foo:default", nullptr, &repository_),
+                  REPOSITORY_SUCCESS);
     }
     void TearDown() override {
         stencil_destroy(stencil_);

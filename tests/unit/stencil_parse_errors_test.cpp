@@ -10,7 +10,7 @@ using namespace parse_test;
 
 namespace {
 
-struct error_case {
+struct ErrorCase {
     const char* text;
     syntax_error_t err;
     const char* error_line;
@@ -18,12 +18,12 @@ struct error_case {
     int line;
 };
 
-void PrintTo(const error_case& c, std::ostream* os) { *os << quote(c.text); }
+void PrintTo(const ErrorCase& c, std::ostream* os) { *os << quote(c.text); }
 
-class ParseError : public testing::TestWithParam<error_case> {};
+class ParseError : public testing::TestWithParam<ErrorCase> {};
 
 TEST_P(ParseError, RecordsOneError) {
-    const error_case& c = GetParam();
+    const ErrorCase& c = GetParam();
     auto defines = make_defines({{"b", "x"}});
     auto loaded = load_text(c.text, defines.get());
     ASSERT_EQ(loaded.result, STENCIL_ERROR_SYNTAX);
@@ -43,73 +43,72 @@ TEST_P(ParseError, RecordsOneError) {
 
 INSTANTIATE_TEST_SUITE_P(
     Property, ParseError,
-    testing::Values(error_case{"$%{a", SE_UNTERMINATED_SECTION, "a", 1, 0},
-                    error_case{"$%{a\nb}", SE_UNTERMINATED_SECTION, "a\n", 1, 1},
-                    error_case{"x\n$%{a}\n\n$%{b", SE_UNTERMINATED_SECTION, "b", 1, 3},
-                    error_case{"a\\\n$%{b", SE_UNTERMINATED_SECTION, "b", 1, 1},
-                    error_case{"$%{a:}\n", SE_UNTERMINATED_SECTION, "a:}\n", 3, 1},
-                    error_case{"$%{a$%[b]c$%[d]}", SE_ILLEGAL_CHARACTER, "a$%[b]c$", 7, 0},
-                    error_case{"$%{n$%[zz]x}", SE_MACRO_NOT_FOUND, "n$%[zz]", 6, 0},
-                    error_case{"$%{a:,x\ny", SE_UNTERMINATED_SECTION, "a:,x\ny", 6, 1},
-                    error_case{"$%{a:?x/y", SE_UNTERMINATED_SECTION, "a:?x/y", 6, 0}));
+    testing::Values(ErrorCase{"$%{a", SE_UNTERMINATED_SECTION, "a", 1, 0},
+                    ErrorCase{"$%{a\nb}", SE_UNTERMINATED_SECTION, "a\n", 1, 1},
+                    ErrorCase{"x\n$%{a}\n\n$%{b", SE_UNTERMINATED_SECTION, "b", 1, 3},
+                    ErrorCase{"a\\\n$%{b", SE_UNTERMINATED_SECTION, "b", 1, 1},
+                    ErrorCase{"$%{a:}\n", SE_UNTERMINATED_SECTION, "a:}\n", 3, 1},
+                    ErrorCase{"$%{a$%[b]c$%[d]}", SE_ILLEGAL_CHARACTER, "a$%[b]c$", 7, 0},
+                    ErrorCase{"$%{n$%[zz]x}", SE_MACRO_NOT_FOUND, "n$%[zz]", 6, 0},
+                    ErrorCase{"$%{a:,x\ny", SE_UNTERMINATED_SECTION, "a:,x\ny", 6, 1},
+                    ErrorCase{"$%{a:?x/y", SE_UNTERMINATED_SECTION, "a:?x/y", 6, 0}));
 
 INSTANTIATE_TEST_SUITE_P(
     Section, ParseError,
-    testing::Values(error_case{"$%/a", SE_UNTERMINATED_SECTION, "a", 1, 0},
-                    error_case{"$%/a\n{x}", SE_UNTERMINATED_SECTION, "a\n", 1, 1},
-                    // The look-ahead behind a `/` crosses the newline, finds
-                    // no `{`, and leaves the newline to the pattern scan.
-                    error_case{"$%/a/\nb/{x}", SE_UNTERMINATED_SECTION, "a/\n", 2, 1},
-                    error_case{"$%/a/{x", SE_UNTERMINATED_SECTION, "a/{x", 4, 0},
-                    error_case{"$%/a$%[b]c$%[d]/{x}", SE_ILLEGAL_CHARACTER, "a$%[b]c$", 7, 0},
-                    error_case{"$%/a$%[q]/{x}", SE_MACRO_NOT_FOUND, "a$%[q]", 5, 0},
-                    error_case{"$%define r /p/{x}$%define r /q/{y}", SE_DUPLICATE_REGEX_NAME,
-                               "q/{", 2, 0},
-                    error_case{"$%define m {a}$%define m /p/ {b}", SE_DUPLICATE_REGEX_NAME, "p/ {",
-                               3, 0},
-                    error_case{"$%[x:,a]", SE_BAD_TRANSFORM, ",", 0, 0},
-                    error_case{"$%define r /p/{y}$%[r:?x]", SE_BAD_TRANSFORM, "?", 0, 0},
-                    error_case{"$%[r:", SE_UNTERMINATED_SECTION, "", 0, 0},
-                    error_case{"$%[r:^a", SE_UNTERMINATED_SECTION, "^a", 2, 0},
-                    error_case{"$%[r:^a/b", SE_UNTERMINATED_SECTION, "^a/b", 4, 0},
-                    error_case{"$%[zz:^a]", SE_REGEX_NOT_FOUND, "zz", 0, 0},
-                    error_case{"$%define m {a}$%[m:]", SE_REGEX_IS_MACRO, "m", 0, 0}));
+    testing::Values(
+        ErrorCase{"$%/a", SE_UNTERMINATED_SECTION, "a", 1, 0},
+        ErrorCase{"$%/a\n{x}", SE_UNTERMINATED_SECTION, "a\n", 1, 1},
+        // The look-ahead behind a `/` crosses the newline, finds
+        // no `{`, and leaves the newline to the pattern scan.
+        ErrorCase{"$%/a/\nb/{x}", SE_UNTERMINATED_SECTION, "a/\n", 2, 1},
+        ErrorCase{"$%/a/{x", SE_UNTERMINATED_SECTION, "a/{x", 4, 0},
+        ErrorCase{"$%/a$%[b]c$%[d]/{x}", SE_ILLEGAL_CHARACTER, "a$%[b]c$", 7, 0},
+        ErrorCase{"$%/a$%[q]/{x}", SE_MACRO_NOT_FOUND, "a$%[q]", 5, 0},
+        ErrorCase{"$%define r /p/{x}$%define r /q/{y}", SE_DUPLICATE_REGEX_NAME, "q/{", 2, 0},
+        ErrorCase{"$%define m {a}$%define m /p/ {b}", SE_DUPLICATE_REGEX_NAME, "p/ {", 3, 0},
+        ErrorCase{"$%[x:,a]", SE_BAD_TRANSFORM, ",", 0, 0},
+        ErrorCase{"$%define r /p/{y}$%[r:?x]", SE_BAD_TRANSFORM, "?", 0, 0},
+        ErrorCase{"$%[r:", SE_UNTERMINATED_SECTION, "", 0, 0},
+        ErrorCase{"$%[r:^a", SE_UNTERMINATED_SECTION, "^a", 2, 0},
+        ErrorCase{"$%[r:^a/b", SE_UNTERMINATED_SECTION, "^a/b", 4, 0},
+        ErrorCase{"$%[zz:^a]", SE_REGEX_NOT_FOUND, "zz", 0, 0},
+        ErrorCase{"$%define m {a}$%[m:]", SE_REGEX_IS_MACRO, "m", 0, 0}));
 
 INSTANTIATE_TEST_SUITE_P(
     Macro, ParseError,
     testing::Values(
-        error_case{"$%define m {a}\n$%define m {b}", SE_DUPLICATE_MACRO_NAME, "{b}", 0, 1},
-        error_case{"$%define r /p/{a}$%define r {b}", SE_DUPLICATE_MACRO_NAME, "{b}", 0, 0},
-        error_case{"$%define b {y}", SE_DUPLICATE_MACRO_NAME, "{y}", 0, 0},
-        error_case{"$%define m a b", SE_UNTERMINATED_SECTION, "a b", 3, 0},
-        error_case{"$%define m {x", SE_UNTERMINATED_SECTION, "{x", 2, 0},
-        error_case{"$%[]", SE_UNKNOWN_NAME, "", 0, 0},
-        error_case{"$%[ a]", SE_UNKNOWN_NAME, "", 0, 0},
-        error_case{"$%[:^a]", SE_UNKNOWN_NAME, "", 0, 0},
-        error_case{"$%[zz]", SE_UNKNOWN_NAME, "zz", 1, 0},
-        error_case{"$%[m]$%define m {a}", SE_UNKNOWN_NAME, "m", 0, 0},
-        error_case{"$%define m {$%[m]}", SE_UNKNOWN_NAME, "m", 0, 0},
-        error_case{"$%[zz 1]", SE_MACRO_NOT_FOUND, "zz", 0, 0},
-        error_case{"$%define r /p/{a}$%[r 1]", SE_MACRO_IS_REGEX, "r", 0, 0},
-        error_case{"$%define m {a}$%[m  ]", SE_TOO_MANY_ARGUMENTS, "m", 0, 0},
-        error_case{"$%define m a b {x}$%[m 1 2 ]", SE_TOO_MANY_ARGUMENTS, "m", 0, 0},
-        error_case{"$%define m a b {x}$%[m 1]", SE_TOO_FEW_ARGUMENTS, "m", 0, 0},
-        error_case{"$%[m", SE_UNTERMINATED_SECTION, "m", 1, 0},
-        error_case{"$%[m 1", SE_UNTERMINATED_SECTION, "1", 1, 0},
-        error_case{"$%[m\n1\n", SE_UNTERMINATED_SECTION, "1\n", 2, 2},
+        ErrorCase{"$%define m {a}\n$%define m {b}", SE_DUPLICATE_MACRO_NAME, "{b}", 0, 1},
+        ErrorCase{"$%define r /p/{a}$%define r {b}", SE_DUPLICATE_MACRO_NAME, "{b}", 0, 0},
+        ErrorCase{"$%define b {y}", SE_DUPLICATE_MACRO_NAME, "{y}", 0, 0},
+        ErrorCase{"$%define m a b", SE_UNTERMINATED_SECTION, "a b", 3, 0},
+        ErrorCase{"$%define m {x", SE_UNTERMINATED_SECTION, "{x", 2, 0},
+        ErrorCase{"$%[]", SE_UNKNOWN_NAME, "", 0, 0},
+        ErrorCase{"$%[ a]", SE_UNKNOWN_NAME, "", 0, 0},
+        ErrorCase{"$%[:^a]", SE_UNKNOWN_NAME, "", 0, 0},
+        ErrorCase{"$%[zz]", SE_UNKNOWN_NAME, "zz", 1, 0},
+        ErrorCase{"$%[m]$%define m {a}", SE_UNKNOWN_NAME, "m", 0, 0},
+        ErrorCase{"$%define m {$%[m]}", SE_UNKNOWN_NAME, "m", 0, 0},
+        ErrorCase{"$%[zz 1]", SE_MACRO_NOT_FOUND, "zz", 0, 0},
+        ErrorCase{"$%define r /p/{a}$%[r 1]", SE_MACRO_IS_REGEX, "r", 0, 0},
+        ErrorCase{"$%define m {a}$%[m  ]", SE_TOO_MANY_ARGUMENTS, "m", 0, 0},
+        ErrorCase{"$%define m a b {x}$%[m 1 2 ]", SE_TOO_MANY_ARGUMENTS, "m", 0, 0},
+        ErrorCase{"$%define m a b {x}$%[m 1]", SE_TOO_FEW_ARGUMENTS, "m", 0, 0},
+        ErrorCase{"$%[m", SE_UNTERMINATED_SECTION, "m", 1, 0},
+        ErrorCase{"$%[m 1", SE_UNTERMINATED_SECTION, "1", 1, 0},
+        ErrorCase{"$%[m\n1\n", SE_UNTERMINATED_SECTION, "1\n", 2, 2},
         // A `$%define` that defines nothing still counts the newline its
         // whitespace skip crossed; the operand takes that newline for its
         // closing token, and the scan goes on behind it.
-        error_case{"$%{a:,$%define\n$%{b", SE_UNTERMINATED_SECTION, "b", 1, 1},
+        ErrorCase{"$%{a:,$%define\n$%{b", SE_UNTERMINATED_SECTION, "b", 1, 1},
         // Arguments are parsed before the name is looked up.
-        error_case{"$%[zz $%{a]", SE_UNTERMINATED_SECTION, "a]", 2, 0}));
+        ErrorCase{"$%[zz $%{a]", SE_UNTERMINATED_SECTION, "a]", 2, 0}));
 
 TEST(ParseErrorReport, Messages) {
-    struct report_case {
+    struct ReportCase {
         const char* text;
         const char* printed;
     };
-    const report_case cases[] = {
+    const ReportCase cases[] = {
         {"$%{a\n", "  Line 1:  Expression \"a\n\" does not terminate with a '}' character\n"},
         {"$%[x:,a]", "  Line 0:  Character ',' in expression \",\" is invalid\n"},
         {"$%{a$%[b]c$%[d]}",

@@ -15,18 +15,18 @@ using namespace parse_test;
 
 namespace {
 
-struct shape_case {
+struct ShapeCase {
     const char* text;
     const char* tree;  // dump of base
     int lines;         // line_number after the load
 };
 
-void PrintTo(const shape_case& c, std::ostream* os) { *os << quote(c.text); }
+void PrintTo(const ShapeCase& c, std::ostream* os) { *os << quote(c.text); }
 
-class ParseShape : public testing::TestWithParam<shape_case> {};
+class ParseShape : public testing::TestWithParam<ShapeCase> {};
 
 TEST_P(ParseShape, BuildsTree) {
-    const shape_case& c = GetParam();
+    const ShapeCase& c = GetParam();
     auto defines = make_defines({{"v", "w"}, {"e", ""}});
     // The prelude's definitions of v and e come first; cut them off.
     auto loaded = load_text(c.text, defines.get());
@@ -41,84 +41,72 @@ TEST_P(ParseShape, BuildsTree) {
 INSTANTIATE_TEST_SUITE_P(
     Scanner, ParseShape,
     testing::Values(
-        shape_case{"", R"("")", 0},
-        shape_case{"}", R"("}")", 0},
-        shape_case{"a$%{b}c", R"("a" {"b"} "c")", 0},
-        shape_case{"x\\", R"("x\")", 0},
-        shape_case{"x$", R"("x$")", 0},
-        shape_case{"x$%", R"("x$%")", 0},
-        shape_case{"$%$%{a}", R"("$%" {"a"} "")", 0},
-        shape_case{"$%date", R"("$%date")", 0},
-        shape_case{"\\$%{a}", R"("\$%{a}")", 0},
+        ShapeCase{"", R"("")", 0}, ShapeCase{"}", R"("}")", 0},
+        ShapeCase{"a$%{b}c", R"("a" {"b"} "c")", 0}, ShapeCase{"x\\", R"("x\")", 0},
+        ShapeCase{"x$", R"("x$")", 0}, ShapeCase{"x$%", R"("x$%")", 0},
+        ShapeCase{"$%$%{a}", R"("$%" {"a"} "")", 0}, ShapeCase{"$%date", R"("$%date")", 0},
+        ShapeCase{"\\$%{a}", R"("\$%{a}")", 0},
         // Comments split literals; the newline stays with the first half.
-        shape_case{"a\n;c\nb", R"("a\n" "b")", 2},
-        shape_case{"a\n;c", R"("a\n" "")", 1},
-        shape_case{";first\nx", R"("x")", 1},
-        shape_case{" \t;first\n  x", R"("  x")", 1},
-        shape_case{"a\n;1\n\n;2\nb", R"("a\n" "\n" "b")", 4},
-        shape_case{"a;b\n", R"("a;b\n")", 1},
-        shape_case{"a\\\n;b", R"("a\\n;b")", 1},
+        ShapeCase{"a\n;c\nb", R"("a\n" "b")", 2}, ShapeCase{"a\n;c", R"("a\n" "")", 1},
+        ShapeCase{";first\nx", R"("x")", 1}, ShapeCase{" \t;first\n  x", R"("  x")", 1},
+        ShapeCase{"a\n;1\n\n;2\nb", R"("a\n" "\n" "b")", 4}, ShapeCase{"a;b\n", R"("a;b\n")", 1},
+        ShapeCase{"a\\\n;b", R"("a\\n;b")", 1},
         // A `$%define` that defines nothing ends the parse behind the word.
-        shape_case{"x$%defined y\nz", R"("x$%define")", 0},
-        shape_case{"x$%define", R"("x$%define")", 0},
-        shape_case{"x$%define m", R"("x$%define")", 0},
+        ShapeCase{"x$%defined y\nz", R"("x$%define")", 0},
+        ShapeCase{"x$%define", R"("x$%define")", 0}, ShapeCase{"x$%define m", R"("x$%define")", 0},
         // Properties.
-        shape_case{"$%{a}", R"("" {"a"} "")", 0},
-        shape_case{"$%{}", R"("" {null} "")", 0},
-        shape_case{"$%{wrn:/n/f:default/:properties/c/p}", R"("" {"wrn:/n/f:default/:properties/c/p"} "")", 0},
-        shape_case{"$%{a:,}", R"("" {"a" T1 "" / } "")", 0},
-        shape_case{"$%{a::,b}", R"("" {"a::,b"} "")", 0},
-        shape_case{"$%{a:b:,c}", R"("" {"a:b" T1 "c" / } "")", 0},
-        shape_case{"$%{a:?x/y/z}", R"("" {"a" T4 "x" / "y/z"} "")", 0},
-        shape_case{"$%{a:?yes}", R"("" {"a" T4 "yes" / } "")", 0},
-        shape_case{"$%{a:,x/y}", R"("" {"a" T1 "x/y" / } "")", 0},
-        shape_case{"$%{a:^*p/s}", R"("" {"a" T6 "p" / "s"} "")", 0},
-        shape_case{"$%{a:''x/y}", R"("" {"a" T8 "x" / "y"} "")", 0},
-        shape_case{"$%{a:'x/y}", R"("" {"a" T7 "x" / "y"} "")", 0},
-        shape_case{"$%{a:+$%{b:?c/d}}", R"("" {"a" T3 "" {"b" T4 "c" / "d"} "" / } "")", 0},
-        shape_case{"$%{a:,one\n;c\ntwo}", R"("" {"a" T1 "one\n" "two" / } "")", 2},
-        shape_case{"$%{a\\}", R"("" {"a\"} "")", 0},
-        shape_case{"$%{n$%[v]x}", R"("" {"nwx"} "")", 0},
-        shape_case{"$%{$%[e]}", R"("" {""} "")", 0},
+        ShapeCase{"$%{a}", R"("" {"a"} "")", 0}, ShapeCase{"$%{}", R"("" {null} "")", 0},
+        ShapeCase{"$%{wrn:/n/f:default/:properties/c/p}",
+                  R"("" {"wrn:/n/f:default/:properties/c/p"} "")", 0},
+        ShapeCase{"$%{a:,}", R"("" {"a" T1 "" / } "")", 0},
+        ShapeCase{"$%{a::,b}", R"("" {"a::,b"} "")", 0},
+        ShapeCase{"$%{a:b:,c}", R"("" {"a:b" T1 "c" / } "")", 0},
+        ShapeCase{"$%{a:?x/y/z}", R"("" {"a" T4 "x" / "y/z"} "")", 0},
+        ShapeCase{"$%{a:?yes}", R"("" {"a" T4 "yes" / } "")", 0},
+        ShapeCase{"$%{a:,x/y}", R"("" {"a" T1 "x/y" / } "")", 0},
+        ShapeCase{"$%{a:^*p/s}", R"("" {"a" T6 "p" / "s"} "")", 0},
+        ShapeCase{"$%{a:''x/y}", R"("" {"a" T8 "x" / "y"} "")", 0},
+        ShapeCase{"$%{a:'x/y}", R"("" {"a" T7 "x" / "y"} "")", 0},
+        ShapeCase{"$%{a:+$%{b:?c/d}}", R"("" {"a" T3 "" {"b" T4 "c" / "d"} "" / } "")", 0},
+        ShapeCase{"$%{a:,one\n;c\ntwo}", R"("" {"a" T1 "one\n" "two" / } "")", 2},
+        ShapeCase{"$%{a\\}", R"("" {"a\"} "")", 0}, ShapeCase{"$%{n$%[v]x}", R"("" {"nwx"} "")", 0},
+        ShapeCase{"$%{$%[e]}", R"("" {""} "")", 0},
         // Sections.
-        shape_case{"$%/a(b)c/ {x}", R"("" /"a(b)c"/["x"] "")", 0},
-        shape_case{"$%/a/b/{x}", R"("" /"a/b"/["x"] "")", 0},
-        shape_case{"$%/a/\n;c\n{x}", R"("" /"a"/["x"] "")", 2},
-        shape_case{"$%/a\\/{b/{x}", R"("" /"a\/{b"/["x"] "")", 0},
-        shape_case{"$%/a$%[v]b/{x}", R"("" /"awb"/["x"] "")", 0},
-        shape_case{"$%//{x}", R"("" /null/["x"] "")", 0},
+        ShapeCase{"$%/a(b)c/ {x}", R"("" /"a(b)c"/["x"] "")", 0},
+        ShapeCase{"$%/a/b/{x}", R"("" /"a/b"/["x"] "")", 0},
+        ShapeCase{"$%/a/\n;c\n{x}", R"("" /"a"/["x"] "")", 2},
+        ShapeCase{"$%/a\\/{b/{x}", R"("" /"a\/{b"/["x"] "")", 0},
+        ShapeCase{"$%/a$%[v]b/{x}", R"("" /"awb"/["x"] "")", 0},
+        ShapeCase{"$%//{x}", R"("" /null/["x"] "")", 0},
         // Definitions and invocations.
-        shape_case{"$%define m {b}$%[m]",
-                   R"("" m m()["b"] "" m m()["b"] "")", 0},
-        shape_case{"$%define m a b {x}$%[m 1 2]",
-                   R"("" m m(a,b)["x"] "" m m("1","2")["x"] "")", 0},
-        shape_case{"$%define m a b {x}$%[m 1  2]",
-                   R"("" m m(a,b)["x"] "" m m("1","2")["x"] "")", 0},
-        shape_case{"$%define m a{ x}", R"("" m m(a)["x"] "")", 0},
-        shape_case{"$%define m a { x}", R"("" m m(a)[" x"] "")", 0},
-        shape_case{"$%define m a\n;c\nb {x}", R"("" m m(a,b)["x"] "")", 2},
-        shape_case{"$%define m\n{x}", R"("" m m()["x"] "")", 1},
+        ShapeCase{"$%define m {b}$%[m]", R"("" m m()["b"] "" m m()["b"] "")", 0},
+        ShapeCase{"$%define m a b {x}$%[m 1 2]", R"("" m m(a,b)["x"] "" m m("1","2")["x"] "")", 0},
+        ShapeCase{"$%define m a b {x}$%[m 1  2]", R"("" m m(a,b)["x"] "" m m("1","2")["x"] "")", 0},
+        ShapeCase{"$%define m a{ x}", R"("" m m(a)["x"] "")", 0},
+        ShapeCase{"$%define m a { x}", R"("" m m(a)[" x"] "")", 0},
+        ShapeCase{"$%define m a\n;c\nb {x}", R"("" m m(a,b)["x"] "")", 2},
+        ShapeCase{"$%define m\n{x}", R"("" m m()["x"] "")", 1},
         // An empty body holds an empty literal, in its copy too.
-        shape_case{"$%define m {}$%[m]", R"("" m m()[""] "" m m()[""] "")", 0},
-        shape_case{"$%define r //{y}$%[r]", R"("" /null/ def r["y"] "" /null/ inv r["y"] "")", 0},
-        shape_case{"$%define x y/ {z}", R"("" m x(y/)["z"] "")", 0},
-        shape_case{"$%define m a b {x}$%[m 1\n;c\n2]",
-                   R"("" m m(a,b)["x"] "" m m("1","2")["x"] "")", 2},
-        shape_case{"$%define m a {x}$%[m 1\\ 2]", R"("" m m(a)["x"] "" m m("1\ 2")["x"] "")", 0},
-        shape_case{"$%define m a b {x}$%[m $%{p:,x y} 2]",
-                   R"("" m m(a,b)["x"] "" m m("" {"p" T1 "x y" / } "","2")["x"] "")", 0},
-        shape_case{"$%define m a {x}$%[m a}b]", R"("" m m(a)["x"] "" m m("a}b")["x"] "")", 0},
-        shape_case{"$%define m a {x}$%[m\n;c\n1]", R"("" m m(a)["x"] "" m m("1")["x"] "")", 2},
-        shape_case{"$%define r /p/ {y}$%[r]", R"("" /"p"/ def r["y"] "" /"p"/ inv r["y"] "")", 0},
-        shape_case{"$%define r /p/ {y}$%[r:]", R"("" /"p"/ def r["y"] "" /"p"/ inv r["y"] "")", 0},
-        shape_case{"$%define r /p/ {y}$%[r:^p/s]",
-                   R"("" /"p"/ def r["y"] "" /"p"/ inv r T5 "p" / "s"["y"] "")", 0},
-        shape_case{"$%define r /p/ {y}$%[r:^*p]",
-                   R"("" /"p"/ def r["y"] "" /"p"/ inv r T5 "*p" / ["y"] "")", 0},
-        shape_case{"$%define r /p/ {y}$%[r:''x/y]",
-                   R"("" /"p"/ def r["y"] "" /"p"/ inv r T8 "x" / "y"["y"] "")", 0},
-        shape_case{"$%define r /p/ {y}$%[r:'a}b]",
-                   R"("" /"p"/ def r["y"] "" /"p"/ inv r T7 "a}b" / ["y"] "")", 0}));
+        ShapeCase{"$%define m {}$%[m]", R"("" m m()[""] "" m m()[""] "")", 0},
+        ShapeCase{"$%define r //{y}$%[r]", R"("" /null/ def r["y"] "" /null/ inv r["y"] "")", 0},
+        ShapeCase{"$%define x y/ {z}", R"("" m x(y/)["z"] "")", 0},
+        ShapeCase{"$%define m a b {x}$%[m 1\n;c\n2]", R"("" m m(a,b)["x"] "" m m("1","2")["x"] "")",
+                  2},
+        ShapeCase{"$%define m a {x}$%[m 1\\ 2]", R"("" m m(a)["x"] "" m m("1\ 2")["x"] "")", 0},
+        ShapeCase{"$%define m a b {x}$%[m $%{p:,x y} 2]",
+                  R"("" m m(a,b)["x"] "" m m("" {"p" T1 "x y" / } "","2")["x"] "")", 0},
+        ShapeCase{"$%define m a {x}$%[m a}b]", R"("" m m(a)["x"] "" m m("a}b")["x"] "")", 0},
+        ShapeCase{"$%define m a {x}$%[m\n;c\n1]", R"("" m m(a)["x"] "" m m("1")["x"] "")", 2},
+        ShapeCase{"$%define r /p/ {y}$%[r]", R"("" /"p"/ def r["y"] "" /"p"/ inv r["y"] "")", 0},
+        ShapeCase{"$%define r /p/ {y}$%[r:]", R"("" /"p"/ def r["y"] "" /"p"/ inv r["y"] "")", 0},
+        ShapeCase{"$%define r /p/ {y}$%[r:^p/s]",
+                  R"("" /"p"/ def r["y"] "" /"p"/ inv r T5 "p" / "s"["y"] "")", 0},
+        ShapeCase{"$%define r /p/ {y}$%[r:^*p]",
+                  R"("" /"p"/ def r["y"] "" /"p"/ inv r T5 "*p" / ["y"] "")", 0},
+        ShapeCase{"$%define r /p/ {y}$%[r:''x/y]",
+                  R"("" /"p"/ def r["y"] "" /"p"/ inv r T8 "x" / "y"["y"] "")", 0},
+        ShapeCase{"$%define r /p/ {y}$%[r:'a}b]",
+                  R"("" /"p"/ def r["y"] "" /"p"/ inv r T7 "a}b" / ["y"] "")", 0}));
 
 // The defines reach the tree in byte order of their names, whatever order
 // they were added in; a value may hold forms.
@@ -163,7 +151,7 @@ TEST(StencilLoad, FileSizesAroundPageBoundaries) {
 
 // Feeds the text to descriptor 0 through a pipe, in the given chunk sizes,
 // and loads from standard input.
-load_result load_stdin(const std::string& text, const std::vector<size_t>& chunks) {
+LoadResult load_stdin(const std::string& text, const std::vector<size_t>& chunks) {
     int fds[2];
     EXPECT_EQ(pipe(fds), 0);
     int saved = dup(0);
@@ -184,12 +172,13 @@ load_result load_stdin(const std::string& text, const std::vector<size_t>& chunk
     writer.join();
     dup2(saved, 0);
     close(saved);
-    return {result, stencil_ptr(stencil)};
+    return {result, StencilPtr(stencil)};
 }
 
 TEST(StencilLoad, StandardInputInUnevenReads) {
     std::string text;
-    for (int i = 0; i < 60; ++i) text += "line " + std::to_string(i) + " $%{p" + std::to_string(i) + "}\n";
+    for (int i = 0; i < 60; ++i)
+        text += "line " + std::to_string(i) + " $%{p" + std::to_string(i) + "}\n";
     auto whole = load_text(text);
     auto piecewise = load_stdin(text, {1, 127, 128, 129, 3, 300});
     ASSERT_EQ(piecewise.result, STENCIL_SUCCESS);

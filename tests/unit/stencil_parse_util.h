@@ -14,34 +14,34 @@
 
 namespace parse_test {
 
-struct stencil_deleter {
+struct StencilDeleter {
     void operator()(stencil_t* s) const { stencil_destroy(s); }
 };
-using stencil_ptr = std::unique_ptr<stencil_t, stencil_deleter>;
+using StencilPtr = std::unique_ptr<stencil_t, StencilDeleter>;
 
-struct defines_deleter {
+struct DefinesDeleter {
     void operator()(defines_t* d) const { defines_destroy(d); }
 };
-using defines_ptr = std::unique_ptr<defines_t, defines_deleter>;
+using DefinesPtr = std::unique_ptr<defines_t, DefinesDeleter>;
 
-inline defines_ptr make_defines(const std::vector<std::pair<std::string, std::string>>& pairs) {
-    defines_ptr defines(defines_create());
+inline DefinesPtr make_defines(const std::vector<std::pair<std::string, std::string>>& pairs) {
+    DefinesPtr defines(defines_create());
     for (const auto& [name, value] : pairs)
         EXPECT_EQ(defines_add(defines.get(), name.c_str(), value.c_str()), 0);
     return defines;
 }
 
-struct load_result {
+struct LoadResult {
     stencil_error_t result;
-    stencil_ptr stencil;
+    StencilPtr stencil;
 };
 
-inline load_result load_text(const std::string& text, defines_t* defines = nullptr) {
+inline LoadResult load_text(const std::string& text, defines_t* defines = nullptr) {
     unit::TempDir dir;
     unit::write_file(dir / "stencil", text);
     stencil_t* stencil = nullptr;
     stencil_error_t result = stencil_load((dir / "stencil").c_str(), &stencil, defines);
-    return {result, stencil_ptr(stencil)};
+    return {result, StencilPtr(stencil)};
 }
 
 inline std::string quote(const char* s) {

@@ -53,18 +53,18 @@ const Case kCases[] = {
     {"abc", "#", "X", 1, "Xabc"},
     {"abc", "%", "X", 1, "abc"},
     // Further shapes around the same rules.
-    {"aaa", "#a", "X", 1, "Xaa"},        // a start anchor accepts at most once
-    {"aXaYa", "%a", "Z", 1, "aXaYZ"},     // an end anchor only the last
-    {"abab", "ab", "", 1, ""},            // empty replacement
-    {"abc", "x", "X", 1, "abc"},          // no match at all
-    {"a.b", "[\\.]", "-", 1, "a-b"},     // a quoted member
-    {"a-c", "[x\\-]", "+", 1, "a+c"},     // quoted '-' is a member, no range
-    {"b-d", "[a-c-e]", "X", 1, "X-X"},    // chained range: a-c, then c-e
+    {"aaa", "#a", "X", 1, "Xaa"},       // a start anchor accepts at most once
+    {"aXaYa", "%a", "Z", 1, "aXaYZ"},   // an end anchor only the last
+    {"abab", "ab", "", 1, ""},          // empty replacement
+    {"abc", "x", "X", 1, "abc"},        // no match at all
+    {"a.b", "[\\.]", "-", 1, "a-b"},    // a quoted member
+    {"a-c", "[x\\-]", "+", 1, "a+c"},   // quoted '-' is a member, no range
+    {"b-d", "[a-c-e]", "X", 1, "X-X"},  // chained range: a-c, then c-e
     {"ab", "[!a]", "X", 0, "aX"},
-    {"abc", "a**c", "X", 0, "X"},         // stars in a row count as one
+    {"abc", "a**c", "X", 0, "X"},  // stars in a row count as one
     {"aXbc", "?b", "-", 0, "a-c"},
-    {"hello", "l", "L", 0, "heLlo"},      // first match only
-    {"x/y", "*", "Z", 1, "Z"},            // trailing star takes everything
+    {"hello", "l", "L", 0, "heLlo"},  // first match only
+    {"x/y", "*", "Z", 1, "Z"},        // trailing star takes everything
 };
 
 class ReplacePatterns : public ::testing::TestWithParam<Case> {};
@@ -73,8 +73,8 @@ TEST_P(ReplacePatterns, Replaces) {
     const Case& c = GetParam();
     const char* result = replace_string(c.source, c.pattern, c.replacement, c.all);
     ASSERT_NE(result, nullptr);
-    EXPECT_STREQ(result, c.result) << "source '" << c.source << "' pattern '" << c.pattern
-                                    << "' all " << c.all;
+    EXPECT_STREQ(result, c.result)
+        << "source '" << c.source << "' pattern '" << c.pattern << "' all " << c.all;
 }
 
 // Shown by gtest and ctest in place of the record's bytes.
@@ -94,9 +94,9 @@ TEST(MatchGlob, EndOfMatch) {
         int end;  // offset of the result in source, or -1 for no match
     };
     const GlobCase cases[] = {
-        {"abcabc", "a*c", 3},  {"abcabc", "a*", 6}, {"abc", "", 0},     {"", "*", 0},
-        {"", "?", -1},         {"", "[a]", -1},     {"abc", "ab\\", -1}, {"ab", "a*z", -1},
-        {"a", "a*b", -1},      {"xyz", "x?z", 3},   {"q", "[!]]", 1},   {"]", "[!]]", -1},
+        {"abcabc", "a*c", 3}, {"abcabc", "a*", 6}, {"abc", "", 0},      {"", "*", 0},
+        {"", "?", -1},        {"", "[a]", -1},     {"abc", "ab\\", -1}, {"ab", "a*z", -1},
+        {"a", "a*b", -1},     {"xyz", "x?z", 3},   {"q", "[!]]", 1},    {"]", "[!]]", -1},
     };
     for (const GlobCase& c : cases) {
         const char* r = match_glob(c.source, c.pattern);

@@ -4,10 +4,9 @@
 // forked child that starts from the parent's (empty) state.
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <malloc.h>
 
 #include <cstdlib>
 
@@ -41,7 +40,8 @@ TEST(SupportAtexit, SlotAccounting) {
                   if (list->nodes_used != FREE_LIST_SLOTS + 1) return 4;
                   if (last.pointer.void_ptr != block) return 5;
                   const free_node_t& first = list->nodes[0];
-                  if (first.type != VOID_PTR_PTR || first.pointer.void_ptr_ptr != &vars[0]) return 6;
+                  if (first.type != VOID_PTR_PTR || first.pointer.void_ptr_ptr != &vars[0])
+                      return 6;
                   return 0;
               }),
               0);

@@ -106,10 +106,10 @@ TEST(RegexBudget, CostlyShapesAreRefusedUncompiled) {
         std::string("config/a").append(repeat("{1,9}", 8)),  // tens of gigabytes
         repeat("(", 20) + "a" + repeat(")+", 20),            // gigabytes, seconds
         std::string("a").append(repeat("+", 30)),            // 2^30 copies
-        "a{0,32767}",                                     // square of the copies
-        repeat("a?", 4000),                               // a long optional chain
-        repeat("(", 100000) + "a" + repeat(")", 100000),  // the compiler's stack
-        "(\\b|\\B|^|$)*",                                 // minutes for 12 bytes
+        "a{0,32767}",                                        // square of the copies
+        repeat("a?", 4000),                                  // a long optional chain
+        repeat("(", 100000) + "a" + repeat(")", 100000),     // the compiler's stack
+        "(\\b|\\B|^|$)*",                                    // minutes for 12 bytes
         "(^|$){2}",
         repeat("(^|$)", 9),
         "(a*)\\1b",  // exponential matching

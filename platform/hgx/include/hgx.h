@@ -38,39 +38,39 @@ typedef unsigned long hgx_version_t;
 
 typedef enum hgx_error {
     HGX_ERROR_NONE = 1000,
-    HGX_ERROR_NOT_BOUND = 1001,           // handle not bound, or object not set
-    HGX_ERROR_NOT_SET = 1002,             // object holds nothing yet
-    HGX_ERROR_NOT_FOUND = 1003,           // names nothing in the repository
-    HGX_ERROR_TYPE_MISMATCH = 1004,       // object of another kind than asked for
-    HGX_ERROR_IN_USE = 1005,              // an iterator is in use by another walk
-    HGX_ERROR_CONNECTION_BROKEN = 1006,   // the repository could not be read
-    HGX_ERROR_INVALID_ARGUMENT = 1007,    // bad argument, e.g. a malformed wern
+    HGX_ERROR_NOT_BOUND = 1001,          // handle not bound, or object not set
+    HGX_ERROR_NOT_SET = 1002,            // object holds nothing yet
+    HGX_ERROR_NOT_FOUND = 1003,          // names nothing in the repository
+    HGX_ERROR_TYPE_MISMATCH = 1004,      // object of another kind than asked for
+    HGX_ERROR_IN_USE = 1005,             // an iterator is in use by another walk
+    HGX_ERROR_CONNECTION_BROKEN = 1006,  // the repository could not be read
+    HGX_ERROR_INVALID_ARGUMENT = 1007,   // bad argument, e.g. a malformed wern
     HGX_ERROR_NO_MEMORY = 1008,
-    HGX_ERROR_CONSTRAINT_VIOLATED = 1009, // decode flags not met
-    HGX_ERROR_EXISTS = 1010,              // object of that name exists already
-    HGX_ERROR_HANDLE_MISMATCH = 1011,     // objects of two handles mixed
-    HGX_ERROR_VERSION_MISMATCH = 1012,    // hgx_handle_create with another version
-    HGX_ERROR_INVALID_VALUE = 1013,       // value does not fit its type, or too long
-    HGX_ERROR_PERMISSION_DENIED = 1014,   // write on a read-only handle
-    HGX_ERROR_NO_REPOSITORY = 1015,       // repository file does not exist
-    HGX_ERROR_REPOSITORY_ACCESS = 1016,   // repository file cannot be opened
-    HGX_ERROR_NOT_A_REPOSITORY = 1017,    // file is not an SQLite database
-    HGX_ERROR_SCHEMA_MISMATCH = 1018,     // database of another schema or version
-    HGX_ERROR_INTERNAL = 1019,            // unexpected failure of the store
-    HGX_ERROR_REPOSITORY_LOG = 1020,      // write-ahead log of the file cannot be read
+    HGX_ERROR_CONSTRAINT_VIOLATED = 1009,  // decode flags not met
+    HGX_ERROR_EXISTS = 1010,               // object of that name exists already
+    HGX_ERROR_HANDLE_MISMATCH = 1011,      // objects of two handles mixed
+    HGX_ERROR_VERSION_MISMATCH = 1012,     // hgx_handle_create with another version
+    HGX_ERROR_INVALID_VALUE = 1013,        // value does not fit its type, or too long
+    HGX_ERROR_PERMISSION_DENIED = 1014,    // write on a read-only handle
+    HGX_ERROR_NO_REPOSITORY = 1015,        // repository file does not exist
+    HGX_ERROR_REPOSITORY_ACCESS = 1016,    // repository file cannot be opened
+    HGX_ERROR_NOT_A_REPOSITORY = 1017,     // file is not an SQLite database
+    HGX_ERROR_SCHEMA_MISMATCH = 1018,      // database of another schema or version
+    HGX_ERROR_INTERNAL = 1019,             // unexpected failure of the store
+    HGX_ERROR_REPOSITORY_LOG = 1020,       // write-ahead log of the file cannot be read
     // A repository in an etcd cluster (etcd:// and etcds:// URLs).
-    HGX_ERROR_CLUSTER_UNREACHABLE = 1021,  // no member of the cluster answers
-    HGX_ERROR_CLUSTER_TIMEOUT = 1022,      // the cluster did not answer in time
-    HGX_ERROR_REVISION_COMPACTED = 1023,   // the revision read has been compacted
-    HGX_ERROR_CLUSTER_CREDENTIALS = 1024,  // user or password refused
+    HGX_ERROR_CLUSTER_UNREACHABLE = 1021,    // no member of the cluster answers
+    HGX_ERROR_CLUSTER_TIMEOUT = 1022,        // the cluster did not answer in time
+    HGX_ERROR_REVISION_COMPACTED = 1023,     // the revision read has been compacted
+    HGX_ERROR_CLUSTER_CREDENTIALS = 1024,    // user or password refused
     HGX_ERROR_CLUSTER_NO_REPOSITORY = 1025,  // nothing below the prefix
-    HGX_ERROR_CLUSTER_FOREIGN = 1026,      // the prefix holds something else
-    HGX_ERROR_CLUSTER_SCHEMA = 1027,       // a repository of another schema version
-    HGX_ERROR_CLUSTER_CLIENT = 1028,       // the client module cannot be loaded
-    HGX_ERROR_BAD_URL = 1029,              // malformed etcd URL
-    HGX_ERROR_CONFLICT = 1030,             // another writer committed first
-    HGX_ERROR_TOO_LARGE = 1031,            // more than one etcd request holds
-    HGX_ERROR_CLUSTER_TLS = 1032,          // TLS failed: CA, certificate or key
+    HGX_ERROR_CLUSTER_FOREIGN = 1026,        // the prefix holds something else
+    HGX_ERROR_CLUSTER_SCHEMA = 1027,         // a repository of another schema version
+    HGX_ERROR_CLUSTER_CLIENT = 1028,         // the client module cannot be loaded
+    HGX_ERROR_BAD_URL = 1029,                // malformed etcd URL
+    HGX_ERROR_CONFLICT = 1030,               // another writer committed first
+    HGX_ERROR_TOO_LARGE = 1031,              // more than one etcd request holds
+    HGX_ERROR_CLUSTER_TLS = 1032,            // TLS failed: CA, certificate or key
 } hgx_error_t;
 
 typedef enum hgx_type {
@@ -109,7 +109,7 @@ typedef enum hgx_type {
 // Returns a new, unbound handle. Returns null on failure, with
 // HGX_ERROR_VERSION_MISMATCH where version is not HGX_VERSION (the caller was
 // built against another interface) or HGX_ERROR_NO_MEMORY. The caller owns
-// the handle and releases it with hgx_handle_destroy (or an hgx_ptr).
+// the handle and releases it with hgx_handle_destroy (or an HgxPtr).
 hgx_handle_t* hgx_handle_create(hgx_version_t version);
 
 // Binds the handle to the repository that HGX_REPOSITORY names, else to
@@ -190,9 +190,9 @@ int hgx_handle_decode_wern(hgx_handle_t* handle, const char* wern, hgx_scope_t* 
 // the rest the group path. scope_path and snapshot are always null. Returns
 // 0, or -1 with HGX_ERROR_INVALID_ARGUMENT for a null or malformed wern; then
 // every out-parameter is null and the wern is not changed.
-int hgx_parse_wern(char* wern, const char** scope, const char** scope_path,
-                   const char** service, const char** instance, const char** pg,
-                   const char** property, const char** snapshot);
+int hgx_parse_wern(char* wern, const char** scope, const char** scope_path, const char** service,
+                   const char** instance, const char** pg, const char** property,
+                   const char** snapshot);
 
 // ---- iteration -----------------------------------------------------------------
 

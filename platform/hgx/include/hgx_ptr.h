@@ -1,9 +1,9 @@
-// Owners for libhgx objects: hgx_ptr<T> is a std::unique_ptr that releases
+// Owners for libhgx objects: HgxPtr<T> is a std::unique_ptr that releases
 // the object with the destroy function of its kind (hgx_writer_close for a
 // writer), so that every exit of a caller releases what it created.
 //
-//   hgx_ptr<hgx_handle_t> handle(hgx_handle_create(HGX_VERSION));
-//   hgx_ptr<hgx_iter_t> iter(hgx_iter_create(handle.get()));
+//   HgxPtr<hgx_handle_t> handle(hgx_handle_create(HGX_VERSION));
+//   HgxPtr<hgx_iter_t> iter(hgx_iter_create(handle.get()));
 //
 // An owner holding null releases nothing, as every *_destroy accepts null.
 // Objects hold no reference to their handle that keeps it alive: an owner
@@ -16,7 +16,7 @@
 #include "hgx.h"
 #include "hgx_write.h"
 
-struct hgx_deleter {
+struct HgxDeleter {
     void operator()(hgx_handle_t* p) const { hgx_handle_destroy(p); }
     void operator()(hgx_scope_t* p) const { hgx_scope_destroy(p); }
     void operator()(hgx_service_t* p) const { hgx_service_destroy(p); }
@@ -30,4 +30,4 @@ struct hgx_deleter {
 };
 
 template <typename T>
-using hgx_ptr = std::unique_ptr<T, hgx_deleter>;
+using HgxPtr = std::unique_ptr<T, HgxDeleter>;

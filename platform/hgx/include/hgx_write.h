@@ -70,7 +70,7 @@ std::string hgx_values_blob(const std::vector<std::string>& values);
 // Opens the file (creating it, schema included, when create is set and it does
 // not exist) and begins the write transaction. Null on failure; a message for
 // the user is in *message (message may be null). The caller owns the writer
-// and releases it with hgx_writer_close (or an hgx_ptr).
+// and releases it with hgx_writer_close (or an HgxPtr).
 //
 // path names a file or an etcd cluster (etcd://, etcds://). On a cluster,
 // hgx_writer_commit fails with HGX_ERROR_CONFLICT when another writer
