@@ -162,7 +162,9 @@ enum class OpenMode {
 // Opens the repository that `where` names: an etcd URL (etcd:// or
 // etcds://) or a file. Null on failure, with the error set and, where
 // message is given, a line for the user in it. The caller owns the store.
-std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode, std::string* message);
+// at_revision (reading a cluster only; 0: the newest) pins the revision read.
+std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode, std::string* message,
+                                  int64_t at_revision = 0);
 bool is_cluster_url(std::string_view where);
 // The two stores behind open_store.
 std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode,
@@ -195,6 +197,10 @@ struct ComposedPg {
 int composed_children(Store& s, int64_t inst_pg, int64_t svc_pg, std::vector<ComposedPg>* out);
 int composed_top(Store& s, int64_t service, int64_t instance, std::vector<ComposedPg>* out);
 int composed_props(Store& s, int64_t inst_pg, int64_t svc_pg, std::vector<Row>* out);
+// An owner's own groups (kind OWNER_*) as the same entries, the service's
+// side 0: walked like a composed view, they give the own groups alone. 0
+// with *out replaced, or -1.
+int own_pgs(Store& s, int kind, int64_t owner, std::vector<ComposedPg>* out);
 
 // Syntax of names and werns: whether a name is valid; they never fail.
 bool valid_segment(std::string_view s);

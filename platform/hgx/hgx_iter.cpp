@@ -49,19 +49,11 @@ void start(hgx_iter* it, hgx_iter::Kind kind, const Ctx& ctx) {
     it->values.clear();
 }
 
-// Own groups (of an owner row or a group) as iteration entries.
-std::vector<ComposedPg> as_pgs(const std::vector<Row>& rows) {
-    std::vector<ComposedPg> out;
-    out.reserve(rows.size());
-    for (const Row& r : rows) out.push_back({r.id, 0, r.name, r.text});
-    return out;
-}
-
 int start_pgs_of(hgx_iter* it, const Ctx& parent, int kind, int64_t owner) {
-    std::vector<Row> rows;
-    if (it->h->store().pgs(kind, owner, &rows) < 0) return -1;
+    std::vector<ComposedPg> pgs;
+    if (own_pgs(it->h->store(), kind, owner, &pgs) < 0) return -1;
     start(it, hgx_iter::PGS, parent);
-    it->pgs = as_pgs(rows);
+    it->pgs = std::move(pgs);
     return 0;
 }
 

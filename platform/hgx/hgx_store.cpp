@@ -15,8 +15,9 @@ bool is_cluster_url(std::string_view where) {
     return where.substr(0, 7) == "etcd://" || where.substr(0, 8) == "etcds://";
 }
 
-std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode, std::string* message) {
-    if (is_cluster_url(where)) return open_cluster_store(where, mode, message);
+std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode, std::string* message,
+                                  int64_t at_revision) {
+    if (is_cluster_url(where)) return open_cluster_store(where, mode, message, at_revision);
     return open_file_store(where, mode, message);
 }
 
@@ -74,6 +75,15 @@ int composed_top(Store& s, int64_t service, int64_t instance, std::vector<Compos
     std::vector<Row> a, b;
     if (s.pgs(OWNER_INSTANCE, instance, &a) < 0 || s.pgs(OWNER_SERVICE, service, &b) < 0) return -1;
     *out = merge_pgs(a, b);
+    return 0;
+}
+
+int own_pgs(Store& s, int kind, int64_t owner, std::vector<ComposedPg>* out) {
+    std::vector<Row> rows;
+    if (s.pgs(kind, owner, &rows) < 0) return -1;
+    out->clear();
+    out->reserve(rows.size());
+    for (const Row& r : rows) out->push_back({r.id, 0, r.name, r.text});
     return 0;
 }
 

@@ -50,11 +50,7 @@ hgx_writer_t* hgx_writer_open(const char* path, bool create, std::string* messag
 }
 
 hgx_writer_t* hgx_reader_open(const char* path, std::string* message) {
-    return guarded<hgx_writer_t*>(nullptr, [&]() -> hgx_writer_t* {
-        std::unique_ptr<Store> s = open_store(path ? path : "", OpenMode::READ, message);
-        if (!s) return nullptr;
-        return new hgx_writer{std::move(s)};
-    });
+    return hgx_reader_open_at(path, 0, message);
 }
 
 int hgx_writer_commit(hgx_writer_t* w) {
@@ -133,43 +129,65 @@ int hgx_writer_find_pg(hgx_writer_t* w, const hgx_owner& owner, std::string_view
 
 namespace {
 
-// Copies the groups of one owner, with their properties and nested groups,
-// from one store below an owner of another.
-int copy_pgs(Store& from, int kind, int64_t owner, Store& to, PgPlace place) {
-    std::vector<Row> pgs;
-    if (from.pgs(kind, owner, &pgs) < 0) return -1;
-    for (const Row& g : pgs) {
-        int64_t id = to.add_pg(place, g.name, g.text);
-        if (id < 0) return -1;
+// What a walk of groups hands each group and property to. group() gets the
+// sink's token for the parent group (0 at the top) and gives one for the
+// group, or -1 to end the walk with the error set; end() closes a group.
+class GroupSink {
+  public:
+    virtual ~GroupSink() = default;
+    virtual int64_t group(int64_t parent, const ComposedPg& g) = 0;
+    virtual int property(int64_t group, const Row& p) = 0;
+    virtual void end(int64_t) {}
+};
+
+// Walks groups depth first, each group's properties before its nested
+// groups, in name order: a composed view, or (own_pgs) an owner's own.
+int walk_groups(Store& s, const std::vector<ComposedPg>& pgs, GroupSink& sink, int64_t parent) {
+    for (const ComposedPg& g : pgs) {
+        int64_t token = sink.group(parent, g);
+        if (token < 0) return -1;
         std::vector<Row> props;
-        if (from.props(g.id, &props) < 0) return -1;
+        if (composed_props(s, g.inst, g.svc, &props) < 0) return -1;
         for (const Row& p : props)
-            if (to.put_prop(id, p.name, p.type, p.text, false) < 0) return -1;
-        PgPlace below = place;
-        below.kind = OWNER_PG;
-        below.owner = id;
-        if (copy_pgs(from, OWNER_PG, g.id, to, below) < 0) return -1;
+            if (sink.property(token, p) < 0) return -1;
+        std::vector<ComposedPg> children;
+        if (composed_children(s, g.inst, g.svc, &children) < 0 ||
+            walk_groups(s, children, sink, token) < 0)
+            return -1;
+        sink.end(token);
     }
     return 0;
 }
 
-// Copies one group of a composed view, with its properties and nested groups,
-// into a snapshot.
-int copy_composed(Store& s, const ComposedPg& g, const PgPlace& place) {
-    int64_t id = s.add_pg(place, g.name, g.type);
-    if (id < 0) return -1;
-    std::vector<Row> props;
-    if (composed_props(s, g.inst, g.svc, &props) < 0) return -1;
-    for (const Row& p : props)
-        if (s.put_prop(id, p.name, p.type, p.text, false) < 0) return -1;
-    std::vector<ComposedPg> children;
-    if (composed_children(s, g.inst, g.svc, &children) < 0) return -1;
-    PgPlace below = place;
-    below.kind = OWNER_PG;
-    below.owner = id;
-    for (const ComposedPg& c : children)
-        if (copy_composed(s, c, below) < 0) return -1;
-    return 0;
+// Adds the groups and properties a walk hands it to a store, the top ones
+// at a place, the others below the group they were in. A store's ids are
+// never 0, so 0 stands for the top.
+class CopySink final : public GroupSink {
+  public:
+    CopySink(Store& to, const PgPlace& top) : to_(to), top_(top) {}
+    int64_t group(int64_t parent, const ComposedPg& g) override {
+        PgPlace place = top_;
+        if (parent) {
+            place.kind = OWNER_PG;
+            place.owner = parent;
+        }
+        return to_.add_pg(place, g.name, g.type);
+    }
+    int property(int64_t group, const Row& p) override {
+        return to_.put_prop(group, p.name, p.type, p.text, false);
+    }
+
+  private:
+    Store& to_;
+    PgPlace top_;
+};
+
+// Copies the own groups of an owner of one store below a place of another
+// (or the same) store.
+int copy_pgs(Store& from, int kind, int64_t owner, Store& to, const PgPlace& place) {
+    std::vector<ComposedPg> top;
+    CopySink sink(to, place);
+    return own_pgs(from, kind, owner, &top) < 0 ? -1 : walk_groups(from, top, sink, 0);
 }
 
 }  // namespace
@@ -236,10 +254,8 @@ int hgx_writer_take_snapshot(hgx_writer_t* w, hgx_id_t service, hgx_id_t instanc
         hgx_id_t snap = s.add_snapshot(service, instance, name);
         if (snap < 0) return -1;
         std::vector<ComposedPg> top;
-        if (composed_top(s, service, instance, &top) < 0) return -1;
-        for (const ComposedPg& g : top)
-            if (copy_composed(s, g, {OWNER_SNAPSHOT, snap, service, instance, snap}) < 0) return -1;
-        return 0;
+        CopySink sink(s, {OWNER_SNAPSHOT, snap, service, instance, snap});
+        return composed_top(s, service, instance, &top) < 0 ? -1 : walk_groups(s, top, sink, 0);
     });
 }
 
@@ -289,10 +305,7 @@ int hgx_writer_services(hgx_writer_t* w, std::vector<std::string>* out) {
 
 hgx_writer_t* hgx_reader_open_at(const char* url, int64_t revision, std::string* message) {
     return guarded<hgx_writer_t*>(nullptr, [&]() -> hgx_writer_t* {
-        std::string where = url ? url : "";
-        std::unique_ptr<Store> s =
-            is_cluster_url(where) ? open_cluster_store(where, OpenMode::READ, message, revision)
-                                  : open_store(where, OpenMode::READ, message);
+        std::unique_ptr<Store> s = open_store(url ? url : "", OpenMode::READ, message, revision);
         if (!s) return nullptr;
         return new hgx_writer{std::move(s)};
     });
@@ -323,46 +336,30 @@ void add_text(std::string* out, std::string_view s) {
     *out += s;
 }
 
-int own_text(Store& s, int kind, int64_t owner, std::string* out) {
-    std::vector<Row> pgs;
-    if (s.pgs(kind, owner, &pgs) < 0) return -1;
-    add_text(out, std::to_string(pgs.size()));
-    for (const Row& g : pgs) {
-        add_text(out, g.name);
-        add_text(out, g.text);
-        std::vector<Row> props;
-        if (s.props(g.id, &props) < 0) return -1;
-        add_text(out, std::to_string(props.size()));
-        for (const Row& p : props) {
-            add_text(out, p.name);
-            add_text(out, std::to_string(p.type));
-            add_text(out, p.text);
-        }
-        if (own_text(s, OWNER_PG, g.id, out) < 0) return -1;
+// Writes what a walk hands it as text: '(' name type, 'p' name type values
+// for each property, ')' at a group's end; texts with their lengths, so that
+// two different walks never give the same text.
+class TextSink final : public GroupSink {
+  public:
+    explicit TextSink(std::string* out) : out_(out) {}
+    int64_t group(int64_t, const ComposedPg& g) override {
+        *out_ += '(';
+        add_text(out_, g.name);
+        add_text(out_, g.type);
+        return 1;
     }
-    return 0;
-}
+    int property(int64_t, const Row& p) override {
+        *out_ += 'p';
+        add_text(out_, p.name);
+        add_text(out_, std::to_string(p.type));
+        add_text(out_, p.text);
+        return 0;
+    }
+    void end(int64_t) override { *out_ += ')'; }
 
-int composed_text(Store& s, const std::vector<ComposedPg>& pgs, std::string* out) {
-    add_text(out, std::to_string(pgs.size()));
-    for (const ComposedPg& g : pgs) {
-        add_text(out, g.name);
-        add_text(out, g.type);
-        std::vector<Row> props;
-        if (composed_props(s, g.inst, g.svc, &props) < 0) return -1;
-        add_text(out, std::to_string(props.size()));
-        for (const Row& p : props) {
-            add_text(out, p.name);
-            add_text(out, std::to_string(p.type));
-            add_text(out, p.text);
-        }
-        std::vector<ComposedPg> children;
-        if (composed_children(s, g.inst, g.svc, &children) < 0 ||
-            composed_text(s, children, out) < 0)
-            return -1;
-    }
-    return 0;
-}
+  private:
+    std::string* out_;
+};
 
 }  // namespace
 
@@ -378,14 +375,16 @@ int hgx_writer_instance_texts(hgx_writer_t* w, std::string_view service,
         if (s.instances(svc.id, &instances) < 0) return -1;
         for (const Row& in : instances) {
             std::string& text = (*out)[in.name];
+            TextSink sink(&text);
             std::vector<ComposedPg> top;
-            if (composed_top(s, svc.id, in.id, &top) < 0 || composed_text(s, top, &text) < 0)
+            if (composed_top(s, svc.id, in.id, &top) < 0 || walk_groups(s, top, sink, 0) < 0)
                 return -1;
             std::vector<Row> snaps;
             if (s.snapshots(in.id, &snaps) < 0) return -1;
             for (const Row& sn : snaps) {
                 add_text(&text, sn.name);
-                if (own_text(s, OWNER_SNAPSHOT, sn.id, &text) < 0) return -1;
+                if (own_pgs(s, OWNER_SNAPSHOT, sn.id, &top) < 0 || walk_groups(s, top, sink, 0) < 0)
+                    return -1;
             }
         }
         return 0;

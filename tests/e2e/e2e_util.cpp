@@ -249,6 +249,26 @@ std::string generation_manifest(const std::string& service, int gen, int count) 
     return m;
 }
 
+std::string generation_stencil(int count) {
+    std::string s;
+    for (int i = 0; i < count; ++i) {
+        s += "$%{config/p";
+        s += std::to_string(i);
+        s += "} ";
+    }
+    return s + "\n";
+}
+
+std::string generation_of(const std::string& out, int count) {
+    std::string first = out.substr(0, out.find(' '));
+    std::string expected;
+    for (int i = 0; i < count; ++i) {
+        expected += first;
+        expected += ' ';
+    }
+    return out == expected + "\n" ? first : "";
+}
+
 void expect_stencil_cases(const std::string& repository, const std::string& wern,
                           const std::vector<StencilCase>& cases,
                           const std::vector<std::string>& extra,

@@ -2,6 +2,8 @@
 // directory and capture everything they print.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <map>
 #include <optional>
 #include <string>
@@ -80,10 +82,35 @@ Result program(const char* bin, const std::string& repository, const std::vector
 
 Result hgxrepo(const std::vector<std::string>& args, const std::string& input = "");
 
+// A test with a repository made from a manifest in its scratch directory,
+// and hgxrepo run on it.
+class RepositoryTest : public ::testing::Test {
+  protected:
+    explicit RepositoryTest(std::string manifest) : manifest_(std::move(manifest)) {}
+    void SetUp() override {
+        repo = dir / "repo.db";
+        make_repository(repo, manifest_);
+    }
+    Result run(std::vector<std::string> args, const std::string& input = "") {
+        args.insert(args.begin(), {"-r", repo});
+        return hgxrepo(args, input);
+    }
+    TempDir dir;
+    std::string repo;
+
+  private:
+    std::string manifest_;
+};
+
 // A manifest of one service whose instance "default" has a group "config"
 // of `count` properties p0, p1, ... all of the value "g<gen>": one
 // generation of the instance.
 std::string generation_manifest(const std::string& service, int gen, int count);
+// A stencil that prints the `count` properties of such a group on one line,
+// and the generation ("g<gen>") that its output shows: "" for an output
+// that mixes generations or is no such line.
+std::string generation_stencil(int count);
+std::string generation_of(const std::string& out, int count);
 
 // One stencil fed to kelvo on standard input, and everything it must print.
 struct StencilCase {

@@ -27,18 +27,9 @@ const std::string HINT =
     "hgxrepo: kelvo sees this change after \"hgxrepo snapshot wrn:/net/foo:default\" "
     "(or give --snapshot)\n";
 
-class HgxrepoGuidance : public ::testing::Test {
+class HgxrepoGuidance : public e2e::RepositoryTest {
   protected:
-    void SetUp() override {
-        repo = dir / "repo.db";
-        e2e::make_repository(repo, MANIFEST);
-    }
-    e2e::Result run(std::vector<std::string> args, const std::string& input = "") {
-        args.insert(args.begin(), {"-r", repo});
-        return hgxrepo(args, input);
-    }
-    e2e::TempDir dir;
-    std::string repo;
+    HgxrepoGuidance() : RepositoryTest(MANIFEST) {}
 };
 
 TEST(HgxrepoHelp, HelpAndUnknownCommands) {

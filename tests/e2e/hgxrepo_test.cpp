@@ -53,16 +53,9 @@ size_t lines(const std::string& s) {
     return n;
 }
 
-class Hgxrepo : public ::testing::Test {
+class Hgxrepo : public e2e::RepositoryTest {
   protected:
-    void SetUp() override {
-        repo = dir / "repo.db";
-        e2e::make_repository(repo, MANIFEST);
-    }
-    e2e::Result run(std::vector<std::string> args, const std::string& input = "") {
-        args.insert(args.begin(), {"-r", repo});
-        return hgxrepo(args, input);
-    }
+    Hgxrepo() : RepositoryTest(MANIFEST) {}
     // A command that must fail with one line naming `what` and leave the
     // repository file as it was.
     void refused(const std::vector<std::string>& args, const std::string& what,
@@ -77,8 +70,7 @@ class Hgxrepo : public ::testing::Test {
         EXPECT_TRUE(read_file(repo) == before) << "repository file changed";
         last_err = r.err;
     }
-    TempDir dir;
-    std::string repo, last_err;
+    std::string last_err;
 };
 
 TEST_F(Hgxrepo, ExportOfImportedExportIsTheSame) {

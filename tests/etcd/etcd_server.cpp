@@ -281,8 +281,7 @@ std::string EtcdServer::url(const std::string& prefix) const {
     return (options_.tls ? "etcds://" : "etcd://") + endpoints(true) + "/" + prefix;
 }
 
-std::string EtcdServer::post(int m, const std::string& path, const std::string& body,
-                             const std::string& token) const {
+std::string EtcdServer::post(int m, const std::string& path, const std::string& body) const {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     timeval tv{5, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
@@ -296,7 +295,6 @@ std::string EtcdServer::post(int m, const std::string& path, const std::string& 
     }
     std::string req = "POST " + path + " HTTP/1.0\r\nHost: 127.0.0.1\r\nContent-Length: " +
                       std::to_string(body.size()) + "\r\nContent-Type: application/json\r\n";
-    if (!token.empty()) req += "Authorization: " + token + "\r\n";
     req += "\r\n" + body;
     if (write(fd, req.data(), req.size()) != static_cast<ssize_t>(req.size())) {
         close(fd);

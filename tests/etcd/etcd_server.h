@@ -50,9 +50,8 @@ class EtcdServer {
     std::string client_key() const { return dir_ + "/client.key"; }
 
     // A plain HTTP POST to a member's gateway (no TLS); the response body,
-    // or "" when it could not be sent. token: an Authorization header.
-    std::string post(int member, const std::string& path, const std::string& body,
-                     const std::string& token = "") const;
+    // or "" when it could not be sent.
+    std::string post(int member, const std::string& path, const std::string& body) const;
     // Creates the user root with the password and turns authentication on.
     bool enable_auth(const std::string& password);
 
