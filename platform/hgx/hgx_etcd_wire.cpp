@@ -1,9 +1,13 @@
 // The wire of the etcd store: URLs, the client module, base64, requests and
 // their errors, and the watch a mirror follows.
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/auxv.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -25,26 +29,67 @@ std::string module_path_beside_program() {
     return dir + "/../lib/kelvo/hgx-etcd.so";
 }
 
+// Loads the module at path when its owner and mode can be trusted with
+// this process: owned by root or by the user the process runs as, and
+// writable by nobody else; a process that holds more than its user's
+// rights (set-id, file capabilities) takes root's modules only. The file
+// checked is the file loaded: it is opened once, looked at through the
+// descriptor and loaded through it. Null with *why set (empty when there
+// is no such file).
+void* load_trusted(const std::string& path, int flags, std::string* why) {
+    why->clear();
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    struct stat st;
+    char by_fd[64];
+    snprintf(by_fd, sizeof by_fd, "/proc/self/fd/%d", fd);
+    const bool raised = getauxval(AT_SECURE) != 0;
+    void* so = nullptr;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        *why = path + ": not a regular file";
+    } else if (st.st_uid != 0 && (raised || st.st_uid != geteuid())) {
+        *why = path + ": not loaded: owned by uid " + std::to_string(st.st_uid) +
+               (raised ? ", not root" : ", neither root nor this user");
+    } else if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        *why = path + ": not loaded: writable by group or others";
+    } else if (access(by_fd, F_OK) == 0) {
+        so = dlopen(by_fd, flags);
+    } else if (!raised) {
+        // No /proc (a bare chroot): by its name, checked a moment ago.
+        so = dlopen(path.c_str(), flags);
+    } else {
+        *why = path + ": not loaded: /proc is needed to load it safely";
+    }
+    if (so == nullptr && why->empty()) {
+        const char* error = dlerror();
+        *why = path + ": " + (error != nullptr ? error : "cannot be loaded");
+    }
+    close(fd);
+    return so;
+}
+
 // The client interface of hgx-etcd.so, loaded on first use and kept for the
 // life of the process (libcurl's global state is not torn down). Looked for
-// in $HGX_ETCD_MODULE, beside the program (../lib/kelvo/), then where it is
-// installed.
+// in $HGX_ETCD_MODULE (ignored by a process with raised privileges), beside
+// the program (../lib/kelvo/), then where it is installed.
 const hgx_etcd_client_api* client_module(std::string* why) {
     static const hgx_etcd_client_api* api = nullptr;
     static std::string failure;
     if (api) return api;
     std::vector<std::string> candidates;
-    if (const char* env = std::getenv("HGX_ETCD_MODULE"); env && *env) candidates.push_back(env);
+    if (const char* env = secure_getenv("HGX_ETCD_MODULE"); env && *env)
+        candidates.push_back(env);
     candidates.push_back(module_path_beside_program());
 #ifdef HGX_MODULE_DIR
     candidates.push_back(HGX_MODULE_DIR "/hgx-etcd.so");
 #endif
     failure.clear();
     for (const std::string& path : candidates) {
-        if (path.empty() || access(path.c_str(), R_OK) != 0) continue;
-        void* so = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (path.empty()) continue;
+        std::string refused;
+        void* so = load_trusted(path, RTLD_NOW | RTLD_LOCAL, &refused);
         if (!so) {
-            failure = dlerror();
+            if (!refused.empty()) failure = refused;
             continue;
         }
         auto get =
