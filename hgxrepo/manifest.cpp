@@ -526,7 +526,17 @@ std::string quote(const std::string& s, size_t max) {
     return out + "\"";
 }
 
+std::string too_large(const std::string& name, size_t size) {
+    const std::string limit = std::to_string(MANIFEST_SIZE_LIMIT) + " bytes (64 MiB)";
+    if (size == 0) return name + ": more than the limit of " + limit + "; not read further";
+    return name + ": " + std::to_string(size) + " bytes, more than the limit of " + limit;
+}
+
 int parse(const std::string& text, const std::string& name, Document* out, std::string* error) {
+    if (text.size() > MANIFEST_SIZE_LIMIT) {
+        *error = too_large(name, text.size());
+        return -1;
+    }
     size_t last = 0;
     Builder b(text, &last);
     TrackingIter first{text.data(), text.data(), &last};

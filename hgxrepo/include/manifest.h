@@ -53,8 +53,17 @@ struct Document {
 // -1 and sets *error to one line, "NAME:LINE:COLUMN: what", NAME being how
 // the text is named to the user (a file name, "<stdin>"); *out is then in
 // an unspecified state and is not to be used. out and error must not be
-// null. Throws only std::bad_alloc.
+// null. A text over MANIFEST_SIZE_LIMIT bytes is refused with its size
+// ("NAME: ..."). Throws only std::bad_alloc.
 int parse(const std::string& text, const std::string& name, Document* out, std::string* error);
+
+// The largest manifest parse takes: 64 MiB, about a million properties in
+// export's layout and thousands of times a hand-written manifest, so that a
+// runaway input (a device, a pipe without end) is refused at once.
+inline constexpr size_t MANIFEST_SIZE_LIMIT = size_t{64} << 20;
+// The line that refuses a manifest of size bytes (over the limit) named
+// name; size 0 when it is a stream that went on past the limit.
+std::string too_large(const std::string& name, size_t size);
 
 // Quotes a text for a one-line message: double quotes around it, double
 // quotes, control bytes and backslashes escaped, a text longer than max

@@ -234,6 +234,23 @@ TEST_F(Hgxrepo, RefusedManifestsNameTheirPlace) {
     }
 }
 
+// Input without end, or larger than the limit, is refused at once with its
+// size, and the repository stays as it was.
+TEST_F(Hgxrepo, OversizedManifestIsRefusedAtOnce) {
+    const std::string big = dir / "big.json";
+    write_file(big, "");
+    ASSERT_EQ(truncate(big.c_str(), (64 << 20) + 1), 0);  // sparse: costs no disk
+    refused({"import", big}, big + ": 67108865 bytes, more than the limit of 67108864 bytes");
+    refused({"import", "/dev/zero"}, "/dev/zero: more than the limit of 67108864 bytes");
+    e2e::Run r;
+    r.args = {"timeout", "120", "sh", "-c", "exec \"$0\" -r \"$1\" import - </dev/zero",
+              e2e::hgxrepo_bin(), e2e::repository_for(repo)};
+    EXPECT_EQ(e2e::whole(e2e::run(r)),
+              e2e::Whole(1, "",
+                         "hgxrepo: <stdin>: more than the limit of 67108864 bytes (64 MiB); not read "
+                         "further\n"));
+}
+
 TEST_F(Hgxrepo, EditingCommandsAndSnapshots) {
     ASSERT_EQ(run({"setprop", "wrn:/net/foo:default/:properties/config/port", "9090"}).status, 0);
     ASSERT_EQ(
