@@ -130,11 +130,19 @@ json property_json(hgx_type_t type, const std::vector<std::string>& values) {
 
 json group_json(hgx_handle_t* h, hgx_propertygroup_t* pg);
 
+// Adds a member to an object under a name the store gives once per object
+// (names of one group's properties, of one owner's groups, instances,
+// services): appended without the ordered object's lookup of the name,
+// which would make an export quadratic in a group's size.
+void append(json& object, std::string name, json value) {
+    object.get_ref<json::object_t&>().emplace_back(std::move(name), std::move(value));
+}
+
 // The groups an iterator that is started gives, by name.
 json groups_of(hgx_handle_t* h, hgx_iter_t* it) {
     json groups = json::object();
     each_pg(h, it, [&](hgx_propertygroup_t* pg) {
-        groups[text_of(hgx_pg_get_name, pg)] = group_json(h, pg);
+        append(groups, text_of(hgx_pg_get_name, pg), group_json(h, pg));
     });
     return groups;
 }
@@ -144,7 +152,7 @@ json group_json(hgx_handle_t* h, hgx_propertygroup_t* pg) {
     g["type"] = text_of(hgx_pg_get_type, pg);
     json props = json::object();
     each_property(h, pg, [&](hgx_property_t* p) {
-        props[text_of(hgx_property_get_name, p)] = property_json(type_of(p), values_of(h, p));
+        append(props, text_of(hgx_property_get_name, p), property_json(type_of(p), values_of(h, p)));
     });
     if (!props.empty()) g["properties"] = std::move(props);
     Iter it(hgx_iter_create(h));
@@ -183,7 +191,7 @@ json service_json(hgx_handle_t* h, hgx_service_t* svc, hgx_instance_t* only) {
     json instances = json::object();
     int rc;
     while ((rc = hgx_iter_next_instance(it.get(), inst.get())) == 1)
-        instances[text_of(hgx_instance_get_name, inst.get())] = instance_json(h, inst.get());
+        append(instances, text_of(hgx_instance_get_name, inst.get()), instance_json(h, inst.get()));
     if (rc < 0) throw Failure{failed_to("read instances")};
     if (!instances.empty()) o["instances"] = std::move(instances);
     return o;
@@ -219,8 +227,8 @@ int cmd_export(const Invocation& inv) {
             service_json(h.get(), svc.get(), is_instance ? inst.get() : nullptr);
     } else {
         each_service(h.get(), path, svc.get(), [&] {
-            services[text_of(hgx_service_get_name, svc.get())] =
-                service_json(h.get(), svc.get(), nullptr);
+            append(services, text_of(hgx_service_get_name, svc.get()),
+                   service_json(h.get(), svc.get(), nullptr));
         });
     }
     json doc = json::object();
