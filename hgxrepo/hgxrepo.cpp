@@ -24,11 +24,7 @@ void arity(const Invocation& inv, size_t min, size_t max) {
     if (inv.words.size() < min || inv.words.size() > max) throw Usage{};
 }
 
-std::string one_line(std::string s) {
-    for (char& c : s)
-        if (c == '\n' || c == '\r') c = ' ';
-    return s;
-}
+std::string one_line(std::string s) { return manifest::escape(s, false); }
 
 namespace {
 
@@ -42,7 +38,8 @@ const char USAGE[] =
     "       hgxrepo [-r FILE] delpg [--snapshot] WERN\n"
     "       hgxrepo [-r FILE] delete WERN\n"
     "       hgxrepo [-r FILE] list\n"
-    "       hgxrepo [-r FILE] show WERN [SNAPSHOT]\n"
+    "       hgxrepo [-r FILE] show [--json] WERN [SNAPSHOT]\n"
+    "       hgxrepo [-r FILE] get [-0] WERN\n"
     "       hgxrepo [-r FILE] copy TARGET\n"
     "       hgxrepo [-r FILE] diff WERN\n"
     "       hgxrepo [-r FILE] sync [--once] [--service PATTERN]... [--exec COMMAND] URL\n"
@@ -95,6 +92,7 @@ constexpr Command COMMANDS[] = {
     {"delprop", cmd_delprop, true},    {"addpg", cmd_addpg, true},
     {"delpg", cmd_delpg, true},        {"delete", cmd_delete, false},
     {"list", cmd_list, false},         {"show", cmd_show, false},
+    {"get", cmd_get, false},
     {"copy", cmd_copy, false},         {"diff", cmd_diff, false},
     {"sync", cmd_sync, false},
 };

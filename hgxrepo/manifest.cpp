@@ -489,6 +489,30 @@ std::string place(const std::string& text, const std::string& name, size_t pos) 
 
 }  // namespace
 
+std::string escape(std::string_view s, bool backslashes) {
+    std::string out;
+    out.reserve(s.size());
+    for (char c : s) {
+        const auto b = static_cast<unsigned char>(c);
+        if (c == '\\' && backslashes) {
+            out += "\\\\";
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (b < 0x20 || b == 0x7f) {
+            char buf[8];
+            std::snprintf(buf, sizeof buf, "\\x%02x", b);
+            out += buf;
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
 std::string quote(const std::string& s, size_t max) {
     std::string out = "\"";
     size_t n = 0;

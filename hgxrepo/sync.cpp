@@ -27,6 +27,7 @@
 #include "hgx.h"
 #include "hgx_ptr.h"
 #include "hgx_write.h"
+#include "manifest.h"
 
 namespace {
 
@@ -36,14 +37,16 @@ void request_stop(int) { stop_requested = 1; }
 
 bool keep_going() { return !stop_requested; }
 
-// One line on standard error, behind a UTC timestamp.
+// One line on standard error, behind a UTC timestamp: control bytes in
+// what it tells (names and messages from the cluster) are escaped, so that
+// a line is always one record of the log.
 void log_line(const std::string& text) {
     char when[32];
     std::time_t now = std::time(nullptr);
     std::tm tm{};
     gmtime_r(&now, &tm);
     std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &tm);
-    std::fprintf(stderr, "%s hgxrepo sync: %s\n", when, text.c_str());
+    std::fprintf(stderr, "%s hgxrepo sync: %s\n", when, manifest::escape(text, false).c_str());
     std::fflush(stderr);
 }
 
@@ -111,14 +114,14 @@ bool Mirror::prepare() {
         patterns_.push_back(std::make_unique<Pattern>(p));
         if (!patterns_.back()->ok) {
             std::fprintf(stderr, "hgxrepo: --service %s: not an extended regular expression\n",
-                         p.c_str());
+                         manifest::escape(p, false).c_str());
             return false;
         }
         patterns_text_ += p + "\n";
     }
     if (o_.url.rfind("etcd://", 0) != 0 && o_.url.rfind("etcds://", 0) != 0) {
         std::fprintf(stderr, "hgxrepo: sync follows an etcd cluster: %s is no etcd URL\n",
-                     o_.url.c_str());
+                     manifest::escape(o_.url, false).c_str());
         return false;
     }
     if (o_.file.rfind("etcd://", 0) == 0 || o_.file.rfind("etcds://", 0) == 0) {
@@ -129,7 +132,7 @@ bool Mirror::prepare() {
     std::string message;
     Writer file(hgx_reader_open(o_.file.c_str(), &message));
     if (!file) {
-        std::fprintf(stderr, "hgxrepo: %s\n", message.c_str());
+        std::fprintf(stderr, "hgxrepo: %s\n", manifest::escape(message, false).c_str());
         return false;
     }
     std::string source, revision, patterns;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "hgx.h"
@@ -69,5 +70,12 @@ std::string too_large(const std::string& name, size_t size);
 // quotes, control bytes and backslashes escaped, a text longer than max
 // bytes cut after max bytes with "..." (std::string::npos: never cut).
 std::string quote(const std::string& s, size_t max = 60);
+
+// The one escaping of names, types and values that hgxrepo prints, so that
+// one record is one line whatever a text holds: a backslash doubled (unless
+// backslashes is false, for a message whose texts are quoted already),
+// newline, tab and carriage return as \n, \t, \r, any other byte below 0x20
+// and 0x7f as \xHH; every other byte as it is.
+std::string escape(std::string_view s, bool backslashes = true);
 
 }  // namespace manifest

@@ -47,6 +47,11 @@ const char MANIFEST[] = R"({
   }
 })";
 
+// Status, standard output and standard error as one text.
+std::string whole_of(const e2e::Result& r) {
+    return std::to_string(r.status) + "|" + r.out + "|" + r.err;
+}
+
 size_t lines(const std::string& s) {
     size_t n = 0;
     for (char c : s) n += c == '\n';
@@ -249,6 +254,37 @@ TEST_F(Hgxrepo, OversizedManifestIsRefusedAtOnce) {
               e2e::Whole(1, "",
                          "hgxrepo: <stdin>: more than the limit of 67108864 bytes (64 MiB); not read "
                          "further\n"));
+}
+
+// A type or value that holds line breaks and control bytes cannot forge a
+// record: show, diff and get print them escaped, get -0 and show --json
+// give them exactly.
+TEST_F(Hgxrepo, TextThatForgesLinesIsEscaped) {
+    const std::string pg = "wrn:/net/foo:default/:properties/evil";
+    ASSERT_EQ(run({"addpg", pg, "t\nconfig/port count \"1\""}).status, 0);
+    ASSERT_EQ(run({"setprop", pg + "/p", "a\nb", "c\\d", "\x01\t"}).status, 0);
+    const std::string group = "evil/ t\\nconfig/port count \"1\"\n";
+    const std::string prop = "evil/p astring \"a\\nb\" \"c\\\\d\" \"\\x01\\t\"\n";
+    e2e::Result show = run({"show", "wrn:/net/foo:default"});
+    EXPECT_NE(show.out.find(group + prop), std::string::npos) << show.out;
+    EXPECT_EQ(run({"diff", "wrn:/net/foo:default"}).out, "+ " + group + "+ " + prop);
+    EXPECT_EQ(whole_of(run({"get", pg + "/p"})), "0|a\\nb\nc\\\\d\n\\x01\\t\n|");
+    EXPECT_EQ(whole_of(run({"get", "-0", pg + "/p"})), std::string("0|a\nb\0c\\d\0\x01\t\0|", 14));
+    EXPECT_EQ(whole_of(run({"get", pg})), "1||hgxrepo: " + pg + ": names no property\n");
+
+    e2e::Result json = run({"show", "--json", "wrn:/net/foo:default"});
+    ASSERT_EQ(json.status, 0) << json.err;
+    EXPECT_NE(json.out.find("\"type\": \"t\\nconfig/port count \\\"1\\\"\""), std::string::npos)
+        << json.out;
+    EXPECT_NE(json.out.find("\"a\\nb\",\n            \"c\\\\d\",\n            \"\\u0001\\t\""),
+              std::string::npos)
+        << json.out;
+    EXPECT_EQ(json.out.rfind("{\n  \"wern\": \"wrn:/net/foo:default\",\n  \"snapshot\": null,\n", 0),
+              0u)
+        << json.out;
+
+    // A message that names the text stays one line.
+    refused({"show", "wrn:/net/foo:x\ny"}, "wrn:/net/foo:x\\ny");
 }
 
 TEST_F(Hgxrepo, EditingCommandsAndSnapshots) {
