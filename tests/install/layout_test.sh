@@ -109,7 +109,7 @@ if [ -r "$BASH_COMPLETION" ] && command -v bash >/dev/null; then
     want="kelvo -f : wrn:/network/http:default wrn:/network/resolver:default wrn:/system/timesync:default
 kelvo -: -a -D -f -g -i -l -L -m -o -O -p -R -S -u -x
 kelvo -S $EX/stencils -i res: resolver.conf.stencil
-hgxrepo : -r --help --version import export snapshot setprop delprop addpg delpg delete list show
+hgxrepo : -r --help --version import export snapshot setprop delprop addpg delpg delete list show get
 hgxrepo sh: show
 hgxrepo -r $T/installed/repo.db show : wrn:/network/http wrn:/network/http:default wrn:/network/resolver wrn:/network/resolver:default wrn:/system/timesync wrn:/system/timesync:default
 hgxrepo setprop wrn:/a:b/g/p -t net_address_v: net_address_v4 net_address_v6"
