@@ -179,11 +179,16 @@ TEST(KelvoLintShipped, DemoAndGuideAreClean) {
                                      {"-f", wern, "-S", src + "/examples/stencils", "-a"})),
                   (Whole{0, "", ""}))
             << wern;
-    EXPECT_EQ(
-        whole(e2e::program(e2e::kelvo_lint_bin(), demo,
-                           {"-f", "wrn:/system/timesync:default", "-S", src + "/examples/stencils",
-                            "-D", "keyfile=/etc/k", "-i", "timesync.conf.stencil"})),
-        (Whole{0, "", ""}));
+    // Alone, with the define its group gives; and the disabled group's.
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"-f", "wrn:/system/timesync:default", "-D", "keyfile=/etc/k",
+                                   "-i", "timesync.conf.stencil"},
+          {"-f", "wrn:/network/http:default", "-i", "robots.txt.stencil"}}) {
+        std::vector<std::string> full = {"-S", src + "/examples/stencils"};
+        full.insert(full.end(), args.begin(), args.end());
+        EXPECT_EQ(whole(e2e::program(e2e::kelvo_lint_bin(), demo, full)), (Whole{0, "", ""}))
+            << args.back();
+    }
 
     const std::vector<std::pair<int, std::string>> examples =
         guide_examples(e2e::read_file(src + "/docs/stencil-language.md"));
