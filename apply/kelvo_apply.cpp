@@ -510,7 +510,11 @@ int strict_check(const Options& o, repository_t* repository) {
     const int failed = lint_configfiles(
         repository, o.stencil_dir != nullptr ? o.stencil_dir : KELVO_DEFAULT_STENCIL_DIR,
         &findings);
-    if (failed > 0) return KELVO_APPLY_KELVO_FAILED;
+    if (failed > 0) {
+        fprintf(stderr, gettext("%s: the stencils of %s could not be evaluated; nothing applied\n"),
+                o.prog, o.wern);
+        return KELVO_APPLY_KELVO_FAILED;
+    }
     if (findings.empty()) return KELVO_APPLY_DONE;
     fprintf(stderr, gettext("%s: references that name nothing (--strict); nothing applied:\n"),
             o.prog);
