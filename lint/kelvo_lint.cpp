@@ -80,11 +80,11 @@ void print_usage(FILE* stream, const char* prog) {
 struct LintRun {
     repository_t* repository;
     const char* stencil_dir;
-    int findings = 0;
+    std::vector<std::string>* findings;
 };
 
-// Prints a finding line for each define in the table whose value the define
-// syntax cuts short; `where` names the table's source in front of the name.
+// Adds a finding for each define in the table whose value the define syntax
+// cuts short; `where` names the table's source in front of the name.
 struct DefineCheck {
     LintRun* run;
     std::string where;
@@ -92,9 +92,7 @@ struct DefineCheck {
 void check_define(const char* name, const char* value, void* context) {
     auto* check = static_cast<DefineCheck*>(context);
     std::string warning = cut_define_warning(check->where + name, value);
-    if (warning.empty()) return;
-    printf("%s\n", warning.c_str());
-    ++check->run->findings;
+    if (!warning.empty()) check->run->findings->push_back(warning);
 }
 void check_defines(LintRun& run, defines_t* defines, std::string where) {
     DefineCheck check{&run, std::move(where)};
@@ -102,7 +100,7 @@ void check_defines(LintRun& run, defines_t* defines, std::string where) {
         die(KELVO_SYSERR, gettext("Out of memory\n"));
 }
 
-// Evaluates one stencil and prints "stencil:line: name" per finding.
+// Evaluates one stencil and adds "stencil:line: name" per finding.
 int lint_stencil(LintRun& run, defines_t* defines, const char* input_file) {
     ReferenceFindings findings(run.repository);
     stencil_output_buffer_t* raw = nullptr;
@@ -112,10 +110,8 @@ int lint_stencil(LintRun& run, defines_t* defines, const char* input_file) {
     if (status != KELVO_SUCCESS) return status;
     char buffer[1024];
     const char* shown = stencil_path(input_file, run.stencil_dir, buffer);
-    for (const std::string& line : findings.reported()) {
-        printf("%s:%s\n", shown, line.c_str());
-        ++run.findings;
-    }
+    for (const std::string& line : findings.reported())
+        run.findings->push_back(std::string(shown) + ":" + line);
     return KELVO_SUCCESS;
 }
 
@@ -139,6 +135,17 @@ bool add_define(defines_t* defines, const char* prog, const char* argument) {
 }
 
 }  // namespace
+
+int lint_configfiles(repository_t* repository, const char* stencil_dir,
+                     std::vector<std::string>* findings) {
+    defines_t* defines = defines_create();
+    if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
+    LintRun run{repository, stencil_dir, findings};
+    ConfigfileWalk walk{1, 0, lint_group, &run, 0};
+    walk_configfiles(repository, &defines, walk);
+    defines_destroy(defines);
+    return walk.failed;
+}
 
 int kelvo_lint_main(int argc, char** argv) {
     set_program_name(argv[0]);
@@ -192,21 +199,19 @@ int kelvo_lint_main(int argc, char** argv) {
     }
 
     repository_t* repository = open_instance_view(instance_wern);
-    LintRun run{repository, stencil_dir};
+    std::vector<std::string> findings;
     int failed = 0;
     if (all_configfiles) {
-        defines_t* table = defines.release();
-        ConfigfileWalk walk{1, 0, lint_group, &run, 0};
-        walk_configfiles(repository, &table, walk);
-        defines.reset(table);
-        failed = walk.failed;
+        failed = lint_configfiles(repository, stencil_dir, &findings);
     } else {
+        LintRun run{repository, stencil_dir, &findings};
         check_defines(run, defines.get(), "-D ");
         failed = lint_stencil(run, defines.get(), input_file) != KELVO_SUCCESS;
     }
     repository_destroy(repository);
 
+    for (const std::string& line : findings) printf("%s\n", line.c_str());
     if (finish_standard_output(prog) != 0) return KELVO_LINT_ERROR;
     if (failed > 0) return KELVO_LINT_ERROR;
-    return run.findings > 0 ? KELVO_LINT_FINDINGS : KELVO_LINT_CLEAN;
+    return findings.empty() ? KELVO_LINT_CLEAN : KELVO_LINT_FINDINGS;
 }
