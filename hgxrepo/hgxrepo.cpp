@@ -131,9 +131,8 @@ constexpr Command COMMANDS[] = {
     {"delprop", cmd_delprop, true},    {"addpg", cmd_addpg, true},
     {"delpg", cmd_delpg, true},        {"delete", cmd_delete, false},
     {"list", cmd_list, false},         {"show", cmd_show, false},
-    {"get", cmd_get, false},
-    {"copy", cmd_copy, false},         {"diff", cmd_diff, false},
-    {"sync", cmd_sync, false},
+    {"get", cmd_get, false},           {"copy", cmd_copy, false},
+    {"diff", cmd_diff, false},         {"sync", cmd_sync, false},
 };
 
 const Command* find_command(const std::string& name) {

@@ -152,7 +152,8 @@ json group_json(hgx_handle_t* h, hgx_propertygroup_t* pg) {
     g["type"] = text_of(hgx_pg_get_type, pg);
     json props = json::object();
     each_property(h, pg, [&](hgx_property_t* p) {
-        append(props, text_of(hgx_property_get_name, p), property_json(type_of(p), values_of(h, p)));
+        append(props, text_of(hgx_property_get_name, p),
+               property_json(type_of(p), values_of(h, p)));
     });
     if (!props.empty()) g["properties"] = std::move(props);
     Iter it(hgx_iter_create(h));
@@ -440,7 +441,7 @@ int cmd_show(const Invocation& inv) {
     hgx_handle_t* h = v.h.get();
     Iter it(hgx_iter_create(h));
     if (!it) throw Failure{lib_error()};
-    int rc = !v.is_instance       ? hgx_iter_service_pgs(it.get(), v.svc.get())
+    int rc = !v.is_instance      ? hgx_iter_service_pgs(it.get(), v.svc.get())
              : walk == Walk::OWN ? hgx_iter_instance_pgs(it.get(), v.inst.get())
                                  : hgx_iter_instance_pgs_composed(
                                        it.get(), v.inst.get(), snapshot ? v.snap.get() : nullptr);
@@ -475,9 +476,8 @@ int cmd_get(const Invocation& inv) {
     Handle h = open_reader(inv.path);
     Prop p(hgx_property_create(h.get()));
     if (!p) throw Failure{lib_error()};
-    if (parts.path.empty() ||
-        hgx_handle_decode_wern(h.get(), wern.c_str(), nullptr, nullptr, nullptr, nullptr, p.get(),
-                               0) < 0)
+    if (parts.path.empty() || hgx_handle_decode_wern(h.get(), wern.c_str(), nullptr, nullptr,
+                                                     nullptr, nullptr, p.get(), 0) < 0)
         throw Failure{wern + ": " + (parts.path.empty() ? "names no property" : lib_error())};
     hgx_type_t type;
     if (hgx_property_type(p.get(), &type) < 0) throw Failure{wern + ": names no property"};

@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 
-
 namespace {
 
 constexpr ssize_t INITIAL_SIZE = 16;

@@ -66,12 +66,12 @@ Existing open_existing(const OutputRoot& root, const char* path, int* fd, struct
     // Opened again by its path; what stands there now is looked at again.
     int opened = root.open_file(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (opened < 0) return errno == ENOENT ? Existing::NONE : Existing::FAILED;
-    if (fstat(opened, st) != 0 || !S_ISREG(st->st_mode)) {
-        saved = errno;
-        close(opened);
-        errno = saved;
-        return S_ISDIR(st->st_mode) ? Existing::DIRECTORY : Existing::OTHER;
-    }
+    rc = fstat(opened, st);
+    saved = errno;
+    if (rc != 0 || !S_ISREG(st->st_mode)) close(opened);
+    errno = saved;
+    if (rc != 0) return Existing::FAILED;
+    if (!S_ISREG(st->st_mode)) return S_ISDIR(st->st_mode) ? Existing::DIRECTORY : Existing::OTHER;
     *fd = opened;
     return Existing::REGULAR;
 }
@@ -156,8 +156,8 @@ class FileDelivery {
     bool write_text(stencil_output_buffer_t* output, mode_t mode) {
         // O_NONBLOCK: a FIFO put in the file's place since the compare makes
         // the open fail rather than wait for a reader.
-        fd_ = root_.open_file(place(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK |
-                                           O_NOCTTY, mode);
+        fd_ = root_.open_file(
+            place(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode);
         if (fd_ < 0 && errno == ENXIO) {
             report_not_regular(output_path_);
             return false;

@@ -207,7 +207,8 @@ bool OutputRoot::unusable() const {
 int OutputRoot::open_file(const char* path, int flags, mode_t mode) const {
     if (!below_root()) return open(path, flags, mode);
     if (unusable()) return -1;
-    return open_in_root(fd_, path, flags, mode);
+    // An empty name below the root is the root itself, as "<root>/" says.
+    return open_in_root(fd_, *path != '\0' ? path : ".", flags, mode);
 }
 
 int OutputRoot::make_directories(const char* path, mode_t mode) const {

@@ -77,8 +77,7 @@ const hgx_etcd_client_api* client_module(std::string* why) {
     static std::string failure;
     if (api) return api;
     std::vector<std::string> candidates;
-    if (const char* env = secure_getenv("HGX_ETCD_MODULE"); env && *env)
-        candidates.push_back(env);
+    if (const char* env = secure_getenv("HGX_ETCD_MODULE"); env && *env) candidates.push_back(env);
     candidates.push_back(module_path_beside_program());
 #ifdef HGX_MODULE_DIR
     candidates.push_back(HGX_MODULE_DIR "/hgx-etcd.so");

@@ -97,8 +97,8 @@ TEST_F(ModuleProvenance, ProgramWithCapabilitiesIgnoresTheEnvironment) {
     if (r.status != 0) GTEST_SKIP() << "file capabilities cannot be set here: " << r.err;
     setcap.args = {"setcap", caps, cat};
     ASSERT_EQ(e2e::run(setcap).status, 0);
-    const std::vector<std::string> as_nobody = {"setpriv", "--reuid", NOBODY, "--regid", NOBODY,
-                                                "--clear-groups"};
+    const std::vector<std::string> as_nobody = {"setpriv", "--reuid", NOBODY,
+                                                "--regid", NOBODY,    "--clear-groups"};
     r = run({cat, "/proc/self/status"}, "", as_nobody);
     ASSERT_EQ(r.status, 0) << r.err;
     if (r.out.find("CapPrm:\t0000000000000000") != std::string::npos)

@@ -248,12 +248,18 @@ TEST_F(Hgxrepo, OversizedManifestIsRefusedAtOnce) {
     refused({"import", big}, big + ": 67108865 bytes, more than the limit of 67108864 bytes");
     refused({"import", "/dev/zero"}, "/dev/zero: more than the limit of 67108864 bytes");
     e2e::Run r;
-    r.args = {"timeout", "120", "sh", "-c", "exec \"$0\" -r \"$1\" import - </dev/zero",
-              e2e::hgxrepo_bin(), e2e::repository_for(repo)};
-    EXPECT_EQ(e2e::whole(e2e::run(r)),
-              e2e::Whole(1, "",
-                         "hgxrepo: <stdin>: more than the limit of 67108864 bytes (64 MiB); not read "
-                         "further\n"));
+    r.args = {"timeout",
+              "120",
+              "sh",
+              "-c",
+              "exec \"$0\" -r \"$1\" import - </dev/zero",
+              e2e::hgxrepo_bin(),
+              e2e::repository_for(repo)};
+    EXPECT_EQ(
+        e2e::whole(e2e::run(r)),
+        e2e::Whole(1, "",
+                   "hgxrepo: <stdin>: more than the limit of 67108864 bytes (64 MiB); not read "
+                   "further\n"));
 }
 
 // A type or value that holds line breaks and control bytes cannot forge a
@@ -279,8 +285,8 @@ TEST_F(Hgxrepo, TextThatForgesLinesIsEscaped) {
     EXPECT_NE(json.out.find("\"a\\nb\",\n            \"c\\\\d\",\n            \"\\u0001\\t\""),
               std::string::npos)
         << json.out;
-    EXPECT_EQ(json.out.rfind("{\n  \"wern\": \"wrn:/net/foo:default\",\n  \"snapshot\": null,\n", 0),
-              0u)
+    EXPECT_EQ(
+        json.out.rfind("{\n  \"wern\": \"wrn:/net/foo:default\",\n  \"snapshot\": null,\n", 0), 0u)
         << json.out;
 
     // A message that names the text stays one line.

@@ -176,8 +176,8 @@ TEST_F(KelvoDelivery, OnlyRegularFilesAreWritten) {
     for (const std::string& path : others) {
         for (const std::vector<std::string>& extra :
              {std::vector<std::string>{"-o", path, "-m", "0666"},
-              std::vector<std::string>{"-o", path.substr(dir.path().size()), "-R", dir.path(),
-                                       "-m", "0666"}}) {
+              std::vector<std::string>{"-o", path.substr(dir.path().size()), "-R", dir.path(), "-m",
+                                       "0666"}}) {
             e2e::Run r;
             r.args = {"timeout", "60", e2e::kelvo_bin(), "-f", WERN, "-S", stencils, "-i", "s"};
             r.args.insert(r.args.end(), extra.begin(), extra.end());
@@ -206,12 +206,12 @@ TEST_F(KelvoDelivery, LinksBelowTheRootStayInsideIt) {
     for (int i = 0; i < 20; ++i) climb += "../";
     struct Case {
         const char* name;
-        const char* link;         // below the root
-        std::string target;       // of the link
-        bool mirror;              // the root holds the outside path's directories too
-        std::string output;       // -o, below the root
-        std::string lands;        // below the root; "" when the open must fail
-        int undo;                 // status of an undo afterwards
+        const char* link;    // below the root
+        std::string target;  // of the link
+        bool mirror;         // the root holds the outside path's directories too
+        std::string output;  // -o, below the root
+        std::string lands;   // below the root; "" when the open must fail
+        int undo;            // status of an undo afterwards
     };
     const Case cases[] = {
         {"file, absolute", "etc/app.conf", outside + "/victim", false, "/etc/app.conf", "", 0},

@@ -91,7 +91,7 @@ TEST_F(Resources, OversizedStencilIsRefusedAtOnce) {
                               " is 16777217 bytes, larger than the limit of 16777216 bytes\n" +
                               unhandled}));
     e2e::Run r;
-    r.args = {"timeout", "120", "sh", "-c", "exec \"$0\" -f wrn:/demo:default </dev/zero",
+    r.args = {"timeout",       "120", "sh", "-c", "exec \"$0\" -f wrn:/demo:default </dev/zero",
               e2e::kelvo_bin()};
     r.env = {{"HGX_REPOSITORY", repo_}};
     EXPECT_EQ(e2e::whole(e2e::run(r)),

@@ -121,12 +121,12 @@ TEST(ToolHost, OutputRootKeepsPathsInside) {
         {"a", "a", 0},
         {"/a", "a", 0},
         {"../../a", "a", 0},
-        {"abs/f", "x/f", 0},            // abs -> /x
-        {"rel/f", "x/f", 0},            // rel -> ../../../x
-        {"abs/../b", "b", 0},           // ".." of the link's target, not of the name
-        {"deep/../c", "x/c", 0},        // deep -> /x/y
-        {"dangling", "x/made", 0},      // dangling -> /x/made: made inside
-        {"loop", nullptr, ELOOP},       // loop -> loop
+        {"abs/f", "x/f", 0},        // abs -> /x
+        {"rel/f", "x/f", 0},        // rel -> ../../../x
+        {"abs/../b", "b", 0},       // ".." of the link's target, not of the name
+        {"deep/../c", "x/c", 0},    // deep -> /x/y
+        {"dangling", "x/made", 0},  // dangling -> /x/made: made inside
+        {"loop", nullptr, ELOOP},   // loop -> loop
         {"x/plain/f", nullptr, ENOTDIR},
         {"missing/f", nullptr, ENOENT},
     };
@@ -139,9 +139,11 @@ TEST(ToolHost, OutputRootKeepsPathsInside) {
         unit::write_file(root + "/x/plain", "");
         // The same names outside the root: a lookup that escapes finds these.
         ASSERT_EQ(mkdir((dir / "x").c_str(), 0755), 0);
-        for (const auto& [name, target] :
-             {std::pair{"abs", "/x"}, {"rel", "../../../x"}, {"deep", "/x/y"},
-              {"dangling", "/x/made"}, {"loop", "loop"}})
+        for (const auto& [name, target] : {std::pair{"abs", "/x"},
+                                           {"rel", "../../../x"},
+                                           {"deep", "/x/y"},
+                                           {"dangling", "/x/made"},
+                                           {"loop", "loop"}})
             ASSERT_EQ(symlink(target, (root + "/" + name).c_str()), 0);
         output_root_force_walk(walk);
         OutputRoot below(root.c_str());
