@@ -53,7 +53,9 @@ Handle open_reader(const std::string& path) {
     Handle h(hgx_handle_create(HGX_VERSION));
     if (!h) throw Failure{lib_error()};
     if (hgx_handle_bind_path(h.get(), path.c_str()) < 0) {
-        throw Failure{path + ": " + lib_error() + missing_repository_hint()};
+        std::string message = hgx_bind_message();
+        throw Failure{(message.empty() ? path + ": " + lib_error() : message) +
+                      missing_repository_hint()};
     }
     return h;
 }

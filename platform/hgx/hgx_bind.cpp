@@ -8,10 +8,17 @@
 
 #include "hgx.h"
 #include "hgx_objects.h"
+#include "hgx_write.h"
 
 using namespace hgx_detail;
 
 namespace {
+
+// The line for the user on this thread's last failed bind.
+std::string& bind_message() {
+    thread_local std::string text;
+    return text;
+}
 
 template <typename T>
 T* create(hgx_handle_t* handle) {
@@ -50,12 +57,16 @@ int hgx_handle_bind_path(hgx_handle_t* handle, const char* path) {
             const char* env = std::getenv("HGX_REPOSITORY");
             where = env && *env ? env : HGX_DEFAULT_REPOSITORY;
         }
-        handle->bound = open_store(where, OpenMode::READ, nullptr);
+        bind_message().clear();
+        handle->bound = open_store(where, OpenMode::READ, &bind_message());
+        if (handle->bound) bind_message().clear();
         return handle->bound ? 0 : -1;
     });
 }
 
 void hgx_handle_destroy(hgx_handle_t* handle) { delete handle; }
+
+std::string hgx_bind_message() { return bind_message(); }
 
 hgx_scope_t* hgx_scope_create(hgx_handle_t* h) { return create<hgx_scope>(h); }
 hgx_service_t* hgx_service_create(hgx_handle_t* h) { return create<hgx_service>(h); }
@@ -169,6 +180,8 @@ const char* hgx_strerror(hgx_error_t code) {
         case HGX_ERROR_CLUSTER_TLS:
             return "TLS with the etcd cluster failed (HGX_ETCD_CACERT, HGX_ETCD_CERT, "
                    "HGX_ETCD_KEY)";
+        case HGX_ERROR_CLUSTER_NOT_PERMITTED:
+            return "The etcd user (HGX_ETCD_USER) is not permitted to do this in the repository";
     }
     return "Unknown error";
 }
