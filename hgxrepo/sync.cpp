@@ -77,7 +77,6 @@ void pause_for(int seconds) {
 // wait longer and longer, up to 30 seconds apart.
 class Trouble {
   public:
-    bool on() const { return on_; }
     void begin(const std::string& line) {
         if (!on_) log_line(line);
         on_ = true;

@@ -226,9 +226,11 @@ class CopyCheck {
             return refuse(group_wern + ": bad property name " + quoted(p.name));
         std::string wern = group_wern + "/" + p.name;
         if (length(wern) < 0) return -1;
-        hgx_type_t type = static_cast<hgx_type_t>(p.type);
-        if (!hgx_type_to_string(type))
+        // Checked as a number first: no other value may be held as a type.
+        if (p.type <= HGX_TYPE_INVALID || p.type > HGX_TYPE_URI ||
+            !hgx_type_to_string(static_cast<hgx_type_t>(p.type)))
             return refuse(wern + ": unknown type " + std::to_string(p.type));
+        hgx_type_t type = static_cast<hgx_type_t>(p.type);
         if (!p.text.empty() && p.text.back() != '\0')
             return refuse(wern + ": values not as stored");
         for (size_t at = 0; at < p.text.size();) {

@@ -279,8 +279,9 @@ std::string etcd_text(const std::string& body) {
 // One request, asked of the members in turn from the current one, until one
 // answers below 5xx or the time runs out (see post() in the interface).
 // While some member is there but cannot answer yet (the cluster is electing
-// a new leader), the members are asked again after a short pause; when
-// every member refuses the connection, the call fails at once.
+// a new leader, or a member hangs), the members are asked again after a
+// short pause, a read still waiting on one keeping it; when every member
+// refuses the connection, the call fails at once.
 int exchange(Client* c, const char* path, const std::string& body, long timeout_ms, bool read,
              long* http, std::string* out, std::string* why) {
     Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
@@ -289,27 +290,44 @@ int exchange(Client* c, const char* path, const std::string& body, long timeout_
     // member, so that one that hangs does not use up the time of the others.
     long share = timeout_ms / static_cast<long>(n);
     if (share < 1000) share = 1000;
+    std::vector<int> pass_of(n, 0);  // the pass a member's transfer under way began in
     std::vector<Done> done;
-    while (true) {
-        bool alive = false;  // some member was there: it answered 5xx or was slow
-        int status = HGX_ETCD_UNREACHABLE;
-        size_t next = 0, running = 0;
+    bool alive = false;  // some member was there: it answered 5xx, or was slow
+    int status = HGX_ETCD_UNREACHABLE;
+    auto answered = [&](Transfer* t) {
+        stop_all(c);
+        c->current = t->member;
+        *out = std::move(t->response);
+        return HGX_ETCD_OK;
+    };
+    for (int pass = 1;; ++pass) {
+        size_t next = 0;
         Clock::time_point last_start = Clock::now();
+        // Asks the next member that is not still busy with this request.
         auto ask_next = [&] {
-            Transfer* t = c->requests[(c->current + next++) % n].get();
-            prepare(c, t, t->member, path, body, until_ms(deadline));
-            start(c, t);
-            last_start = t->started;
-            ++running;
-        };
-        while (running || next < n) {
-            if (!running) ask_next();
-            long left = until_ms(deadline);
-            if (left <= 0) {
-                stop_all(c);
-                why->clear();
-                return HGX_ETCD_TIMEOUT;
+            while (next < n) {
+                Transfer* t = c->requests[(c->current + next++) % n].get();
+                if (t->busy) continue;
+                prepare(c, t, t->member, path, body, until_ms(deadline));
+                start(c, t);
+                pass_of[t->member] = pass;
+                last_start = t->started;
+                return;
             }
+        };
+        auto running = [&](bool this_pass) {
+            size_t k = 0;
+            for (auto& t : c->requests) k += t->busy && (!this_pass || pass_of[t->member] == pass);
+            return k;
+        };
+        ask_next();
+        while (running(true) || next < n) {
+            if (!running(true)) {
+                ask_next();
+                continue;
+            }
+            long left = until_ms(deadline);
+            if (left <= 0) break;
             long wait = left;
             if (read && next < n) wait = std::min(wait, HEDGE_MS - since_ms(last_start));
             if (!read) wait = std::min(wait, share - since_ms(last_start));
@@ -318,15 +336,9 @@ int exchange(Client* c, const char* path, const std::string& body, long timeout_
             for (const Done& d : done) {
                 Transfer* t = d.transfer;
                 stop(c, t);
-                --running;
                 if (d.result == CURLE_OK) {
                     curl_easy_getinfo(t->curl, CURLINFO_RESPONSE_CODE, http);
-                    if (*http < 500) {
-                        stop_all(c);
-                        c->current = t->member;
-                        *out = std::move(t->response);
-                        return HGX_ETCD_OK;
-                    }
+                    if (*http < 500) return answered(t);
                     // A member without a leader (an election under way) says so.
                     alive = failed = true;
                     *why = c->members[t->member] + ": HTTP " + std::to_string(*http) + ": " +
@@ -348,19 +360,38 @@ int exchange(Client* c, const char* path, const std::string& body, long timeout_
                 }
             }
             if (next < n && (failed || (read && since_ms(last_start) >= HEDGE_MS))) ask_next();
-            if (!read && running && since_ms(last_start) >= share) {
+            if (!read && running(true) && since_ms(last_start) >= share) {
                 // A write that one member has left unanswered goes to the next.
                 stop_all(c);
-                running = 0;
                 alive = true;
                 status = HGX_ETCD_TIMEOUT;
             }
         }
+        // A read still waiting on a member waits on through the next pass.
+        if (running(false)) alive = true;
         if (!alive || until_ms(deadline) < 200) {
+            stop_all(c);
+            if (until_ms(deadline) <= 0) status = HGX_ETCD_TIMEOUT;
             if (status == HGX_ETCD_TIMEOUT) why->clear();
             return status;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        // The pause, during which a member still asked may answer.
+        Clock::time_point resume = Clock::now() + std::chrono::milliseconds(100);
+        while (until_ms(resume) > 0) {
+            pump(c, until_ms(resume), &done);
+            for (const Done& d : done) {
+                Transfer* t = d.transfer;
+                stop(c, t);
+                long code = 0;
+                if (d.result == CURLE_OK) curl_easy_getinfo(t->curl, CURLINFO_RESPONSE_CODE, &code);
+                if (d.result == CURLE_OK && code < 500) {
+                    *http = code;
+                    return answered(t);
+                }
+            }
+            if (!running(false))
+                std::this_thread::sleep_for(std::chrono::milliseconds(until_ms(resume)));
+        }
     }
 }
 
