@@ -8,17 +8,10 @@
 
 #include "hgx.h"
 #include "hgx_objects.h"
-#include "hgx_write.h"
 
 using namespace hgx_detail;
 
 namespace {
-
-// The line for the user on this thread's last failed bind.
-std::string& bind_message() {
-    thread_local std::string text;
-    return text;
-}
 
 template <typename T>
 T* create(hgx_handle_t* handle) {
@@ -57,16 +50,12 @@ int hgx_handle_bind_path(hgx_handle_t* handle, const char* path) {
             const char* env = std::getenv("HGX_REPOSITORY");
             where = env && *env ? env : HGX_DEFAULT_REPOSITORY;
         }
-        bind_message().clear();
-        handle->bound = open_store(where, OpenMode::READ, &bind_message());
-        if (handle->bound) bind_message().clear();
+        handle->bound = open_store(where, OpenMode::READ, nullptr);
         return handle->bound ? 0 : -1;
     });
 }
 
 void hgx_handle_destroy(hgx_handle_t* handle) { delete handle; }
-
-std::string hgx_bind_message() { return bind_message(); }
 
 hgx_scope_t* hgx_scope_create(hgx_handle_t* h) { return create<hgx_scope>(h); }
 hgx_service_t* hgx_service_create(hgx_handle_t* h) { return create<hgx_service>(h); }
@@ -111,6 +100,11 @@ ssize_t hgx_limit(int code) {
 hgx_error_t hgx_error(void) { return get_error(); }
 
 const char* hgx_strerror(hgx_error_t code) {
+    const char* particular = last_error_text(code);
+    return particular != nullptr ? particular : error_text(code);
+}
+
+const char* hgx_detail::error_text(hgx_error_t code) {
     switch (code) {
         case HGX_ERROR_NONE:
             return "No error";

@@ -119,6 +119,10 @@ hgx_error_t client_error(int status);
 // The line for the user on a failure of the cluster: the error's text, and
 // the detail after it where there is one.
 std::string failure_text(hgx_error_t code, const std::string& detail);
+// Fails with the code, *message set to failure_text; a TLS failure's line
+// becomes the thread's text of the error (hgx_strerror), so that kelvo's
+// message names what failed too. Returns -1.
+int fail_with(hgx_error_t code, const std::string& detail, std::string* message);
 json put_op(const std::string& key, std::string_view value);
 json delete_op(const std::string& key);
 json delete_prefix_op(const std::string& prefix);

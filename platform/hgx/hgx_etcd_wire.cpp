@@ -216,10 +216,21 @@ hgx_error_t client_error(int status) {
 }
 
 std::string failure_text(hgx_error_t code, const std::string& detail) {
-    std::string text = hgx_strerror(code);
+    std::string text = error_text(code);
     if (detail.empty() || detail.compare(0, text.size(), text) == 0)
         return detail.empty() ? text : detail;
     return text + ": " + detail;
+}
+
+int fail_with(hgx_error_t code, const std::string& detail, std::string* message) {
+    *message = failure_text(code, detail);
+    // What failed in TLS is the user's to mend (a file, a CA, a host name):
+    // every program's text of the failure names it.
+    if (code == HGX_ERROR_CLUSTER_TLS && *message != error_text(code)) {
+        set_error_text(code, *message);
+        return -1;
+    }
+    return fail(code);
 }
 
 namespace {
@@ -244,8 +255,7 @@ int Cluster::call(const char* path, const json& request, json* reply, std::strin
                   bool read) {
     using std::chrono::steady_clock;
     auto failed = [&](hgx_error_t code, const std::string& detail) {
-        *message = failure_text(code, detail);
-        return fail(code);
+        return fail_with(code, detail, message);
     };
     long ms = budget_ ? static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
                                               deadline_ - steady_clock::now())
@@ -347,10 +357,7 @@ int connect(const std::string& url, long call_ms, bool budget, ClusterUrl* u,
     int status = HGX_ETCD_OK;
     char error[512] = "";
     void* client = api->open(&o, &status, error, sizeof error);
-    if (!client) {
-        *detail = failure_text(client_error(status), error);
-        return fail(client_error(status));
-    }
+    if (!client) return fail_with(client_error(status), error, detail);
     *out = std::make_unique<Cluster>(api, client, call_ms, budget);
     return 0;
 }
@@ -472,10 +479,8 @@ int follow_cluster(const std::string& url, int64_t after,
         if (status == HGX_ETCD_STOPPED) return 0;
         if (status == HGX_ETCD_OK) status = HGX_ETCD_UNREACHABLE;  // the member left
         failures = f.heard ? 1 : failures + 1;
-        if (failures >= members || status == HGX_ETCD_TLS || status == HGX_ETCD_NO_MEMORY) {
-            *message = failure_text(client_error(status), error);
-            return fail(client_error(status));
-        }
+        if (failures >= members || status == HGX_ETCD_TLS || status == HGX_ETCD_NO_MEMORY)
+            return fail_with(client_error(status), error, message);
     }
 }
 

@@ -80,11 +80,6 @@ hgx_writer_t* hgx_writer_open(const char* path, bool create, std::string* messag
 // state of it for the writer's life; changes fail, commit is never needed.
 // Null on failure, with a line for the user in *message.
 hgx_writer_t* hgx_reader_open(const char* path, std::string* message);
-// The line for the user that this thread's last failed hgx_handle_bind*
-// left: the repository, the library's text and what the store adds to it
-// (the member and the TLS file, verification or host name at fault). ""
-// after a bind that succeeded, or where none was made.
-std::string hgx_bind_message();
 // Makes every change of the writer visible at once and returns 0; -1 with
 // HGX_ERROR_INVALID_ARGUMENT for a null writer, HGX_ERROR_CONFLICT (a
 // cluster) or the store's failure, and
