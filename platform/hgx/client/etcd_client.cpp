@@ -278,119 +278,108 @@ std::string etcd_text(const std::string& body) {
 
 // One request, asked of the members in turn from the current one, until one
 // answers below 5xx or the time runs out (see post() in the interface).
-// While some member is there but cannot answer yet (the cluster is electing
-// a new leader, or a member hangs), the members are asked again after a
-// short pause, a read still waiting on one keeping it; when every member
-// refuses the connection, the call fails at once.
+// A member that refused or answered 5xx may be asked again 0.1 s later,
+// while some member is there but cannot answer yet (an election is under
+// way, or a member hangs); a read keeps waiting on a member it asked while
+// it asks the others. When every member refuses the connection, the call
+// fails at once.
 int exchange(Client* c, const char* path, const std::string& body, long timeout_ms, bool read,
              long* http, std::string* out, std::string* why) {
-    Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    using std::chrono::milliseconds;
+    Clock::time_point deadline = Clock::now() + milliseconds(timeout_ms);
     size_t n = c->members.size();
     // A write waits a fair share of the time, at least a second, for one
     // member, so that one that hangs does not use up the time of the others.
     long share = timeout_ms / static_cast<long>(n);
     if (share < 1000) share = 1000;
-    std::vector<int> pass_of(n, 0);  // the pass a member's transfer under way began in
-    std::vector<Done> done;
+    // When each member may be asked (again).
+    std::vector<Clock::time_point> ready(n, Clock::now());
+    size_t cursor = c->current;  // where the search for the next member begins
+    Clock::time_point last_start = Clock::now();
     bool alive = false;  // some member was there: it answered 5xx, or was slow
+    bool failed = true;  // one just failed (or none was asked yet): ask the next at once
     int status = HGX_ETCD_UNREACHABLE;
-    auto answered = [&](Transfer* t) {
-        stop_all(c);
-        c->current = t->member;
-        *out = std::move(t->response);
-        return HGX_ETCD_OK;
+    std::vector<Done> done;
+    auto running = [&] {
+        size_t k = 0;
+        for (auto& t : c->requests) k += t->busy;
+        return k;
     };
-    for (int pass = 1;; ++pass) {
-        size_t next = 0;
-        Clock::time_point last_start = Clock::now();
-        // Asks the next member that is not still busy with this request.
-        auto ask_next = [&] {
-            while (next < n) {
-                Transfer* t = c->requests[(c->current + next++) % n].get();
-                if (t->busy) continue;
+    while (true) {
+        Clock::time_point now = Clock::now();
+        if (now >= deadline) {
+            stop_all(c);
+            why->clear();
+            return HGX_ETCD_TIMEOUT;
+        }
+        size_t busy = running();
+        if (busy == 0 || failed || (read && since_ms(last_start) >= HEDGE_MS)) {
+            for (size_t k = 0; k < n; ++k) {
+                Transfer* t = c->requests[(cursor + k) % n].get();
+                if (t->busy || now < ready[t->member]) continue;
                 prepare(c, t, t->member, path, body, until_ms(deadline));
                 start(c, t);
-                pass_of[t->member] = pass;
                 last_start = t->started;
-                return;
+                cursor = t->member + 1;
+                ++busy;
+                break;
             }
-        };
-        auto running = [&](bool this_pass) {
-            size_t k = 0;
-            for (auto& t : c->requests) k += t->busy && (!this_pass || pass_of[t->member] == pass);
-            return k;
-        };
-        ask_next();
-        while (running(true) || next < n) {
-            if (!running(true)) {
-                ask_next();
+        }
+        failed = false;
+        // The next moment something is due: a member ready again, the next
+        // read to send beside those under way, a write's share.
+        Clock::time_point due = deadline;
+        for (auto& t : c->requests)
+            if (!t->busy && ready[t->member] > now) due = std::min(due, ready[t->member]);
+        if (busy == 0) {
+            if (!alive || until_ms(deadline) < 200) {
+                if (status == HGX_ETCD_TIMEOUT) why->clear();
+                return status;
+            }
+            std::this_thread::sleep_for(milliseconds(std::max(until_ms(due), 1L)));
+            continue;
+        }
+        if (read && busy < n) due = std::min(due, last_start + milliseconds(HEDGE_MS));
+        if (!read) due = std::min(due, last_start + milliseconds(share));
+        pump(c, until_ms(due), &done);
+        now = Clock::now();
+        for (const Done& d : done) {
+            Transfer* t = d.transfer;
+            stop(c, t);
+            failed = true;
+            ready[t->member] = now + milliseconds(100);
+            if (d.result == CURLE_OK) {
+                curl_easy_getinfo(t->curl, CURLINFO_RESPONSE_CODE, http);
+                if (*http < 500) {
+                    stop_all(c);
+                    c->current = t->member;
+                    *out = std::move(t->response);
+                    return HGX_ETCD_OK;
+                }
+                // A member without a leader (an election under way) says so.
+                alive = true;
+                *why = c->members[t->member] + ": HTTP " + std::to_string(*http) + ": " +
+                       etcd_text(t->response);
                 continue;
             }
-            long left = until_ms(deadline);
-            if (left <= 0) break;
-            long wait = left;
-            if (read && next < n) wait = std::min(wait, HEDGE_MS - since_ms(last_start));
-            if (!read) wait = std::min(wait, share - since_ms(last_start));
-            pump(c, wait, &done);
-            bool failed = false;
-            for (const Done& d : done) {
-                Transfer* t = d.transfer;
-                stop(c, t);
-                if (d.result == CURLE_OK) {
-                    curl_easy_getinfo(t->curl, CURLINFO_RESPONSE_CODE, http);
-                    if (*http < 500) return answered(t);
-                    // A member without a leader (an election under way) says so.
-                    alive = failed = true;
-                    *why = c->members[t->member] + ": HTTP " + std::to_string(*http) + ": " +
-                           etcd_text(t->response);
-                    continue;
-                }
-                int s = classify(c, t, d.result);
-                if (s == HGX_ETCD_NO_MEMORY || s == HGX_ETCD_TLS) {
-                    *why = failure(c, t, d.result, s);
-                    stop_all(c);
-                    return s;
-                }
-                failed = true;
-                if (s == HGX_ETCD_TIMEOUT) {
-                    alive = true;
-                    status = HGX_ETCD_TIMEOUT;
-                } else {
-                    *why = failure(c, t, d.result, s);
-                }
-            }
-            if (next < n && (failed || (read && since_ms(last_start) >= HEDGE_MS))) ask_next();
-            if (!read && running(true) && since_ms(last_start) >= share) {
-                // A write that one member has left unanswered goes to the next.
+            int s = classify(c, t, d.result);
+            if (s == HGX_ETCD_NO_MEMORY || s == HGX_ETCD_TLS) {
+                *why = failure(c, t, d.result, s);
                 stop_all(c);
+                return s;
+            }
+            if (s == HGX_ETCD_TIMEOUT) {
                 alive = true;
                 status = HGX_ETCD_TIMEOUT;
+            } else {
+                *why = failure(c, t, d.result, s);
             }
         }
-        // A read still waiting on a member waits on through the next pass.
-        if (running(false)) alive = true;
-        if (!alive || until_ms(deadline) < 200) {
+        if (!read && running() && since_ms(last_start) >= share) {
+            // A write that one member has left unanswered goes to the next.
             stop_all(c);
-            if (until_ms(deadline) <= 0) status = HGX_ETCD_TIMEOUT;
-            if (status == HGX_ETCD_TIMEOUT) why->clear();
-            return status;
-        }
-        // The pause, during which a member still asked may answer.
-        Clock::time_point resume = Clock::now() + std::chrono::milliseconds(100);
-        while (until_ms(resume) > 0) {
-            pump(c, until_ms(resume), &done);
-            for (const Done& d : done) {
-                Transfer* t = d.transfer;
-                stop(c, t);
-                long code = 0;
-                if (d.result == CURLE_OK) curl_easy_getinfo(t->curl, CURLINFO_RESPONSE_CODE, &code);
-                if (d.result == CURLE_OK && code < 500) {
-                    *http = code;
-                    return answered(t);
-                }
-            }
-            if (!running(false))
-                std::this_thread::sleep_for(std::chrono::milliseconds(until_ms(resume)));
+            alive = failed = true;
+            status = HGX_ETCD_TIMEOUT;
         }
     }
 }
