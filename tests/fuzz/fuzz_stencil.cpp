@@ -130,12 +130,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         finding("a file and standard input load differently");
     stencil_destroy(from_stdin);
     close(fd);
+    // One view for the whole run, as configfile mode keeps one for all its
+    // groups (services pulled in by one stencil stay for the next).
+    static repository_t* repository = [] {
+        repository_t* view = nullptr;
+        if (repository_create(fuzz::INSTANCE, nullptr, &view) != REPOSITORY_SUCCESS)
+            finding("the repository view cannot be made");
+        return view;
+    }();
     if (loaded == STENCIL_SUCCESS) {
-        repository_t* repository = nullptr;
-        if (repository_create(fuzz::INSTANCE, nullptr, &repository) == REPOSITORY_SUCCESS) {
-            evaluate(stencil, repository, input);
-            repository_destroy(repository);
-        }
+        evaluate(stencil, repository, input);
     } else if (loaded == STENCIL_ERROR_SYNTAX && stencil != nullptr) {
         report(stencil);
     }
