@@ -22,11 +22,15 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <string_view>
 #include <thread>
+#include <vector>
 
 #include "hgx.h"
 #include "hgx_ptr.h"
 #include "hgx_write.h"
+
+extern char** environ;
 
 namespace {
 
@@ -65,6 +69,19 @@ struct Pattern {
     Pattern(const Pattern&) = delete;
     Pattern& operator=(const Pattern&) = delete;
 };
+
+// Removes from the environment every HGX_ETCD_* variable but the CA's: the
+// command reads the mirror, and credentials of the cluster (user, password,
+// client key and certificate, and whatever may come) are not its business.
+void drop_cluster_credentials() {
+    std::vector<std::string> names;
+    for (char** e = environ; *e != nullptr; ++e) {
+        std::string_view entry = *e;
+        std::string_view name = entry.substr(0, entry.find('='));
+        if (name.rfind("HGX_ETCD_", 0) == 0 && name != "HGX_ETCD_CACERT") names.emplace_back(name);
+    }
+    for (const std::string& name : names) unsetenv(name.c_str());
+}
 
 // Sleeps up to `seconds`, waking early for a stop.
 void pause_for(int seconds) {
@@ -128,6 +145,9 @@ bool Mirror::prepare() {
     if (access(o_.file.c_str(), F_OK) != 0) return true;  // made by the first copy
     std::string message;
     Writer file(hgx_reader_open(o_.file.c_str(), &message));
+    // A file that holds nothing yet (a first copy killed by an earlier
+    // version) is made by the first copy too.
+    if (!file && hgx_error() == HGX_ERROR_NO_REPOSITORY) return true;
     if (!file) {
         std::fprintf(stderr, "hgxrepo: %s\n", message.c_str());
         return false;
@@ -197,7 +217,7 @@ bool Mirror::apply(int64_t revision, bool whole, std::string* why) {
         return true;
     }
 
-    Writer file(hgx_writer_open(o_.file.c_str(), true, &message));
+    Writer file(hgx_writer_create(o_.file.c_str(), o_.mode, &message));
     if (!file) {
         *why = message;
         return false;
@@ -235,6 +255,7 @@ bool Mirror::apply(int64_t revision, bool whole, std::string* why) {
             if (!after.count(inst)) changed.insert("wrn:/" + name + ":" + inst);
     }
     if (hgx_writer_meta_set(file.get(), "source", source) < 0 ||
+        hgx_writer_meta_set(file.get(), "url", o_.url) < 0 ||
         hgx_writer_meta_set(file.get(), "services", patterns_text_) < 0 ||
         hgx_writer_meta_set(file.get(), "revision", std::to_string(at)) < 0)
         return failed("cannot write " + o_.file);
@@ -265,6 +286,7 @@ void Mirror::run_command(const std::set<std::string>& changed) {
         signal(SIGTERM, SIG_DFL);
         signal(SIGINT, SIG_DFL);
         setenv("HGX_CHANGED", list.c_str(), 1);
+        drop_cluster_credentials();
         execl("/bin/sh", "sh", "-c", o_.exec.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
