@@ -70,17 +70,21 @@ struct Pattern {
     Pattern& operator=(const Pattern&) = delete;
 };
 
-// Removes from the environment every HGX_ETCD_* variable but the CA's: the
-// command reads the mirror, and credentials of the cluster (user, password,
-// client key and certificate, and whatever may come) are not its business.
-void drop_cluster_credentials() {
-    std::vector<std::string> names;
+// The command's environment: this process's with HGX_CHANGED set, and
+// without the HGX_ETCD_* variables but the CA's. The command reads the
+// mirror; the cluster's credentials (user, password, client key and
+// certificate, and whatever may come) are not its business.
+std::vector<std::string> command_environment(const std::string& changed) {
+    std::vector<std::string> out;
     for (char** e = environ; *e != nullptr; ++e) {
         std::string_view entry = *e;
         std::string_view name = entry.substr(0, entry.find('='));
-        if (name.rfind("HGX_ETCD_", 0) == 0 && name != "HGX_ETCD_CACERT") names.emplace_back(name);
+        if ((name.rfind("HGX_ETCD_", 0) == 0 && name != "HGX_ETCD_CACERT") || name == "HGX_CHANGED")
+            continue;
+        out.emplace_back(entry);
     }
-    for (const std::string& name : names) unsetenv(name.c_str());
+    out.push_back("HGX_CHANGED=" + changed);
+    return out;
 }
 
 // Sleeps up to `seconds`, waking early for a stop.
@@ -276,6 +280,12 @@ void Mirror::run_command(const std::set<std::string>& changed) {
     if (o_.exec.empty()) return;
     std::string list;
     for (const std::string& w : changed) list += w + "\n";
+    // Made before the fork: the child only calls what is safe there.
+    std::vector<std::string> environment = command_environment(list);
+    std::vector<char*> envp;
+    for (std::string& entry : environment) envp.push_back(entry.data());
+    envp.push_back(nullptr);
+    const char* argv[] = {"sh", "-c", o_.exec.c_str(), nullptr};
     std::fflush(nullptr);
     pid_t pid = fork();
     if (pid < 0) {
@@ -285,9 +295,7 @@ void Mirror::run_command(const std::set<std::string>& changed) {
     if (pid == 0) {
         signal(SIGTERM, SIG_DFL);
         signal(SIGINT, SIG_DFL);
-        setenv("HGX_CHANGED", list.c_str(), 1);
-        drop_cluster_credentials();
-        execl("/bin/sh", "sh", "-c", o_.exec.c_str(), static_cast<char*>(nullptr));
+        execve("/bin/sh", const_cast<char* const*>(argv), envp.data());
         _exit(127);
     }
     int status = 0;

@@ -26,11 +26,12 @@ struct SyncOptions {
 // a pattern does not compile, and 1 when a copy of the whole cluster fails
 // under --once or is cut short by a signal. Without --once, a cluster that
 // cannot be reached is reported and tried again with a growing pause,
-// never fatal. A file the first copy creates gets the permission bits mode
-// exactly; an existing file keeps its own. The command runs without the
-// HGX_ETCD_* variables of the environment (HGX_ETCD_CACERT, no secret,
-// excepted): it reads the mirror, and needs no credentials of the cluster. The file is only ever
-// changed by whole transactions, so a reader of it sees the state of one revision of the cluster.
-// Blocks the calling thread, and leaves its handlers for SIGTERM and SIGINT installed. Throws
-// nothing but std::bad_alloc.
+// never fatal. The file is only ever changed by whole transactions, so a
+// reader of it sees the state of one revision of the cluster; a file the
+// first copy creates appears whole, with the permission bits mode exactly,
+// and an existing file keeps its mode. The command runs without the
+// HGX_ETCD_* variables of the environment but HGX_ETCD_CACERT (no secret):
+// it reads the mirror, and needs no credentials of the cluster. Blocks the
+// calling thread, and leaves its handlers for SIGTERM and SIGINT installed.
+// Throws nothing but std::bad_alloc.
 int hgxrepo_sync(const SyncOptions& options);

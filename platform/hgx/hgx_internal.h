@@ -167,9 +167,9 @@ std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode, std::
                                   int64_t at_revision = 0);
 bool is_cluster_url(std::string_view where);
 // The two stores behind open_store. A file that CREATE makes gets the
-// permission bits file_mode exactly, or (0) 0644 under the umask.
+// permission bits file_mode exactly, or (negative) 0644 under the umask.
 std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode, std::string* message,
-                                       unsigned file_mode = 0);
+                                       int file_mode = -1);
 std::unique_ptr<Store> open_cluster_store(const std::string& url, OpenMode mode,
                                           std::string* message, int64_t at_revision = 0);
 

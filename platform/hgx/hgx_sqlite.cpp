@@ -75,6 +75,15 @@ const char* const SCHEMA_SQL =
 
 int exec(sqlite3* db, const char* sql) { return sqlite3_exec(db, sql, nullptr, nullptr, nullptr); }
 
+// The schema of a new repository, with its version; run inside the
+// transaction that makes it.
+std::string schema_sql() {
+    std::string schema = SCHEMA_SQL;
+    schema += "PRAGMA user_version=" + std::to_string(SCHEMA_VERSION) + ";";
+    schema += "PRAGMA application_id=" + std::to_string(APPLICATION_ID) + ";";
+    return schema;
+}
+
 // Binds a text parameter; SQLite keeps its own copy.
 void bind_text(sqlite3_stmt* st, int i, std::string_view s) {
     sqlite3_bind_text(st, i, s.data(), static_cast<int>(s.size()), SQLITE_TRANSIENT);
@@ -571,10 +580,9 @@ void remove_dead_temporaries(const std::string& prefix) {
 }
 
 // A writer that creates file: the schema in a temporary file beside it,
-// locked for the writer's life, of mode file_mode (0: 0644 under the
+// locked for the writer's life, of mode file_mode (negative: 0644 under the
 // umask). The store links it into place at its commit.
-std::unique_ptr<Store> create_file(const std::string& file, unsigned file_mode,
-                                   std::string* message) {
+std::unique_ptr<Store> create_file(const std::string& file, int file_mode, std::string* message) {
     auto refuse = [&](hgx_error_t code, const std::string& text) -> std::unique_ptr<Store> {
         set_error(code);
         if (message) *message = file + ": " + text;
@@ -590,13 +598,14 @@ std::unique_ptr<Store> create_file(const std::string& file, unsigned file_mode,
         std::snprintf(tail, sizeof tail, "%08x", static_cast<unsigned>(entropy()));
         temp = prefix + tail;
         fd = open(temp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                  file_mode != 0 ? 0600 : 0644);
+                  file_mode >= 0 ? 0600 : 0644);
         if (fd < 0 && errno != EEXIST) break;
     }
     if (fd < 0)
         return refuse(HGX_ERROR_REPOSITORY_ACCESS,
                       std::string("cannot be created: ") + std::strerror(errno));
-    if (flock(fd, LOCK_EX) != 0 || (file_mode != 0 && fchmod(fd, file_mode) != 0)) {
+    if (flock(fd, LOCK_EX) != 0 ||
+        (file_mode >= 0 && fchmod(fd, static_cast<mode_t>(file_mode)) != 0)) {
         std::string why = std::strerror(errno);
         remove_temporary(temp);
         close(fd);
@@ -617,11 +626,7 @@ std::unique_ptr<Store> create_file(const std::string& file, unsigned file_mode,
     exec(db, "PRAGMA synchronous=OFF");
     exec(db, "PRAGMA cache_size=-262144");
     exec(db, "PRAGMA temp_store=MEMORY");
-    std::string schema = "BEGIN IMMEDIATE;";
-    schema += SCHEMA_SQL;
-    schema += "PRAGMA user_version=" + std::to_string(SCHEMA_VERSION) + ";";
-    schema += "PRAGMA application_id=" + std::to_string(APPLICATION_ID) + ";";
-    if (exec(db, schema.c_str()) != SQLITE_OK)
+    if (exec(db, "BEGIN IMMEDIATE") != SQLITE_OK || exec(db, schema_sql().c_str()) != SQLITE_OK)
         return refuse(HGX_ERROR_REPOSITORY_ACCESS,
                       std::string("cannot be created: ") + sqlite3_errmsg(db));
     return store;
@@ -640,7 +645,7 @@ void narrow_log_modes(const std::string& file, mode_t file_mode) {
     }
 }
 
-std::unique_ptr<Store> open_for_writing(const std::string& file, bool create, unsigned file_mode,
+std::unique_ptr<Store> open_for_writing(const std::string& file, bool create, int file_mode,
                                         std::string* message) {
     auto refuse = [&](hgx_error_t code, const std::string& text) -> std::unique_ptr<Store> {
         set_error(code);
@@ -714,19 +719,15 @@ std::unique_ptr<Store> open_for_writing(const std::string& file, bool create, un
     // writers that found it empty, the second finds the first one's schema.
     int state = check();
     if (state < 0) return nullptr;
-    if (state == 1) {
-        std::string schema = SCHEMA_SQL;
-        schema += "PRAGMA user_version=" + std::to_string(SCHEMA_VERSION) + ";";
-        schema += "PRAGMA application_id=" + std::to_string(APPLICATION_ID) + ";";
-        if (exec(db, schema.c_str()) != SQLITE_OK) return db_refuse(sqlite3_errcode(db));
-    }
+    if (state == 1 && exec(db, schema_sql().c_str()) != SQLITE_OK)
+        return db_refuse(sqlite3_errcode(db));
     return store;
 }
 
 }  // namespace
 
 std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode, std::string* message,
-                                       unsigned file_mode) {
+                                       int file_mode) {
     if (mode == OpenMode::READ) {
         std::unique_ptr<Store> s = open_for_reading(file);
         if (!s && message) *message = file + ": " + hgx_strerror(get_error());
