@@ -63,7 +63,7 @@ void print_usage(FILE* stream, const char* prog) {
 struct LintRun {
     repository_t* repository;
     const char* stencil_dir;
-    int findings = 0;
+    std::vector<std::string>* findings;
 };
 
 bool group_exists(const char* name, void* context) {
@@ -72,7 +72,7 @@ bool group_exists(const char* name, void* context) {
     return info != nullptr && info->repo_type == REPO_TYPE_PG;
 }
 
-// Evaluates one stencil and prints "stencil:line: name" per finding.
+// Evaluates one stencil and adds "stencil:line: name" per finding.
 int lint_stencil(LintRun& run, defines_t* defines, const char* input_file) {
     ReferenceFindings findings;
     findings.group_exists = group_exists;
@@ -84,10 +84,8 @@ int lint_stencil(LintRun& run, defines_t* defines, const char* input_file) {
     if (status != KELVO_SUCCESS) return status;
     char buffer[1024];
     const char* shown = stencil_path(input_file, run.stencil_dir, buffer);
-    for (const std::string& line : findings.reported()) {
-        printf("%s:%s\n", shown, line.c_str());
-        ++run.findings;
-    }
+    for (const std::string& line : findings.reported())
+        run.findings->push_back(std::string(shown) + ":" + line);
     return KELVO_SUCCESS;
 }
 
@@ -96,6 +94,17 @@ int lint_group(const ConfigfileGroup& group, defines_t* defines, void* context) 
 }
 
 }  // namespace
+
+int lint_configfiles(repository_t* repository, const char* stencil_dir,
+                     std::vector<std::string>* findings) {
+    defines_t* defines = defines_create();
+    if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
+    LintRun run{repository, stencil_dir, findings};
+    ConfigfileWalk walk{1, 0, lint_group, &run, 0};
+    walk_configfiles(repository, &defines, walk);
+    defines_destroy(defines);
+    return walk.failed;
+}
 
 int kelvo_lint_main(int argc, char** argv) {
     set_program_name(argv[0]);
@@ -141,22 +150,21 @@ int kelvo_lint_main(int argc, char** argv) {
     }
 
     repository_t* repository = open_instance_view(instance_wern);
-    defines_t* defines = defines_create();
-    if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
-
-    LintRun run{repository, stencil_dir};
+    std::vector<std::string> findings;
     int failed = 0;
     if (all_configfiles) {
-        ConfigfileWalk walk{1, 0, lint_group, &run, 0};
-        walk_configfiles(repository, &defines, walk);
-        failed = walk.failed;
+        failed = lint_configfiles(repository, stencil_dir, &findings);
     } else {
+        defines_t* defines = defines_create();
+        if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
+        LintRun run{repository, stencil_dir, &findings};
         failed = lint_stencil(run, defines, input_file) != KELVO_SUCCESS;
+        defines_destroy(defines);
     }
-    defines_destroy(defines);
     repository_destroy(repository);
 
+    for (const std::string& line : findings) printf("%s\n", line.c_str());
     if (finish_standard_output(prog) != 0) return KELVO_LINT_ERROR;
     if (failed > 0) return KELVO_LINT_ERROR;
-    return run.findings > 0 ? KELVO_LINT_FINDINGS : KELVO_LINT_CLEAN;
+    return findings.empty() ? KELVO_LINT_CLEAN : KELVO_LINT_FINDINGS;
 }

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "repository.h"
 #include "stencil.h"
 
 // Exit statuses.
@@ -17,6 +18,14 @@ enum kelvo_lint_status {
 
 // The program's entry; main() only calls this. Returns the exit status.
 int kelvo_lint_main(int argc, char** argv);
+
+// Evaluates the stencil of every enabled configfile group of the view as
+// kelvo -a would (its defines, its order, stencils below stencil_dir) and
+// appends "stencil:line: name" to *findings for each reported reference.
+// Returns the number of groups that could not be evaluated, each reported
+// on standard error with kelvo's message.
+int lint_configfiles(repository_t* repository, const char* stencil_dir,
+                     std::vector<std::string>* findings);
 
 // The verdict on the references of one evaluation. A reference is one place
 // of the stencil (its line and its name as written) however often it is

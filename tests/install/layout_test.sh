@@ -24,6 +24,7 @@ DESTDIR=$D "$CMAKE" --install "$BUILD" --prefix /usr --strip >"$T/install.log" 2
 expected="/lib/wrn/stencils/
 /usr/bin/hgxrepo
 /usr/bin/kelvo
+/usr/bin/kelvo-apply
 /usr/bin/kelvo-diff
 /usr/bin/kelvo-lint
 /usr/share/bash-completion/completions/hgxrepo
@@ -33,6 +34,7 @@ expected="/lib/wrn/stencils/
 /usr/share/doc/kelvo/fleet.md
 /usr/share/doc/kelvo/stencil-language.md
 /usr/share/man/man1/hgxrepo.1
+/usr/share/man/man1/kelvo-apply.1
 /usr/share/man/man1/kelvo-diff.1
 /usr/share/man/man1/kelvo-lint.1
 /usr/share/man/man1/kelvo.1
@@ -57,12 +59,16 @@ if [ "$actual" != "$expected" ]; then
     diff "$T/expected" "$T/actual" >&2
 fi
 
-for b in kelvo hgxrepo kelvo-diff kelvo-lint; do
+for b in kelvo hgxrepo kelvo-diff kelvo-lint kelvo-apply; do
     [ -x "$D/usr/bin/$b" ] || fail "/usr/bin/$b is not executable"
 done
 out=$("$D/usr/bin/hgxrepo" --version) || fail "hgxrepo --version exited with $?"
 [ "$out" = "hgxrepo $VERSION" ] || fail "hgxrepo --version printed '$out'"
-for page in kelvo hgxrepo kelvo-diff kelvo-lint; do
+# An example script is run where it is installed: it keeps its run bit.
+for f in $(cd "$SRC" && find examples -type f -perm -u+x); do
+    [ -x "$D/usr/share/doc/kelvo/$f" ] || fail "/usr/share/doc/kelvo/$f lost its run bit"
+done
+for page in kelvo hgxrepo kelvo-diff kelvo-lint kelvo-apply; do
     head -n 1 "$D/usr/share/man/man1/$page.1" | grep -q "\"kelvo $VERSION\"" ||
         fail "$page.1 does not carry version $VERSION: $(head -n 1 "$D/usr/share/man/man1/$page.1")"
 done
@@ -85,6 +91,13 @@ generate "$D/usr/bin/hgxrepo" "$D/usr/bin/kelvo" "$EX" "$T/installed" || fail "i
 generate "$BUILD/hgxrepo/hgxrepo" "$BUILD/tool/kelvo" "$SRC/examples" "$T/built" || fail "built programs failed"
 [ -n "$(find "$T/installed/root" -type f)" ] || fail "installed kelvo made no file"
 diff -r "$T/built/root" "$T/installed/root" >&2 || fail "installed kelvo made other files"
+# The installed kelvo-apply runs the kelvo beside it: the files are made
+# already, so there is nothing to change, check or reload.
+for wern in $(HGX_REPOSITORY=$T/installed/repo.db "$D/usr/bin/hgxrepo" list | grep '^wrn:/.*:'); do
+    out=$(HGX_REPOSITORY=$T/installed/repo.db "$D/usr/bin/kelvo-apply" -f "$wern" \
+          -R "$T/installed/root" -S "$EX/stencils" 2>&1) || fail "installed kelvo-apply failed: $out"
+    [ -z "$out" ] || fail "installed kelvo-apply found changes: $out"
+done
 
 # The completions, in bash with bash-completion's helpers loaded.
 BASH_COMPLETION=/usr/share/bash-completion/bash_completion
