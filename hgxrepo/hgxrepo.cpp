@@ -42,8 +42,8 @@ const char USAGE[] =
     "       hgxrepo [-r FILE] show WERN [SNAPSHOT]\n"
     "       hgxrepo [-r FILE] copy [--force] TARGET\n"
     "       hgxrepo [-r FILE] diff WERN\n"
-    "       hgxrepo [-r FILE] sync [--once] [--service PATTERN]... [--exec COMMAND]\n"
-    "                              [--mode MODE] URL\n"
+    "       hgxrepo [-r FILE] sync [--once] [--service PATTERN]... [--exec COMMAND] [--mode MODE]"
+    " URL\n"
     "       hgxrepo help\n"
     "       hgxrepo --version\n"
     "The repository file is FILE, else $HGX_REPOSITORY, else " HGX_DEFAULT_REPOSITORY

@@ -301,10 +301,11 @@ void copy_repository(const std::string& path, const std::string& target, bool fo
 }  // namespace
 
 int cmd_copy(const Invocation& inv) {
-    arity(inv, 1, 2);
-    const bool force = inv.words[0] == "--force";
-    if (inv.words.size() != (force ? 2u : 1u)) throw Usage{};
-    const std::string& target = inv.words.back();
+    Invocation rest = inv;
+    const bool force = !rest.words.empty() && rest.words[0] == "--force";
+    if (force) rest.words.erase(rest.words.begin());
+    arity(rest, 1, 1);
+    const std::string& target = rest.words[0];
     return committed(target, [&] { copy_repository(inv.path, target, force); });
 }
 

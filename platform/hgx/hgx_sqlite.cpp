@@ -543,6 +543,11 @@ std::unique_ptr<Store> open_for_reading(const std::string& file) {
     // main file is the whole committed state.
     if (code == HGX_ERROR_REPOSITORY_LOG && wal_is_empty(file))
         code = open_reading(file, true, &db);
+    // A file that holds nothing yet is named like one that is not there.
+    if (code == HGX_ERROR_NO_REPOSITORY) {
+        set_error_text(code, std::string(error_text(code)) + ": " + file);
+        return nullptr;
+    }
     if (code != HGX_ERROR_NONE) return fail(code), nullptr;
     return std::make_unique<SqliteStore>(db, file);
 }

@@ -278,9 +278,9 @@ TEST_F(EtcdSync, DuringTheFirstCopyKelvoFindsNoRepositoryOrTheWholeCopy) {
     const int props = 20000;
     ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1, props)).status, 0);
     auto sync = start_sync();
-    const e2e::Whole none(
-        3, "",
-        "kelvo: Unable to get properties for " + WERN + ": Repository file does not exist\n");
+    const e2e::Whole none(3, "",
+                          "kelvo: Unable to get properties for " + WERN +
+                              ": Repository file does not exist: " + mirror + "\n");
     int before = 0, other = 0;
     auto until = std::chrono::steady_clock::now() + 60s;
     for (bool copied = false; !copied && std::chrono::steady_clock::now() < until;) {

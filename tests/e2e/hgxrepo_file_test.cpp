@@ -134,7 +134,8 @@ TEST(FirstImport, AnEmptyFileIsNoRepositoryUntilAWriterFillsIt) {
     EXPECT_EQ(e2e::whole(e2e::kelvo(repo, {"-f", "wrn:/app/web:default"}, "x\n")),
               e2e::Whole(3, "",
                          "kelvo: Unable to get properties for wrn:/app/web:default: Repository "
-                         "file does not exist\n"));
+                         "file does not exist: " +
+                             repo + "\n"));
     ASSERT_EQ(
         hgxrepo({"-r", repo, "import", "-"}, e2e::generation_manifest("app/web", 2, 1)).status, 0);
     EXPECT_EQ(e2e::kelvo(repo, {"-f", "wrn:/app/web:default"}, "$%{config/p0}\n").out, "g2\n");
