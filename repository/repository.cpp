@@ -66,6 +66,17 @@ property_list_node_t* match_properties(pkx_avl_t* tree, regex_t* regex, int coun
     return list;
 }
 
+// Runs a read of other services or instances: keeps in the view a failure
+// of the repository itself that the read met. pull gives 0 for success.
+template <typename Pull>
+auto pull_into(repository_t* repository, Pull pull) {
+    store_failure = HGX_ERROR_NONE;
+    auto result = pull();
+    if (store_failure != HGX_ERROR_NONE && repository->failure == 0)
+        repository->failure = store_failure;
+    return result;
+}
+
 // Frees a compiled expression on the caller's frame (the object itself is
 // not freed, only what regcomp allocated for it).
 using CompiledRegex = Owned<regex_t, regfree>;
@@ -167,6 +178,7 @@ const property_info_t* repository_get_property(repository_t* repository, const c
     if (!is_absolute(name)) return public_info(find_property(repository->instance_props, name));
     if (property_table_node_t* node = find_property(repository->other_props, name))
         return public_info(node);
+    if (repository->failure != 0) return nullptr;
 
     // Straight from the repository, no snapshot; stored under the name as
     // written so that the next query of it is served from the tree.
@@ -177,12 +189,16 @@ const property_info_t* repository_get_property(repository_t* repository, const c
     HgxPtr<hgx_propertygroup_t> group(hgx_pg_create(handle));
     HgxPtr<hgx_property_t> property(hgx_property_create(handle));
     if (scope == nullptr || service == nullptr || instance == nullptr || group == nullptr ||
-        property == nullptr ||
-        hgx_handle_decode_wern(handle, name, scope.get(), service.get(), instance.get(),
-                               group.get(), property.get(), 0) != 0)
+        property == nullptr)
         return nullptr;
-    return public_info(
-        add_prop(repository->other_props, view_pool.pool, name, property.get(), handle));
+    return public_info(pull_into(repository, [&]() -> property_table_node_t* {
+        if (hgx_handle_decode_wern(handle, name, scope.get(), service.get(), instance.get(),
+                                   group.get(), property.get(), 0) != 0) {
+            if (is_store_failure(hgx_error())) store_failure = hgx_error();
+            return nullptr;
+        }
+        return add_prop(repository->other_props, view_pool.pool, name, property.get(), handle);
+    }));
 }
 
 property_list_node_t* repository_match_properties(repository_t* repository, const char* pattern,
@@ -224,10 +240,15 @@ property_list_node_t* repository_match_properties(repository_t* repository, cons
     }
     if (balance != 0) return nullptr;
 
-    if (pkx_avl_numnodes(repository->instance_names) == 0 &&
-        fill_instance_tree(repository->instance_names, repository->handle) != 0)
-        return nullptr;
-    if (match_instances(repository, position) != 0) return nullptr;
+    if (repository->failure != 0) return nullptr;
+    int pulled = pull_into(repository, [&] {
+        if (pkx_avl_numnodes(repository->instance_names) == 0) {
+            if (int r = fill_instance_tree(repository->instance_names, repository->handle))
+                return r;
+        }
+        return match_instances(repository, position);
+    });
+    if (pulled != 0) return nullptr;
     copy.reset();
 
     property_list_node_t* list =
@@ -263,6 +284,11 @@ void property_list_destroy(property_list_node_t* list) {
         std::free(list);
         list = next;
     }
+}
+
+hgx_error_t repository_failure(const repository_t* repository) {
+    return repository->failure != 0 ? static_cast<hgx_error_t>(repository->failure)
+                                    : HGX_ERROR_NONE;
 }
 
 const char* repository_get_wern(repository_t* repository) { return repository->wern; }

@@ -48,6 +48,46 @@ int property_table_node_compare(const void* left, const void* right, void* /*pri
 // All trees of all views.
 SharedPool view_pool{"repository_pool", sizeof(property_table_node_t), property_table_node_compare};
 
+thread_local hgx_error_t store_failure = HGX_ERROR_NONE;
+
+bool is_store_failure(hgx_error_t code) {
+    switch (code) {
+        case HGX_ERROR_NONE:
+        case HGX_ERROR_NOT_FOUND:
+        case HGX_ERROR_INVALID_ARGUMENT:
+        case HGX_ERROR_CONSTRAINT_VIOLATED:
+        case HGX_ERROR_NOT_SET:
+        case HGX_ERROR_TYPE_MISMATCH:
+        case HGX_ERROR_NO_MEMORY:
+            return false;
+        default:
+            return true;
+    }
+}
+
+namespace {
+
+// Whether the client's last failure is one of the repository itself; such
+// a failure is kept in store_failure for the query that started the fill.
+bool repository_lost() {
+    hgx_error_t code = hgx_error();
+    if (!is_store_failure(code)) return false;
+    store_failure = code;
+    return true;
+}
+
+// A fill step whose call of the client failed.
+repository_error_t failed_call() {
+    repository_lost();
+    return REPOSITORY_QRM_ERROR;
+}
+
+// The end of a walk over children: a failed step that lost the repository
+// fails the fill; any other failed step ends the walk as its end does.
+bool walk_lost(int step) { return step < 0 && repository_lost(); }
+
+}  // namespace
+
 int place_table_node(pkx_avl_t* tree, pkx_avl_pool_t* pool, property_table_node_t* node,
                      pkx_avl_index_t* where) {
     if (pkx_avl_find(tree, node, nullptr, where) != nullptr) return -1;
@@ -116,8 +156,11 @@ property_table_node_t* add_pg(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char*
     if (node == nullptr) return nullptr;
     size_t size = pg_type_buffer_size();
     node->info.pg_type = static_cast<char*>(std::malloc(size));
-    if (node->info.pg_type == nullptr || hgx_pg_get_type(group, node->info.pg_type, size) < 0)
+    if (node->info.pg_type == nullptr) return nullptr;
+    if (hgx_pg_get_type(group, node->info.pg_type, size) < 0) {
+        repository_lost();
         return nullptr;
+    }
     return place(tree, pool, std::move(node));
 }
 
@@ -128,15 +171,27 @@ property_table_node_t* add_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, const cha
     HeapText value_text = alloc_text(size);
     if (node == nullptr || value_text == nullptr) return nullptr;
     local_property_info_t& info = node->info;
-    if (hgx_property_type(property, &info.type) != 0) return nullptr;
+    // A wern that names a group has no property type: not defined, no failure.
+    if (hgx_property_type(property, &info.type) != 0) {
+        repository_lost();
+        return nullptr;
+    }
 
     HgxPtr<hgx_iter_t> iter(hgx_iter_create(handle));
     HgxPtr<hgx_value_t> value(hgx_value_create(handle));
-    if (iter == nullptr || value == nullptr || hgx_iter_property_values(iter.get(), property) != 0)
+    if (iter == nullptr || value == nullptr) return nullptr;
+    if (hgx_iter_property_values(iter.get(), property) != 0) {
+        repository_lost();
         return nullptr;
-    // A failed step ends the values like the end does.
-    while (hgx_iter_next_value(iter.get(), value.get()) > 0) {
-        if (hgx_value_get_as_string(value.get(), value_text.get(), size) < 0) return nullptr;
+    }
+    // A failed step ends the values like the end does, unless it lost the
+    // repository.
+    int step;
+    while ((step = hgx_iter_next_value(iter.get(), value.get())) > 0) {
+        if (hgx_value_get_as_string(value.get(), value_text.get(), size) < 0) {
+            repository_lost();
+            return nullptr;
+        }
         auto* grown = static_cast<char**>(
             std::realloc(info.values, (static_cast<size_t>(info.num_values) + 1) * sizeof(char*)));
         if (grown == nullptr) return nullptr;
@@ -145,6 +200,7 @@ property_table_node_t* add_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, const cha
         if (copy == nullptr) return nullptr;
         info.values[info.num_values++] = copy;
     }
+    if (walk_lost(step)) return nullptr;
     return place(tree, pool, std::move(node));
 }
 
@@ -171,7 +227,7 @@ repository_error_t process_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, char* buf
     auto usize = static_cast<size_t>(size);
     HeapText wern = alloc_text(usize);
     if (wern == nullptr) return REPOSITORY_NO_MEMORY;
-    if (hgx_property_to_wern(property, wern.get(), usize) == -1) return REPOSITORY_QRM_ERROR;
+    if (hgx_property_to_wern(property, wern.get(), usize) == -1) return failed_call();
     // The client always writes a property's wern with the separator; one
     // without it is a client fault.
     if (!copy_relative(buffer, usize, offset, wern.get())) return REPOSITORY_QRM_ERROR;
@@ -194,27 +250,29 @@ repository_error_t process_pg(pkx_avl_t* tree, pkx_avl_pool_t* pool, char* buffe
     if (nested == nullptr || property == nullptr || iter == nullptr || wern == nullptr)
         return REPOSITORY_NO_MEMORY;
 
-    if (hgx_pg_to_wern(group, wern.get(), usize) == -1) return REPOSITORY_QRM_ERROR;
+    if (hgx_pg_to_wern(group, wern.get(), usize) == -1) return failed_call();
     if (!copy_relative(buffer, usize, offset, wern.get())) return REPOSITORY_QRM_ERROR;
     // The group is on record even when it holds no properties.
     if (add_pg(tree, pool, buffer, group) == nullptr) return REPOSITORY_NO_MEMORY;
 
-    if (hgx_iter_pg_properties(iter.get(), group) != 0) return REPOSITORY_QRM_ERROR;
-    while (hgx_iter_next_property(iter.get(), property.get()) > 0) {
+    if (hgx_iter_pg_properties(iter.get(), group) != 0) return failed_call();
+    int step;
+    while ((step = hgx_iter_next_property(iter.get(), property.get())) > 0) {
         repository_error_t r =
             process_prop(tree, pool, buffer, size, offset, handle, property.get());
         if (r != REPOSITORY_SUCCESS) return r;
     }
+    if (walk_lost(step)) return REPOSITORY_QRM_ERROR;
 
     int started = is_service ? hgx_iter_pg_pgs(iter.get(), group)
                              : hgx_iter_pg_pgs_composed(iter.get(), group, snapshot);
-    if (started != 0) return REPOSITORY_QRM_ERROR;
-    while (hgx_iter_next_pg(iter.get(), nested.get()) > 0) {
+    if (started != 0) return failed_call();
+    while ((step = hgx_iter_next_pg(iter.get(), nested.get())) > 0) {
         repository_error_t r = process_pg(tree, pool, buffer, size, offset, handle, nested.get(),
                                           is_service, snapshot);
         if (r != REPOSITORY_SUCCESS) return r;
     }
-    return REPOSITORY_SUCCESS;
+    return walk_lost(step) ? REPOSITORY_QRM_ERROR : REPOSITORY_SUCCESS;
 }
 
 // Adds every group of the service or instance that wern names, under
@@ -249,43 +307,45 @@ repository_error_t fill_tree(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* 
 
     if (hgx_handle_decode_wern(handle, wern, nullptr, service.get(), nullptr, nullptr, nullptr,
                                HGX_DECODE_SERVICE_ONLY) == 0) {
-        if (hgx_iter_service_pgs(iter.get(), service.get()) != 0) return REPOSITORY_QRM_ERROR;
-        while (hgx_iter_next_pg(iter.get(), group.get()) > 0) {
-            if (hgx_pg_get_name(group.get(), pg_name.get(), size) < 0) return REPOSITORY_QRM_ERROR;
+        if (hgx_iter_service_pgs(iter.get(), service.get()) != 0) return failed_call();
+        int step;
+        while ((step = hgx_iter_next_pg(iter.get(), group.get())) > 0) {
+            if (hgx_pg_get_name(group.get(), pg_name.get(), size) < 0) return failed_call();
             if (std::strcmp(pg_name.get(), "general") == 0 &&
                 hgx_service_get_pg(service.get(), "general", group.get()) != 0)
-                return REPOSITORY_QRM_ERROR;
+                return failed_call();
             repository_error_t r = process_pg(tree, pool, buffer.get(), ssize, offset, handle,
                                               group.get(), 1, nullptr);
             if (r != REPOSITORY_SUCCESS) return r;
             buffer[offset] = '\0';
         }
-        return REPOSITORY_SUCCESS;
+        return walk_lost(step) ? REPOSITORY_QRM_ERROR : REPOSITORY_SUCCESS;
     }
 
     // The wern names more than a service: read it as an instance.
-    if (hgx_error() != HGX_ERROR_CONSTRAINT_VIOLATED) return REPOSITORY_QRM_ERROR;
+    if (hgx_error() != HGX_ERROR_CONSTRAINT_VIOLATED) return failed_call();
     if (hgx_handle_decode_wern(handle, wern, nullptr, service.get(), instance.get(), nullptr,
                                nullptr, HGX_DECODE_INSTANCE_ONLY) != 0)
-        return REPOSITORY_QRM_ERROR;
+        return failed_call();
 
     const char* name = snapshot_name != nullptr ? snapshot_name : "running";
     if (hgx_instance_get_snapshot(instance.get(), name, snapshot.get()) == 0) {
         if (hgx_iter_instance_pgs_composed(iter.get(), instance.get(), snapshot.get()) != 0)
-            return REPOSITORY_QRM_ERROR;
+            return failed_call();
     } else if (hgx_error() == HGX_ERROR_NOT_FOUND) {
         snapshot.reset();
-        if (hgx_iter_instance_pgs(iter.get(), instance.get()) != 0) return REPOSITORY_QRM_ERROR;
+        if (hgx_iter_instance_pgs(iter.get(), instance.get()) != 0) return failed_call();
     } else {
-        return REPOSITORY_QRM_ERROR;
+        return failed_call();
     }
 
-    while (hgx_iter_next_pg(iter.get(), group.get()) > 0) {
-        if (hgx_pg_get_name(group.get(), pg_name.get(), size) < 0) return REPOSITORY_QRM_ERROR;
+    int step;
+    while ((step = hgx_iter_next_pg(iter.get(), group.get())) > 0) {
+        if (hgx_pg_get_name(group.get(), pg_name.get(), size) < 0) return failed_call();
         hgx_snapshot_t* group_snapshot = snapshot.get();
         if (std::strcmp(pg_name.get(), "general") == 0) {
             if (hgx_instance_get_pg_composed(instance.get(), nullptr, "general", group.get()) != 0)
-                return REPOSITORY_QRM_ERROR;
+                return failed_call();
             group_snapshot = nullptr;
         }
         repository_error_t r = process_pg(tree, pool, buffer.get(), ssize, offset, handle,
@@ -293,7 +353,7 @@ repository_error_t fill_tree(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* 
         if (r != REPOSITORY_SUCCESS) return r;
         buffer[offset] = '\0';
     }
-    return REPOSITORY_SUCCESS;
+    return walk_lost(step) ? REPOSITORY_QRM_ERROR : REPOSITORY_SUCCESS;
 }
 
 // The three names under which a service or instance can be matched: the
@@ -315,6 +375,7 @@ int add_instance_permutations(char* buffer, pkx_avl_t* tree) {
 }
 
 int client_failure() {
+    repository_lost();
     return hgx_error() == HGX_ERROR_NO_MEMORY ? REPOSITORY_NO_MEMORY : REPOSITORY_QRM_ERROR;
 }
 

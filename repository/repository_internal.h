@@ -37,6 +37,9 @@ struct repository {
     char* qrm_method;           // from the environment, not owned
     char* restarter;            // from the environment, not owned; may be null
     char* inst_wrn_mem;
+    // 0, or the hgx_error_t of the failure of the repository itself that a
+    // pull met; from then on nothing more is asked of the repository.
+    int failure;
 };
 
 // The caller-visible record is this one's leading fields with const added.
@@ -64,6 +67,15 @@ inline bool is_absolute(const char* name) { return std::strncmp(name, "wrn:", 4)
 inline property_info_t* public_info(property_table_node_t* node) {
     return node == nullptr ? nullptr : reinterpret_cast<property_info_t*>(&node->info);
 }
+
+// Whether a failure of the client is one of the repository itself (a
+// cluster away or hung, a compacted revision, a file that cannot be read),
+// as opposed to a name that names nothing or is not well-formed, or an
+// exhausted heap.
+bool is_store_failure(hgx_error_t code);
+// The last failure of the repository itself that a fill of this thread met,
+// kept by the fills; a query clears it before a pull and reads it after.
+extern thread_local hgx_error_t store_failure;
 
 // Frees every record of the tree and the tree itself; null is ignored.
 void property_tree_destroy(pkx_avl_t* tree);

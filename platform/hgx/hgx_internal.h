@@ -178,9 +178,10 @@ enum class OpenMode {
 std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode, std::string* message,
                                   int64_t at_revision = 0);
 bool is_cluster_url(std::string_view where);
-// The two stores behind open_store.
-std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode,
-                                       std::string* message);
+// The two stores behind open_store. A file that CREATE makes gets the
+// permission bits file_mode exactly, or (negative) 0644 under the umask.
+std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode, std::string* message,
+                                       int file_mode = -1);
 std::unique_ptr<Store> open_cluster_store(const std::string& url, OpenMode mode,
                                           std::string* message, int64_t at_revision = 0);
 

@@ -27,6 +27,7 @@ typedef enum stencil_error {
     STENCIL_ERROR_NO_RESTARTER = -12,
     STENCIL_ERROR_INVALID_ARGUMENT = -13,
     STENCIL_ERROR_NOT_REGULAR_FILE = -14,
+    STENCIL_ERROR_REPOSITORY = -15,
 } stencil_error_t;
 
 typedef enum stencil_output_mode {
@@ -98,7 +99,11 @@ void stencil_destroy(stencil_t* stencil);
 // stores null in *out (unless out itself is null) and returns a negative
 // stencil_error_t: STENCIL_ERROR_INVALID_ARGUMENT for a null stencil or out,
 // or a stencil with syntax errors; STENCIL_ERROR_NO_MEMORY when the heap or
-// the stack ran out. The stencil may be applied again, to the same or
+// the stack ran out; STENCIL_ERROR_REPOSITORY when a reading of another
+// service or instance failed because of the repository itself
+// (repository_failure says why): the text would be wrong, so there is none.
+// A name that names nothing is no failure: it gives empty text. The stencil
+// may be applied again, to the same or
 // another repository, but by one thread at a time.
 stencil_error_t stencil_apply(stencil_t* stencil, repository_t* repository,
                               stencil_output_mode_t mode, stencil_output_buffer_t** out);

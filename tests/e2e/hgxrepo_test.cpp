@@ -377,7 +377,10 @@ TEST(HgxrepoCommandLine, BadCommandLinesSayWhyThenGiveUsage) {
          "list: unexpected argument \"extra\"",
          "usage: hgxrepo [-r FILE] list\n"},
         {{"show"}, "show: missing WERN", "usage: hgxrepo [-r FILE] show WERN [SNAPSHOT]\n"},
-        {{"copy"}, "copy: missing TARGET", "usage: hgxrepo [-r FILE] copy TARGET\n"},
+        {{"copy"}, "copy: missing TARGET", "usage: hgxrepo [-r FILE] copy [--force] TARGET\n"},
+        {{"copy", "--force"},
+         "copy: missing TARGET",
+         "usage: hgxrepo [-r FILE] copy [--force] TARGET\n"},
         {{"addpg", "wrn:/a/:properties/g"},
          "addpg: missing TYPE",
          "usage: hgxrepo [-r FILE] addpg [--snapshot] WERN TYPE\n"},
@@ -408,7 +411,7 @@ TEST(HgxrepoCommandLine, BadCommandLinesSayWhyThenGiveUsage) {
             << r.out;
         EXPECT_EQ(r.err, "") << command;
     }
-    EXPECT_EQ(hgxrepo({"help", "copy"}).out, "usage: hgxrepo [-r FILE] copy TARGET\n");
+    EXPECT_EQ(hgxrepo({"help", "copy"}).out, "usage: hgxrepo [-r FILE] copy [--force] TARGET\n");
     e2e::Result help = hgxrepo({"--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.out.rfind(ALL, 0), 0u);
