@@ -98,7 +98,9 @@ repository_error_t repository_create(const char* wern, const char* snapshot,
                                      repository_t** repository) {
     *repository = nullptr;
     HgxPtr<hgx_handle_t> handle(hgx_handle_create(HGX_VERSION));
-    if (handle == nullptr || hgx_handle_bind(handle.get()) != 0) return REPOSITORY_QRM_ERROR;
+    // The view only reads: a run that changes nothing writes nothing.
+    if (handle == nullptr || hgx_handle_bind_no_writes(handle.get(), nullptr) != 0)
+        return REPOSITORY_QRM_ERROR;
 
     auto* repo = static_cast<repository_t*>(pkx_zalloc(sizeof(repository_t)));
     if (repo == nullptr) return REPOSITORY_NO_MEMORY;

@@ -142,23 +142,58 @@ void stencil_output_buffer_destroy(stencil_output_buffer_t* buffer) {
     std::free(buffer);
 }
 
-stencil_error_t stencil_output_buffer_emit(stencil_output_buffer_t* buffer, int fd) {
-    if (buffer == nullptr) {
-        return STENCIL_SUCCESS;
-    }
+namespace {
+
+// Node by node, one write each: the way when the joined text cannot be had.
+stencil_error_t emit_by_node(const stencil_output_buffer_t* buffer, int fd) {
     if (buffer->buffer != nullptr) {
         stencil_error_t rc = write_all(fd, buffer->buffer, std::strlen(buffer->buffer));
-        if (rc != STENCIL_SUCCESS) {
-            return rc;
-        }
+        if (rc != STENCIL_SUCCESS) return rc;
     }
     for (int i = 0; i < buffer->num; i++) {
-        stencil_error_t rc = stencil_output_buffer_emit(&buffer->chained[i], fd);
-        if (rc != STENCIL_SUCCESS) {
-            return rc;
-        }
+        stencil_error_t rc = emit_by_node(&buffer->chained[i], fd);
+        if (rc != STENCIL_SUCCESS) return rc;
     }
     return STENCIL_SUCCESS;
+}
+
+// The length of the tree's text, and whether any node holds text at all
+// (an empty text counts).
+void measure_text(const stencil_output_buffer_t* buffer, size_t* length, bool* any) {
+    if (buffer->buffer != nullptr) {
+        *length += std::strlen(buffer->buffer);
+        *any = true;
+    }
+    for (int i = 0; i < buffer->num; i++) measure_text(&buffer->chained[i], length, any);
+}
+
+char* copy_text(const stencil_output_buffer_t* buffer, char* at) {
+    if (buffer->buffer != nullptr) {
+        const size_t n = std::strlen(buffer->buffer);
+        std::memcpy(at, buffer->buffer, n);
+        at += n;
+    }
+    for (int i = 0; i < buffer->num; i++) at = copy_text(&buffer->chained[i], at);
+    return at;
+}
+
+}  // namespace
+
+stencil_error_t stencil_output_buffer_emit(stencil_output_buffer_t* buffer, int fd) {
+    if (buffer == nullptr) return STENCIL_SUCCESS;
+    // The whole text in one write: a file is then made in one step however
+    // many pieces the evaluation left. A tree with text, even an empty one,
+    // still gets its write call, so that a descriptor that refuses every
+    // write fails here too; a tree of no text at all gets none.
+    size_t length = 0;
+    bool any = false;
+    measure_text(buffer, &length, &any);
+    if (!any) return STENCIL_SUCCESS;
+    if (buffer->num == 0) return write_all(fd, buffer->buffer, length);
+    HeapText joined(alloc_text(length + 1));
+    if (joined == nullptr) return emit_by_node(buffer, fd);
+    copy_text(buffer, joined.get());
+    return write_all(fd, joined.get(), length);
 }
 
 char* stencil_output_buffer_text(const stencil_output_buffer_t* buffer) {
