@@ -2,9 +2,9 @@
 // the operations that grow, flatten, release and write it.
 //
 // Only the root handed to callers is a heap record of its own; every other
-// node lives by value in its parent's `chained` array, which grows by one
-// record per grow_chain. A pointer to a slot is therefore invalid after the
-// next grow_chain on its parent.
+// node lives by value in its parent's `chained` array, which grow_chain
+// extends by one record (moving the array now and then). A pointer to a slot
+// is therefore invalid after the next grow_chain on its parent.
 
 #include <unistd.h>
 
@@ -71,16 +71,24 @@ stencil_output_buffer_t* grow_chain(stencil_output_buffer_t* buffer) {
     if (buffer == nullptr) {
         return nullptr;
     }
-    auto* grown = static_cast<stencil_output_buffer_t*>(
-        std::realloc(buffer->chained, sizeof(stencil_output_buffer_t) * (buffer->num + 1)));
-    if (grown == nullptr) {
-        // The node's chain is given up; releasing it here keeps the failure
-        // from leaking the records that the old array still holds.
-        free_sub_output_buffer(buffer);
-        return nullptr;
+    // The array holds room for at least FIRST_ROOM records, and else for the
+    // next power of two: it grows (doubling) only when num reaches one, so
+    // that a section of n matches costs log n reallocations, not n.
+    constexpr size_t FIRST_ROOM = 4;
+    const auto num = static_cast<size_t>(buffer->num);
+    if (num == 0 || (num >= FIRST_ROOM && (num & (num - 1)) == 0)) {
+        const size_t room = num == 0 ? FIRST_ROOM : num * 2;
+        auto* grown = static_cast<stencil_output_buffer_t*>(
+            std::realloc(buffer->chained, sizeof(stencil_output_buffer_t) * room));
+        if (grown == nullptr) {
+            // The node's chain is given up; releasing it here keeps the
+            // failure from leaking the records that the old array still holds.
+            free_sub_output_buffer(buffer);
+            return nullptr;
+        }
+        buffer->chained = grown;
     }
-    buffer->chained = grown;
-    stencil_output_buffer_t* slot = &grown[buffer->num];
+    stencil_output_buffer_t* slot = &buffer->chained[buffer->num];
     buffer->num++;
     slot->buffer = nullptr;
     slot->num = 0;
