@@ -1,10 +1,12 @@
 #!/bin/sh
-# Installs the Debian packages the build, the tests and the demo need, but
+# Installs the Debian packages the build, the tests, the demo and the
+# benchmarks (strace) need, but
 # only when one of them is missing, so that a prepared machine is left alone.
 set -e
 PACKAGES="cmake ninja-build g++ clang libclang-rt-14-dev make pkg-config libsqlite3-dev sqlite3
 nlohmann-json3-dev clang-format libcap-dev libcap2-bin googletest libgtest-dev util-linux
-debhelper dpkg-dev fakeroot bash-completion etcd-server etcd-client libcurl4-openssl-dev openssl"
+debhelper dpkg-dev fakeroot bash-completion etcd-server etcd-client libcurl4-openssl-dev openssl
+strace"
 missing=""
 for p in $PACKAGES; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
