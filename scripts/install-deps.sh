@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs the Debian packages the build, the tests, the demo and the
-# benchmarks (strace) need, but
-# only when one of them is missing, so that a prepared machine is left alone.
+# benchmarks (strace) need, but only when one of them is missing, so that a
+# prepared machine is left alone.
 set -e
 PACKAGES="cmake ninja-build g++ clang libclang-rt-14-dev make pkg-config libsqlite3-dev sqlite3
 nlohmann-json3-dev clang-format libcap-dev libcap2-bin googletest libgtest-dev util-linux
