@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 
 #include "hgx_ptr.h"
@@ -157,7 +158,11 @@ property_table_node_t* add_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, const cha
     while (hgx_iter_next_value(reader->iter.get(), reader->value.get()) > 0) {
         if (hgx_value_get_as_string(reader->value.get(), reader->value_text.get(), size) < 0)
             return nullptr;
-        texts.append(reader->value_text.get(), std::strlen(reader->value_text.get()) + 1);
+        try {
+            texts.append(reader->value_text.get(), std::strlen(reader->value_text.get()) + 1);
+        } catch (const std::bad_alloc&) {
+            return nullptr;
+        }
         count++;
     }
     NodePtr node = new_node(REPO_TYPE_PROPERTY, name, nullptr, texts, count);

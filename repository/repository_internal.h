@@ -24,6 +24,9 @@ typedef struct local_property_info {
     int inst_have_pulled_properties;  // REPO_TYPE_INSTANCE records only
 } local_property_info_t;
 
+// A tree entry is one heap block: this record, then the values array, then
+// the texts that wern, pg_type and the values point to. free() of the node
+// releases all of it.
 typedef struct property_table_node {
     pkx_avl_node_t node;
     local_property_info_t info;
