@@ -47,7 +47,7 @@ static_assert(sizeof(property_list_node_t) % alignof(regmatch_t) == 0);
 // match's one group is all that lies between P and S, and the C library
 // need not work the groups out.
 struct PatternShape {
-    std::string_view prefix;
+    std::string_view prefix = "";  // never null: strncmp reads it
     bool one_group = false;
     size_t suffix = 0;  // length of S
 };

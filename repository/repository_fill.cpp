@@ -104,7 +104,7 @@ NodePtr new_node(repository_type_t kind, const char* name, const char* pg_type,
         info.pg_type = static_cast<char*>(std::memcpy(at, pg_type, type_size));
         at += type_size;
     }
-    std::memcpy(at, values.data(), values.size());
+    if (!values.empty()) std::memcpy(at, values.data(), values.size());
     for (int i = 0; i < num_values; i++) {
         info.values[i] = at;
         at += std::strlen(at) + 1;
