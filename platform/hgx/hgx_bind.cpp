@@ -186,6 +186,8 @@ const char* hgx_detail::error_text(hgx_error_t code) {
         case HGX_ERROR_CLUSTER_TLS:
             return "TLS with the etcd cluster failed (HGX_ETCD_CACERT, HGX_ETCD_CERT, "
                    "HGX_ETCD_KEY)";
+        case HGX_ERROR_CLUSTER_NOT_PERMITTED:
+            return "The etcd user (HGX_ETCD_USER) is not permitted to do this in the repository";
     }
     return "Unknown error";
 }

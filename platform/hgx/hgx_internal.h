@@ -155,8 +155,10 @@ class Store {
         return 0;
     }
 
-    // The store's own text for the last failure, or empty.
+    // The store's own text for the last failure, or empty; set_message
+    // gives it the text of a failure found above it (a copy's checks).
     const std::string& message() const { return message_; }
+    void set_message(std::string text) { message_ = std::move(text); }
 
   protected:
     std::string message_;
