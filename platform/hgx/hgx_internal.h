@@ -166,9 +166,15 @@ class Store {
 
 // How a store is opened.
 enum class OpenMode {
-    READ,    // one consistent state, read-only
-    WRITE,   // one transaction on an existing repository
-    CREATE,  // as WRITE, creating an empty repository where there is none
+    // One consistent state, read-only.
+    READ,
+    // As READ, and a file is read without any write to it or beside it; a
+    // writer of the file cannot open in this process while the store lives.
+    READ_NO_WRITES,
+    // One transaction on an existing repository.
+    WRITE,
+    // As WRITE, creating an empty repository where there is none.
+    CREATE,
 };
 
 // Opens the repository that `where` names: an etcd URL (etcd:// or

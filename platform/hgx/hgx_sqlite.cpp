@@ -47,6 +47,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <random>
 #include <unordered_map>
 
@@ -466,13 +467,57 @@ bool wal_is_empty(const std::string& file) {
     return stat((file + "-wal").c_str(), &st) != 0 || st.st_size == 0;
 }
 
+// As root, SQLite gives the -wal and -shm files the owner of the database
+// with fchown on every open, also where they have that owner already. Such a
+// call still changes the file (its ctime) and fails on a read-only file
+// system; this one is made only where the owner or group really changes.
+int fchown_if_changed(int fd, uid_t uid, gid_t gid) {
+    struct stat st;
+    if (fstat(fd, &st) == 0 && (uid == static_cast<uid_t>(-1) || st.st_uid == uid) &&
+        (gid == static_cast<gid_t>(-1) || st.st_gid == gid))
+        return 0;
+    return fchown(fd, uid, gid);
+}
+
+// Process-wide settings of SQLite, made once before the first connection of
+// any thread (the system-call table must not change under a connection).
+void prepare_sqlite() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        // No allocation statistics: they cost a lock and a count on every
+        // allocation, and nothing reads them. (Refused harmlessly where the
+        // library was set up before.)
+        sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+        sqlite3_vfs* vfs = sqlite3_vfs_find(nullptr);
+        if (vfs != nullptr && vfs->iVersion >= 3 && vfs->xSetSystemCall != nullptr)
+            vfs->xSetSystemCall(vfs, "fchown",
+                                reinterpret_cast<sqlite3_syscall_ptr>(&fchown_if_changed));
+    });
+}
+
+// How a reader reaches the WAL index (-shm) beside the file.
+enum class IndexAccess {
+    // Mapped read-only: the reader writes nothing at all. Within the process
+    // the mapping is shared by every connection to the file, so that a
+    // writer cannot connect while such a reader lives. Where a writer is
+    // connected it keeps the index, and the reader uses it as it is; where
+    // none is, the index cannot be trusted, and SQLite builds a private one
+    // in the reader's memory from the -wal file (empty after a writer that
+    // closed alone). A read lock on the -shm keeps checkpoints off the pages
+    // the reader reads either way.
+    READ_ONLY,
+    // Mapped read-write: a first reader creates or rebuilds the shared index.
+    SHARED,
+    // No index, no lock and no log: the main file alone.
+    NONE,
+};
+
 // Opens the file read-only, begins the read transaction and checks the
 // schema; HGX_ERROR_NONE with *out set, else the failure's code and nothing
 // left open. The transaction starts with BEGIN and is pinned by the first read
 // of the file, the header read of the schema check; from then on every
-// statement of the connection sees that state. `immutable` reads the main
-// file alone, without locks or WAL.
-hgx_error_t open_reading(const std::string& file, bool immutable, sqlite3** out) {
+// statement of the connection sees that state.
+hgx_error_t open_reading(const std::string& file, IndexAccess index, sqlite3** out) {
     // An absolute path behind an empty authority, so that one beginning
     // with "//" is not taken for a host.
     std::string uri = file.size() > 0 && file[0] == '/' ? "file://" : "file:";
@@ -486,10 +531,14 @@ hgx_error_t open_reading(const std::string& file, bool immutable, sqlite3** out)
             uri += static_cast<char>(c);
         }
     }
-    uri += immutable ? "?mode=ro&immutable=1" : "?mode=ro";
+    uri += index == IndexAccess::READ_ONLY ? "?mode=ro&readonly_shm=1"
+           : index == IndexAccess::NONE    ? "?mode=ro&immutable=1"
+                                           : "?mode=ro";
     sqlite3* db = nullptr;
-    if (sqlite3_open_v2(uri.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr) !=
-        SQLITE_OK) {
+    // A connection is used by one thread at a time: no locking of its own.
+    if (sqlite3_open_v2(uri.c_str(), &db,
+                        SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX,
+                        nullptr) != SQLITE_OK) {
         sqlite3_close_v2(db);
         return HGX_ERROR_REPOSITORY_ACCESS;
     }
@@ -506,7 +555,7 @@ hgx_error_t open_reading(const std::string& file, bool immutable, sqlite3** out)
     if (code != 0) {
         if ((code & 0xff) == SQLITE_NOTADB || (code & 0xff) == SQLITE_CORRUPT)
             return give_up(HGX_ERROR_NOT_A_REPOSITORY);
-        // The WAL index (-shm) could not be opened or created.
+        // The WAL index (-shm) could not be opened, created or used.
         if (code == SQLITE_CANTOPEN || code == SQLITE_READONLY_DIRECTORY ||
             code == SQLITE_READONLY_CANTINIT || code == SQLITE_READONLY_RECOVERY)
             return give_up(HGX_ERROR_REPOSITORY_LOG);
@@ -524,7 +573,7 @@ hgx_error_t open_reading(const std::string& file, bool immutable, sqlite3** out)
     return HGX_ERROR_NONE;
 }
 
-std::unique_ptr<Store> open_for_reading(const std::string& file) {
+std::unique_ptr<Store> open_for_reading(const std::string& file, bool no_writes) {
     struct stat st;
     if (stat(file.c_str(), &st) != 0) {
         if (errno != ENOENT && errno != ENOTDIR) return fail(HGX_ERROR_REPOSITORY_ACCESS), nullptr;
@@ -534,15 +583,21 @@ std::unique_ptr<Store> open_for_reading(const std::string& file) {
     }
     if (S_ISDIR(st.st_mode) || access(file.c_str(), R_OK) != 0)
         return fail(HGX_ERROR_REPOSITORY_ACCESS), nullptr;
+    prepare_sqlite();
+    // A reader that must write nothing maps the index read-only. Where the
+    // -shm file is missing, or caught half made by a writer that is just
+    // connecting, it takes the shared index as any other reader does,
+    // creating or rebuilding it.
     sqlite3* db = nullptr;
-    hgx_error_t code = open_reading(file, false, &db);
-    // A reader of a WAL database needs its -shm file. Where that is missing
-    // and this user cannot create it (a repository written by another user
-    // into a directory this one cannot write), the file can still be read
-    // without the WAL machinery, provided the WAL holds nothing: then the
-    // main file is the whole committed state.
+    hgx_error_t code = HGX_ERROR_REPOSITORY_LOG;
+    if (no_writes) code = open_reading(file, IndexAccess::READ_ONLY, &db);
+    if (code == HGX_ERROR_REPOSITORY_LOG) code = open_reading(file, IndexAccess::SHARED, &db);
+    // Where that index is missing and this user cannot create it (a
+    // repository written by another user into a directory this one cannot
+    // write), the file can still be read without the WAL machinery, provided
+    // the WAL holds nothing: then the main file is the whole committed state.
     if (code == HGX_ERROR_REPOSITORY_LOG && wal_is_empty(file))
-        code = open_reading(file, true, &db);
+        code = open_reading(file, IndexAccess::NONE, &db);
     // A file that holds nothing yet is named like one that is not there.
     if (code == HGX_ERROR_NO_REPOSITORY) {
         set_error_text(code, std::string(error_text(code)) + ": " + file);
@@ -674,6 +729,7 @@ std::unique_ptr<Store> open_for_writing(const std::string& file, bool create, in
     }
     if (S_ISDIR(st.st_mode)) return refuse(HGX_ERROR_REPOSITORY_ACCESS, "is a directory");
 
+    prepare_sqlite();
     sqlite3* db = nullptr;
     int rc = sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
     if (rc != SQLITE_OK) {
@@ -735,8 +791,8 @@ std::unique_ptr<Store> open_for_writing(const std::string& file, bool create, in
 
 std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode, std::string* message,
                                        int file_mode) {
-    if (mode == OpenMode::READ) {
-        std::unique_ptr<Store> s = open_for_reading(file);
+    if (mode == OpenMode::READ || mode == OpenMode::READ_NO_WRITES) {
+        std::unique_ptr<Store> s = open_for_reading(file, mode == OpenMode::READ_NO_WRITES);
         if (!s && message) *message = file + ": " + error_text(get_error());
         return s;
     }

@@ -138,10 +138,12 @@ stencil_error_t stencil_apply_observed(stencil_t* stencil, repository_t* reposit
 // value that does not parse on its own counts as whole: its load reports it.
 size_t stencil_define_length(const char* value);
 
-// Writes the tree's text to fd in order, retrying short writes. Returns
-// STENCIL_SUCCESS, or the failing write's STENCIL_ERROR_TOO_BIG,
-// STENCIL_ERROR_NO_SPACE or STENCIL_ERROR_IO (any other failure), with part of the text perhaps
-// written. The tree is only read; null writes nothing.
+// Writes the tree's text to fd in order, joined into one write call (more
+// only where fd takes it in pieces, or where memory for the joined text is
+// short), retrying short writes. Returns STENCIL_SUCCESS, or the failing
+// write's STENCIL_ERROR_TOO_BIG, STENCIL_ERROR_NO_SPACE or STENCIL_ERROR_IO
+// (any other failure), with part of the text perhaps written. The tree is
+// only read; null, or a tree with no text in any node, writes nothing.
 stencil_error_t stencil_output_buffer_emit(stencil_output_buffer_t* buffer, int fd);
 // 0: the file open on fd holds exactly the tree's text (fd -1 counts as
 // equal); anything else: it does not. A file that is not regular, or is
