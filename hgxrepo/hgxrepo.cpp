@@ -45,7 +45,10 @@ const char USAGE[] =
     "       hgxrepo [-r FILE] show WERN [SNAPSHOT]\n"
     "       hgxrepo [-r FILE] copy TARGET\n"
     "       hgxrepo [-r FILE] diff WERN\n"
-    "       hgxrepo [-r FILE] sync [--once] [--service PATTERN]... [--exec COMMAND] URL\n"
+    "       hgxrepo [-r FILE] sync [--once] [--service PATTERN]... [--instance PATTERN]...\n"
+    "                              [--exec COMMAND] URL\n"
+    "       hgxrepo -r URL grant USER [--host NAME] WERN...\n"
+    "       hgxrepo -r URL upgrade\n"
     "       hgxrepo help\n"
     "       hgxrepo --version\n"
     "The repository file is FILE, else $HGX_REPOSITORY, else " HGX_DEFAULT_REPOSITORY
@@ -72,6 +75,8 @@ int cmd_sync(const Invocation& inv) {
         } else if ((words[k] == "--service" || words[k] == "--exec") && k + 1 < words.size()) {
             (words[k] == "--exec" ? o.exec : o.services.emplace_back()) = words[k + 1];
             ++k;
+        } else if (words[k] == "--instance" && k + 1 < words.size()) {
+            o.instances.push_back(words[++k]);
         } else {
             throw Usage{"unknown option " + manifest::quote(words[k])};
         }
@@ -96,7 +101,8 @@ constexpr Command COMMANDS[] = {
     {"delpg", cmd_delpg, true},        {"delete", cmd_delete, false},
     {"list", cmd_list, false},         {"show", cmd_show, false},
     {"copy", cmd_copy, false},         {"diff", cmd_diff, false},
-    {"sync", cmd_sync, false},
+    {"sync", cmd_sync, false},         {"grant", cmd_grant, false},
+    {"upgrade", cmd_upgrade, false},
 };
 
 const Command* find_command(const std::string& name) {

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -199,6 +200,10 @@ std::string fresh_id() {
     return buf;
 }
 
+namespace {
+std::atomic<int64_t> bytes_read{0};  // answers and watch streams, for hgx_cluster_bytes_read
+}  // namespace
+
 hgx_error_t client_error(int status) {
     switch (status) {
         case HGX_ETCD_TIMEOUT:
@@ -231,6 +236,7 @@ int Cluster::call(const char* path, const json& request, json* reply, std::strin
         return fail(client_error(s));
     }
     std::string text(r.body, r.size);
+    bytes_read += static_cast<int64_t>(r.size);
     long status = r.http_status;
     api_->release(&r);
     json j = json::parse(text, nullptr, false);
@@ -250,8 +256,9 @@ int Cluster::call(const char* path, const json& request, json* reply, std::strin
     if (error.find("request is too large") != std::string::npos ||
         error.find("too many operations") != std::string::npos)
         return fail(HGX_ERROR_TOO_LARGE);
+    if (error.find("permission denied") != std::string::npos)
+        return fail(HGX_ERROR_CLUSTER_NOT_PERMITTED);
     if (error.find("auth") != std::string::npos ||
-        error.find("permission denied") != std::string::npos ||
         error.find("user name") != std::string::npos)
         return fail(HGX_ERROR_CLUSTER_CREDENTIALS);
     return fail(HGX_ERROR_CONNECTION_BROKEN);
@@ -362,6 +369,7 @@ struct Follower {
 
 int follow_data(void* p, const char* data, size_t size) {
     Follower* f = static_cast<Follower*>(p);
+    bytes_read += static_cast<int64_t>(size);
     try {
         f->pending.append(data, size);
         size_t nl;
@@ -386,6 +394,8 @@ int follow_keep_going(void* p) { return (*static_cast<Follower*>(p)->keep_going)
 namespace hgx_detail {
 
 using namespace etcd;
+
+int64_t cluster_bytes_read() { return bytes_read; }
 
 int follow_cluster(const std::string& url, int64_t after,
                    const std::function<bool(int64_t)>& on_commit,

@@ -71,6 +71,8 @@ typedef enum hgx_error {
     HGX_ERROR_CONFLICT = 1030,               // another writer committed first
     HGX_ERROR_TOO_LARGE = 1031,              // more than one etcd request holds
     HGX_ERROR_CLUSTER_TLS = 1032,            // TLS failed: CA, certificate or key
+    HGX_ERROR_CLUSTER_NOT_PERMITTED = 1033,  // the etcd user may not do this
+    HGX_ERROR_CLUSTER_OLD_SCHEMA = 1034,     // a repository of an older schema: upgrade it
 } hgx_error_t;
 
 typedef enum hgx_type {
