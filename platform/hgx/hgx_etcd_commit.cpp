@@ -417,6 +417,7 @@ void EtcdStore::choose_epochs(Plan* p) {
                 most = &sc;
         if (!most) {
             p->new_er = true;
+            p->er = fresh_id();
             return;
         }
         most->new_es = true;
