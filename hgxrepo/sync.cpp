@@ -85,6 +85,10 @@ void pause_for(int seconds) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
 }
 
+// Changed instances of a wholly mirrored service beyond which it is copied
+// whole rather than instance by instance.
+constexpr size_t WHOLE_AFTER = 64;
+
 // A part of the repository: a service's own groups (instance "") or an
 // instance with its snapshots; and the versions of parts.
 using Part = std::pair<std::string, std::string>;
@@ -123,9 +127,14 @@ class Mirror {
     bool selection(hgx_writer_t* c, Versions* out, std::string* why);
     bool select_service(hgx_writer_t* c, const std::string& service, Versions* out,
                         std::string* why);
-    // Where the user may read only what it was granted: those instances, and
-    // the ones that instance patterns name outright.
-    bool select_granted(hgx_writer_t* c, Versions* out, std::string* why);
+    // Where the user may read only what it was granted (those instances) or
+    // the patterns name instances outright (those): each read by its name.
+    bool select_named(hgx_writer_t* c, const std::string* service, Versions* out,
+                      std::string* why);
+    std::vector<std::string> literal_instances() const;
+    // Whether the selection is a list of instances read one by one rather
+    // than found by listing the cluster.
+    bool by_name() const { return limited_ || literal_only_; }
     // What this revision's commit changed among what the mirror holds or
     // would hold: the parts examined and their versions now.
     bool changed_parts(hgx_writer_t* c, Versions* next, std::set<Part>* examined,
@@ -148,8 +157,9 @@ class Mirror {
     int64_t revision_ = 0;                        // last applied
     Versions versions_;                           // of what the file holds, at revision_
     bool limited_ = false;  // the user may read only the instances granted to it
-    std::vector<std::string> granted_;  // those, read once a copy from the start
-    bool granted_known_ = false;
+    bool literal_only_ = false;  // every pattern names one instance outright
+    std::vector<std::string> named_;  // what select_named reads, once a copy from the start
+    bool named_known_ = false;
     bool resume_ = false;
     int64_t bytes_ = 0;  // read from the cluster when the last revision was applied
 };
@@ -171,6 +181,8 @@ bool Mirror::prepare() {
     if (!compile(o_.services, "--service", &services_, &services_text_) ||
         !compile(o_.instances, "--instance", &instances_, &instances_text_))
         return false;
+    literal_only_ = services_.empty() && !instances_.empty() &&
+                    literal_instances().size() == instances_.size();
     if (o_.url.rfind("etcd://", 0) != 0 && o_.url.rfind("etcds://", 0) != 0) {
         std::fprintf(stderr, "hgxrepo: sync follows an etcd cluster: %s is no etcd URL\n",
                      o_.url.c_str());
@@ -234,27 +246,36 @@ bool Mirror::select_service(hgx_writer_t* c, const std::string& service, Version
     return true;
 }
 
-bool Mirror::select_granted(hgx_writer_t* c, Versions* out, std::string* why) {
-    if (!granted_known_) {
-        if (hgx_writer_granted(c, &granted_) < 0) {
+// Instance patterns that name one instance outright (a wern that matches
+// itself) are read as such: a host's mirror of its instance never lists the
+// fleet, and an instance its user may not read is refused, not left out.
+std::vector<std::string> Mirror::literal_instances() const {
+    std::vector<std::string> out;
+    for (const std::string& text : o_.instances) {
+        hgx_wern_parts parts;
+        Pattern self(text);
+        if (hgx_wern_split(text.c_str(), &parts) == 0 && parts.has_instance &&
+            parts.path.empty() && self.ok && self.matches(text))
+            out.push_back(text);
+    }
+    return out;
+}
+
+bool Mirror::select_named(hgx_writer_t* c, const std::string* service, Versions* out,
+                          std::string* why) {
+    if (!named_known_) {
+        named_.clear();
+        if (limited_ && hgx_writer_granted(c, &named_) < 0) {
             *why = "cannot read the grants of HGX_ETCD_USER: " + lib_error();
             return false;
         }
-        // A pattern that names one instance outright is read as such, so
-        // that an instance not granted is refused rather than left out.
-        for (const std::string& text : o_.instances) {
-            hgx_wern_parts parts;
-            Pattern self(text);
-            if (hgx_wern_split(text.c_str(), &parts) == 0 && parts.has_instance &&
-                parts.path.empty() && self.ok && self.matches(text))
-                granted_.push_back(text);
-        }
-        granted_known_ = true;
+        for (std::string& w : literal_instances()) named_.push_back(std::move(w));
+        named_known_ = true;
     }
-    for (const std::string& w : granted_) {
+    for (const std::string& w : named_) {
         hgx_wern_parts parts;
         if (hgx_wern_split(w.c_str(), &parts) < 0 || !parts.has_instance ||
-            !selected(parts.service, parts.instance))
+            (service && parts.service != *service) || !selected(parts.service, parts.instance))
             continue;
         std::string own, version;
         int rc = hgx_writer_version(c, parts.service, "", &own);
@@ -272,7 +293,7 @@ bool Mirror::select_granted(hgx_writer_t* c, Versions* out, std::string* why) {
 
 bool Mirror::selection(hgx_writer_t* c, Versions* out, std::string* why) {
     out->clear();
-    if (limited_) return select_granted(c, out, why);
+    if (by_name()) return select_named(c, nullptr, out, why);
     std::vector<std::string> names;
     if (hgx_writer_services(c, &names) < 0) {
         if (hgx_error() != HGX_ERROR_CLUSTER_NOT_PERMITTED) {
@@ -280,7 +301,8 @@ bool Mirror::selection(hgx_writer_t* c, Versions* out, std::string* why) {
             return false;
         }
         limited_ = true;
-        return select_granted(c, out, why);
+        named_known_ = false;
+        return select_named(c, nullptr, out, why);
     }
     for (const std::string& name : names)
         if ((wholly(name) || !instances_.empty()) && !select_service(c, name, out, why))
@@ -298,6 +320,7 @@ bool Mirror::changed_parts(hgx_writer_t* c, Versions* next, std::set<Part>* exam
             return false;
         }
         limited_ = all = true;
+        named_known_ = false;
     }
     *next = versions_;
     if (all) {
@@ -317,7 +340,9 @@ bool Mirror::changed_parts(hgx_writer_t* c, Versions* next, std::set<Part>* exam
                 it = next->erase(it);
             }
             Versions now;
-            if ((wholly(service) || !instances_.empty()) && !select_service(c, service, &now, why))
+            if (by_name() ? !select_named(c, &service, &now, why)
+                          : (wholly(service) || !instances_.empty()) &&
+                                !select_service(c, service, &now, why))
                 return false;
             for (auto& [part, v] : now) {
                 examined->insert(part);
@@ -439,7 +464,7 @@ bool Mirror::write_parts(hgx_writer_t* file, hgx_writer_t* c, const Versions& ne
         bool own = parts.count("") > 0;
         std::map<std::string, std::string> before, after;
         // Where the own groups change, every instance's view may.
-        if (own) {
+        if (own || parts.size() > WHOLE_AFTER) {
             if (hgx_writer_instance_texts(file, service, &before) < 0)
                 return failed("cannot read " + o_.file);
         } else {
@@ -451,10 +476,14 @@ bool Mirror::write_parts(hgx_writer_t* file, hgx_writer_t* c, const Versions& ne
             }
         }
         bool gone = own && !next.count({service, ""});
-        if (gone) {
+        // Most of a large service changed: copied whole, in one reading.
+        bool whole = !gone && wholly(service) && !by_name() && parts.size() > WHOLE_AFTER;
+        if (gone || whole) {
             hgx_id_t old = hgx_writer_find_service(file, service);
             if (old < 0 || (old > 0 && hgx_writer_delete_service(file, old) < 0))
                 return failed("cannot write " + o_.file);
+            if (whole && hgx_writer_copy_service(file, c, service) < 0)
+                return failed("cannot copy wrn:/" + service);
         } else {
             if (own && hgx_writer_copy_own(file, c, service) < 0)
                 return failed("cannot copy wrn:/" + service);
@@ -465,7 +494,7 @@ bool Mirror::write_parts(hgx_writer_t* file, hgx_writer_t* c, const Versions& ne
                     return failed("cannot copy " + wern_of({service, instance}));
             }
         }
-        if (own) {
+        if (own || parts.size() > WHOLE_AFTER) {
             if (hgx_writer_instance_texts(file, service, &after) < 0)
                 return failed("cannot read " + o_.file);
         } else {
@@ -500,7 +529,7 @@ bool Mirror::apply(int64_t revision, bool whole, std::string* why) {
         return false;
     }
     int64_t at = hgx_writer_revision(cluster.get());
-    if (whole) granted_known_ = false;
+    if (whole) named_known_ = false;
     Versions next;
     std::set<Part> examined;
     if (whole ? !selection(cluster.get(), &next, why)
@@ -586,6 +615,7 @@ int Mirror::run() {
         Writer at(hgx_reader_open_at(o_.url.c_str(), revision_, &message));
         if (at && selection(at.get(), &versions_, &why)) {
             log_line("resuming at revision " + std::to_string(revision_));
+            bytes_ = hgx_cluster_bytes_read();
         } else {
             whole = true;
             if (hgx_error() == HGX_ERROR_REVISION_COMPACTED)

@@ -277,13 +277,14 @@ int EtcdStore::adopt_instance(int64_t instance, const std::vector<Kv>& kvs) {
     return 0;
 }
 
-// One instance's range, unless so many of a listed service are read one by
-// one that reading the whole service at once costs less.
+// One instance's range, unless so many of a service whose instances are
+// walked are read one by one that reading the whole service at once costs
+// less.
 int EtcdStore::load_instance(int64_t instance) {
     InstanceEntry& in = instances_.at(instance);
     if (in.loaded) return 0;
     ServiceEntry& s = services_.at(in.service);
-    if (s.listed && !s.bulk && ++s.single_loads > BULK_AFTER) return load_bulk(in.service);
+    if (s.walked && !s.bulk && ++s.single_loads > BULK_AFTER) return load_bulk(in.service);
     std::string base = k_.own(s.name, in.name);
     std::vector<Kv> kvs;
     if (range(base, range_end(base), &kvs) < 0) return -1;
@@ -332,6 +333,7 @@ int row_of(const std::map<std::string, int64_t>& children, std::string_view name
 
 int EtcdStore::instances(int64_t service, std::vector<Row>* out) {
     if (list_instances(service) < 0) return -1;
+    services_.at(service).walked = true;
     return rows_of(services_.at(service).instances, out);
 }
 

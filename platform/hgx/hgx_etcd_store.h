@@ -169,6 +169,7 @@ struct ServiceEntry {
     bool loaded = false;  // its own groups are in memory
     bool listed = false;  // every instance is known
     bool bulk = false;    // every instance's documents have been read
+    bool walked = false;  // its instances were asked for, to be read one after another
     int single_loads = 0;
     bool own_dirty = false;
     std::map<std::string, int64_t> instances;  // known ones
