@@ -1,9 +1,11 @@
 # The install layout (cmake --install, make install, the Debian package):
-#   bin/kelvo, bin/hgxrepo, bin/kelvo-diff, bin/kelvo-lint
+#   bin/kelvo, bin/hgxrepo, bin/kelvo-diff, bin/kelvo-lint, bin/kelvo-apply
 #   share/man/man1/                       their pages, title line carrying the version
-#   share/doc/kelvo/                      README.md, the guides, examples/
+#   share/doc/kelvo/                      README.md, the guides, examples/ (scripts
+#                                         keep their run bit)
 #   lib/kelvo/hgx-etcd.so                 the etcd store's client, when built
-#   share/bash-completion/completions/    kelvo, hgxrepo
+#   share/bash-completion/completions/    hgxrepo; kelvo, kelvo-diff, kelvo-lint,
+#                                         kelvo-apply (one file under each name)
 #   /lib/wrn/stencils, /var/lib/hgx       kelvo's default stencil directory and
 #                                         the repository's directory; absolute,
 #                                         so below DESTDIR but not the prefix
@@ -13,7 +15,7 @@ include(GNUInstallDirs)
 # The manual pages' title line names the release ("kelvo 1.0"); the installed
 # copies carry the project's version whatever docs/ says. They are remade when
 # the page or the version changes, and only then.
-foreach(page kelvo.1 hgxrepo.1 kelvo-diff.1 kelvo-lint.1)
+foreach(page kelvo.1 hgxrepo.1 kelvo-diff.1 kelvo-lint.1 kelvo-apply.1)
   set(source ${CMAKE_CURRENT_SOURCE_DIR}/docs/${page})
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
   file(READ ${source} text)
@@ -30,9 +32,15 @@ endforeach()
 
 install(FILES README.md docs/stencil-language.md docs/etcd-store.md docs/fleet.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
-install(FILES completion/kelvo completion/hgxrepo
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+# A script among the examples is run as it is installed (hgxrepo sync
+# --exec): it keeps the mode it has in the tree.
+install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples USE_SOURCE_PERMISSIONS)
+# bash-completion loads a program's completion from the file of its name.
+install(FILES completion/hgxrepo DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+foreach(program kelvo kelvo-diff kelvo-lint kelvo-apply)
+  install(FILES completion/kelvo DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+          RENAME ${program})
+endforeach()
 
 # Empty directories the programs expect; the stencils of services and the
 # repository itself come from elsewhere.

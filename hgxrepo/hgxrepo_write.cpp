@@ -165,12 +165,12 @@ int cmd_setprop(const Invocation& inv) {
     const std::vector<std::string>& words = inv.words;
     // The type option stands behind the wern; in front of it, it would be
     // taken for the wern.
-    if (words[0] == "-t") throw Usage{};
+    if (words[0] == "-t") throw Usage{"setprop: -t goes behind the WERN"};
     std::string type;
     size_t first = 1;
     bool typed = false;
     if (words.size() > 1 && words[1] == "-t") {
-        if (words.size() < 3) throw Usage{};
+        if (words.size() < 3) throw Usage{"setprop: -t needs a TYPE"};
         type = words[2];
         typed = true;
         first = 3;

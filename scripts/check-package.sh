@@ -20,6 +20,19 @@ if dpkg-deb -c "$DEB" | grep -q '/usr/lib/kelvo/hgx-etcd\.so$'; then
         fail "$DEB ships the etcd store but does not depend on libcurl4"
 fi
 
+# Modes inside the package, before anything is installed: the programs, and
+# the example scripts that hgxrepo sync --exec runs where they lie, are
+# executable (an example script without its run bit fails every --exec
+# with status 126).
+contents=$(dpkg-deb -c "$DEB" | awk '{ print $1, $NF }')
+executables="usr/bin/kelvo usr/bin/hgxrepo usr/bin/kelvo-diff usr/bin/kelvo-lint usr/bin/kelvo-apply
+$(cd "$SRC" && find examples -type f -perm -u+x | sed 's|^|usr/share/doc/kelvo/|')"
+for f in $executables; do
+    mode=$(echo "$contents" | awk -v path="./$f" '$2 == path { print $1 }')
+    [ -n "$mode" ] || fail "$DEB does not hold /$f"
+    [ "$mode" = "-rwxr-xr-x" ] || fail "/$f is $mode in $DEB, not -rwxr-xr-x"
+done
+
 SUDO=""
 [ "$(id -u)" -ne 0 ] && SUDO=sudo
 echo "check-package: dpkg -i $DEB"
@@ -28,7 +41,10 @@ $SUDO dpkg -i "$DEB"
 version=$(sed -n 's/^project(kelvo VERSION \([^ )]*\).*/\1/p' "$SRC/CMakeLists.txt")
 [ "$(/usr/bin/hgxrepo --version)" = "hgxrepo $version" ] || fail "installed hgxrepo --version is wrong"
 for f in /usr/share/man/man1/kelvo.1.gz /usr/share/man/man1/hgxrepo.1.gz \
+    /usr/share/man/man1/kelvo-apply.1.gz \
     /usr/share/bash-completion/completions/kelvo /usr/share/bash-completion/completions/hgxrepo \
+    /usr/share/bash-completion/completions/kelvo-diff /usr/share/bash-completion/completions/kelvo-lint \
+    /usr/share/bash-completion/completions/kelvo-apply \
     /usr/share/doc/kelvo/examples/services.json; do
     [ -f "$f" ] || fail "$f is not installed"
 done

@@ -100,6 +100,11 @@ ssize_t hgx_limit(int code) {
 hgx_error_t hgx_error(void) { return get_error(); }
 
 const char* hgx_strerror(hgx_error_t code) {
+    const char* particular = last_error_text(code);
+    return particular != nullptr ? particular : error_text(code);
+}
+
+const char* hgx_detail::error_text(hgx_error_t code) {
     switch (code) {
         case HGX_ERROR_NONE:
             return "No error";

@@ -192,6 +192,7 @@ const char* kelvo_bin() { return KELVO_BIN; }
 const char* hgxrepo_bin() { return HGXREPO_BIN; }
 const char* kelvo_diff_bin() { return KELVO_DIFF_BIN; }
 const char* kelvo_lint_bin() { return KELVO_LINT_BIN; }
+const char* kelvo_apply_bin() { return KELVO_APPLY_BIN; }
 std::string source_dir() { return SOURCE_DIR; }
 
 void make_repository(const std::string& path, const std::string& manifest_json, bool snapshot) {

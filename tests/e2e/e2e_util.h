@@ -61,6 +61,7 @@ const char* kelvo_bin();
 const char* hgxrepo_bin();
 const char* kelvo_diff_bin();
 const char* kelvo_lint_bin();
+const char* kelvo_apply_bin();
 std::string source_dir();
 
 // Imports the manifest text into a new repository file at path with

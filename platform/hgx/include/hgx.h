@@ -295,8 +295,11 @@ ssize_t hgx_limit(int code);
 // has failed. A success does not reset it: read it only after a failure.
 hgx_error_t hgx_error(void);
 // A text for the code, never null ("Unknown error" for a code of no
-// meaning); static, not to be freed. Some texts name the environment
-// variables or files to look at, as they are what a user sees of a failure.
+// meaning); not to be freed. Some texts name the environment variables or
+// files to look at, as they are what a user sees of a failure. For the code
+// of the calling thread's last failure the text may say more of that
+// failure (the repository file that does not exist, what a wern looks like);
+// such a text lasts until the thread's next failure, the others for good.
 const char* hgx_strerror(hgx_error_t code);
 
 // Name of a type ("astring", ...) and back; null / HGX_TYPE_INVALID if
