@@ -42,8 +42,8 @@ const char USAGE[] =
     "       hgxrepo [-r FILE] show WERN [SNAPSHOT]\n"
     "       hgxrepo [-r FILE] copy TARGET\n"
     "       hgxrepo [-r FILE] diff WERN\n"
-    "       hgxrepo [-r FILE] sync [--once] [--service PATTERN]... [--instance PATTERN]...\n"
-    "                              [--exec COMMAND] URL\n"
+    "       hgxrepo [-r FILE] sync [--once] [--service PATTERN]... [--instance PATTERN]... "
+    "[--exec COMMAND] URL\n"
     "       hgxrepo -r URL grant USER [--host NAME] WERN...\n"
     "       hgxrepo -r URL upgrade\n"
     "       hgxrepo help\n"
@@ -67,7 +67,8 @@ std::vector<std::string> usage_of(const std::string& command) {
         if (lead == std::string::npos || line.compare(lead, 8, "hgxrepo ") != 0) continue;
         line.erase(0, lead);
         std::string rest = line.substr(std::string("hgxrepo ").size());
-        if (rest.rfind("[-r FILE] ", 0) == 0) rest.erase(0, std::string("[-r FILE] ").size());
+        for (const char* r : {"[-r FILE] ", "-r URL "})
+            if (rest.rfind(r, 0) == 0) rest.erase(0, std::string(r).size());
         if (rest.substr(0, rest.find(' ')) == command) lines.push_back(line);
     }
     return lines;
