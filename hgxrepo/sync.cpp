@@ -129,16 +129,14 @@ class Mirror {
                         std::string* why);
     // Where the user may read only what it was granted (those instances) or
     // the patterns name instances outright (those): each read by its name.
-    bool select_named(hgx_writer_t* c, const std::string* service, Versions* out,
-                      std::string* why);
+    bool select_named(hgx_writer_t* c, const std::string* service, Versions* out, std::string* why);
     std::vector<std::string> literal_instances() const;
     // Whether the selection is a list of instances read one by one rather
     // than found by listing the cluster.
     bool by_name() const { return limited_ || literal_only_; }
     // What this revision's commit changed among what the mirror holds or
     // would hold: the parts examined and their versions now.
-    bool changed_parts(hgx_writer_t* c, Versions* next, std::set<Part>* examined,
-                       std::string* why);
+    bool changed_parts(hgx_writer_t* c, Versions* next, std::set<Part>* examined, std::string* why);
     // Brings the file to the cluster at `revision` (0: the newest): every
     // selected part when whole, else the parts that changed. True when
     // applied (or nothing to apply); false with *why.
@@ -156,8 +154,8 @@ class Mirror {
     std::string source_;                          // the cluster's, once known
     int64_t revision_ = 0;                        // last applied
     Versions versions_;                           // of what the file holds, at revision_
-    bool limited_ = false;  // the user may read only the instances granted to it
-    bool literal_only_ = false;  // every pattern names one instance outright
+    bool limited_ = false;            // the user may read only the instances granted to it
+    bool literal_only_ = false;       // every pattern names one instance outright
     std::vector<std::string> named_;  // what select_named reads, once a copy from the start
     bool named_known_ = false;
     bool resume_ = false;
@@ -170,8 +168,8 @@ bool Mirror::prepare() {
         for (const std::string& p : texts) {
             out->push_back(std::make_unique<Pattern>(p));
             if (!out->back()->ok) {
-                std::fprintf(stderr, "hgxrepo: %s %s: not an extended regular expression\n",
-                             option, p.c_str());
+                std::fprintf(stderr, "hgxrepo: %s %s: not an extended regular expression\n", option,
+                             p.c_str());
                 return false;
             }
             *recorded += p + "\n";
@@ -181,8 +179,8 @@ bool Mirror::prepare() {
     if (!compile(o_.services, "--service", &services_, &services_text_) ||
         !compile(o_.instances, "--instance", &instances_, &instances_text_))
         return false;
-    literal_only_ = services_.empty() && !instances_.empty() &&
-                    literal_instances().size() == instances_.size();
+    literal_only_ =
+        services_.empty() && !instances_.empty() && literal_instances().size() == instances_.size();
     if (o_.url.rfind("etcd://", 0) != 0 && o_.url.rfind("etcds://", 0) != 0) {
         std::fprintf(stderr, "hgxrepo: sync follows an etcd cluster: %s is no etcd URL\n",
                      o_.url.c_str());
@@ -254,8 +252,8 @@ std::vector<std::string> Mirror::literal_instances() const {
     for (const std::string& text : o_.instances) {
         hgx_wern_parts parts;
         Pattern self(text);
-        if (hgx_wern_split(text.c_str(), &parts) == 0 && parts.has_instance &&
-            parts.path.empty() && self.ok && self.matches(text))
+        if (hgx_wern_split(text.c_str(), &parts) == 0 && parts.has_instance && parts.path.empty() &&
+            self.ok && self.matches(text))
             out.push_back(text);
     }
     return out;

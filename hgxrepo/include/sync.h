@@ -23,8 +23,8 @@ struct SyncOptions {
 // transaction, then (without once) applies each later commit that changes
 // what it mirrors in one transaction of its own, reading only what changed,
 // until SIGTERM or SIGINT. A user that may read only the instances granted
-// to it (hgx_grant) mirrors those that the patterns select. Events go to standard
-// error, one line each with a timestamp. Returns the exit status: 0 after
+// to it (hgx_grant) mirrors those that the patterns select. Events go to
+// standard error, one line each with a timestamp. Returns the exit status: 0 after
 // --once or a signal, 1 when the file is refused (not a repository, or the
 // mirror of another cluster or prefix, or a repository that is no mirror) or
 // a pattern does not compile, and 1 when a copy of the whole cluster fails

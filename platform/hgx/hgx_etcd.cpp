@@ -96,8 +96,8 @@ int EtcdStore::open(bool create, int64_t at) {
         // Nothing at all below the prefix: room for a new repository.
         int64_t count = 0;
         const std::string& p = k_.prefix();
-        if (cluster_->range(p, range_end(p), revision_, nullptr, nullptr, &message_, true,
-                            &count) < 0)
+        if (cluster_->range(p, range_end(p), revision_, nullptr, nullptr, &message_, true, &count) <
+            0)
             return -1;
         if (count) return fail(HGX_ERROR_CLUSTER_FOREIGN);
         if (!create) return fail(HGX_ERROR_CLUSTER_NO_REPOSITORY);

@@ -17,7 +17,8 @@ constexpr size_t CHUNK_ENTRIES = 2000;  // keys of one list, some 100 KB
 json relative(const std::vector<std::string>& keys, size_t from, size_t to,
               const std::string& prefix) {
     json out = json::array();
-    for (size_t i = from; i < to && i < keys.size(); ++i) out.push_back(keys[i].substr(prefix.size()));
+    for (size_t i = from; i < to && i < keys.size(); ++i)
+        out.push_back(keys[i].substr(prefix.size()));
     return out;
 }
 
@@ -131,14 +132,12 @@ int EtcdStore::load_legacy(const json& head) {
     if (epoch == head.end() || !epoch->is_string()) return fail(HGX_ERROR_CLUSTER_FOREIGN);
     std::string from = k_.prefix() + "e/" + epoch->get<std::string>() + "/";
     std::vector<Kv> pointers;
-    if (range_all(*cluster_, from, range_end(from), revision_, &pointers, &message_) < 0)
-        return -1;
+    if (range_all(*cluster_, from, range_end(from), revision_, &pointers, &message_) < 0) return -1;
     for (const Kv& pointer : pointers) {
         std::string name = pointer.key.substr(from.size());
         std::string base = k_.prefix() + "d/" + pointer.value + "/";
         std::vector<Kv> kvs;
-        if (range_all(*cluster_, base, range_end(base), revision_, &kvs, &message_) < 0)
-            return -1;
+        if (range_all(*cluster_, base, range_end(base), revision_, &kvs, &message_) < 0) return -1;
         Doc own;
         if (!valid_service_name(name)) return broken("a service name is malformed: " + name);
         if (read_doc(kvs, base + "s", &own) < 0) return -1;
@@ -306,9 +305,8 @@ int EtcdStore::grant(const std::string& user, const std::string& host,
                            &message_) < 0)
             return -1;
     for (const Perm& p : had) {
-        bool kept = std::any_of(wanted.begin(), wanted.end(), [&](const Perm& q) {
-            return q.key == p.key && q.end == p.end;
-        });
+        bool kept = std::any_of(wanted.begin(), wanted.end(),
+                                [&](const Perm& q) { return q.key == p.key && q.end == p.end; });
         json revoke = {{"role", role}, {"key", b64(p.key)}};
         if (!p.end.empty()) revoke["range_end"] = b64(p.end);
         if (!kept && cluster_->call("/v3/auth/role/revoke", revoke, &reply, &message_) < 0)
@@ -332,7 +330,8 @@ std::unique_ptr<etcd::EtcdStore> admin_store(const std::string& url, std::string
     std::unique_ptr<Cluster> cluster;
     std::string detail;
     if (connect(url, WRITE_CALL_MS, false, &u, &cluster, &detail) < 0) {
-        *message = url + ": " + hgx_strerror(get_error()) + (detail.empty() ? "" : " (" + detail + ")");
+        *message =
+            url + ": " + hgx_strerror(get_error()) + (detail.empty() ? "" : " (" + detail + ")");
         return nullptr;
     }
     return std::make_unique<EtcdStore>(std::move(cluster), u.prefix, true);
@@ -361,8 +360,8 @@ int grant_cluster_role(const std::string& url, const std::string& user, const st
     auto store = admin_store(url, message);
     if (!store) return -1;
     if (store->open(false, 0) < 0 || store->grant(user, host, werns, missing) < 0) {
-        *message = get_error() == HGX_ERROR_INVALID_ARGUMENT ? store->message()
-                                                              : failure(url, *store);
+        *message =
+            get_error() == HGX_ERROR_INVALID_ARGUMENT ? store->message() : failure(url, *store);
         return -1;
     }
     return 0;

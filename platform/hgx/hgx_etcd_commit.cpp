@@ -220,8 +220,8 @@ struct EtcdStore::Plan {
     int docs = 0;
     std::vector<json> writes;          // puts written before the switch (or with it)
     std::vector<std::string> written;  // their keys
-    std::vector<json> moves;  // what the switch changes besides head and changes
-    Removal garbage;          // what the commit replaces
+    std::vector<json> moves;           // what the switch changes besides head and changes
+    Removal garbage;                   // what the commit replaces
     std::vector<ServiceChange> services;
     std::string er;  // the epoch the head names after the switch
     bool new_er = false;
@@ -449,16 +449,16 @@ int EtcdStore::finish_plan(Plan* p) {
             }
             for (const auto& [instance, ptr] : all) {
                 std::string value = encode_pointer(ptr);
-                for (std::string key :
-                     {k_.pointer(name, instance, sc.after->es), k_.instances(sc.after->es) + instance}) {
+                for (std::string key : {k_.pointer(name, instance, sc.after->es),
+                                        k_.instances(sc.after->es) + instance}) {
                     p->writes.push_back(put_op(key, value));
                     p->written.push_back(std::move(key));
                 }
             }
         } else if (sc.after) {
             for (const auto& [instance, ptr] : sc.moved) {
-                for (const std::string& key :
-                     {k_.pointer(name, instance, sc.after->es), k_.instances(sc.after->es) + instance})
+                for (const std::string& key : {k_.pointer(name, instance, sc.after->es),
+                                               k_.instances(sc.after->es) + instance})
                     p->moves.push_back(ptr ? put_op(key, encode_pointer(*ptr)) : delete_op(key));
             }
         }
@@ -558,8 +558,8 @@ size_t ops_bytes(const std::vector<json>& ops) {
 // A commit that fits in one transaction: everything at once, compared on
 // the head.
 int EtcdStore::commit_one(const Plan& p) {
-    json ops = json::array({put_op(k_.head(), head_value(p.er, p.w).dump()),
-                            put_op(k_.changes(), p.changes.dump())});
+    json ops = json::array(
+        {put_op(k_.head(), head_value(p.er, p.w).dump()), put_op(k_.changes(), p.changes.dump())});
     for (const json& op : p.writes) ops.push_back(op);
     for (const json& op : p.moves) ops.push_back(op);
     for (const std::string& key : p.garbage.keys) ops.push_back(delete_op(key));
@@ -587,8 +587,8 @@ int64_t number(const json& j) {
 // removes what it had written. A writer whose record is gone fails.
 int EtcdStore::keep_alive(int64_t lease) {
     json reply;
-    if (cluster_->call("/v3/lease/keepalive", {{"ID", std::to_string(lease)}}, &reply,
-                       &message_) < 0)
+    if (cluster_->call("/v3/lease/keepalive", {{"ID", std::to_string(lease)}}, &reply, &message_) <
+        0)
         return -1;
     const json& r = reply.contains("result") ? reply["result"] : reply;
     if (number(r.value("TTL", json())) > 0) return 0;
@@ -646,9 +646,10 @@ int EtcdStore::write_batches(const std::vector<json>& ops, const std::vector<std
 int EtcdStore::give_up(const Plan& p, int64_t lease) {
     std::string saved = message_;
     hgx_error_t code = get_error();
-    json untouched = json::array(
-        {{{"target", "VERSION"}, {"key", b64(k_.txn(p.w) + "/done")}, {"result", "EQUAL"},
-          {"version", "0"}}});
+    json untouched = json::array({{{"target", "VERSION"},
+                                   {"key", b64(k_.txn(p.w) + "/done")},
+                                   {"result", "EQUAL"},
+                                   {"version", "0"}}});
     bool ok = false;
     int fate = -1;
     if (cluster_->txn(untouched, json::array({delete_op(k_.txn(p.w))}), &ok, &message_) == 0) {

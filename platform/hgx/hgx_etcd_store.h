@@ -109,9 +109,7 @@ class Layout {
         return own(service, instance) + "d/" + std::string(id);
     }
     std::string services(std::string_view er) const { return p_ + "l/" + std::string(er) + "/"; }
-    std::string instances(std::string_view es) const {
-        return p_ + "x/" + std::string(es) + "/";
-    }
+    std::string instances(std::string_view es) const { return p_ + "x/" + std::string(es) + "/"; }
     std::string txns() const { return p_ + "t/"; }
     std::string txn(std::string_view w) const { return txns() + std::string(w); }
     std::string host(std::string_view name) const { return p_ + "hosts/" + std::string(name); }
@@ -158,8 +156,8 @@ struct InstanceEntry {
     InstancePointer ptr;
     bool loaded = false;  // its documents are in memory
     std::map<std::string, int64_t> snapshots;
-    bool own_dirty = false;              // its own groups are written anew
-    std::set<std::string> dirty_snaps;   // snapshots written anew
+    bool own_dirty = false;             // its own groups are written anew
+    std::set<std::string> dirty_snaps;  // snapshots written anew
 };
 
 struct ServiceEntry {
@@ -257,8 +255,8 @@ class EtcdStore final : public Store {
     int adopt_own(int64_t service, const std::vector<Kv>& kvs);
     int adopt_instance(int64_t instance, const std::vector<Kv>& kvs);
     int read_doc(const std::vector<Kv>& kvs, const std::string& key, Doc* doc);
-    void adopt_groups(const std::vector<DocGroup>& groups, int kind, int64_t owner,
-                      int64_t service, int doc_kind, int64_t doc_owner);
+    void adopt_groups(const std::vector<DocGroup>& groups, int kind, int64_t owner, int64_t service,
+                      int doc_kind, int64_t doc_owner);
     // Whose groups these are: the owner, loaded.
     int loaded_owner(int kind, int64_t owner);
 

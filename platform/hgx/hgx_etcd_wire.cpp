@@ -258,8 +258,7 @@ int Cluster::call(const char* path, const json& request, json* reply, std::strin
         return fail(HGX_ERROR_TOO_LARGE);
     if (error.find("permission denied") != std::string::npos)
         return fail(HGX_ERROR_CLUSTER_NOT_PERMITTED);
-    if (error.find("auth") != std::string::npos ||
-        error.find("user name") != std::string::npos)
+    if (error.find("auth") != std::string::npos || error.find("user name") != std::string::npos)
         return fail(HGX_ERROR_CLUSTER_CREDENTIALS);
     return fail(HGX_ERROR_CONNECTION_BROKEN);
 }

@@ -328,10 +328,14 @@ TEST_F(EtcdCluster, CommitsOfEverySizeGiveWhatTheyGiveAFile) {
         std::string input;
     } steps[] = {
         {"a fleet", {"import", "-"}, e2e::fleet_manifest("fleet/web", 300, 5, 0)},
-        {"one property", {"setprop", "--snapshot", "wrn:/fleet/web:host00007/:properties/config/p1", "x"}, ""},
+        {"one property",
+         {"setprop", "--snapshot", "wrn:/fleet/web:host00007/:properties/config/p1", "x"},
+         ""},
         {"one instance removed", {"delete", "wrn:/fleet/web:host00008"}, ""},
         {"every snapshot of the fleet", {"snapshot", "wrn:/fleet/web", "before"}, ""},
-        {"the fleet's defaults", {"setprop", "--snapshot", "wrn:/fleet/web/:properties/config/d0", "y"}, ""},
+        {"the fleet's defaults",
+         {"setprop", "--snapshot", "wrn:/fleet/web/:properties/config/d0", "y"},
+         ""},
         {"many services", {"import", "-"}, many},
         {"the fleet anew", {"import", "-"}, e2e::fleet_manifest("fleet/web", 120, 5, 1)},
         {"a service removed", {"delete", "wrn:/many/s3"}, ""},
@@ -363,7 +367,8 @@ TEST_F(EtcdCluster, ALargeCommitAndSmallOnesRacingAllLand) {
     for (int i = 0; i < 8; ++i)
         writers.emplace_back([&, i] {
             std::string host = numbered("wrn:/fleet/web:host0000", i);
-            if (repo({"setprop", host + "/:properties/config/w", numbered("v", i)}).status) ++failed;
+            if (repo({"setprop", host + "/:properties/config/w", numbered("v", i)}).status)
+                ++failed;
         });
     for (auto& t : writers) t.join();
     EXPECT_EQ(failed.load(), 0);
@@ -382,10 +387,11 @@ TEST_F(EtcdCluster, ALargeCommitAndSmallOnesRacingAllLand) {
 TEST_F(EtcdCluster, KeysOfWritersThatDiedAreRemovedByTheNextWriter) {
     if (!start()) return;
     auto count = [&](const std::string& from) {
-        std::string r = server.post(0, "/v3/kv/range",
-                                    "{\"key\":\"" + etcd_testing::b64(from) + "\",\"range_end\":\"" +
-                                        etcd_testing::b64(from.substr(0, from.size() - 1) + "0") +
-                                        "\",\"count_only\":true}");
+        std::string r =
+            server.post(0, "/v3/kv/range",
+                        "{\"key\":\"" + etcd_testing::b64(from) + "\",\"range_end\":\"" +
+                            etcd_testing::b64(from.substr(0, from.size() - 1) + "0") +
+                            "\",\"count_only\":true}");
         size_t at = r.find("\"count\":\"");
         return at == std::string::npos ? 0 : std::stol(r.substr(at + 9));
     };
@@ -414,14 +420,16 @@ TEST_F(EtcdCluster, KeysOfWritersThatDiedAreRemovedByTheNextWriter) {
     // The next writer comes along, again and again, until the leases lapse.
     auto until = std::chrono::steady_clock::now() + std::chrono::seconds(120);
     do {
-        ASSERT_EQ(repo({"setprop", "wrn:/fleet/web:host00001/:properties/config/p0", "x"}).status, 0);
+        ASSERT_EQ(repo({"setprop", "wrn:/fleet/web:host00001/:properties/config/p0", "x"}).status,
+                  0);
         if (count("kelvo/t/") == 0) break;
         std::this_thread::sleep_for(std::chrono::seconds(1));
     } while (std::chrono::steady_clock::now() < until);
     const long after = count("kelvo/");
-    std::printf("keys: %ld after a clean import, %ld after 20 killed imports (%d caught writing), "
-                "%ld after the next writer\n",
-                clean, left, caught, after);
+    std::printf(
+        "keys: %ld after a clean import, %ld after 20 killed imports (%d caught writing), "
+        "%ld after the next writer\n",
+        clean, left, caught, after);
     EXPECT_GT(caught, 10);
     EXPECT_GT(left, clean);
     EXPECT_EQ(after, clean);

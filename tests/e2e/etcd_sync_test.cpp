@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <functional>
 #include <fstream>
+#include <functional>
 #include <regex>
 #include <set>
 #include <thread>
@@ -337,9 +337,10 @@ TEST_F(EtcdFleet, AHostUserReadsItsOwnInstanceAndNothingOfAnotherHost) {
         server.post(0, "/v3/auth/user/add",
                     std::string("{\"name\":\"") + user + "\",\"password\":\"" + user + "-pw\"}");
     ASSERT_TRUE(server.enable_auth("root-pw"));
-    ASSERT_EQ(as("root", {"import", "-"}, e2e::read_file(e2e::source_dir() + "/examples/fleet.json"))
-                  .status,
-              0);
+    ASSERT_EQ(
+        as("root", {"import", "-"}, e2e::read_file(e2e::source_dir() + "/examples/fleet.json"))
+            .status,
+        0);
     for (const std::string user : {"web01", "web02"}) {
         e2e::Result g = as("root", {"grant", user, "--host", user, FLEET + ":" + user});
         ASSERT_EQ(g.status, 0) << g.err;
@@ -355,15 +356,16 @@ TEST_F(EtcdFleet, AHostUserReadsItsOwnInstanceAndNothingOfAnotherHost) {
     ASSERT_TRUE(eventually([&] { return e2e::exists(seen); }));
     EXPECT_EQ(told(), FLEET + ":web01\n--\n");
     // Another host's change is none of its business; its own and the fleet's are.
-    ASSERT_EQ(as("root", {"setprop", "--snapshot", FLEET + ":web02/:properties/sites/www/server_name",
-                          "b.example"})
+    ASSERT_EQ(as("root", {"setprop", "--snapshot",
+                          FLEET + ":web02/:properties/sites/www/server_name", "b.example"})
                   .status,
               0);
-    ASSERT_EQ(as("root", {"setprop", "--snapshot", FLEET + "/:properties/config/user", "nobody"})
-                  .status,
-              0);
-    ASSERT_TRUE(eventually([&] { return kelvo(mirror, FLEET + ":web01") == "web01.example.org nobody\n"; }))
-        << e2e::read_file(log);
+    ASSERT_EQ(
+        as("root", {"setprop", "--snapshot", FLEET + "/:properties/config/user", "nobody"}).status,
+        0);
+    ASSERT_TRUE(eventually([&] {
+        return kelvo(mirror, FLEET + ":web01") == "web01.example.org nobody\n";
+    })) << e2e::read_file(log);
     ASSERT_TRUE(eventually([&] { return e2e::exists(seen); }));
     EXPECT_EQ(told(), FLEET + ":web01\n--\n");
 
@@ -373,11 +375,13 @@ TEST_F(EtcdFleet, AHostUserReadsItsOwnInstanceAndNothingOfAnotherHost) {
     e2e::Result show = as("web01", {"show", FLEET + ":web02"});
     EXPECT_EQ(show.status, 1);
     EXPECT_NE(show.err.find(refused), std::string::npos) << show.err;
-    EXPECT_EQ(kelvo(url, FLEET + ":web02", "web01"),
-              "status 3: kelvo: Unable to get properties for " + FLEET + ":web02: " + refused + "\n");
+    EXPECT_EQ(
+        kelvo(url, FLEET + ":web02", "web01"),
+        "status 3: kelvo: Unable to get properties for " + FLEET + ":web02: " + refused + "\n");
     auto etcdctl = [&](const std::string& user, std::vector<std::string> args) {
         e2e::Run r;
-        r.args = {"etcdctl", "--endpoints=" + server.endpoints(), "--user", user + ":" + user + "-pw"};
+        r.args = {"etcdctl", "--endpoints=" + server.endpoints(), "--user",
+                  user + ":" + user + "-pw"};
         r.args.insert(r.args.end(), args.begin(), args.end());
         r.env["ETCDCTL_API"] = "3";
         return e2e::run(r);
@@ -403,9 +407,9 @@ TEST_F(EtcdFleet, AHostUserReadsItsOwnInstanceAndNothingOfAnotherHost) {
 }
 
 TEST_F(EtcdFleet, AMirrorOfSomeInstancesHoldsThemWithTheirServicesOwnGroups) {
-    ASSERT_EQ(as("", {"import", "-"}, e2e::read_file(e2e::source_dir() + "/examples/fleet.json"))
-                  .status,
-              0);
+    ASSERT_EQ(
+        as("", {"import", "-"}, e2e::read_file(e2e::source_dir() + "/examples/fleet.json")).status,
+        0);
     const std::string mirror = dir / "mirror.db";
     auto sync = start_sync(mirror, {"--instance", FLEET + ":web0[12]"});
     const std::string both = FLEET + ":web01\n" + FLEET + ":web02\n";
@@ -486,8 +490,11 @@ TEST_F(EtcdFleet, APrefixOfTheFirstLayoutIsNamedAndUpgradedWithAMirrorFollowing)
         as("", args, "", file);
     const std::string exported = as("", {"export"}, "", file).out;
     EXPECT_EQ(as("", {"export"}, "", legacy).out, exported);
-    ASSERT_TRUE(eventually([&] { return hgxrepo({"-r", mirror, "export"}).out == exported; },
-                           60000ms))
+    ASSERT_TRUE(eventually(
+        [&] {
+            return hgxrepo({"-r", mirror, "export"}).out == exported;
+        },
+        60000ms))
         << e2e::read_file(log);
     for (const char* snapshot : {"running", "before"})
         EXPECT_EQ(as("", {"show", FLEET + ":web02", snapshot}, "", legacy).out,
@@ -497,16 +504,14 @@ TEST_F(EtcdFleet, APrefixOfTheFirstLayoutIsNamedAndUpgradedWithAMirrorFollowing)
     EXPECT_EQ(sync->stop(), 0);
     // Nothing of the first layout is left, and a second upgrade has nothing to do.
     for (const char* part : {"legacy/d/", "legacy/e/"}) {
-        std::string r = server.post(0, "/v3/kv/range",
-                                    "{\"key\":\"" + etcd_testing::b64(part) +
-                                        "\",\"range_end\":\"" +
-                                        etcd_testing::b64(std::string(part, std::strlen(part) - 1) +
-                                                          "0") +
-                                        "\",\"count_only\":true}");
+        std::string r =
+            server.post(0, "/v3/kv/range",
+                        "{\"key\":\"" + etcd_testing::b64(part) + "\",\"range_end\":\"" +
+                            etcd_testing::b64(std::string(part, std::strlen(part) - 1) + "0") +
+                            "\",\"count_only\":true}");
         EXPECT_EQ(r.find("\"count\""), std::string::npos) << part << ": " << r;
     }
-    EXPECT_EQ(as("", {"upgrade"}, "", legacy).out,
-              legacy + ": already in the current layout\n");
+    EXPECT_EQ(as("", {"upgrade"}, "", legacy).out, legacy + ": already in the current layout\n");
 }
 
 // Time limits bound how long a member may stay silent, not how long a copy
