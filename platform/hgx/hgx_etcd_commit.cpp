@@ -723,15 +723,20 @@ int EtcdStore::commit() {
     if (touched_.empty() && exists_ && !legacy_) return 0;
     Plan p;
     if (plan(&p) < 0) return -1;
-    // First as one transaction, where it fits.
-    Plan one = p;
-    if (finish_plan(&one) < 0) return -1;
-    size_t ops = 2 + one.writes.size() + one.moves.size() + one.garbage.keys.size() +
-                 one.garbage.ranges.size();
-    // Deletions take a key each, well within 200 bytes.
-    if (ops <= BATCH_OPS &&
-        ops_bytes(one.writes) + ops_bytes(one.moves) + 200 * ops < BATCH_BYTES * 4 / 3)
-        return commit_one(one);
+    // First as one transaction, where it fits (its pointers can only add to
+    // what the documents and removals take).
+    auto ops = [](const Plan& q) {
+        return 2 + q.writes.size() + q.moves.size() + q.garbage.keys.size() +
+               q.garbage.ranges.size();
+    };
+    if (ops(p) <= BATCH_OPS) {
+        Plan one = p;
+        if (finish_plan(&one) < 0) return -1;
+        // Deletions take a key each, well within 200 bytes.
+        if (ops(one) <= BATCH_OPS &&
+            ops_bytes(one.writes) + ops_bytes(one.moves) + 200 * ops(one) < BATCH_BYTES * 4 / 3)
+            return commit_one(one);
+    }
     choose_epochs(&p);
     if (finish_plan(&p) < 0) return -1;
     return commit_large(p);
