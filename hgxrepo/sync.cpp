@@ -85,6 +85,39 @@ void pause_for(int seconds) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
 }
 
+// A failure that lasts (a lost cluster, a file that cannot be written):
+// one line when it begins, one when it ends, and between them tries that
+// wait longer and longer, up to 30 seconds apart.
+class Trouble {
+  public:
+    void begin(const std::string& line) {
+        if (!on_) log_line(line);
+        on_ = true;
+    }
+    void end(const std::string& line) {
+        if (on_) log_line(line);
+        on_ = false;
+        pause_ = 1;
+    }
+    void wait() {
+        pause_for(pause_);
+        pause_ = pause_ < 30 ? pause_ * 2 : 30;
+    }
+    // The next trouble starts with short waits again.
+    void forget() { pause_ = 1; }
+
+  private:
+    bool on_ = false;
+    int pause_ = 1;
+};
+
+// Why a revision was not applied.
+enum class Failed {
+    CLUSTER,  // the cluster could not be read
+    REFUSED,  // it holds what no import would take
+    FILE,     // the mirror could not be written
+};
+
 // Changed instances of a wholly mirrored service beyond which it is copied
 // whole rather than instance by instance.
 constexpr size_t WHOLE_AFTER = 64;
@@ -146,6 +179,7 @@ class Mirror {
     bool write_parts(hgx_writer_t* file, hgx_writer_t* c, const Versions& next,
                      const std::set<Part>& examined, std::set<std::string>* changed,
                      std::string* why);
+    bool copy_failed(hgx_writer_t* file, hgx_writer_t* c, const Part& part, std::string* why);
     void run_command(const std::set<std::string>& changed);
 
     const SyncOptions& o_;
@@ -159,7 +193,9 @@ class Mirror {
     std::vector<std::string> named_;  // what select_named reads, once a copy from the start
     bool named_known_ = false;
     bool resume_ = false;
-    int64_t bytes_ = 0;  // read from the cluster when the last revision was applied
+    int64_t bytes_ = 0;             // read from the cluster when the last revision was applied
+    Failed failed_ = Failed::FILE;  // why the last apply() failed
+    bool recheck_ = false;          // a revision was refused since the last one applied
 };
 
 bool Mirror::prepare() {
@@ -321,7 +357,8 @@ bool Mirror::changed_parts(hgx_writer_t* c, Versions* next, std::set<Part>* exam
         named_known_ = false;
     }
     *next = versions_;
-    if (all) {
+    // After a refused revision, what it changed is found by comparing all.
+    if (all || recheck_) {
         if (!selection(c, next, why)) return false;
         for (const auto& [part, v] : versions_) examined->insert(part);
         for (const auto& [part, v] : *next) examined->insert(part);
@@ -389,6 +426,24 @@ bool Mirror::changed_parts(hgx_writer_t* c, Versions* next, std::set<Part>* exam
     return true;
 }
 
+// A copy reads the cluster as it writes the file: its failure is the
+// cluster's where the cluster's store has words for it or the cluster
+// failed, a refusal where the cluster holds what no import would take (the
+// part is then named by the message alone), else the file's.
+bool Mirror::copy_failed(hgx_writer_t* file, hgx_writer_t* c, const Part& part, std::string* why) {
+    hgx_error_t e = hgx_error();
+    bool refused = e == HGX_ERROR_INVALID_ARGUMENT || e == HGX_ERROR_INVALID_VALUE;
+    failed_ = refused                                                        ? Failed::REFUSED
+              : *hgx_writer_message(c) || e >= HGX_ERROR_CLUSTER_UNREACHABLE ? Failed::CLUSTER
+                                                                             : Failed::FILE;
+    std::string what = "cannot copy";
+    if (hgx_valid_service_name(part.first) && (part.second.empty() || hgx_valid_name(part.second)))
+        what += part.second.empty() ? " wrn:/" + part.first : " " + wern_of(part);
+    std::string detail = hgx_writer_message(file);
+    *why = what + ": " + (detail.empty() ? lib_error() : detail);
+    return false;
+}
+
 // The whole selection anew: services the file holds and the selection lacks
 // go, wholly mirrored services are copied whole, others part by part.
 bool Mirror::write_whole(hgx_writer_t* file, hgx_writer_t* c, const Versions& next,
@@ -414,16 +469,17 @@ bool Mirror::write_whole(hgx_writer_t* file, hgx_writer_t* c, const Versions& ne
             if (old > 0 && hgx_writer_delete_service(file, old) < 0)
                 return failed("cannot write " + o_.file);
             if (wanted && hgx_writer_copy_service(file, c, name) < 0)
-                return failed("cannot copy wrn:/" + name);
+                return copy_failed(file, c, {name, ""}, why);
         } else {
-            if (hgx_writer_copy_own(file, c, name) < 0) return failed("cannot copy wrn:/" + name);
+            if (hgx_writer_copy_own(file, c, name) < 0)
+                return copy_failed(file, c, {name, ""}, why);
             for (const auto& [instance, text] : before)
                 if (!next.count({name, instance}) &&
                     hgx_writer_copy_instance(file, nullptr, name, instance) < 0)
                     return failed("cannot write " + o_.file);
             for (auto it = next.upper_bound({name, ""}); of_service(it, next, name); ++it)
                 if (hgx_writer_copy_instance(file, c, name, it->first.second) < 0)
-                    return failed("cannot copy " + wern_of(it->first));
+                    return copy_failed(file, c, it->first, why);
         }
         if (hgx_writer_instance_texts(file, name, &after) < 0)
             return failed("cannot read " + o_.file);
@@ -481,15 +537,15 @@ bool Mirror::write_parts(hgx_writer_t* file, hgx_writer_t* c, const Versions& ne
             if (old < 0 || (old > 0 && hgx_writer_delete_service(file, old) < 0))
                 return failed("cannot write " + o_.file);
             if (whole && hgx_writer_copy_service(file, c, service) < 0)
-                return failed("cannot copy wrn:/" + service);
+                return copy_failed(file, c, {service, ""}, why);
         } else {
             if (own && hgx_writer_copy_own(file, c, service) < 0)
-                return failed("cannot copy wrn:/" + service);
+                return copy_failed(file, c, {service, ""}, why);
             for (const std::string& instance : parts) {
                 if (instance.empty()) continue;
                 bool wanted = next.count({service, instance}) > 0;
                 if (hgx_writer_copy_instance(file, wanted ? c : nullptr, service, instance) < 0)
-                    return failed("cannot copy " + wern_of({service, instance}));
+                    return copy_failed(file, c, {service, instance}, why);
             }
         }
         if (own || parts.size() > WHOLE_AFTER) {
@@ -515,6 +571,7 @@ bool Mirror::write_parts(hgx_writer_t* file, hgx_writer_t* c, const Versions& ne
 
 bool Mirror::apply(int64_t revision, bool whole, std::string* why) {
     std::string message;
+    failed_ = Failed::CLUSTER;
     Writer cluster(hgx_reader_open_at(o_.url.c_str(), revision, &message));
     if (!cluster) {
         *why = message;
@@ -535,8 +592,10 @@ bool Mirror::apply(int64_t revision, bool whole, std::string* why) {
         return false;
     if (!whole && next == versions_) {
         revision_ = at;
+        recheck_ = false;
         return true;
     }
+    failed_ = Failed::FILE;
     Writer file(hgx_writer_open(o_.file.c_str(), true, &message));
     if (!file) {
         *why = message;
@@ -558,6 +617,7 @@ bool Mirror::apply(int64_t revision, bool whole, std::string* why) {
     source_ = source;
     revision_ = at;
     versions_ = std::move(next);
+    recheck_ = false;
     if (whole) {
         std::set<std::string> services;
         for (const auto& [part, v] : versions_) services.insert(part.first);
@@ -621,8 +681,7 @@ int Mirror::run() {
                          " has been compacted away: copying afresh");
         }
     }
-    bool lost = false;
-    int backoff = 1;
+    Trouble lost, stuck;  // the cluster; the file
     while (keep_going()) {
         if (whole) {
             if (!apply(0, true, &why)) {
@@ -630,48 +689,71 @@ int Mirror::run() {
                     log_line(why);
                     return 1;
                 }
-                if (!lost) log_line("cannot copy: " + why + "; trying again");
-                lost = true;
-                pause_for(backoff);
-                backoff = backoff < 30 ? backoff * 2 : 30;
+                stuck.begin("copying failed: " + why + "; trying again");
+                stuck.wait();
                 continue;
             }
+            // The line of the copy tells that the trouble is over.
+            stuck = Trouble();
+            lost = Trouble();
             whole = false;
             if (o_.once) return 0;
         }
-        if (lost) log_line("connected again at revision " + std::to_string(revision_));
-        lost = false;
-        backoff = 1;
+        lost.end("connected again at revision " + std::to_string(revision_));
         std::string failure;
+        bool failed = false;
+        Failed cause = Failed::CLUSTER;
+        hgx_error_t code = HGX_ERROR_NONE;
         auto on_commit = [&](int64_t revision) {
             if (revision <= revision_) return true;
-            if (apply(revision, false, &failure)) return keep_going();
+            if (apply(revision, false, &failure)) {
+                stuck.end("applied revision " + std::to_string(revision_) +
+                          ": the mirror follows again");
+                return keep_going();
+            }
+            code = hgx_error();
+            cause = failed_;
+            // The next revision is compared whole with the one the mirror
+            // holds, so it brings whatever this one changed, once it is
+            // acceptable.
+            if (cause == Failed::REFUSED) {
+                recheck_ = true;
+                log_line("revision " + std::to_string(revision) + " refused, the mirror stays at " +
+                         std::to_string(revision_) + ": " + failure);
+                return keep_going();
+            }
+            failed = true;
             return false;
         };
         std::string message;
+        auto began = std::chrono::steady_clock::now();
         int rc = hgx_follow(o_.url.c_str(), revision_, on_commit, keep_going, &message);
         if (!keep_going()) break;
-        if (!failure.empty()) {
-            log_line("revision not applied, the mirror stays at " + std::to_string(revision_) +
-                     ": " + failure);
-            pause_for(backoff);
-            backoff = backoff < 30 ? backoff * 2 : 30;
+        // A watch that held for a while was sound: a new trouble starts
+        // with short waits again.
+        if (std::chrono::steady_clock::now() - began > std::chrono::seconds(30)) {
+            lost.forget();
+            stuck.forget();
+        }
+        if (failed && cause == Failed::FILE) {
+            stuck.begin("revision not applied, the mirror stays at " + std::to_string(revision_) +
+                        ": " + failure + "; trying again");
+            stuck.wait();
             continue;
         }
-        if (rc < 0 && hgx_error() == HGX_ERROR_REVISION_COMPACTED) {
+        if (failed ? code == HGX_ERROR_REVISION_COMPACTED
+                   : rc < 0 && hgx_error() == HGX_ERROR_REVISION_COMPACTED) {
             log_line("revision " + std::to_string(revision_ + 1) +
                      " has been compacted away: copying afresh");
             whole = true;
             continue;
         }
-        log_line("lost the cluster: " + lib_error() +
-                 (message.empty() ? "" : " (" + message + ")"));
-        lost = true;
+        std::string cause_text = failed ? failure : message.empty() ? lib_error() : message;
+        lost.begin("lost the cluster: " + cause_text);
         // Back until the cluster answers again, then follow from where the
         // mirror stands; nothing in between is lost, etcd keeps it.
         while (keep_going()) {
-            pause_for(backoff);
-            backoff = backoff < 30 ? backoff * 2 : 30;
+            lost.wait();
             std::string m;
             Writer probe(hgx_reader_open_at(o_.url.c_str(), 0, &m));
             if (probe) break;

@@ -280,9 +280,19 @@ int EtcdStore::grant(const std::string& user, const std::string& host,
         }
         wanted.push_back({"READWRITE", k_.host(host), ""});
     }
+    // Whether the user and its role are there, by the lists (etcd's answer
+    // for a missing one reads like a refusal).
+    auto listed = [&](const char* path, const char* field, const std::string& name) -> int {
+        json list;
+        if (cluster_->call(path, json::object(), &list, &message_) < 0) return -1;
+        for (const json& n : list.value(field, json::array()))
+            if (n.is_string() && n.get<std::string>() == name) return 1;
+        return 0;
+    };
     json reply;
-    if (cluster_->call("/v3/auth/user/get", {{"name", user}}, &reply, &message_) < 0) {
-        if (message_.find("not found") != std::string::npos) {
+    int has_user = listed("/v3/auth/user/list", "users", user);
+    if (has_user <= 0) {
+        if (has_user == 0) {
             message_ = "etcd user " + user + " does not exist; make it first (etcdctl user add " +
                        user + ")";
             set_error(HGX_ERROR_INVALID_ARGUMENT);
@@ -290,8 +300,9 @@ int EtcdStore::grant(const std::string& user, const std::string& host,
         return -1;
     }
     const std::string role = role_name(k_.prefix(), user);
-    if (cluster_->call("/v3/auth/role/add", {{"name", role}}, &reply, &message_) < 0 &&
-        message_.find("already exists") == std::string::npos)
+    int has_role = listed("/v3/auth/role/list", "roles", role);
+    if (has_role < 0 ||
+        (!has_role && cluster_->call("/v3/auth/role/add", {{"name", role}}, &reply, &message_) < 0))
         return -1;
     json current;
     std::vector<Perm> had;
@@ -330,18 +341,14 @@ std::unique_ptr<etcd::EtcdStore> admin_store(const std::string& url, std::string
     std::unique_ptr<Cluster> cluster;
     std::string detail;
     if (connect(url, WRITE_CALL_MS, false, &u, &cluster, &detail) < 0) {
-        *message =
-            url + ": " + hgx_strerror(get_error()) + (detail.empty() ? "" : " (" + detail + ")");
+        *message = url + ": " + failure_text(get_error(), detail);
         return nullptr;
     }
     return std::make_unique<EtcdStore>(std::move(cluster), u.prefix, true);
 }
 
 std::string failure(const std::string& url, const Store& s) {
-    std::string m = url + ": " + hgx_strerror(get_error());
-    if (!s.message().empty() && s.message() != hgx_strerror(get_error()))
-        m += " (" + s.message() + ")";
-    return m;
+    return url + ": " + etcd::failure_text(get_error(), s.message());
 }
 
 }  // namespace

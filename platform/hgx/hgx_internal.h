@@ -175,8 +175,10 @@ class Store {
     // the store's access is limited to them: 0 with *out replaced, -1.
     virtual int granted(std::vector<std::string>*) { return fail(HGX_ERROR_INVALID_ARGUMENT); }
 
-    // The store's own text for the last failure, or empty.
+    // The store's own text for the last failure, or empty; set_message
+    // gives it the text of a failure found above it (a copy's checks).
     const std::string& message() const { return message_; }
+    void set_message(std::string text) { message_ = std::move(text); }
 
   protected:
     std::string message_;
