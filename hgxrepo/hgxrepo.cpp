@@ -37,9 +37,12 @@ const char USAGE[] =
     "       hgxrepo [-r FILE] list\n"
     "       hgxrepo [-r FILE] show [--json] WERN [SNAPSHOT]\n"
     "       hgxrepo [-r FILE] get [-0] WERN\n"
-    "       hgxrepo [-r FILE] copy TARGET\n"
+    "       hgxrepo [-r FILE] copy [--force] TARGET\n"
     "       hgxrepo [-r FILE] diff WERN\n"
-    "       hgxrepo [-r FILE] sync [--once] [--service PATTERN]... [--exec COMMAND] URL\n"
+    "       hgxrepo [-r FILE] sync [--once] [--service PATTERN]... [--instance PATTERN]... "
+    "[--exec COMMAND] [--mode MODE] URL\n"
+    "       hgxrepo -r URL grant USER [--host NAME] WERN...\n"
+    "       hgxrepo -r URL upgrade\n"
     "       hgxrepo help\n"
     "       hgxrepo --version\n"
     "The repository file is FILE, else $HGX_REPOSITORY, else " HGX_DEFAULT_REPOSITORY
@@ -61,7 +64,8 @@ std::vector<std::string> usage_of(const std::string& command) {
         if (lead == std::string::npos || line.compare(lead, 8, "hgxrepo ") != 0) continue;
         line.erase(0, lead);
         std::string rest = line.substr(std::string("hgxrepo ").size());
-        if (rest.rfind("[-r FILE] ", 0) == 0) rest.erase(0, std::string("[-r FILE] ").size());
+        for (const char* r : {"[-r FILE] ", "-r URL "})
+            if (rest.rfind(r, 0) == 0) rest.erase(0, std::string(r).size());
         if (rest.substr(0, rest.find(' ')) == command) lines.push_back(line);
     }
     return lines;
@@ -97,6 +101,15 @@ std::string repository_path(const std::string& option) {
     return env && *env ? env : HGX_DEFAULT_REPOSITORY;
 }
 
+// An octal mode of permission bits alone, as chmod takes it: 0 to 0777.
+unsigned parse_file_mode(const std::string& text) {
+    unsigned long mode = std::strtoul(text.c_str(), nullptr, 8);
+    if (text.empty() || text.size() > 4 ||
+        text.find_first_not_of("01234567") != std::string::npos || mode > 0777)
+        throw Usage{"--mode " + manifest::quote(text) + ": an octal mode from 0 to 0777"};
+    return static_cast<unsigned>(mode);
+}
+
 int cmd_sync(const Invocation& inv) {
     const std::vector<std::string>& words = inv.words;
     SyncOptions o;
@@ -108,6 +121,10 @@ int cmd_sync(const Invocation& inv) {
         } else if ((words[k] == "--service" || words[k] == "--exec") && k + 1 < words.size()) {
             (words[k] == "--exec" ? o.exec : o.services.emplace_back()) = words[k + 1];
             ++k;
+        } else if (words[k] == "--mode" && k + 1 < words.size()) {
+            o.mode = parse_file_mode(words[++k]);
+        } else if (words[k] == "--instance" && k + 1 < words.size()) {
+            o.instances.push_back(words[++k]);
         } else {
             throw Usage{"unknown option " + manifest::quote(words[k])};
         }
@@ -133,6 +150,7 @@ constexpr Command COMMANDS[] = {
     {"list", cmd_list, false},         {"show", cmd_show, false},
     {"get", cmd_get, false},           {"copy", cmd_copy, false},
     {"diff", cmd_diff, false},         {"sync", cmd_sync, false},
+    {"grant", cmd_grant, false},       {"upgrade", cmd_upgrade, false},
 };
 
 const Command* find_command(const std::string& name) {

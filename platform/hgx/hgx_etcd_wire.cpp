@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -86,8 +87,11 @@ const hgx_etcd_client_api* client_module(std::string* why) {
     failure.clear();
     for (const std::string& path : candidates) {
         if (path.empty()) continue;
+        // Lazy: a function of libcurl's dependency tree is bound when first
+        // called, not all of them at load (libraries linked to bind at once
+        // still do).
         std::string refused;
-        void* so = load_trusted(path, RTLD_NOW | RTLD_LOCAL, &refused);
+        void* so = load_trusted(path, RTLD_LAZY | RTLD_LOCAL, &refused);
         if (!so) {
             if (!refused.empty()) failure = refused;
             continue;
@@ -244,6 +248,10 @@ std::string fresh_id() {
     return buf;
 }
 
+namespace {
+std::atomic<int64_t> bytes_read{0};  // answers and watch streams, for hgx_cluster_bytes_read
+}  // namespace
+
 hgx_error_t client_error(int status) {
     switch (status) {
         case HGX_ETCD_TIMEOUT:
@@ -320,6 +328,7 @@ int Cluster::call(const char* path, const json& request, json* reply, std::strin
     }
     silent_ms_ = 0;
     std::string text(r.body, r.size);
+    bytes_read += static_cast<int64_t>(r.size);
     long status = r.http_status;
     api_->release(&r);
     json j = json::parse(text, nullptr, false);
@@ -453,6 +462,7 @@ struct Follower {
 
 int follow_data(void* p, const char* data, size_t size) {
     Follower* f = static_cast<Follower*>(p);
+    bytes_read += static_cast<int64_t>(size);
     try {
         f->pending.append(data, size);
         size_t nl;
@@ -478,6 +488,8 @@ void follow_alive(void* p) { static_cast<Follower*>(p)->heard = true; }
 namespace hgx_detail {
 
 using namespace etcd;
+
+int64_t cluster_bytes_read() { return bytes_read; }
 
 // The watch moves from member to member as each fails, starting again after
 // the last commit it handed on; the cluster is lost when every member in

@@ -72,6 +72,7 @@ typedef enum hgx_error {
     HGX_ERROR_TOO_LARGE = 1031,              // more than one etcd request holds
     HGX_ERROR_CLUSTER_TLS = 1032,            // TLS failed: CA, certificate, key or host name
     HGX_ERROR_CLUSTER_NOT_PERMITTED = 1033,  // the etcd user's roles do not allow it
+    HGX_ERROR_CLUSTER_OLD_SCHEMA = 1034,     // a repository of an older schema: upgrade it
 } hgx_error_t;
 
 typedef enum hgx_type {
@@ -124,6 +125,14 @@ int hgx_handle_bind(hgx_handle_t* handle);
 // path falls back to HGX_REPOSITORY and the default, so that a tool can pass
 // its option through whether or not it was given.
 int hgx_handle_bind_path(hgx_handle_t* handle, const char* path);
+// As hgx_handle_bind_path, for a program that only reads: a repository file
+// is then read without a single write to it or beside it (its WAL index is
+// mapped read-only), so that reading costs no write and also works on a
+// read-only file system. Within one process a writer of the same file cannot
+// be opened while such a handle of it is bound: SQLite keeps one index
+// mapping per file and process. A cluster is read as hgx_handle_bind_path
+// reads it.
+int hgx_handle_bind_no_writes(hgx_handle_t* handle, const char* path);
 // Releases the handle and its hold on the repository; accepts null. Objects
 // made for the handle must not be used afterwards, though they may still be
 // destroyed: destroy the objects first, or hold them in owners declared after
