@@ -449,10 +449,13 @@ TEST_F(Hgxrepo, KelvoReadsWithoutWritingAlsoFromAReadOnlyFileSystem) {
 
     if (geteuid() == 0) {
         // Status 97: no read-only mount could be made (or it took writes).
-        e2e::Result r = kelvo({"unshare", "--mount", "--propagation", "private", "sh", "-c",
-                               "{ mount --bind \"$0\" \"$0\" && mount -o remount,bind,ro \"$0\" && "
-                               "! touch \"$0/x\" 2>/dev/null; } || exit 97; exec \"$@\"",
-                               dir.path()});
+        std::vector<std::string> wrapper = e2e::private_mount_namespace(dir.path());
+        wrapper.insert(wrapper.end(),
+                       {"sh", "-c",
+                        "{ mount --bind \"$0\" \"$0\" && mount -o remount,bind,ro \"$0\" && "
+                        "! touch \"$0/x\" 2>/dev/null; } || exit 97; exec \"$@\"",
+                        dir.path()});
+        e2e::Result r = kelvo(wrapper);
         if (r.status == 97 || (r.status != 0 && r.out.empty() && r.err.find("kelvo") != 0)) {
             if (!etcd_testing::may_skip("no read-only mount"))
                 FAIL() << "cannot make a read-only bind mount here: " << r.err;

@@ -275,34 +275,18 @@ class KelvoMount : public KelvoDelivery {
         e2e::write_file(dir / "probe-src", "");
         e2e::write_file(dir / "probe-dst", "");
         e2e::Run probe;
-        probe.wrapper = private_namespace();
+        probe.wrapper = e2e::private_mount_namespace(dir.path());
         probe.args = {"mount", "--bind", dir / "probe-src", dir / "probe-dst"};
         e2e::Result r = e2e::run(probe);
         if (r.status != 0)
             GTEST_SKIP() << "cannot bind-mount a file in a private mount namespace here (status "
                          << r.status << "): " << r.err;
     }
-    // A command line's prefix that runs it in a mount namespace of its own
-    // whose mounts propagate nowhere: all of them private, or in a chroot,
-    // where "/" may be no mount point to make private, at least the mount
-    // that holds the test's directory, where every mount of the tests goes.
-    std::vector<std::string> private_namespace() const {
-        return {"unshare",
-                "--mount",
-                "--propagation",
-                "unchanged",
-                "sh",
-                "-c",
-                "mount --make-rprivate / 2>/dev/null || "
-                "mount --make-rprivate \"$(stat -c %m \"$0\")\" || exit 97\n"
-                "exec \"$@\"",
-                dir.path()};
-    }
     // Runs a shell script in one private mount namespace, so that later
     // commands see the mounts of earlier ones. $K is kelvo.
     e2e::Result script(const std::string& text) {
         e2e::Run r;
-        r.wrapper = private_namespace();
+        r.wrapper = e2e::private_mount_namespace(dir.path());
         // The written files lie below the prefix at the test directory's path.
         r.args = {"sh", "-c", "mkdir -p $R$T || exit 99\n" + text};
         r.env = {{"HGX_REPOSITORY", repo}, {"QRM_WERN", WERN}, {"K", e2e::kelvo_bin()},
