@@ -97,12 +97,9 @@ int lint_group(const ConfigfileGroup& group, defines_t* defines, void* context) 
 
 int lint_configfiles(repository_t* repository, const char* stencil_dir,
                      std::vector<std::string>* findings) {
-    defines_t* defines = defines_create();
-    if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
     LintRun run{repository, stencil_dir, findings};
     ConfigfileWalk walk{1, 0, lint_group, &run, 0};
-    walk_configfiles(repository, &defines, walk);
-    defines_destroy(defines);
+    walk_configfiles(repository, walk);
     return walk.failed;
 }
 
@@ -149,19 +146,18 @@ int kelvo_lint_main(int argc, char** argv) {
         return KELVO_LINT_USAGE;
     }
 
-    repository_t* repository = open_instance_view(instance_wern);
+    InstanceView repository = open_instance_view(instance_wern);
     std::vector<std::string> findings;
     int failed = 0;
     if (all_configfiles) {
-        failed = lint_configfiles(repository, stencil_dir, &findings);
+        failed = lint_configfiles(repository.get(), stencil_dir, &findings);
     } else {
-        defines_t* defines = defines_create();
-        if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
-        LintRun run{repository, stencil_dir, &findings};
-        failed = lint_stencil(run, defines, input_file) != KELVO_SUCCESS;
-        defines_destroy(defines);
+        DefinesTable defines(defines_create());
+        if (!defines) die(KELVO_SYSERR, gettext("Out of memory\n"));
+        LintRun run{repository.get(), stencil_dir, &findings};
+        failed = lint_stencil(run, defines.get(), input_file) != KELVO_SUCCESS;
     }
-    repository_destroy(repository);
+    repository.reset();
 
     for (const std::string& line : findings) printf("%s\n", line.c_str());
     if (finish_standard_output(prog) != 0) return KELVO_LINT_ERROR;

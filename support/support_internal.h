@@ -73,7 +73,7 @@ typedef struct free_list {
 // Registers memory (freed as it is) when it is not null, otherwise pointer
 // (whatever *pointer holds at exit is freed). Counted even past the last
 // slot, where it is dropped.
-void _atexit_free(void* memory, void** pointer);
+void atexit_free_register(void* memory, void** pointer);
 // The list itself, for tests of the slot accounting. Read it only while no
 // other thread registers.
 const free_list_t* atexit_free_list_state(void);

@@ -53,8 +53,8 @@ bool valid_utf8(std::string_view s) {
             if ((cc & 0xC0) != 0x80) return false;
             cp = (cp << 6) | (cc & 0x3F);
         }
-        static const uint32_t min[] = {0, 0x80, 0x800, 0x10000};
-        if (cp < min[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
+        static const uint32_t MIN_OF_LENGTH[] = {0, 0x80, 0x800, 0x10000};
+        if (cp < MIN_OF_LENGTH[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
         i += n + 1;
     }
     return true;

@@ -34,17 +34,17 @@ template <typename T, void (*Destroy)(T*)>
 using Owned = std::unique_ptr<T, Destroyer<T, Destroy>>;
 
 // Lets a function that takes heap text through a char** parameter (to fill,
-// grow or replace it) work on a HeapText: f(..., out_text(text)). The
+// grow or replace it) work on a HeapText: f(..., OutText(text)). The
 // function sees what text held; whatever it leaves there, on success or
 // failure, is owned by text again once the call's full expression ends.
 // text must outlive that expression, and nothing else may touch it before
 // the expression ends.
-class out_text {
+class OutText {
   public:
-    explicit out_text(HeapText& owner) : owner_(owner), raw_(owner.release()) {}
-    out_text(const out_text&) = delete;
-    out_text& operator=(const out_text&) = delete;
-    ~out_text() { owner_.reset(raw_); }
+    explicit OutText(HeapText& owner) : owner_(owner), raw_(owner.release()) {}
+    OutText(const OutText&) = delete;
+    OutText& operator=(const OutText&) = delete;
+    ~OutText() { owner_.reset(raw_); }
     operator char**() noexcept { return &raw_; }
 
   private:
