@@ -11,6 +11,7 @@
 
 #include <cstdio>
 #include <iterator>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <unordered_set>
@@ -379,7 +380,7 @@ Property read_property(const Node& n, const std::string& name, const std::string
         check_value(wern, p.type, scalar_text(n), n.pos);
         values.push_back(scalar_text(n));
     }
-    p.blob = hgx_values_blob(values);
+    if (hgx_values_blob(values, &p.blob) < 0) throw std::bad_alloc();
     return p;
 }
 

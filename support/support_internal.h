@@ -116,6 +116,5 @@ int regex_within_budget(const char* pattern);
 // The budget in bytes that the next scope (or base) takes: half of the stack
 // the thread may use (the stack size limit for the main thread, at most
 // 512 MiB; the thread's own stack otherwise), unless stack_guard_set_budget
-// set one. 0 there restores the default; for tests.
+// (stack_guard.h) set one.
 size_t stack_guard_budget();
-void stack_guard_set_budget(size_t bytes);

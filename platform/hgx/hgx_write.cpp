@@ -10,10 +10,10 @@
 using namespace hgx_detail;
 
 // A writer owns its store, opened for writing: one transaction from its
-// opening to its commit.
+// opening to its commit. source is the store's, kept for hgx_writer_source.
 struct hgx_writer {
     std::unique_ptr<Store> store;
-    bool committed = false;
+    std::string source;
 };
 
 namespace {
@@ -31,13 +31,15 @@ int owner_kind(const hgx_owner& o) {
 
 }  // namespace
 
-std::string hgx_values_blob(const std::vector<std::string>& values) {
-    std::string blob;
-    for (const std::string& v : values) {
-        blob += v;
-        blob += '\0';
-    }
-    return blob;
+int hgx_values_blob(const std::vector<std::string>& values, std::string* blob) {
+    return guarded(-1, [&]() -> int {
+        blob->clear();
+        for (const std::string& v : values) {
+            *blob += v;
+            *blob += '\0';
+        }
+        return 0;
+    });
 }
 
 hgx_writer_t* hgx_writer_open(const char* path, bool create, std::string* message) {
@@ -45,7 +47,8 @@ hgx_writer_t* hgx_writer_open(const char* path, bool create, std::string* messag
         std::unique_ptr<Store> s =
             open_store(path ? path : "", create ? OpenMode::CREATE : OpenMode::WRITE, message);
         if (!s) return nullptr;
-        return new hgx_writer{std::move(s)};
+        std::string source = s->source();
+        return new hgx_writer{std::move(s), std::move(source)};
     });
 }
 
@@ -55,11 +58,7 @@ hgx_writer_t* hgx_reader_open(const char* path, std::string* message) {
 
 int hgx_writer_commit(hgx_writer_t* w) {
     if (!w || !w->store) return fail(HGX_ERROR_INVALID_ARGUMENT);
-    return guarded(-1, [&]() -> int {
-        if (w->store->commit() < 0) return -1;
-        w->committed = true;
-        return 0;
-    });
+    return guarded(-1, [&]() -> int { return w->store->commit() < 0 ? -1 : 0; });
 }
 
 void hgx_writer_close(hgx_writer_t* w) { delete w; }
@@ -232,7 +231,9 @@ int hgx_writer_set_property(hgx_writer_t* w, const hgx_owner& pg, std::string_vi
             return fail(HGX_ERROR_INVALID_ARGUMENT);
         for (const std::string& v : values)
             if (hgx_value_check(type, v) < 0) return -1;
-        return w->store->put_prop(pg.id, name, type, hgx_values_blob(values), true);
+        std::string blob;
+        if (hgx_values_blob(values, &blob) < 0) return -1;
+        return w->store->put_prop(pg.id, name, type, blob, true);
     });
 }
 
@@ -307,11 +308,12 @@ hgx_writer_t* hgx_reader_open_at(const char* url, int64_t revision, std::string*
     return guarded<hgx_writer_t*>(nullptr, [&]() -> hgx_writer_t* {
         std::unique_ptr<Store> s = open_store(url ? url : "", OpenMode::READ, message, revision);
         if (!s) return nullptr;
-        return new hgx_writer{std::move(s)};
+        std::string source = s->source();
+        return new hgx_writer{std::move(s), std::move(source)};
     });
 }
 
-std::string hgx_writer_source(const hgx_writer_t* w) { return w->store->source(); }
+const char* hgx_writer_source(const hgx_writer_t* w) { return w->source.c_str(); }
 int64_t hgx_writer_revision(const hgx_writer_t* w) { return w->store->revision(); }
 
 int hgx_writer_service_versions(hgx_writer_t* w,

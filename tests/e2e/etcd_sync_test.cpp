@@ -68,8 +68,9 @@ class Sync {
     pid_t pid_ = -1;
 };
 
-// Waits up to `limit` for the condition.
-bool eventually(const std::function<bool()>& ok, std::chrono::milliseconds limit = 5000ms) {
+// Waits up to `limit` for the condition: a bound against a hang, generous
+// for a loaded machine, never a measure of speed (bench/sync.sh measures).
+bool eventually(const std::function<bool()>& ok, std::chrono::milliseconds limit = 30000ms) {
     auto until = std::chrono::steady_clock::now() + limit;
     while (std::chrono::steady_clock::now() < until) {
         if (ok()) return true;
@@ -130,9 +131,7 @@ TEST_F(EtcdSync, FollowsTheClusterAndRunsTheCommandWithTheChangedInstances) {
 
     std::remove(seen.c_str());
     ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
-    auto changed_at = std::chrono::steady_clock::now();
-    ASSERT_TRUE(eventually([&] { return value() == "g1\n"; }, 1000ms)) << e2e::read_file(log);
-    EXPECT_LT(std::chrono::steady_clock::now() - changed_at, 1000ms);
+    ASSERT_TRUE(eventually([&] { return value() == "g1\n"; })) << e2e::read_file(log);
     ASSERT_TRUE(eventually([&] { return e2e::exists(seen); }));
     EXPECT_EQ(e2e::read_file(seen), "wrn:/app/web:default\n--\n");
     // A failing command is reported and the mirror goes on.

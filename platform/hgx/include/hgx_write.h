@@ -64,8 +64,9 @@ bool hgx_valid_service_name(std::string_view name);
 int hgx_value_check(hgx_type_t type, std::string_view value, const char** why = nullptr);
 
 // Values as stored: each followed by a NUL byte, so that an empty list and a
-// list of one empty value differ.
-std::string hgx_values_blob(const std::vector<std::string>& values);
+// list of one empty value differ. 0 with *blob replaced, or -1 with
+// HGX_ERROR_NO_MEMORY (*blob then unspecified).
+int hgx_values_blob(const std::vector<std::string>& values, std::string* blob);
 
 // Opens the file (creating it, schema included, when create is set and it does
 // not exist) and begins the write transaction. Null on failure; a message for
@@ -153,9 +154,10 @@ int hgx_writer_copy_service(hgx_writer_t* to, hgx_writer_t* from, std::string_vi
 
 // As hgx_reader_open, for a cluster at the given revision (0: the newest).
 hgx_writer_t* hgx_reader_open_at(const char* url, int64_t revision, std::string* message);
-// The cluster and prefix the repository comes from ("" for a file), and the
-// revision it was read at (0 for a file).
-std::string hgx_writer_source(const hgx_writer_t* w);
+// The cluster and prefix the repository comes from ("" for a file), owned
+// by the writer for its life, and the revision it was read at (0 for a
+// file).
+const char* hgx_writer_source(const hgx_writer_t* w);
 int64_t hgx_writer_revision(const hgx_writer_t* w);
 // Every service with a version that changes whenever the service does (on a
 // cluster; a file gives empty versions). 0 or -1.
