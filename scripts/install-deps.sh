@@ -3,7 +3,7 @@
 # only when one of them is missing, so that a prepared machine is left alone.
 set -e
 PACKAGES="cmake ninja-build g++ clang libclang-rt-14-dev make pkg-config libsqlite3-dev sqlite3
-nlohmann-json3-dev clang-format libcap-dev libcap2-bin googletest libgtest-dev util-linux
+nlohmann-json3-dev clang-format clang-tidy libcap-dev libcap2-bin googletest libgtest-dev util-linux
 debhelper dpkg-dev fakeroot bash-completion etcd-server etcd-client libcurl4-openssl-dev openssl"
 missing=""
 for p in $PACKAGES; do

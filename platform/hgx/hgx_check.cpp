@@ -203,13 +203,16 @@ const char* type_reason(hgx_type_t type, std::string_view v) {
 }  // namespace
 
 int hgx_value_check(hgx_type_t type, std::string_view v, const char** why) {
-    const char* reason = nullptr;
-    if (v.size() > VALUE_LIMIT)
-        reason = "is longer than 4096 bytes";
-    else if (v.find('\0') != std::string_view::npos)
-        reason = "holds a NUL byte";
-    else
-        reason = type_reason(type, v);
-    if (why) *why = reason;
-    return reason ? fail(HGX_ERROR_INVALID_VALUE) : 0;
+    if (why) *why = nullptr;
+    return guarded(-1, [&]() -> int {
+        const char* reason = nullptr;
+        if (v.size() > VALUE_LIMIT)
+            reason = "is longer than 4096 bytes";
+        else if (v.find('\0') != std::string_view::npos)
+            reason = "holds a NUL byte";
+        else
+            reason = type_reason(type, v);
+        if (why) *why = reason;
+        return reason ? fail(HGX_ERROR_INVALID_VALUE) : 0;
+    });
 }

@@ -1,7 +1,7 @@
 // Owners of what the project's C-style interfaces hand out, so that every
 // module frees them the same way: heap text and records from malloc, and
 // any object with a create/destroy pair. (libhgx's objects have their own
-// owners in HgxPtr.h, beside the library's interface.)
+// owners in hgx_ptr.h, beside the library's interface.)
 #pragma once
 
 #include <cstddef>

@@ -60,7 +60,8 @@ bool hgx_valid_service_name(std::string_view name);
 // 0 when the value fits the type (and the value length limit), else -1 with
 // HGX_ERROR_INVALID_VALUE; *why (if given) receives a short reason, a static
 // text to put after the value in a message ("is not a host name"), or null
-// when the value fits.
+// when the value fits. -1 with HGX_ERROR_NO_MEMORY (*why null) when the
+// check itself ran out of memory.
 int hgx_value_check(hgx_type_t type, std::string_view value, const char** why = nullptr);
 
 // Values as stored: each followed by a NUL byte, so that an empty list and a
