@@ -3,6 +3,8 @@
 #   make check  installs what is missing, builds (Release, GCC), runs every
 #               test, then the same tests built with AddressSanitizer and
 #               UBSan (Debug, clang); warnings are errors in both
+# demo and check share one configuration of BUILD (warnings are errors
+# there too), so that "make demo" then "make check" compiles nothing twice.
 #   make install       builds and installs below PREFIX (cmake --install)
 #   make deb           builds the Debian package into BUILD/deb
 #   make check-package installs that package and runs the demo with it
@@ -10,9 +12,10 @@
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
-# ON or OFF; unset keeps what the build directory was configured with.
-WERROR     ?=
-CMAKE_OPTS  = $(if $(WERROR),-DKELVO_WERROR=$(WERROR))
+# Warnings are errors in every build made here (ON or OFF; the same value
+# for every target, or the tree is compiled again with the other flags).
+WERROR     ?= ON
+CMAKE_OPTS  = -DKELVO_WERROR=$(WERROR)
 PREFIX     ?= /usr/local
 # What build depends on first; make install empties it (it checks instead).
 DEPS       ?= deps
@@ -41,7 +44,7 @@ test-asan: build-asan
 	  ctest --output-on-failure -j $(JOBS)
 
 check:
-	@$(MAKE) --no-print-directory test test-asan WERROR=ON
+	@$(MAKE) --no-print-directory test test-asan
 
 # What CI checks of the sources before building them: formatting
 # (.clang-format), the layout that docs/architecture.md states, and the

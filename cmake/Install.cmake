@@ -4,7 +4,8 @@
 #   share/doc/kelvo/                      README.md, the guides, examples/ (scripts
 #                                         keep their run bit)
 #   lib/kelvo/hgx-etcd.so                 the etcd store's client, when built
-#   share/bash-completion/completions/    kelvo, hgxrepo
+#   share/bash-completion/completions/    hgxrepo; kelvo, kelvo-diff, kelvo-lint,
+#                                         kelvo-apply (one file under each name)
 #   /lib/wrn/stencils, /var/lib/hgx       kelvo's default stencil directory and
 #                                         the repository's directory; absolute,
 #                                         so below DESTDIR but not the prefix
@@ -34,8 +35,12 @@ install(FILES README.md docs/stencil-language.md docs/etcd-store.md docs/fleet.m
 # A script among the examples is run as it is installed (hgxrepo sync
 # --exec): it keeps the mode it has in the tree.
 install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples USE_SOURCE_PERMISSIONS)
-install(FILES completion/kelvo completion/hgxrepo
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+# bash-completion loads a program's completion from the file of its name.
+install(FILES completion/hgxrepo DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+foreach(program kelvo kelvo-diff kelvo-lint kelvo-apply)
+  install(FILES completion/kelvo DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+          RENAME ${program})
+endforeach()
 
 # Empty directories the programs expect; the stencils of services and the
 # repository itself come from elsewhere.

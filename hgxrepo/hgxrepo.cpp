@@ -8,6 +8,7 @@
 // prints one line, "hgxrepo: what", and leaves the file as it was.
 #include "hgxrepo.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
@@ -19,10 +20,6 @@
 #include "sync.h"
 
 namespace hgxrepo {
-
-void arity(const Invocation& inv, size_t min, size_t max) {
-    if (inv.words.size() < min || inv.words.size() > max) throw Usage{};
-}
 
 std::string one_line(std::string s) {
     for (char& c : s)
@@ -54,6 +51,48 @@ const char USAGE[] =
     "A MANIFEST of - is standard input.\n"
     "kelvo reads an instance's snapshot \"running\" (the group general excepted):\n"
     "changes are seen after \"hgxrepo snapshot WERN\", or at once with --snapshot.\n";
+
+// The lines of USAGE that show a command, without their lead ("usage: " or
+// the blanks under it); none for a word that no line shows.
+std::vector<std::string> usage_of(const std::string& command) {
+    std::vector<std::string> lines;
+    const std::string text = USAGE;
+    for (size_t at = 0, end; at < text.size(); at = end + 1) {
+        end = text.find('\n', at);
+        std::string line = text.substr(at, end - at);
+        const size_t lead = line.find_first_not_of(' ', line.rfind("usage: ", 0) == 0 ? 7 : 0);
+        if (lead == std::string::npos || line.compare(lead, 8, "hgxrepo ") != 0) continue;
+        line.erase(0, lead);
+        std::string rest = line.substr(std::string("hgxrepo ").size());
+        if (rest.rfind("[-r FILE] ", 0) == 0) rest.erase(0, std::string("[-r FILE] ").size());
+        if (rest.substr(0, rest.find(' ')) == command) lines.push_back(line);
+    }
+    return lines;
+}
+
+// The words a command cannot do without, as its first usage line calls
+// them: those outside brackets, without a trailing "...".
+std::vector<std::string> required_words(const std::string& command) {
+    std::vector<std::string> required;
+    const std::vector<std::string> lines = usage_of(command);
+    if (lines.empty()) return required;
+    const std::string& line = lines[0];
+    size_t at = line.find(' ' + command);
+    at = at == std::string::npos ? line.size() : at + command.size() + 1;
+    int depth = 0;
+    while (at < line.size()) {
+        const size_t end = std::min(line.find(' ', at + 1), line.size());
+        std::string word = line.substr(at, end - at);
+        word.erase(0, word.find_first_not_of(' '));
+        for (char c : word) depth += c == '[' ? 1 : c == ']' ? -1 : 0;
+        const bool bracketed = depth > 0 || word.find(']') != std::string::npos;
+        if (word.size() > 3 && word.compare(word.size() - 3, 3, "...") == 0)
+            word.resize(word.size() - 3);
+        if (!bracketed && !word.empty()) required.push_back(word);
+        at = end;
+    }
+    return required;
+}
 
 std::string repository_path(const std::string& option) {
     if (!option.empty()) return option;
@@ -107,14 +146,13 @@ const Command* find_command(const std::string& name) {
 
 // Takes the options in front of the command from args, from *i on, leaving
 // *i at the command. Returns true when an option was the whole job (help,
-// version); throws Usage for a bad one.
+// version, the command words for completion); throws Usage for a bad one.
 bool take_options(const std::vector<std::string>& args, size_t* i, std::string* file_option) {
     while (*i < args.size() && args[*i].size() > 1 && args[*i][0] == '-') {
         const std::string& arg = args[*i];
         if (arg == "-r") {
-            if (*i + 1 >= args.size()) throw Usage{};
+            if (*i + 1 >= args.size() || args[*i + 1].empty()) throw Usage{"-r needs a FILE"};
             *file_option = args[*i + 1];
-            if (file_option->empty()) throw Usage{};
             *i += 2;
         } else if (arg.rfind("-r", 0) == 0) {
             *file_option = arg.substr(2);
@@ -125,24 +163,54 @@ bool take_options(const std::vector<std::string>& args, size_t* i, std::string* 
         } else if (arg == "--version") {
             std::cout << "hgxrepo " KELVO_VERSION "\n";
             return true;
+        } else if (arg == "--commands") {
+            // Not in the usage: the command words, one a line, for completion.
+            for (const Command& c : COMMANDS) std::cout << c.name << '\n';
+            std::cout << "help\n";
+            return true;
         } else {
-            throw Usage{};
+            throw Usage{"unknown option " + manifest::quote(arg)};
         }
     }
     return false;
 }
 
-int run(const std::vector<std::string>& args) {
+// Prints the usage of one command (all of them for an empty word).
+void print_usage(std::ostream& out, const std::string& command) {
+    const std::vector<std::string> lines =
+        command.empty() ? std::vector<std::string>{} : usage_of(command);
+    if (lines.empty()) {
+        out << USAGE;
+        return;
+    }
+    for (size_t k = 0; k < lines.size(); ++k)
+        out << (k == 0 ? "usage: " : "       ") << lines[k] << '\n';
+}
+
+// "CMD --help" (anywhere in front of a "--"), or "CMD -h" as its first word.
+bool asks_for_help(const std::vector<std::string>& words) {
+    for (size_t k = 0; k < words.size() && words[k] != "--"; ++k)
+        if (words[k] == "--help" || (k == 0 && words[k] == "-h")) return true;
+    return false;
+}
+
+// Runs the command line; *command receives the command's word once known,
+// for the usage of a bad one.
+int run(const std::vector<std::string>& args, std::string* command_word) {
     std::string file_option;
     size_t i = 0;
     if (take_options(args, &i, &file_option)) return 0;
-    if (i >= args.size()) throw Usage{};
+    if (i >= args.size()) throw Usage{"no command given"};
     const std::string name = args[i++];
     if (name == "help") {
-        std::cout << USAGE;
+        // "help CMD" shows that command alone.
+        if (i < args.size() && !find_command(args[i]))
+            throw Usage{"unknown command " + manifest::quote(args[i])};
+        print_usage(std::cout, i < args.size() ? args[i] : "");
         return 0;
     }
     Invocation inv;
+    inv.command = name;
     inv.words.assign(args.begin() + static_cast<std::ptrdiff_t>(i), args.end());
     inv.path = repository_path(file_option);
     // "--snapshot" may stand in front of the wern.
@@ -151,6 +219,11 @@ int run(const std::vector<std::string>& args) {
         inv.words.erase(inv.words.begin());
     }
     const Command* command = find_command(name);
+    if (command) *command_word = name;
+    if (command && asks_for_help(inv.words)) {
+        print_usage(std::cout, name);
+        return 0;
+    }
     if (inv.snapshot && (!command || !command->takes_snapshot))
         throw Usage{"--snapshot goes with setprop, delprop, addpg and delpg"};
     if (!command) throw Usage{"unknown command " + manifest::quote(name)};
@@ -163,22 +236,35 @@ int run(const std::vector<std::string>& args) {
 
 }  // namespace
 
+void arity(const Invocation& inv, size_t min, size_t max) {
+    const size_t given = inv.words.size();
+    if (given < min) {
+        const std::vector<std::string> required = required_words(inv.command);
+        throw Usage{inv.command + ": missing " +
+                    (given < required.size() ? required[given] : std::string("an argument"))};
+    }
+    if (given > max)
+        throw Usage{inv.command + ": unexpected argument " + manifest::quote(inv.words[max])};
+}
+
 }  // namespace hgxrepo
 
 using hgxrepo::Failure;
 using hgxrepo::one_line;
 using hgxrepo::PROG;
 using hgxrepo::Usage;
-using hgxrepo::USAGE;
 
 int hgxrepo_main(int argc, char** argv) {
     std::vector<std::string> args;
     for (int k = 1; k < argc; ++k) args.emplace_back(argv[k]);
+    // The command's word once it is known: a bad command line then gets
+    // that command's usage rather than all of them.
+    std::string command;
     try {
-        return hgxrepo::run(args);
+        return hgxrepo::run(args, &command);
     } catch (const Usage& u) {
-        std::cerr << USAGE;
         if (!u.what.empty()) std::cerr << PROG << one_line(u.what) << '\n';
+        hgxrepo::print_usage(std::cerr, command);
         return 2;
     } catch (const Failure& f) {
         std::cout.flush();

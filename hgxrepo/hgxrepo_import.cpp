@@ -176,7 +176,7 @@ int cmd_import(const Invocation& inv) {
         take = false;
         files.erase(files.begin());
     }
-    if (files.empty()) throw Usage{};
+    if (files.empty()) throw Usage{"import: missing MANIFEST"};
     std::vector<manifest::Document> docs(files.size());
     for (size_t k = 0; k < files.size(); ++k) {
         std::string error;

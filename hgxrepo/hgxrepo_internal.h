@@ -35,7 +35,7 @@ struct Failure {
     std::string what;
 };
 
-// A bad command line; `what` (if any) is said after the usage.
+// A bad command line; `what` says what is wrong, ahead of the usage.
 struct Usage {
     std::string what;
 };
@@ -45,12 +45,15 @@ struct Conflict {};
 
 // One command as the command line gave it.
 struct Invocation {
+    std::string command;             // the command's word
     std::string path;                // the repository: -r, else $HGX_REPOSITORY, else default
     std::vector<std::string> words;  // the words after the command's name and --snapshot
     bool snapshot = false;           // --snapshot stood in front of them
 };
 
-// Throws Usage unless the command has from min to max words.
+// Throws Usage unless the command has from min to max words, naming the
+// first word missing (as the command's usage line calls it) or the first
+// one too many.
 void arity(const Invocation& inv, size_t min, size_t max);
 
 // s with its line breaks made spaces, so that a message stays one line

@@ -53,7 +53,14 @@ Handle open_reader(const std::string& path) {
     Handle h(hgx_handle_create(HGX_VERSION));
     if (!h) throw Failure{lib_error()};
     if (hgx_handle_bind_path(h.get(), path.c_str()) < 0) {
-        throw Failure{path + ": " + lib_error() + missing_repository_hint()};
+        // The library's text of a missing file ends in its name, which this
+        // message puts in front already.
+        std::string text = lib_error();
+        const std::string named = ": " + path;
+        if (text.size() > named.size() &&
+            text.compare(text.size() - named.size(), named.size(), named) == 0)
+            text.resize(text.size() - named.size());
+        throw Failure{path + ": " + text + missing_repository_hint()};
     }
     return h;
 }

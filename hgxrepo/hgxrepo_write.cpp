@@ -165,12 +165,12 @@ int cmd_setprop(const Invocation& inv) {
     const std::vector<std::string>& words = inv.words;
     // The type option stands behind the wern; in front of it, it would be
     // taken for the wern.
-    if (words[0] == "-t") throw Usage{};
+    if (words[0] == "-t") throw Usage{"setprop: -t goes behind the WERN"};
     std::string type;
     size_t first = 1;
     bool typed = false;
     if (words.size() > 1 && words[1] == "-t") {
-        if (words.size() < 3) throw Usage{};
+        if (words.size() < 3) throw Usage{"setprop: -t needs a TYPE"};
         type = words[2];
         typed = true;
         first = 3;
@@ -269,7 +269,9 @@ void copy_repository(const std::string& path, const std::string& target) {
     for (const std::string& name : names)
         if (hgx_writer_copy_service(w.get(), from.get(), name) < 0) {
             std::string detail = hgx_writer_message(w.get());
-            throw Failure{target + ": cannot copy wrn:/" + name + ": " +
+            // A name the copy refuses is named by its message alone.
+            std::string what = hgx_valid_service_name(name) ? " wrn:/" + name : "";
+            throw Failure{target + ": cannot copy" + what + ": " +
                           (detail.empty() ? lib_error() : detail)};
         }
     commit(w.get(), target);

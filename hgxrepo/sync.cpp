@@ -72,6 +72,39 @@ void pause_for(int seconds) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
 }
 
+// A failure that lasts (a lost cluster, a file that cannot be written):
+// one line when it begins, one when it ends, and between them tries that
+// wait longer and longer, up to 30 seconds apart.
+class Trouble {
+  public:
+    void begin(const std::string& line) {
+        if (!on_) log_line(line);
+        on_ = true;
+    }
+    void end(const std::string& line) {
+        if (on_) log_line(line);
+        on_ = false;
+        pause_ = 1;
+    }
+    void wait() {
+        pause_for(pause_);
+        pause_ = pause_ < 30 ? pause_ * 2 : 30;
+    }
+    // The next trouble starts with short waits again.
+    void forget() { pause_ = 1; }
+
+  private:
+    bool on_ = false;
+    int pause_ = 1;
+};
+
+// Why a revision was not applied.
+enum class Failed {
+    CLUSTER,  // the cluster could not be read
+    REFUSED,  // it holds what no import would take
+    FILE,     // the mirror could not be written
+};
+
 class Mirror {
   public:
     explicit Mirror(const SyncOptions& o) : o_(o) {}
@@ -104,6 +137,7 @@ class Mirror {
     int64_t revision_ = 0;                         // last applied
     std::map<std::string, std::string> versions_;  // at revision_
     bool resume_ = false;
+    Failed failed_ = Failed::FILE;  // why the last apply() failed
 };
 
 bool Mirror::prepare() {
@@ -173,6 +207,7 @@ bool Mirror::selected_versions(hgx_writer_t* r, std::map<std::string, std::strin
 
 bool Mirror::apply(int64_t revision, bool whole, std::string* why) {
     std::string message;
+    failed_ = Failed::CLUSTER;
     Writer cluster(hgx_reader_open_at(o_.url.c_str(), revision, &message));
     if (!cluster) {
         *why = message;
@@ -197,6 +232,7 @@ bool Mirror::apply(int64_t revision, bool whole, std::string* why) {
         return true;
     }
 
+    failed_ = Failed::FILE;
     Writer file(hgx_writer_open(o_.file.c_str(), true, &message));
     if (!file) {
         *why = message;
@@ -223,8 +259,18 @@ bool Mirror::apply(int64_t revision, bool whole, std::string* why) {
         hgx_id_t old = hgx_writer_find_service(file.get(), name);
         if (old < 0 || (old > 0 && hgx_writer_delete_service(file.get(), old) < 0))
             return failed("cannot write " + o_.file);
-        if (versions.count(name) && hgx_writer_copy_service(file.get(), cluster.get(), name) < 0)
-            return failed("cannot copy wrn:/" + name);
+        if (versions.count(name) && hgx_writer_copy_service(file.get(), cluster.get(), name) < 0) {
+            // The copy reads the cluster as it writes the file: a failure
+            // is the cluster's where the cluster's store has words for it.
+            hgx_error_t e = hgx_error();
+            failed_ = e == HGX_ERROR_INVALID_ARGUMENT || e == HGX_ERROR_INVALID_VALUE
+                          ? Failed::REFUSED
+                      : *hgx_writer_message(cluster.get()) ? Failed::CLUSTER
+                                                           : Failed::FILE;
+            // A name the copy refuses is named by its message alone.
+            return failed(hgx_valid_service_name(name) ? "cannot copy wrn:/" + name
+                                                       : std::string("cannot copy"));
+        }
         if (hgx_writer_instance_texts(file.get(), name, &after) < 0)
             return failed("cannot read " + o_.file);
         for (const auto& [inst, text] : after) {
@@ -294,8 +340,7 @@ int Mirror::run() {
                          " has been compacted away: copying afresh");
         }
     }
-    bool lost = false;
-    int backoff = 1;
+    Trouble lost, stuck;  // the cluster; the file
     while (keep_going()) {
         if (whole) {
             if (!apply(0, true, &why)) {
@@ -303,48 +348,69 @@ int Mirror::run() {
                     log_line(why);
                     return 1;
                 }
-                if (!lost) log_line("cannot copy: " + why + "; trying again");
-                lost = true;
-                pause_for(backoff);
-                backoff = backoff < 30 ? backoff * 2 : 30;
+                stuck.begin("copying failed: " + why + "; trying again");
+                stuck.wait();
                 continue;
             }
+            // The line of the copy tells that the trouble is over.
+            stuck = Trouble();
+            lost = Trouble();
             whole = false;
             if (o_.once) return 0;
         }
-        if (lost) log_line("connected again at revision " + std::to_string(revision_));
-        lost = false;
-        backoff = 1;
+        lost.end("connected again at revision " + std::to_string(revision_));
         std::string failure;
+        bool failed = false;
+        Failed cause = Failed::CLUSTER;
+        hgx_error_t code = HGX_ERROR_NONE;
         auto on_commit = [&](int64_t revision) {
             if (revision <= revision_) return true;
-            if (apply(revision, false, &failure)) return keep_going();
+            if (apply(revision, false, &failure)) {
+                stuck.end("applied revision " + std::to_string(revision_) +
+                          ": the mirror follows again");
+                return keep_going();
+            }
+            code = hgx_error();
+            cause = failed_;
+            // The next revision is compared with the one the mirror holds,
+            // so it brings whatever this one changed, once it is acceptable.
+            if (cause == Failed::REFUSED) {
+                log_line("revision " + std::to_string(revision) + " refused, the mirror stays at " +
+                         std::to_string(revision_) + ": " + failure);
+                return keep_going();
+            }
+            failed = true;
             return false;
         };
         std::string message;
+        auto began = std::chrono::steady_clock::now();
         int rc = hgx_follow(o_.url.c_str(), revision_, on_commit, keep_going, &message);
         if (!keep_going()) break;
-        if (!failure.empty()) {
-            log_line("revision not applied, the mirror stays at " + std::to_string(revision_) +
-                     ": " + failure);
-            pause_for(backoff);
-            backoff = backoff < 30 ? backoff * 2 : 30;
+        // A watch that held for a while was sound: a new trouble starts
+        // with short waits again.
+        if (std::chrono::steady_clock::now() - began > std::chrono::seconds(30)) {
+            lost.forget();
+            stuck.forget();
+        }
+        if (failed && cause == Failed::FILE) {
+            stuck.begin("revision not applied, the mirror stays at " + std::to_string(revision_) +
+                        ": " + failure + "; trying again");
+            stuck.wait();
             continue;
         }
-        if (rc < 0 && hgx_error() == HGX_ERROR_REVISION_COMPACTED) {
+        if (failed ? code == HGX_ERROR_REVISION_COMPACTED
+                   : rc < 0 && hgx_error() == HGX_ERROR_REVISION_COMPACTED) {
             log_line("revision " + std::to_string(revision_ + 1) +
                      " has been compacted away: copying afresh");
             whole = true;
             continue;
         }
-        log_line("lost the cluster: " + lib_error() +
-                 (message.empty() ? "" : " (" + message + ")"));
-        lost = true;
+        std::string cause_text = failed ? failure : message.empty() ? lib_error() : message;
+        lost.begin("lost the cluster: " + cause_text);
         // Back until the cluster answers again, then follow from where the
         // mirror stands; nothing in between is lost, etcd keeps it.
         while (keep_going()) {
-            pause_for(backoff);
-            backoff = backoff < 30 ? backoff * 2 : 30;
+            lost.wait();
             std::string m;
             Writer probe(hgx_reader_open_at(o_.url.c_str(), 0, &m));
             if (probe) break;

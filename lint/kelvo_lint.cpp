@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <utility>
 
 #include "kelvo.h"
 #include "owned.h"
@@ -23,24 +25,31 @@ void ReferenceFindings::observe(const stencil_reference_t* reference, void* cont
         return p.line == reference->line_number && p.name == name;
     });
     if (it == self->places_.end()) {
-        self->places_.push_back({reference->line_number, name, reference->tests_presence != 0});
+        self->places_.push_back({reference->line_number, name,
+                                 reference->tests_presence != 0 || reference->has_default != 0});
         it = self->places_.end() - 1;
     }
-    it->defined = it->defined || reference->defined != 0;
-    if (it->tests_presence && !it->group_found && self->group_exists != nullptr) {
+    it->found = it->found || reference->defined != 0 ||
+                self->names(reference->final_name, REPO_TYPE_PROPERTY);
+    if (it->optional && !it->group_found) {
         // The group is what the name holds before its last "/".
         const char* slash = strrchr(reference->final_name, '/');
         if (slash != nullptr) {
             std::string group(reference->final_name, slash);
-            it->group_found = self->group_exists(group.c_str(), self->group_context);
+            it->group_found = self->names(group.c_str(), REPO_TYPE_PG);
         }
     }
+}
+
+bool ReferenceFindings::names(const char* name, repository_type_t type) const {
+    const property_info_t* info = repository_get_property(repository_, name);
+    return info != nullptr && info->repo_type == type;
 }
 
 std::vector<std::string> ReferenceFindings::reported() const {
     std::vector<const Place*> kept;
     for (const Place& p : places_)
-        if (!p.defined && !(p.tests_presence && p.group_found)) kept.push_back(&p);
+        if (!p.found && !(p.optional && p.group_found)) kept.push_back(&p);
     std::stable_sort(kept.begin(), kept.end(),
                      [](const Place* a, const Place* b) { return a->line < b->line; });
     std::vector<std::string> out;
@@ -48,12 +57,20 @@ std::vector<std::string> ReferenceFindings::reported() const {
     return out;
 }
 
+std::string cut_define_warning(const std::string& where, const char* value) {
+    const size_t kept = stencil_define_length(value);
+    if (value[kept] == '\0') return "";
+    return where + ": \"}\" cuts the value \"" + value + "\" to \"" + std::string(value, kept) +
+           "\"; \"" + (value + kept + 1) + "}\" lands in front of the file (write \"\\}\")";
+}
+
 namespace {
 
 void print_usage(FILE* stream, const char* prog) {
     fprintf(stream,
-            gettext("Usage: %s [-f wern] [-S dir] (-i file | -a)\n\n"
+            gettext("Usage: %s [-D name=value]... [-f wern] [-S dir] (-i file | -a)\n\n"
                     "\t-a  check the stencils of all configfile groups of wern\n"
+                    "\t-D  define name as value\n"
                     "\t-f  set instance wern (default is $QRM_WERN)\n"
                     "\t-i  check this stencil\n"
                     "\t-S  set stencil directory (default is %s)\n"),
@@ -66,17 +83,26 @@ struct LintRun {
     std::vector<std::string>* findings;
 };
 
-bool group_exists(const char* name, void* context) {
-    const property_info_t* info =
-        repository_get_property(static_cast<repository_t*>(context), name);
-    return info != nullptr && info->repo_type == REPO_TYPE_PG;
+// Adds a finding for each define in the table whose value the define syntax
+// cuts short; `where` names the table's source in front of the name.
+struct DefineCheck {
+    LintRun* run;
+    std::string where;
+};
+void check_define(const char* name, const char* value, void* context) {
+    auto* check = static_cast<DefineCheck*>(context);
+    std::string warning = cut_define_warning(check->where + name, value);
+    if (!warning.empty()) check->run->findings->push_back(warning);
+}
+void check_defines(LintRun& run, defines_t* defines, std::string where) {
+    DefineCheck check{&run, std::move(where)};
+    if (defines_for_each(defines, check_define, &check) != 0)
+        die(KELVO_SYSERR, gettext("Out of memory\n"));
 }
 
 // Evaluates one stencil and adds "stencil:line: name" per finding.
 int lint_stencil(LintRun& run, defines_t* defines, const char* input_file) {
-    ReferenceFindings findings;
-    findings.group_exists = group_exists;
-    findings.group_context = run.repository;
+    ReferenceFindings findings(run.repository);
     stencil_output_buffer_t* raw = nullptr;
     kelvo_error_t status = evaluate_stencil(run.repository, defines, input_file, run.stencil_dir, 0,
                                             &raw, ReferenceFindings::observe, &findings);
@@ -90,7 +116,22 @@ int lint_stencil(LintRun& run, defines_t* defines, const char* input_file) {
 }
 
 int lint_group(const ConfigfileGroup& group, defines_t* defines, void* context) {
-    return lint_stencil(*static_cast<LintRun*>(context), defines, group.input_file);
+    LintRun& run = *static_cast<LintRun*>(context);
+    check_defines(run, defines, std::string(group.name) + "/defines/");
+    return lint_stencil(run, defines, group.input_file);
+}
+
+// -D as kelvo takes it: "name=value", cut at the first "=", each name once.
+// A bad one is a bad command line here (status 1 means findings).
+bool add_define(defines_t* defines, const char* prog, const char* argument) {
+    std::string name(argument);
+    const size_t equals = name.find('=');
+    if (equals == std::string::npos) {
+        fprintf(stderr, gettext("%s: Invalid -D argument: %s\n"), prog, argument);
+        return false;
+    }
+    name.resize(equals);
+    return add_single_define(defines, name.data(), argument + equals + 1) == 0;
 }
 
 }  // namespace
@@ -110,13 +151,19 @@ int kelvo_lint_main(int argc, char** argv) {
     const char* input_file = nullptr;
     const char* stencil_dir = KELVO_DEFAULT_STENCIL_DIR;
     int all_configfiles = 0;
+    DefinesTable defines(defines_create());
+    if (!defines) die(KELVO_SYSERR, gettext("Out of memory\n"));
 
     int c;
-    while ((c = getopt(argc, argv, "+af:i:S:")) != -1) {
+    while ((c = getopt(argc, argv, "+aD:f:i:S:")) != -1) {
         switch (c) {
             case 'a':
                 all_configfiles = 1;
                 break;
+            case 'D':
+                if (add_define(defines.get(), prog, optarg)) break;
+                print_usage(stderr, prog);
+                return KELVO_LINT_USAGE;
             case 'f':
                 instance_wern = optarg;
                 break;
@@ -135,6 +182,8 @@ int kelvo_lint_main(int argc, char** argv) {
     const char* refusal = nullptr;
     if (optind < argc)
         fprintf(stderr, gettext("%s: Illegal argument -- %s\n"), prog, refusal = argv[optind]);
+    else if (all_configfiles && defines_count(defines.get()) > 0)
+        fprintf(stderr, gettext("%s: Option -a cannot be present with -D\n"), refusal = prog);
     else if (all_configfiles && input_file != nullptr)
         fprintf(stderr, gettext("%s: Option -a cannot be present with -i or -o\n"), refusal = prog);
     else if (instance_wern == nullptr)
@@ -152,9 +201,8 @@ int kelvo_lint_main(int argc, char** argv) {
     if (all_configfiles) {
         failed = lint_configfiles(repository.get(), stencil_dir, &findings);
     } else {
-        DefinesTable defines(defines_create());
-        if (!defines) die(KELVO_SYSERR, gettext("Out of memory\n"));
         LintRun run{repository.get(), stencil_dir, &findings};
+        check_defines(run, defines.get(), "-D ");
         failed = lint_stencil(run, defines.get(), input_file) != KELVO_SUCCESS;
     }
     repository.reset();

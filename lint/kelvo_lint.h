@@ -21,36 +21,44 @@ int kelvo_lint_main(int argc, char** argv);
 
 // Evaluates the stencil of every enabled configfile group of the view as
 // kelvo -a would (its defines, its order, stencils below stencil_dir) and
-// appends "stencil:line: name" to *findings for each reported reference.
+// appends "stencil:line: name" to *findings for each reported reference,
+// and a line for each define whose value a "}" cuts short.
 // Returns the number of groups that could not be evaluated, each reported
 // on standard error with kelvo's message.
 int lint_configfiles(repository_t* repository, const char* stencil_dir,
                      std::vector<std::string>* findings);
 
 // The verdict on the references of one evaluation. A reference is one place
-// of the stencil (its line and its name as written) however often it is
-// visited. It is reported when no visit found a value; a reference that only
-// tests for a value (:-, :+, :?) is reported only when, besides, no visit
-// found the group its name lies in.
+// of the stencil (its line and its name as written; inside a macro body as
+// the invocation writes it) however often it is visited. It is reported
+// when no visit found the property it names (a property with no values is
+// found; a group is not). A reference that only tests for a value (:-, :+,
+// :?), or a value with a `:-` default beside it, is reported only when,
+// besides, no visit found the group its name lies in.
 class ReferenceFindings {
   public:
+    explicit ReferenceFindings(repository_t* repository) : repository_(repository) {}
     // Fits stencil_reference_fn; context is the ReferenceFindings.
     static void observe(const stencil_reference_t* reference, void* context);
     // "line: name" of each reported reference, by line, in the order of
     // first visit within a line.
     std::vector<std::string> reported() const;
 
-    // Answers whether a group of that name exists; set before the evaluation.
-    bool (*group_exists)(const char* name, void* context) = nullptr;
-    void* group_context = nullptr;
-
   private:
     struct Place {
         int line;
         std::string name;
-        bool tests_presence;
-        bool defined = false;
+        bool optional;  // a missing property is fine where the group is there
+        bool found = false;
         bool group_found = false;
     };
+    bool names(const char* name, repository_type_t type) const;
+    repository_t* repository_;
     std::vector<Place> places_;
 };
+
+// The `}` that cuts a define's value short (the define syntax ends the value
+// there), as the line kelvo-lint prints for it: "WHERE: ..." naming the
+// define's place, what it gives and what lands in front of the file; empty
+// when the value is whole.
+std::string cut_define_warning(const std::string& where, const char* value);

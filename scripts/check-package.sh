@@ -43,6 +43,8 @@ version=$(sed -n 's/^project(kelvo VERSION \([^ )]*\).*/\1/p' "$SRC/CMakeLists.t
 for f in /usr/share/man/man1/kelvo.1.gz /usr/share/man/man1/hgxrepo.1.gz \
     /usr/share/man/man1/kelvo-apply.1.gz \
     /usr/share/bash-completion/completions/kelvo /usr/share/bash-completion/completions/hgxrepo \
+    /usr/share/bash-completion/completions/kelvo-diff /usr/share/bash-completion/completions/kelvo-lint \
+    /usr/share/bash-completion/completions/kelvo-apply \
     /usr/share/doc/kelvo/examples/services.json; do
     [ -f "$f" ] || fail "$f is not installed"
 done

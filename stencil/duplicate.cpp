@@ -75,6 +75,7 @@ int duplicate_property(property_t* target, property_t* source, stencil_t* stenci
     if (copy_string(&target->property_name, source->property_name) != 0) return -1;
     target->transform = source->transform;
     target->line_number = source->line_number;
+    target->has_default = source->has_default;
     int r = duplicate_subexpressions(&target->first_expression, &source->first_expression, stencil);
     if (r == 0)
         r = duplicate_subexpressions(&target->second_expression, &source->second_expression,
@@ -134,6 +135,7 @@ int duplicate_macro(macro_t* target, macro_t* source, stencil_t* stencil) {
     if (target != source) {
         target->expression.type = ET_MACRO;
         target->invocation = source->invocation;
+        target->line_number = source->line_number;
         if (copy_string(&target->name, source->name) != 0) return -1;
         if (source->num_args > 0) {
             // A copied definition gets empty arguments: it is evaluated
@@ -148,6 +150,13 @@ int duplicate_macro(macro_t* target, macro_t* source, stencil_t* stencil) {
                                                      &source->arg_expressions[i], stencil);
                     if (r != 0) return r;
                 }
+            }
+            if (source->arg_texts != nullptr) {
+                target->arg_texts = static_cast<char**>(
+                    calloc(static_cast<size_t>(source->num_args), sizeof(char*)));
+                if (target->arg_texts == nullptr) return -1;
+                for (int i = 0; i < source->num_args; ++i)
+                    if (copy_string(&target->arg_texts[i], source->arg_texts[i]) != 0) return -1;
             }
         }
     }

@@ -9,6 +9,8 @@
 // which makes nested invocations a stack without a record of their own.
 
 #include <cstdlib>
+#include <cstring>
+#include <string>
 
 #include "emit_local.h"
 #include "stencil_internal.h"
@@ -55,8 +57,64 @@ int emit_macro_arguments(macro_t* macro, stencil_t* stencil) {
             }
         }
     }
+    macro->caller = stencil->macro;
     stencil->macro = macro;
     return 1;
+}
+
+namespace {
+
+// The argument of macro that the text behind a "$%" names, by the rule of
+// get_macro_expansion; -1 for none. *length receives the name's length.
+int argument_named(const char* text, const macro_t* macro, size_t* length) {
+    if (macro->invocation == nullptr || macro->invocation->args == nullptr) return -1;
+    int best = -1;
+    for (int i = 0; i < macro->num_args; i++) {
+        const char* name = macro->invocation->args[i];
+        if (name == nullptr || *name == '\0') continue;
+        const size_t n = std::strlen(name);
+        if ((best < 0 || n < *length) && std::strncmp(text, name, n) == 0) {
+            best = i;
+            *length = n;
+        }
+    }
+    return best;
+}
+
+}  // namespace
+
+void shown_text(const char* text, const macro_t* macro, std::string* out, int* line) {
+    const char* p = text;
+    while (*p != '\0') {
+        if (*p == '\\' || (*p == '$' && p[1] != '%')) {
+            // Both characters as written; the second one is not looked at.
+            out->append(p, p[1] != '\0' ? 2 : 1);
+            p += p[1] != '\0' ? 2 : 1;
+            continue;
+        }
+        if (*p != '$') {
+            out->push_back(*p++);
+            continue;
+        }
+        const char* form = p + 2;
+        char* number_end = nullptr;
+        std::strtol(form, &number_end, 0);
+        size_t length = 0;
+        const int argument =
+            number_end == form && macro != nullptr ? argument_named(form, macro, &length) : -1;
+        if (argument < 0) {
+            // A grab, a named form or no form: as written.
+            const char* end = number_end != form ? number_end : form + (*form != '\0' ? 1 : 0);
+            out->append(p, end);
+            p = end;
+            continue;
+        }
+        int used = 0;
+        if (macro->arg_texts != nullptr && macro->arg_texts[argument] != nullptr)
+            shown_text(macro->arg_texts[argument], macro->caller, out, &used);
+        if (*line == 0) *line = used != 0 ? used : macro->line_number;
+        p = form + length;
+    }
 }
 
 int emit_normal_macro(macro_t* macro, stencil_output_buffer_t* buffer, stencil_t*) {

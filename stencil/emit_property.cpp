@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "emit_local.h"
 #include "stencil_internal.h"
@@ -31,10 +32,20 @@ bool is_defined(const property_info_t* info) {
 
 void observe(const property_t* property, const char* written_name, stencil_t* stencil) {
     const transform_t t = property->transform;
+    // Inside a macro body the reference belongs where its name is written
+    // whole: at the invocation that supplies an argument of it.
+    std::string shown;
+    int line = 0;
+    if (stencil->macro != nullptr && written_name != nullptr)
+        shown_text(written_name, stencil->macro, &shown, &line);
+    const bool substituted = line != 0;
     stencil_reference_t reference{
-        property->line_number, written_name, property->property_name,
+        substituted ? line : property->line_number,
+        substituted ? shown.c_str() : written_name,
+        property->property_name,
         t == PT_IFNDEF || t == PT_IFDEF || t == PT_BOOL,
-        is_defined(repository_get_property(stencil->repository, property->property_name))};
+        is_defined(repository_get_property(stencil->repository, property->property_name)),
+        property->has_default};
     stencil->observer(&reference, stencil->observer_context);
 }
 

@@ -222,3 +222,21 @@ void stencil_destroy(stencil_t* stencil) {
     free_errors(stencil);
     free(stencil);
 }
+
+size_t stencil_define_length(const char* value) {
+    const size_t whole = strlen(value);
+    // The define's text is "$%define name {value}": its body is scanned
+    // from the value's first byte on, by the scanner of every macro body.
+    auto* stencil = static_cast<stencil_t*>(pkx_zalloc(sizeof(stencil_t)));
+    if (stencil == nullptr) return whole;
+    stencil->base.type = ET_BASE;
+    stencil->dictionary = dictionary_create();
+    expression_t* body = _grow(&stencil->base, ET_MACRO);
+    int r = -1;
+    if (stencil->dictionary != nullptr && body != nullptr) {
+        StackGuardScope stack_scope;
+        r = parse_stencil(value, body, stencil, nullptr);
+    }
+    stencil_destroy(stencil);
+    return r >= 0 && value[r] == '}' ? static_cast<size_t>(r) : whole;
+}

@@ -196,6 +196,26 @@ int parse_form(const char* form, expression_t* container, stencil_t* stencil, co
     return 0;
 }
 
+// "The value, or a default" is written as two references side by side,
+// `$%{name}$%{name:-default}` (either way round): the first then only gives
+// a value when there is one, which observers need to know. Called when a
+// property has just become the container's last child.
+void mark_value_or_default(expression_t* container) {
+    const int n = container->num;
+    if (n < 3) return;
+    expression_t** child = container->sub_expressions;
+    if (child[n - 2]->type != ET_LITERAL || child[n - 3]->type != ET_PROPERTY) return;
+    const char* between = reinterpret_cast<literal_t*>(child[n - 2])->str;
+    if (between == nullptr || *between != '\0') return;
+    auto* earlier = reinterpret_cast<property_t*>(child[n - 3]);
+    auto* later = reinterpret_cast<property_t*>(child[n - 1]);
+    if (earlier->property_name == nullptr || later->property_name == nullptr ||
+        strcmp(earlier->property_name, later->property_name) != 0)
+        return;
+    if (later->transform == PT_IFNDEF) earlier->has_default = 1;
+    if (earlier->transform == PT_IFNDEF) later->has_default = 1;
+}
+
 // The "$%" at *p and the form it opens; moves *p behind the form. *stop is
 // set where the scan ends early.
 int scan_form(const char** p, OpenLiteral* open, expression_t* container, stencil_t* stencil,
@@ -221,6 +241,7 @@ int scan_form(const char** p, OpenLiteral* open, expression_t* container, stenci
         return 0;
     }
     *p = args + r;
+    if (*form == '{') mark_value_or_default(container);
     return open_next_literal(open, container, *p);
 }
 
@@ -310,6 +331,9 @@ void destroy_subexpressions(expression_t* container) {
                 }
                 free(macro->args);
                 free(macro->arg_expressions);
+                if (macro->arg_texts != nullptr)
+                    for (int a = 0; a < macro->num_args; ++a) free(macro->arg_texts[a]);
+                free(macro->arg_texts);
                 macro->invocation = nullptr;
                 break;
             }

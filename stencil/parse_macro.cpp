@@ -127,6 +127,7 @@ int parse_macro(const char* text, expression_t* expression, stencil_t* stencil) 
 }
 
 int parse_invocation(const char* text, expression_t* container, stencil_t* stencil) {
+    const int line_number = stencil->line_number + 1;
     const char* p = text;
     const char* rest = nullptr;  // where the callee starts
     bool as_macro = false;
@@ -184,6 +185,7 @@ int parse_invocation(const char* text, expression_t* container, stencil_t* stenc
     int r;
     if (as_macro) {
         reinterpret_cast<macro_t*>(record)->name = name;
+        reinterpret_cast<macro_t*>(record)->line_number = line_number;
         r = parse_macro_invocation(rest, record, stencil);
     } else {
         reinterpret_cast<match_t*>(record)->name = name;
@@ -227,9 +229,14 @@ int parse_macro_invocation(const char* text, expression_t* expression, stencil_t
                 break;
         }
 
+        const size_t count = static_cast<size_t>(macro->num_args) + 1;
+        // Both arrays hold num_args entries whenever the record is released.
+        auto** texts = static_cast<char**>(realloc(macro->arg_texts, count * sizeof(char*)));
+        if (texts == nullptr) return STENCIL_ERROR_NO_MEMORY;
+        macro->arg_texts = texts;
+        texts[count - 1] = nullptr;
         auto* grown = static_cast<expression_t*>(
-            realloc(macro->arg_expressions,
-                    (static_cast<size_t>(macro->num_args) + 1) * sizeof(expression_t)));
+            realloc(macro->arg_expressions, count * sizeof(expression_t)));
         if (grown == nullptr) return STENCIL_ERROR_NO_MEMORY;
         macro->arg_expressions = grown;
         expression_t* argument = &grown[macro->num_args++];
@@ -237,6 +244,8 @@ int parse_macro_invocation(const char* text, expression_t* expression, stencil_t
         start += first_nonwhitespace_char(start, 1, stencil);
         int r = parse_stencil(start, argument, stencil, " \t\n]");
         if (r < 0) return r;
+        texts[count - 1] = strndup(start, static_cast<size_t>(r));
+        if (texts[count - 1] == nullptr) return STENCIL_ERROR_NO_MEMORY;
         p = start + r;
     }
 

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <string>
 
 #include "defines.h"
 #include "dictionary.h"
@@ -63,6 +64,7 @@ typedef struct property {
     char* property_name;  // null when the name in the text is empty
     transform_t transform;
     int line_number;                 // line of the stencil text the reference starts on, from 1
+    int has_default;                 // a `:-` of the same name stands right beside it
     expression_t first_expression;   // text after the operator
     expression_t second_expression;  // text after '/'
 } property_t;
@@ -87,6 +89,10 @@ typedef struct macro {
     int num_args;
     expression_t* arg_expressions;  // invocation: num_args containers; definition: null
     struct macro* invocation;       // invocation: the definition (not owned)
+    // For observers only: where an invocation stands and what it writes.
+    int line_number;       // line of the `$%[`, from 1
+    char** arg_texts;      // invocation: each argument as written; null for a copied definition
+    struct macro* caller;  // the invocation around this one while its body runs; not owned
 } macro_t;
 
 // A child is created as its concrete record (add_child), linked as an
@@ -231,6 +237,13 @@ int emit_regex_first_pass(match_t* match, stencil_output_buffer_t* buffer, stenc
 // an invocation whose arguments are now evaluated and which is now the
 // stencil's current macro, or a negative stencil_error_t.
 int emit_macro_arguments(macro_t* macro, stencil_t* stencil);
+// Text of a macro body as its invocations write it: each `$%name` of an
+// argument of macro (null: none) replaced by that argument's text at the
+// invocation, resolved in turn through the invocations around it; grabs,
+// escapes and other forms stay as written. Appends to *out. Unless *line is
+// set already, it receives the line of the invocation whose text stood in
+// for the first argument replaced; it stays 0 when none was.
+void shown_text(const char* text, const macro_t* macro, std::string* out, int* line);
 
 // Text substitution at evaluation time: escapes, grabs, macro arguments and
 // the named $% forms. Appends to sb; 0 or a negative stencil_error_t.

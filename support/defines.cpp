@@ -110,5 +110,14 @@ char* defines_walk_next(defines_t* /*defines*/, pkx_avl_walk_t* walk) {
     return entry->macro;
 }
 
+int defines_for_each(defines_t* defines, defines_visit visit, void* context) {
+    pkx_avl_walk_t* walk = pkx_avl_walk_start(defines->entries, 1);
+    if (walk == nullptr) return -1;
+    while (auto* entry = static_cast<defines_entry_t*>(pkx_avl_walk_next(walk)))
+        visit(entry->name, entry->value, context);
+    pkx_avl_walk_end(walk);
+    return 0;
+}
+
 int defines_live_tables(void) { return pool.users; }
 int defines_pool_exists(void) { return pool.pool != nullptr; }

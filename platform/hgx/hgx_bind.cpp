@@ -100,6 +100,11 @@ ssize_t hgx_limit(int code) {
 hgx_error_t hgx_error(void) { return get_error(); }
 
 const char* hgx_strerror(hgx_error_t code) {
+    const char* particular = last_error_text(code);
+    return particular != nullptr ? particular : error_text(code);
+}
+
+const char* hgx_detail::error_text(hgx_error_t code) {
     switch (code) {
         case HGX_ERROR_NONE:
             return "No error";
@@ -169,6 +174,8 @@ const char* hgx_strerror(hgx_error_t code) {
         case HGX_ERROR_CLUSTER_TLS:
             return "TLS with the etcd cluster failed (HGX_ETCD_CACERT, HGX_ETCD_CERT, "
                    "HGX_ETCD_KEY)";
+        case HGX_ERROR_CLUSTER_NOT_PERMITTED:
+            return "The etcd user (HGX_ETCD_USER) is not permitted to do this in the repository";
     }
     return "Unknown error";
 }

@@ -283,10 +283,7 @@ std::unique_ptr<Store> open_cluster_store(const std::string& url, OpenMode mode,
                                           std::string* message, int64_t at_revision) {
     using namespace etcd;
     auto refuse = [&](const std::string& detail) -> std::unique_ptr<Store> {
-        if (message) {
-            *message = url + ": " + hgx_strerror(get_error());
-            if (!detail.empty()) *message += " (" + detail + ")";
-        }
+        if (message) *message = url + ": " + failure_text(get_error(), detail);
         return nullptr;
     };
     bool reading = mode == OpenMode::READ;

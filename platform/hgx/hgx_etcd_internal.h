@@ -19,7 +19,13 @@ namespace hgx_detail::etcd {
 using json = nlohmann::json;
 
 constexpr long READ_BUDGET_MS = 5000;  // all the requests of one reading store
-constexpr long WRITE_CALL_MS = 10000;  // one request of a writer
+// A writer gives up once the cluster has left its requests unanswered for
+// this long in all since it last answered: a silent cluster costs a command
+// this much, however many requests it had left to send.
+constexpr long WRITE_CALL_MS = 5000;
+// A watch silent for this long has its member asked whether it still
+// answers, and is moved to the next member when it does not within as long.
+constexpr long WATCH_IDLE_MS = 1500;
 
 struct ClusterUrl {
     bool tls = false;
@@ -80,8 +86,11 @@ class Cluster {
     Cluster& operator=(const Cluster&) = delete;
 
     // POSTs a request; 0 with *reply set to a response of status 200, else
-    // -1 with the error set and message filled.
-    int call(const char* path, const json& request, json* reply, std::string* message);
+    // -1 with the error set and *message the line for the user: the error's
+    // text, and after it what failed where there is more to say. A request
+    // that only reads (`read`) may be asked of several members at once.
+    int call(const char* path, const json& request, json* reply, std::string* message,
+             bool read = false);
 
     // Keys of a range at a revision (0: the newest); *revision receives the
     // revision the answer was read at.
@@ -103,9 +112,17 @@ class Cluster {
     long call_ms_;
     bool budget_;  // a reading store's requests share one budget
     std::chrono::steady_clock::time_point deadline_;
+    long silent_ms_ = 0;  // a writer's time waited without an answer
 };
 
 hgx_error_t client_error(int status);
+// The line for the user on a failure of the cluster: the error's text, and
+// the detail after it where there is one.
+std::string failure_text(hgx_error_t code, const std::string& detail);
+// Fails with the code, *message set to failure_text; a TLS failure's line
+// becomes the thread's text of the error (hgx_strerror), so that kelvo's
+// message names what failed too. Returns -1.
+int fail_with(hgx_error_t code, const std::string& detail, std::string* message);
 json put_op(const std::string& key, std::string_view value);
 json delete_op(const std::string& key);
 json delete_prefix_op(const std::string& prefix);

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -214,22 +215,66 @@ hgx_error_t client_error(int status) {
     }
 }
 
-int Cluster::call(const char* path, const json& request, json* reply, std::string* message) {
-    long ms = call_ms_;
-    if (budget_) {
-        ms = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                   deadline_ - std::chrono::steady_clock::now())
-                                   .count());
-        if (ms <= 0) return fail(HGX_ERROR_CLUSTER_TIMEOUT);
+std::string failure_text(hgx_error_t code, const std::string& detail) {
+    std::string text = error_text(code);
+    if (detail.empty() || detail.compare(0, text.size(), text) == 0)
+        return detail.empty() ? text : detail;
+    return text + ": " + detail;
+}
+
+int fail_with(hgx_error_t code, const std::string& detail, std::string* message) {
+    *message = failure_text(code, detail);
+    // What failed in TLS is the user's to mend (a file, a CA, a host name):
+    // every program's text of the failure names it.
+    if (code == HGX_ERROR_CLUSTER_TLS && *message != error_text(code)) {
+        set_error_text(code, *message);
+        return -1;
     }
+    return fail(code);
+}
+
+namespace {
+
+// The error of a request that etcd answered with a failure, by etcd's text.
+hgx_error_t answer_error(const std::string& error) {
+    if (error.find("compacted") != std::string::npos) return HGX_ERROR_REVISION_COMPACTED;
+    if (error.find("request is too large") != std::string::npos ||
+        error.find("too many operations") != std::string::npos)
+        return HGX_ERROR_TOO_LARGE;
+    // The user is known, but its roles do not reach what was asked.
+    if (error.find("permission denied") != std::string::npos)
+        return HGX_ERROR_CLUSTER_NOT_PERMITTED;
+    if (error.find("auth") != std::string::npos || error.find("user name") != std::string::npos)
+        return HGX_ERROR_CLUSTER_CREDENTIALS;
+    return HGX_ERROR_CONNECTION_BROKEN;
+}
+
+}  // namespace
+
+int Cluster::call(const char* path, const json& request, json* reply, std::string* message,
+                  bool read) {
+    using std::chrono::steady_clock;
+    auto failed = [&](hgx_error_t code, const std::string& detail) {
+        return fail_with(code, detail, message);
+    };
+    long ms = budget_ ? static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                              deadline_ - steady_clock::now())
+                                              .count())
+                      : call_ms_ - silent_ms_;
+    if (ms <= 0) return failed(HGX_ERROR_CLUSTER_TIMEOUT, "");
     std::string body = request.dump();
     hgx_etcd_reply r{0, nullptr, 0};
     char why[512] = "";
-    int s = api_->post(client_, path, body.data(), body.size(), ms, &r, why, sizeof why);
+    steady_clock::time_point began = steady_clock::now();
+    int s = api_->post(client_, path, body.data(), body.size(), ms, read ? HGX_ETCD_READ : 0, &r,
+                       why, sizeof why);
     if (s != HGX_ETCD_OK) {
-        *message = why;
-        return fail(client_error(s));
+        silent_ms_ += static_cast<long>(
+            std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - began)
+                .count());
+        return failed(client_error(s), why);
     }
+    silent_ms_ = 0;
     std::string text(r.body, r.size);
     long status = r.http_status;
     api_->release(&r);
@@ -245,16 +290,11 @@ int Cluster::call(const char* path, const json& request, json* reply, std::strin
     std::string error = j.is_object() && j.contains("error") && j["error"].is_string()
                             ? j["error"].get<std::string>()
                             : text;
-    *message = error;
-    if (error.find("compacted") != std::string::npos) return fail(HGX_ERROR_REVISION_COMPACTED);
-    if (error.find("request is too large") != std::string::npos ||
-        error.find("too many operations") != std::string::npos)
-        return fail(HGX_ERROR_TOO_LARGE);
-    if (error.find("auth") != std::string::npos ||
-        error.find("permission denied") != std::string::npos ||
-        error.find("user name") != std::string::npos)
-        return fail(HGX_ERROR_CLUSTER_CREDENTIALS);
-    return fail(HGX_ERROR_CONNECTION_BROKEN);
+    hgx_error_t code = answer_error(error);
+    // etcd's words add nothing to the texts of the errors it is mapped to.
+    return failed(code, code == HGX_ERROR_CONNECTION_BROKEN || code == HGX_ERROR_TOO_LARGE
+                            ? error
+                            : std::string());
 }
 
 int Cluster::range(const std::string& key, const std::string& end, int64_t at, std::vector<Kv>* out,
@@ -264,7 +304,7 @@ int Cluster::range(const std::string& key, const std::string& end, int64_t at, s
     if (at) req["revision"] = std::to_string(at);
     if (count_only) req["count_only"] = true;
     json reply;
-    if (call("/v3/kv/range", req, &reply, message) < 0) return -1;
+    if (call("/v3/kv/range", req, &reply, message, true) < 0) return -1;
     if (revision) *revision = as_int(reply["header"]["revision"]);
     if (count) *count = reply.contains("count") ? as_int(reply["count"]) : 0;
     if (out) {
@@ -317,10 +357,7 @@ int connect(const std::string& url, long call_ms, bool budget, ClusterUrl* u,
     int status = HGX_ETCD_OK;
     char error[512] = "";
     void* client = api->open(&o, &status, error, sizeof error);
-    if (!client) {
-        *detail = error;
-        return fail(client_error(status));
-    }
+    if (!client) return fail_with(client_error(status), error, detail);
     *out = std::make_unique<Cluster>(api, client, call_ms, budget);
     return 0;
 }
@@ -329,8 +366,10 @@ namespace {
 
 // The lines of a watch stream, taken apart as they arrive.
 struct Follower {
-    const std::function<bool(int64_t)>* on_commit;
-    const std::function<bool()>* keep_going;
+    const std::function<bool(int64_t)>* on_commit = nullptr;
+    const std::function<bool()>* keep_going = nullptr;
+    int64_t next = 0;    // the revision the watch starts at when made again
+    bool heard = false;  // a commit came, or the member answered a probe
     std::string pending;
     hgx_error_t error = HGX_ERROR_NONE;
     std::string message;
@@ -340,21 +379,29 @@ struct Follower {
         if (!j.is_object()) return true;
         const json& r = j.contains("result") ? j["result"] : j;
         if (j.contains("error")) {
-            error = HGX_ERROR_CONNECTION_BROKEN;
-            message = j["error"].dump();
+            std::string e = j["error"].is_object() ? j["error"].value("message", std::string())
+                                                   : j["error"].dump();
+            error = answer_error(e);
+            message = failure_text(error, error == HGX_ERROR_CONNECTION_BROKEN ? e : "");
             return false;
         }
         if (r.value("canceled", false)) {
+            std::string reason = r.value("cancel_reason", std::string());
             error = r.contains("compact_revision") ? HGX_ERROR_REVISION_COMPACTED
-                                                   : HGX_ERROR_CONNECTION_BROKEN;
-            message = "the watch was cancelled: " + r.value("cancel_reason", std::string());
+                                                   : answer_error(reason);
+            message = failure_text(error, error == HGX_ERROR_CONNECTION_BROKEN
+                                              ? "the watch was cancelled: " + reason
+                                              : std::string());
             return false;
         }
         if (r.contains("events"))
             for (const json& e : r["events"]) {
                 int64_t revision =
                     e.contains("kv") ? as_int(e["kv"].value("mod_revision", json())) : 0;
-                if (revision && !(*on_commit)(revision)) return false;
+                if (!revision) continue;
+                heard = true;
+                if (!(*on_commit)(revision)) return false;
+                next = revision + 1;
             }
         return true;
     }
@@ -378,6 +425,7 @@ int follow_data(void* p, const char* data, size_t size) {
 }
 
 int follow_keep_going(void* p) { return (*static_cast<Follower*>(p)->keep_going)() ? 1 : 0; }
+void follow_alive(void* p) { static_cast<Follower*>(p)->heard = true; }
 
 }  // namespace
 
@@ -387,35 +435,53 @@ namespace hgx_detail {
 
 using namespace etcd;
 
+// The watch moves from member to member as each fails, starting again after
+// the last commit it handed on; the cluster is lost when every member in
+// turn has failed without a commit or an answer in between.
 int follow_cluster(const std::string& url, int64_t after,
                    const std::function<bool(int64_t)>& on_commit,
                    const std::function<bool()>& keep_going, std::string* message) {
     ClusterUrl u;
     std::unique_ptr<Cluster> cluster;
-    std::string detail;
-    if (connect(url, WRITE_CALL_MS, false, &u, &cluster, &detail) < 0) {
-        *message = detail;
-        return -1;
+    if (connect(url, WRITE_CALL_MS, false, &u, &cluster, message) < 0) return -1;
+    size_t members =
+        1 + static_cast<size_t>(std::count(u.endpoints.begin(), u.endpoints.end(), ','));
+    std::string head = b64(u.prefix + "/repository");
+    std::string probe = json({{"key", head}, {"count_only", true}}).dump();
+    Follower f;
+    f.on_commit = &on_commit;
+    f.keep_going = &keep_going;
+    f.next = after + 1;
+    size_t failures = 0;
+    while (true) {
+        std::string body =
+            json({{"create_request", {{"key", head}, {"start_revision", std::to_string(f.next)}}}})
+                .dump();
+        hgx_etcd_stream s{"/v3/watch",
+                          body.data(),
+                          body.size(),
+                          "/v3/kv/range",
+                          probe.data(),
+                          probe.size(),
+                          WATCH_IDLE_MS,
+                          follow_data,
+                          follow_keep_going,
+                          follow_alive,
+                          &f};
+        f.heard = false;
+        f.pending.clear();
+        char error[512] = "";
+        int status = cluster->api()->stream(cluster->client(), &s, error, sizeof error);
+        if (f.error != HGX_ERROR_NONE) {
+            *message = f.message.empty() ? failure_text(f.error, "") : f.message;
+            return fail(f.error);
+        }
+        if (status == HGX_ETCD_STOPPED) return 0;
+        if (status == HGX_ETCD_OK) status = HGX_ETCD_UNREACHABLE;  // the member left
+        failures = f.heard ? 1 : failures + 1;
+        if (failures >= members || status == HGX_ETCD_TLS || status == HGX_ETCD_NO_MEMORY)
+            return fail_with(client_error(status), error, message);
     }
-    json request = {
-        {"create_request",
-         {{"key", b64(u.prefix + "/repository")}, {"start_revision", std::to_string(after + 1)}}}};
-    std::string body = request.dump();
-    Follower f{&on_commit, &keep_going, {}, HGX_ERROR_NONE, {}};
-    char error[512] = "";
-    int status = cluster->api()->stream(cluster->client(), "/v3/watch", body.data(), body.size(),
-                                        follow_data, follow_keep_going, &f, error, sizeof error);
-    if (f.error != HGX_ERROR_NONE) {
-        *message = f.message;
-        return fail(f.error);
-    }
-    if (status == HGX_ETCD_STOPPED) return 0;
-    if (status == HGX_ETCD_OK) {
-        *message = "the cluster ended the watch";
-        return fail(HGX_ERROR_CONNECTION_BROKEN);
-    }
-    *message = error;
-    return fail(client_error(status));
 }
 
 }  // namespace hgx_detail

@@ -30,7 +30,17 @@ constexpr size_t PG_TYPE_LIMIT = 63;
 constexpr size_t VALUE_LIMIT = 4096;
 
 void set_error(hgx_error_t code);
+// As set_error, with a text that says more of this failure than the code's
+// (the file or the wern at fault); hgx_strerror gives it for this code until
+// the thread's next failure.
+void set_error_text(hgx_error_t code, std::string text);
 hgx_error_t get_error();
+// The text set with the thread's last failure, where that was of code and
+// came with one; null otherwise.
+const char* last_error_text(hgx_error_t code);
+// The general text of a code, whatever failed last: for messages that name
+// the file or wern themselves.
+const char* error_text(hgx_error_t code);
 
 // Sets the thread's error and gives the failure value of int operations.
 inline int fail(hgx_error_t code) {
@@ -146,8 +156,10 @@ class Store {
         return 0;
     }
 
-    // The store's own text for the last failure, or empty.
+    // The store's own text for the last failure, or empty; set_message
+    // gives it the text of a failure found above it (a copy's checks).
     const std::string& message() const { return message_; }
+    void set_message(std::string text) { message_ = std::move(text); }
 
   protected:
     std::string message_;
@@ -216,7 +228,8 @@ struct WernParts {
     std::string instance;
     std::vector<std::string> path;  // parts behind the separator
 };
-// 0, or -1 for a wern that is not well-formed (error INVALID_ARGUMENT set).
+// 0, or -1 for a wern that is not well-formed (error INVALID_ARGUMENT set,
+// with a text that shows what a wern looks like).
 int split_wern(std::string_view wern, WernParts* out);
 
 // The short werns of a service and an instance (the names are not checked).

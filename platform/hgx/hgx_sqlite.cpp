@@ -422,10 +422,12 @@ hgx_error_t open_reading(const std::string& file, bool immutable, sqlite3** out)
 
 std::unique_ptr<Store> open_for_reading(const std::string& file) {
     struct stat st;
-    if (stat(file.c_str(), &st) != 0)
-        return fail(errno == ENOENT || errno == ENOTDIR ? HGX_ERROR_NO_REPOSITORY
-                                                        : HGX_ERROR_REPOSITORY_ACCESS),
-               nullptr;
+    if (stat(file.c_str(), &st) != 0) {
+        if (errno != ENOENT && errno != ENOTDIR) return fail(HGX_ERROR_REPOSITORY_ACCESS), nullptr;
+        set_error_text(HGX_ERROR_NO_REPOSITORY,
+                       std::string(error_text(HGX_ERROR_NO_REPOSITORY)) + ": " + file);
+        return nullptr;
+    }
     if (S_ISDIR(st.st_mode) || access(file.c_str(), R_OK) != 0)
         return fail(HGX_ERROR_REPOSITORY_ACCESS), nullptr;
     sqlite3* db = nullptr;
@@ -517,7 +519,7 @@ std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode,
                                        std::string* message) {
     if (mode == OpenMode::READ) {
         std::unique_ptr<Store> s = open_for_reading(file);
-        if (!s && message) *message = file + ": " + hgx_strerror(get_error());
+        if (!s && message) *message = file + ": " + error_text(get_error());
         return s;
     }
     return open_for_writing(file, mode == OpenMode::CREATE, message);

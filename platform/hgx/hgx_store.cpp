@@ -1,15 +1,30 @@
 // What every store shares: the thread's error, the choice of store, the
 // composed view and wern syntax.
+#include <utility>
+
 #include "hgx_internal.h"
 
 namespace hgx_detail {
 
 namespace {
 thread_local hgx_error_t last_error = HGX_ERROR_NONE;
-}
+// The text of the last failure where it says more than its code's; empty
+// otherwise.
+thread_local std::string last_text;
+}  // namespace
 
-void set_error(hgx_error_t code) { last_error = code; }
+void set_error(hgx_error_t code) {
+    last_error = code;
+    last_text.clear();
+}
+void set_error_text(hgx_error_t code, std::string text) {
+    last_error = code;
+    last_text = std::move(text);
+}
 hgx_error_t get_error() { return last_error; }
+const char* last_error_text(hgx_error_t code) {
+    return code == last_error && !last_text.empty() ? last_text.c_str() : nullptr;
+}
 
 bool is_cluster_url(std::string_view where) {
     return where.substr(0, 7) == "etcd://" || where.substr(0, 8) == "etcds://";
@@ -125,7 +140,9 @@ int split_wern(std::string_view w, WernParts* out) {
     *out = WernParts{};
     out->scope = "localhost";
     auto bad = [] {
-        set_error(HGX_ERROR_INVALID_ARGUMENT);
+        set_error_text(HGX_ERROR_INVALID_ARGUMENT,
+                       "Malformed wern; a wern looks like wrn:/SERVICE, wrn:/SERVICE:INSTANCE or "
+                       "wrn:/SERVICE:INSTANCE/:properties/GROUP/PROPERTY");
         return -1;
     };
     if (w.size() > WERN_LIMIT || w.substr(0, 4) != "wrn:") return bad();

@@ -2,8 +2,10 @@
 // the repository is kept in.
 #include "hgx_write.h"
 
+#include <cstdio>
 #include <memory>
 #include <new>
+#include <unordered_map>
 
 #include "hgx_internal.h"
 
@@ -158,34 +160,145 @@ int walk_groups(Store& s, const std::vector<ComposedPg>& pgs, GroupSink& sink, i
     return 0;
 }
 
+// A name as a message shows it: quoted, with what could break a line or a
+// shell command escaped, and cut short.
+std::string quoted(std::string_view s) {
+    std::string out = "\"";
+    for (size_t i = 0; i < s.size(); ++i) {
+        unsigned char c = static_cast<unsigned char>(s[i]);
+        if (i == 100) {
+            out += "...";
+            break;
+        }
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c < 0x20 || c == 0x7f) {
+            char esc[8];
+            std::snprintf(esc, sizeof esc, "\\x%02x", c);
+            out += esc;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out + "\"";
+}
+
+// The checks of what one store hands another: a store written by anyone
+// with access to it (an etcd cluster) may hold names, types and values that
+// no writer of ours would take. They are those an import makes. Each gives
+// 0, or -1 with the error set and the destination's message saying what.
+class CopyCheck {
+  public:
+    explicit CopyCheck(Store& to) : to_(to) {}
+
+    int service(std::string_view name) {
+        if (!valid_service_name(name)) return refuse("bad service name " + quoted(name));
+        return length(service_wern(name));
+    }
+    int instance(std::string_view service, std::string_view name) {
+        if (!valid_segment(name))
+            return refuse(service_wern(service) + ": bad instance name " + quoted(name));
+        return length(instance_wern(service, name));
+    }
+    int snapshot(std::string_view instance_wern, std::string_view name) {
+        if (!valid_segment(name))
+            return refuse(std::string(instance_wern) + ": bad snapshot name " + quoted(name));
+        return 0;
+    }
+    // A group below an owner's wern or a group's; *wern receives its own.
+    int group(const std::string& above, const ComposedPg& g, std::string* wern) {
+        if (!valid_segment(g.name)) return refuse(above + ": bad group name " + quoted(g.name));
+        *wern =
+            above +
+            (above.find(HGX_WERN_PG_SEPARATOR) == std::string::npos ? HGX_WERN_PG_SEPARATOR : "/") +
+            g.name;
+        if (g.type.empty() || g.type.size() > PG_TYPE_LIMIT ||
+            g.type.find('\0') != std::string::npos)
+            return refuse(*wern + ": bad group type " + quoted(g.type));
+        return length(*wern);
+    }
+    int property(const std::string& group_wern, const Row& p) {
+        if (!valid_segment(p.name))
+            return refuse(group_wern + ": bad property name " + quoted(p.name));
+        std::string wern = group_wern + "/" + p.name;
+        if (length(wern) < 0) return -1;
+        // Checked as a number first: no other value may be held as a type.
+        if (p.type <= HGX_TYPE_INVALID || p.type > HGX_TYPE_URI ||
+            !hgx_type_to_string(static_cast<hgx_type_t>(p.type)))
+            return refuse(wern + ": unknown type " + std::to_string(p.type));
+        hgx_type_t type = static_cast<hgx_type_t>(p.type);
+        if (!p.text.empty() && p.text.back() != '\0')
+            return refuse(wern + ": values not as stored");
+        for (size_t at = 0; at < p.text.size();) {
+            size_t end = p.text.find('\0', at);
+            std::string_view v = std::string_view(p.text).substr(at, end - at);
+            const char* why = nullptr;
+            if (hgx_value_check(type, v, &why) < 0) {
+                to_.set_message(wern + ": value " + quoted(v) + " " + why);
+                return -1;
+            }
+            at = end + 1;
+        }
+        return 0;
+    }
+
+  private:
+    int refuse(std::string text) {
+        to_.set_message(std::move(text));
+        return fail(HGX_ERROR_INVALID_ARGUMENT);
+    }
+    int length(const std::string& wern) {
+        if (wern.size() <= WERN_LIMIT) return 0;
+        return refuse("wern longer than " + std::to_string(WERN_LIMIT) + " bytes: " + quoted(wern));
+    }
+    Store& to_;
+};
+
 // Adds the groups and properties a walk hands it to a store, the top ones
 // at a place, the others below the group they were in. A store's ids are
-// never 0, so 0 stands for the top.
+// never 0, so 0 stands for the top. With a check (a copy from another
+// store), each name, type and value passes it first; the wern of the place
+// names them in its messages.
 class CopySink final : public GroupSink {
   public:
-    CopySink(Store& to, const PgPlace& top) : to_(to), top_(top) {}
+    CopySink(Store& to, const PgPlace& top, CopyCheck* check = nullptr, std::string wern = "")
+        : to_(to), top_(top), check_(check) {
+        werns_[0] = std::move(wern);
+    }
     int64_t group(int64_t parent, const ComposedPg& g) override {
+        std::string wern;
+        if (check_ && check_->group(werns_[parent], g, &wern) < 0) return -1;
         PgPlace place = top_;
         if (parent) {
             place.kind = OWNER_PG;
             place.owner = parent;
         }
-        return to_.add_pg(place, g.name, g.type);
+        int64_t id = to_.add_pg(place, g.name, g.type);
+        if (check_ && id > 0) werns_[id] = std::move(wern);
+        return id;
     }
     int property(int64_t group, const Row& p) override {
+        if (check_ && check_->property(werns_[group], p) < 0) return -1;
         return to_.put_prop(group, p.name, p.type, p.text, false);
     }
 
   private:
     Store& to_;
     PgPlace top_;
+    CopyCheck* check_;
+    std::unordered_map<int64_t, std::string> werns_;  // of the groups added, when checked
 };
 
-// Copies the own groups of an owner of one store below a place of another
-// (or the same) store.
-int copy_pgs(Store& from, int kind, int64_t owner, Store& to, const PgPlace& place) {
+// Copies the own groups of an owner of one store (wern: the owner's) below
+// a place of another store, checking them on the way.
+int copy_pgs(Store& from, int kind, int64_t owner, Store& to, const PgPlace& place,
+             const std::string& wern) {
     std::vector<ComposedPg> top;
-    CopySink sink(to, place);
+    CopyCheck check(to);
+    CopySink sink(to, place, &check, wern);
     return own_pgs(from, kind, owner, &top) < 0 ? -1 : walk_groups(from, top, sink, 0);
 }
 
@@ -264,29 +377,35 @@ int hgx_writer_copy_service(hgx_writer_t* to, hgx_writer_t* from, std::string_vi
     return guarded(-1, [&]() -> int {
         Store& src = *from->store;
         Store& dst = *to->store;
+        CopyCheck check(dst);
         Row svc;
         int rc = src.service_by_name(name, &svc);
         if (rc <= 0) return rc < 0 ? -1 : fail(HGX_ERROR_NOT_FOUND);
+        if (check.service(name) < 0) return -1;
+        const std::string swern = service_wern(name);
         Row old;
         rc = dst.service_by_name(name, &old);
         if (rc < 0 || (rc && dst.delete_service(old.id) < 0)) return -1;
         int64_t sid = dst.add_service(name);
         if (sid < 0 ||
-            copy_pgs(src, OWNER_SERVICE, svc.id, dst, {OWNER_SERVICE, sid, sid, 0, 0}) < 0)
+            copy_pgs(src, OWNER_SERVICE, svc.id, dst, {OWNER_SERVICE, sid, sid, 0, 0}, swern) < 0)
             return -1;
         std::vector<Row> instances;
         if (src.instances(svc.id, &instances) < 0) return -1;
         for (const Row& in : instances) {
+            if (check.instance(name, in.name) < 0) return -1;
+            const std::string iwern = instance_wern(name, in.name);
             int64_t iid = dst.add_instance(sid, in.name);
-            if (iid < 0 ||
-                copy_pgs(src, OWNER_INSTANCE, in.id, dst, {OWNER_INSTANCE, iid, sid, iid, 0}) < 0)
+            if (iid < 0 || copy_pgs(src, OWNER_INSTANCE, in.id, dst,
+                                    {OWNER_INSTANCE, iid, sid, iid, 0}, iwern) < 0)
                 return -1;
             std::vector<Row> snaps;
             if (src.snapshots(in.id, &snaps) < 0) return -1;
             for (const Row& sn : snaps) {
+                if (check.snapshot(iwern, sn.name) < 0) return -1;
                 int64_t nid = dst.add_snapshot(sid, iid, sn.name);
                 if (nid < 0 || copy_pgs(src, OWNER_SNAPSHOT, sn.id, dst,
-                                        {OWNER_SNAPSHOT, nid, sid, iid, nid}) < 0)
+                                        {OWNER_SNAPSHOT, nid, sid, iid, nid}, iwern) < 0)
                     return -1;
             }
         }

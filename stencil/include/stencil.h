@@ -103,13 +103,17 @@ void stencil_destroy(stencil_t* stencil);
 stencil_error_t stencil_apply(stencil_t* stencil, repository_t* repository,
                               stencil_output_mode_t mode, stencil_output_buffer_t** out);
 
-// One visit of a property reference by an evaluation.
+// One visit of a property reference by an evaluation. Inside a macro body a
+// reference whose name uses an argument belongs to the invocation: its line
+// is the invocation's, and its name has the argument's text as the
+// invocation writes it.
 typedef struct stencil_reference {
     int line_number;           // stencil line the reference starts on, from 1
     const char* written_name;  // as the stencil writes it, defines spliced in; may be null
     const char* final_name;    // as looked up, after sections' transforms and grabs
     int tests_presence;        // the reference only asks whether there is a value (:- :+ :?)
     int defined;               // the name gave a value
+    int has_default;           // `$%{name}$%{name:-text}`: a `:-` of the same name stands beside it
 } stencil_reference_t;
 typedef void (*stencil_reference_fn)(const stencil_reference_t* reference, void* context);
 // As stencil_apply in normal mode (same results, same ownership of *out),
@@ -122,6 +126,12 @@ typedef void (*stencil_reference_fn)(const stencil_reference_t* reference, void*
 stencil_error_t stencil_apply_observed(stencil_t* stencil, repository_t* repository,
                                        stencil_reference_fn observer, void* context,
                                        stencil_output_buffer_t** out);
+
+// How much of a define's value the stencil takes as the define's text: all
+// of it (strlen(value)), or the offset of the `}` that ends the define early,
+// the rest of the value then landing in front of the stencil's own text. A
+// value that does not parse on its own counts as whole: its load reports it.
+size_t stencil_define_length(const char* value);
 
 // Writes the tree's text to fd in order, retrying short writes. Returns
 // STENCIL_SUCCESS, or the failing write's STENCIL_ERROR_TOO_BIG,

@@ -194,6 +194,16 @@ const char* kelvo_lint_bin() { return KELVO_LINT_BIN; }
 const char* kelvo_apply_bin() { return KELVO_APPLY_BIN; }
 std::string source_dir() { return SOURCE_DIR; }
 
+Result etcdctl(const std::string& endpoints, const std::vector<std::string>& args,
+               const std::string& input) {
+    Run r;
+    r.args = {"etcdctl", "--endpoints=" + endpoints};
+    r.args.insert(r.args.end(), args.begin(), args.end());
+    r.input = input;
+    r.env = {{"ETCDCTL_API", "3"}};
+    return run(r);
+}
+
 void make_repository(const std::string& path, const std::string& manifest_json, bool snapshot) {
     Run r;
     r.args = {hgxrepo_bin(), "-r", path, "import"};

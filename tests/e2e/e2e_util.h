@@ -83,6 +83,10 @@ Result program(const char* bin, const std::string& repository, const std::vector
 
 Result hgxrepo(const std::vector<std::string>& args, const std::string& input = "");
 
+// etcd's own command-line client on the members at endpoints ("host:port,...").
+Result etcdctl(const std::string& endpoints, const std::vector<std::string>& args,
+               const std::string& input = "");
+
 // A test with a repository made from a manifest in its scratch directory,
 // and hgxrepo run on it.
 class RepositoryTest : public ::testing::Test {

@@ -68,6 +68,13 @@ class Sync {
     pid_t pid_ = -1;
 };
 
+// How many lines of a text hold a phrase.
+int lines_with(const std::string& text, const std::string& phrase) {
+    int n = 0;
+    for (size_t at = 0; (at = text.find(phrase, at)) != std::string::npos; at += phrase.size()) ++n;
+    return n;
+}
+
 // Waits up to `limit` for the condition: a bound against a hang, generous
 // for a loaded machine, never a measure of speed (bench/sync.sh measures).
 bool eventually(const std::function<bool()>& ok, std::chrono::milliseconds limit = 30000ms) {
@@ -81,8 +88,9 @@ bool eventually(const std::function<bool()>& ok, std::chrono::milliseconds limit
 
 class EtcdSync : public ::testing::Test {
   protected:
+    virtual etcd_testing::Options options() const { return {}; }
     void SetUp() override {
-        ETCD_START_OR_SKIP(server, etcd_testing::Options{});
+        ETCD_START_OR_SKIP(server, options());
         url = server.url("fleet");
         mirror = dir / "mirror.db";
         log = dir / "sync.log";
@@ -230,17 +238,132 @@ TEST_F(EtcdSync, ARevisionThatCannotBeWrittenIsReportedAndTriedAgain) {
         eventually([&] { return e2e::read_file(log).find("resuming") != std::string::npos; }));
     // A revision far larger than the room left.
     ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1, 3000)).status, 0);
-    ASSERT_TRUE(eventually([&] {
-        return e2e::read_file(log).find("revision not applied, the mirror stays at") !=
-               std::string::npos;
-    })) << e2e::read_file(log);
+    const std::string stays = "revision not applied, the mirror stays at";
+    ASSERT_TRUE(eventually([&] { return lines_with(e2e::read_file(log), stays) == 1; }))
+        << e2e::read_file(log);
+    // Tries go by, a second and then two later, unlogged.
+    std::this_thread::sleep_for(3500ms);
+    EXPECT_EQ(lines_with(e2e::read_file(log), stays), 1) << e2e::read_file(log);
     EXPECT_EQ(value(), "g0\n") << "the mirror must stay whole at its revision";
     // Room again: the same revision goes in on a later try.
     rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};  // the soft limit, up to the hard one
     ASSERT_EQ(prlimit(sync.pid(), RLIMIT_FSIZE, &unlimited, nullptr), 0);
-    EXPECT_TRUE(eventually([&] { return value() == "g1\n"; }, 10000ms)) << e2e::read_file(log);
+    EXPECT_TRUE(eventually([&] { return value() == "g1\n"; }, 15000ms)) << e2e::read_file(log);
     EXPECT_EQ(sync.stop(), 0);
     EXPECT_TRUE(mirrored());
+    const std::string l = e2e::read_file(log);
+    EXPECT_EQ(lines_with(l, stays), 1) << l;
+    EXPECT_EQ(lines_with(l, "the mirror follows again"), 1) << l;
+}
+
+TEST_F(EtcdSync, ANameNoImportWouldTakeIsRefusedAndTheMirrorStaysPut) {
+    const std::string seen = dir / "changed";
+    auto sync = start_sync({"--exec", "printf '%s--\\n' \"$HGX_CHANGED\" >> " + seen});
+    ASSERT_TRUE(eventually([&] { return mirrored() && e2e::exists(seen); }));
+    const std::string before = local({"export"}).out, told = e2e::read_file(seen);
+
+    // A service's pointer planted by hand under a name that would add a
+    // line to HGX_CHANGED, and a commit that brings it to the mirror.
+    const std::string endpoints = server.endpoints();
+    std::string keys = e2e::etcdctl(endpoints, {"get", "--prefix", "fleet/", "--keys-only"}).out;
+    std::string pointer;
+    for (size_t at = 0, nl; (nl = keys.find('\n', at)) != std::string::npos; at = nl + 1)
+        if (keys.substr(at, nl - at).ends_with("/app/web")) pointer = keys.substr(at, nl - at);
+    ASSERT_FALSE(pointer.empty()) << keys;
+    std::string gen = e2e::etcdctl(endpoints, {"get", "--print-value-only", pointer}).out;
+    gen.resize(gen.find('\n'));
+    const std::string bad = pointer.substr(0, pointer.size() - 7) + "x$(touch " + (dir / "P") +
+                            ")\nwrn:/injected/line:default";
+    ASSERT_EQ(e2e::etcdctl(endpoints, {"put", bad, gen}).status, 0);
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/db", 1)).status, 0);
+    ASSERT_TRUE(eventually([&] {
+        return e2e::read_file(log).find("refused, the mirror stays at") != std::string::npos;
+    })) << e2e::read_file(log);
+    EXPECT_EQ(local({"export"}).out, before);
+    EXPECT_EQ(e2e::read_file(seen), told) << "no command for a refused revision";
+    EXPECT_EQ(e2e::read_file(log).find("\nwrn:/injected"), std::string::npos) << "one line";
+    EXPECT_FALSE(e2e::exists(dir / "P"));
+
+    // A copy into a file refuses it as well, and makes no file.
+    e2e::Result copy = hgxrepo({"-r", url, "copy", dir / "copy.db"});
+    EXPECT_EQ(copy.status, 1);
+    EXPECT_NE(copy.err.find("bad service name \"x$(touch"), std::string::npos) << copy.err;
+    EXPECT_EQ(copy.err.find('\n'), copy.err.size() - 1) << copy.err;
+    EXPECT_FALSE(e2e::exists(dir / "copy.db"));
+
+    // Without it, the next commit brings everything since the last one applied.
+    ASSERT_EQ(e2e::etcdctl(endpoints, {"del", bad}).status, 0);
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 2)).status, 0);
+    EXPECT_TRUE(eventually([&] { return mirrored() && value() == "g2\n"; })) << e2e::read_file(log);
+    EXPECT_EQ(sync->stop(), 0);
+}
+
+// A cluster of three; the mirror's URL names member 0 first, and its watch
+// starts there.
+class EtcdSyncThree : public EtcdSync {
+  protected:
+    etcd_testing::Options options() const override {
+        etcd_testing::Options three;
+        three.members = 3;
+        return three;
+    }
+    // Starts a mirror and waits until it follows the cluster.
+    std::unique_ptr<Sync> following() {
+        auto sync = start_sync();
+        EXPECT_TRUE(eventually([&] { return value() == "g0\n"; })) << e2e::read_file(log);
+        EXPECT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
+        EXPECT_TRUE(eventually([&] { return value() == "g1\n"; })) << e2e::read_file(log);
+        return sync;
+    }
+};
+
+// The watch leaves a member that is gone or hangs for the next; a change
+// reaches the mirror (how soon is bench/failover.sh's to measure: seconds)
+// and the mirror never thinks the cluster lost.
+TEST_F(EtcdSyncThree, FollowsTheClusterWhenTheWatchedMemberIsKilledOrHung) {
+    for (bool hung : {false, true}) {
+        SCOPED_TRACE(hung ? "hung" : "killed");
+        auto sync = following();
+        if (hung)
+            server.freeze_member(0, true);
+        else
+            server.kill_member(0);
+        ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 2)).status, 0);
+        EXPECT_TRUE(eventually([&] { return value() == "g2\n"; })) << e2e::read_file(log);
+        EXPECT_EQ(sync->stop(), 0);
+        EXPECT_EQ(e2e::read_file(log).find("lost the cluster"), std::string::npos)
+            << e2e::read_file(log);
+        if (hung)
+            server.freeze_member(0, false);
+        else
+            server.restart_member(0);
+        ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 0)).status, 0);
+        std::remove(log.c_str());
+    }
+}
+
+TEST_F(EtcdSyncThree, WithoutAMajorityItLogsOnceBacksOffAndCatchesUp) {
+    auto sync = following();
+    server.kill_member(1);
+    server.kill_member(2);
+    const std::string lost = "lost the cluster", back = "connected again";
+    ASSERT_TRUE(eventually([&] { return lines_with(e2e::read_file(log), lost) == 1; }, 20000ms))
+        << e2e::read_file(log);
+    std::this_thread::sleep_for(4000ms);  // tries go by, unlogged
+    EXPECT_EQ(lines_with(e2e::read_file(log), lost), 1) << e2e::read_file(log);
+    server.restart_member(1);
+    server.restart_member(2);
+    // The cluster elects a leader before it takes a write.
+    EXPECT_TRUE(eventually(
+        [&] {
+            return cluster({"import", "-"}, manifest("app/web", 2)).status == 0;
+        },
+        20000ms));
+    EXPECT_TRUE(eventually([&] { return value() == "g2\n"; }, 60000ms)) << e2e::read_file(log);
+    EXPECT_EQ(sync->stop(), 0);
+    const std::string l = e2e::read_file(log);
+    EXPECT_EQ(lines_with(l, lost), 1) << l;
+    EXPECT_EQ(lines_with(l, back), 1) << l;
 }
 
 TEST_F(EtcdSync, AFileThatIsNotItsMirrorIsRefusedAndLeftAlone) {

@@ -356,30 +356,62 @@ TEST_F(Hgxrepo, UserWhoCannotWriteTheDirectoryReadsTheRepository) {
     EXPECT_NE(r.err.find("write-ahead log cannot be read"), std::string::npos) << r.err;
 }
 
-TEST(HgxrepoCommandLine, BadCommandLinesGiveUsage) {
-    const std::vector<std::vector<std::string>> cases = {
-        {},
-        {"-r"},
-        {"-x", "list"},
-        {"bogus"},
-        {"import"},
-        {"import", "--no-snapshot"},
-        {"export", "a", "b"},
-        {"list", "extra"},
-        {"show"},
-        {"addpg", "wrn:/a/:properties/g"},
-        {"setprop", "wrn:/a/:properties/g/p", "-t"},
-        {"setprop", "-t", "count", "wrn:/a/:properties/g/p", "1"},
-        {"snapshot"},
+// The reason comes first, then the usage: of the command where one was
+// named, else of all of them. "CMD --help" is that usage, on standard output.
+TEST(HgxrepoCommandLine, BadCommandLinesSayWhyThenGiveUsage) {
+    const std::string ALL = "usage: hgxrepo [-r FILE] import [--no-snapshot] MANIFEST...\n";
+    const struct {
+        std::vector<std::string> args;
+        std::string reason, usage;  // usage: its first line
+    } cases[] = {
+        {{}, "no command given", ALL},
+        {{"-r"}, "-r needs a FILE", ALL},
+        {{"-x", "list"}, "unknown option \"-x\"", ALL},
+        {{"bogus"}, "unknown command \"bogus\"", ALL},
+        {{"import"}, "import: missing MANIFEST", ALL},
+        {{"import", "--no-snapshot"}, "import: missing MANIFEST", ALL},
+        {{"export", "a", "b"},
+         "export: unexpected argument \"b\"",
+         "usage: hgxrepo [-r FILE] export [WERN]\n"},
+        {{"list", "extra"},
+         "list: unexpected argument \"extra\"",
+         "usage: hgxrepo [-r FILE] list\n"},
+        {{"show"}, "show: missing WERN", "usage: hgxrepo [-r FILE] show WERN [SNAPSHOT]\n"},
+        {{"copy"}, "copy: missing TARGET", "usage: hgxrepo [-r FILE] copy TARGET\n"},
+        {{"addpg", "wrn:/a/:properties/g"},
+         "addpg: missing TYPE",
+         "usage: hgxrepo [-r FILE] addpg [--snapshot] WERN TYPE\n"},
+        {{"addpg", "--snapshot"},
+         "addpg: missing WERN",
+         "usage: hgxrepo [-r FILE] addpg [--snapshot] WERN TYPE\n"},
+        {{"setprop", "wrn:/a/:properties/g/p", "-t"},
+         "setprop: -t needs a TYPE",
+         "usage: hgxrepo [-r FILE] setprop [--snapshot] WERN [-t TYPE] [VALUE...]\n"},
+        {{"setprop", "-t", "count", "wrn:/a/:properties/g/p", "1"},
+         "setprop: -t goes behind the WERN",
+         "usage: hgxrepo [-r FILE] setprop [--snapshot] WERN [-t TYPE] [VALUE...]\n"},
+        {{"snapshot"}, "snapshot: missing WERN", "usage: hgxrepo [-r FILE] snapshot WERN [NAME]\n"},
+        {{"delete"}, "delete: missing WERN", "usage: hgxrepo [-r FILE] delete WERN\n"},
     };
-    for (const auto& args : cases) {
-        e2e::Result r = hgxrepo(args);
-        EXPECT_EQ(r.status, 2) << (args.empty() ? "" : args[0]);
-        EXPECT_EQ(r.err.rfind("usage: hgxrepo", 0), 0u) << r.err;
+    for (const auto& c : cases) {
+        e2e::Result r = hgxrepo(c.args);
+        const std::string name = c.args.empty() ? "" : c.args[0];
+        EXPECT_EQ(r.status, 2) << name;
+        EXPECT_EQ(r.out, "") << name;
+        EXPECT_EQ(r.err.substr(0, r.err.find('\n') + 1), "hgxrepo: " + c.reason + "\n") << r.err;
+        EXPECT_EQ(r.err.find(c.usage), r.err.find('\n') + 1) << r.err;
     }
+    for (const char* command : {"import", "show", "sync", "copy"}) {
+        e2e::Result r = hgxrepo({command, "--help"});
+        EXPECT_EQ(r.status, 0) << command;
+        EXPECT_EQ(r.out.rfind(std::string("usage: hgxrepo [-r FILE] ") + command + " ", 0), 0u)
+            << r.out;
+        EXPECT_EQ(r.err, "") << command;
+    }
+    EXPECT_EQ(hgxrepo({"help", "copy"}).out, "usage: hgxrepo [-r FILE] copy TARGET\n");
     e2e::Result help = hgxrepo({"--help"});
     EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(help.out.rfind("usage: hgxrepo", 0), 0u);
+    EXPECT_EQ(help.out.rfind(ALL, 0), 0u);
     e2e::Result version = hgxrepo({"--version"});
     EXPECT_EQ(version.status, 0);
     EXPECT_EQ(version.out, "hgxrepo " KELVO_VERSION "\n");

@@ -179,10 +179,18 @@ TEST_F(KelvoCli, RepositoryFailureCarriesLibraryText) {
               Whole(3, "",
                     "kelvo: Unable to get properties for wrn:/net/none:default: "
                     "No such object in the repository\n"));
+    // The library's text names the file it looked for, and shows what a
+    // wern looks like.
     EXPECT_EQ(whole(e2e::kelvo(dir / "missing.db", {"-f", WERN}, "x\n")),
               Whole(3, "",
                     std::string("kelvo: Unable to get properties for wrn:/net/foo:default: ") +
-                        e2e::missing_repository_text() + "\n"));
+                        e2e::missing_repository_text() +
+                        (e2e::on_cluster() ? "" : ": " + dir / "missing.db") + "\n"));
+    EXPECT_EQ(whole(run({"-f", "net/foo:default"}, "x\n")),
+              Whole(3, "",
+                    "kelvo: Unable to get properties for net/foo:default: Malformed wern; a wern "
+                    "looks like wrn:/SERVICE, wrn:/SERVICE:INSTANCE or "
+                    "wrn:/SERVICE:INSTANCE/:properties/GROUP/PROPERTY\n"));
 }
 
 TEST_F(KelvoCli, StencilLoadFailures) {

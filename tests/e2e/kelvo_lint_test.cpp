@@ -12,17 +12,59 @@ namespace {
 
 const char* const WERN = "wrn:/net/foo:default";
 const char* const MANIFEST = R"({"services": {"net/foo": {"instances": {"default": {"groups": {
-    "config": {"properties": {"port": 8080, "on": true}},
+    "config": {"properties": {"port": 8080, "on": true, "none": []}},
     "hosts": {"groups": {"a": {"properties": {"addr": "10.0.0.1"}},
                          "b": {"properties": {"addr": "10.0.0.2", "alias": "bee"}}}},
     "one": {"type": "configfile", "properties": {"path": "/etc/one", "stencil": "one",
                                                  "mode": "0644"},
             "groups": {"defines": {"properties": {"g": "config"}}}},
     "two": {"type": "configfile", "properties": {"path": "/etc/two", "stencil": "two",
-                                                 "mode": "0644"}}}}}}}})";
+                                                 "mode": "0644"}},
+    "zcut": {"type": "configfile", "properties": {"path": "/etc/z", "stencil": "z", "mode": "0644"},
+             "groups": {"defines": {"properties": {"logdir": "${LOGDIR}/echo",
+                                                   "escaped": "a\\}b", "form": "$%{config/port}"}}}}
+}}}}}})";
 
 using e2e::whole;
 using e2e::Whole;
+
+// The guide's examples that show their output, with their lines: the rows of
+// its "| Stencil | Output |" tables, and each plain fenced block that a
+// paragraph beginning with "gives" follows.
+std::vector<std::pair<int, std::string>> guide_examples(const std::string& text) {
+    std::vector<std::string> lines;
+    for (size_t at = 0, end; at < text.size(); at = end + 1) {
+        end = text.find('\n', at);
+        if (end == std::string::npos) end = text.size();
+        lines.push_back(text.substr(at, end - at));
+    }
+    auto trimmed = [](const std::string& l) {
+        return l.substr(std::min(l.find_first_not_of(' '), l.size()));
+    };
+    std::vector<std::pair<int, std::string>> examples;
+    bool stencil_table = false;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        const std::string line = trimmed(lines[i]);
+        if (line.rfind("```", 0) == 0) {
+            const size_t indent = lines[i].size() - line.size();
+            std::string block;
+            size_t j = i + 1;
+            for (; j < lines.size() && trimmed(lines[j]).rfind("```", 0) != 0; ++j)
+                block += lines[j].substr(std::min(indent, lines[j].size())) + "\n";
+            size_t next = j + 1;
+            while (next < lines.size() && trimmed(lines[next]).empty()) ++next;
+            if (line == "```" && next < lines.size() && trimmed(lines[next]).rfind("gives", 0) == 0)
+                examples.emplace_back(static_cast<int>(i + 1), block);
+            i = j;
+            continue;
+        }
+        if (line.rfind("| Stencil | Output |", 0) == 0) stencil_table = true;
+        if (line.rfind("|", 0) != 0) stencil_table = false;
+        if (stencil_table && line.rfind("| `", 0) == 0)
+            examples.emplace_back(static_cast<int>(i + 1), line.substr(3, line.find("` |") - 3));
+    }
+    return examples;
+}
 
 class KelvoLint : public ::testing::Test {
   protected:
@@ -62,6 +104,30 @@ TEST_F(KelvoLint, ReportsWhatNamesNothingWithItsLine) {
         {"found on no match of a section", "$%/hosts\\/([a-z])\\/addr/ {\n$%{hosts/$%1/alais}\n}\n",
          ":2: hosts/$%1/alais\n"},
         {"a section without matches", "$%/nothing\\/(.*)/ { $%{x/y} }\n", ""},
+        {"a property without values", "$%{config/none}\n", ""},
+        {"a group for a property", "$%{config}\n", ":1: config\n"},
+        // "The value, or a default": two references side by side.
+        {"value or default", "$%{config/maybe}$%{config/maybe:-1}\n", ""},
+        {"default or value", "$%{config/maybe:-1}$%{config/maybe}\n", ""},
+        {"value or default, no group", "$%{confg/maybe}$%{confg/maybe:-1}\n", ":1: confg/maybe\n"},
+        {"a default elsewhere", "$%{config/maybe} $%{config/maybe:-1}\n", ":1: config/maybe\n"},
+        // In a macro body, at the invocation that names the property.
+        {"macros",
+         "$%define or p d {$%{$%p}$%{$%p:-$%d}}$%define show p {$%{$%p}}\n"
+         "$%[or config/maybe 1]$%[or confg/maybe 1]\n$%[show config/port]\n"
+         "$%[show config/prot]\n",
+         ":2: confg/maybe\n:4: config/prot\n"},
+        {"a macro's own typo, where it is written", "$%define m {\n$%{config/prot}}$%[m]\n$%[m]\n",
+         ":2: config/prot\n"},
+        {"through an enclosing macro",
+         "$%define show p {$%{$%p/port}}$%define all g {$%[show $%g]}\n"
+         "$%[all config]\n$%[all confg]\n",
+         ":3: confg/port\n"},
+        {"a macro in a section",
+         "$%define show p {$%{$%p}}\n"
+         "$%/hosts\\/([a-z])\\/addr/ {$%[show hosts/$%1/alias]\n"
+         "$%[show hosts/$%1/alais]}\n",
+         ":3: hosts/$%1/alais\n"},
     };
     for (const Case& c : cases) {
         e2e::Result r = lint_text(c.stencil);
@@ -75,14 +141,84 @@ TEST_F(KelvoLint, ReportsWhatNamesNothingWithItsLine) {
 TEST_F(KelvoLint, AllConfigfileStencilsWithTheirDefines) {
     e2e::write_file(stencils + "/one", "$%{$%[g]/port}\n$%{$%[g]/prot}\n");
     e2e::write_file(stencils + "/two", "fine\n$%{two/path}\n$%{two/nope}\n");
+    e2e::write_file(stencils + "/z", "$%[logdir]$%[escaped]$%[form]\n");
+    // Of the defines, only the value whose "}" ends the define early.
     EXPECT_EQ(whole(lint({"-f", WERN, "-S", stencils, "-a"})),
-              (Whole{1, stencils + "/one:2: config/prot\n" + stencils + "/two:3: two/nope\n", ""}));
+              (Whole{1,
+                     stencils + "/one:2: config/prot\n" + stencils + "/two:3: two/nope\n" +
+                         "zcut/defines/logdir: \"}\" cuts the value \"${LOGDIR}/echo\" to "
+                         "\"${LOGDIR\"; \"/echo}\" lands in front of the file (write \"\\}\")\n",
+                     ""}));
+}
+
+TEST_F(KelvoLint, DefinesAsKelvoTakesThem) {
+    e2e::write_file(stencils + "/s", "$%{$%[g]/port}\n$%{$%[g]/prot}\n");
+    EXPECT_EQ(whole(lint({"-f", WERN, "-S", stencils, "-D", "g=config", "-i", "s"})),
+              (Whole{1, stencils + "/s:2: config/prot\n", ""}));
+    e2e::write_file(stencils + "/t", "$%[g]$%{config/$%[h]}\n");
+    EXPECT_EQ(
+        whole(lint({"-f", WERN, "-S", stencils, "-D", "g=con}fig", "-D", "h=a=b", "-i", "t"})),
+        (Whole{1,
+               "-D g: \"}\" cuts the value \"con}fig\" to \"con\"; \"fig}\" lands in front "
+               "of the file (write \"\\}\")\n" +
+                   stencils + "/t:1: config/a=b\n",
+               ""}));
+}
+
+// Quiet on what the project ships: the demo's stencils with its repository,
+// and every example of the language guide that shows its output.
+TEST(KelvoLintShipped, DemoAndGuideAreClean) {
+    e2e::TempDir dir;
+    const std::string src = e2e::source_dir();
+    const std::string demo = dir / "demo.db", guide = dir / "guide.db";
+    ASSERT_EQ(e2e::hgxrepo({"-r", demo, "import", src + "/examples/services.json"}).status, 0);
+    ASSERT_EQ(e2e::hgxrepo({"-r", guide, "import", src + "/examples/guide.json"}).status, 0);
+    for (const char* wern : {"wrn:/network/http:default", "wrn:/system/timesync:default",
+                             "wrn:/network/resolver:default"})
+        EXPECT_EQ(whole(e2e::program(e2e::kelvo_lint_bin(), demo,
+                                     {"-f", wern, "-S", src + "/examples/stencils", "-a"})),
+                  (Whole{0, "", ""}))
+            << wern;
+    // Alone, with the define its group gives; and the disabled group's.
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"-f", "wrn:/system/timesync:default", "-D", "keyfile=/etc/k",
+                                   "-i", "timesync.conf.stencil"},
+          {"-f", "wrn:/network/http:default", "-i", "robots.txt.stencil"}}) {
+        std::vector<std::string> full = {"-S", src + "/examples/stencils"};
+        full.insert(full.end(), args.begin(), args.end());
+        EXPECT_EQ(whole(e2e::program(e2e::kelvo_lint_bin(), demo, full)), (Whole{0, "", ""}))
+            << args.back();
+    }
+
+    const std::vector<std::pair<int, std::string>> examples =
+        guide_examples(e2e::read_file(src + "/docs/stencil-language.md"));
+    EXPECT_GE(examples.size(), 30u);
+    for (const auto& [line, stencil] : examples) {
+        e2e::write_file(dir / "s", stencil);
+        EXPECT_EQ(whole(e2e::program(e2e::kelvo_lint_bin(), guide,
+                                     {"-f", "wrn:/demo/app:default", "-S", dir.path(), "-i", "s"})),
+                  (Whole{0, "", ""}))
+            << "docs/stencil-language.md:" << line << ":\n"
+            << stencil;
+    }
 }
 
 // Refused as kelvo refuses, with kelvo's texts, and nothing written.
 TEST_F(KelvoLint, BadInput) {
     auto first_line = [](const e2e::Result& r) { return r.err.substr(0, r.err.find('\n')); };
     e2e::Result r = lint({"-i", "s"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(first_line(r), "kelvo-lint: No WERN (use -f)");
+    r = lint({"-f", WERN, "-a", "-D", "a=b"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(first_line(r), "kelvo-lint: Option -a cannot be present with -D");
+    r = lint({"-f", WERN, "-D", "a", "-i", "s"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(first_line(r), "kelvo-lint: Invalid -D argument: a");
+    r = lint({"-f", WERN, "-D", "a=1", "-D", "a=2", "-i", "s"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(first_line(r), "Invalid define: a already exists");
+    r = lint({"-i", "s"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(first_line(r), "kelvo-lint: No WERN (use -f)");
     r = lint({"-f", WERN, "-a", "-i", "s"});

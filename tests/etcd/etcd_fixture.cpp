@@ -1,12 +1,15 @@
 // Starts or stops the etcd that a whole test run shares, for CTest's
-// fixtures: `etcd_fixture start DIR` starts one member with its data below
-// DIR and writes DIR/endpoint and DIR/pid; `etcd_fixture stop DIR` stops it
-// by that process id and removes DIR. Where etcd is missing outside CI, the
-// endpoint file says why, and the tests that need it skip.
+// fixtures: `etcd_fixture start DIR [MEMBERS]` starts one member (or
+// MEMBERS) with its data below DIR and writes DIR/endpoint (the members'
+// host:port, comma-separated) and DIR/pid (their process ids, one a line,
+// in the same order); `etcd_fixture stop DIR` stops them by those process
+// ids and removes DIR. Where etcd is missing outside CI, the endpoint file
+// says why, and the tests that need it skip.
 #include <signal.h>
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -14,15 +17,19 @@
 #include "etcd_server.h"
 
 int main(int argc, char** argv) {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: etcd_fixture start|stop DIR\n");
+    if (argc != 3 && argc != 4) {
+        std::fprintf(stderr, "usage: etcd_fixture start|stop DIR [MEMBERS]\n");
         return 2;
     }
     std::string verb = argv[1], dir = argv[2];
     if (verb == "stop") {
         std::ifstream pidfile(dir + "/pid");
         long pid = 0;
-        if (pidfile >> pid && pid > 0) kill(static_cast<pid_t>(pid), SIGKILL);
+        while (pidfile >> pid)
+            if (pid > 0) {
+                kill(static_cast<pid_t>(pid), SIGCONT);
+                kill(static_cast<pid_t>(pid), SIGKILL);
+            }
         std::error_code ec;
         std::filesystem::remove_all(dir, ec);
         return 0;
@@ -34,12 +41,16 @@ int main(int argc, char** argv) {
     std::string why;
     etcd_testing::Options options;
     options.dir = dir + "/data";
+    if (argc == 4) options.members = std::atoi(argv[3]);
     if (!server.start(options, &why)) {
         std::fprintf(stderr, "etcd_fixture: %s\n", why.c_str());
         std::ofstream(dir + "/endpoint") << "skip: " << why << '\n';
         return etcd_testing::may_skip(why) ? 0 : 1;
     }
-    std::ofstream(dir + "/pid") << server.pid(0) << '\n';
+    {
+        std::ofstream pids(dir + "/pid");
+        for (int m = 0; m < options.members; ++m) pids << server.pid(m) << '\n';
+    }
     std::ofstream(dir + "/endpoint") << server.endpoints() << '\n';
     std::printf("etcd at %s, pid %d\n", server.endpoints().c_str(),
                 static_cast<int>(server.pid(0)));

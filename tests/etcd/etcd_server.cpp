@@ -98,7 +98,7 @@ EtcdServer::~EtcdServer() { stop(); }
 
 bool EtcdServer::make_certificates(std::string* why) {
     const std::string& d = dir_;
-    std::ofstream(d + "/san.cnf") << "subjectAltName=IP:127.0.0.1,DNS:localhost\n";
+    std::ofstream(d + "/san.cnf") << "subjectAltName=" << options_.tls_names << "\n";
     std::vector<std::vector<std::string>> steps = {
         {"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
          "/CN=test-ca", "-keyout", d + "/ca.key", "-out", d + "/ca.pem"},
@@ -247,6 +247,10 @@ void EtcdServer::restart_member(int m) {
 void EtcdServer::freeze(bool frozen) {
     for (const Member& me : members_)
         if (me.pid > 0) kill(me.pid, frozen ? SIGSTOP : SIGCONT);
+}
+
+void EtcdServer::freeze_member(int m, bool frozen) {
+    if (members_[m].pid > 0) kill(members_[m].pid, frozen ? SIGSTOP : SIGCONT);
 }
 
 void EtcdServer::detach() {

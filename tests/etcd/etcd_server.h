@@ -13,7 +13,10 @@ namespace etcd_testing {
 struct Options {
     int members = 1;
     bool tls = false;  // https for clients, with certificates made by openssl
-    std::string dir;   // where data, logs and certificates go; empty: a new one
+    // The names the members' certificate is made for (openssl's
+    // subjectAltName form).
+    std::string tls_names = "IP:127.0.0.1,DNS:localhost";
+    std::string dir;  // where data, logs and certificates go; empty: a new one
 };
 
 class EtcdServer {
@@ -40,8 +43,10 @@ class EtcdServer {
     pid_t pid(int member) const { return members_[member].pid; }
     int leader() const;  // the member that leads, or -1
     void kill_member(int member);
-    // SIGSTOP / SIGCONT: a member that hangs instead of refusing.
+    // SIGSTOP / SIGCONT: members that hang instead of refusing; every
+    // member, or one.
     void freeze(bool frozen);
+    void freeze_member(int member, bool frozen);
     void restart_member(int member);
 
     // Certificates of a TLS cluster: CA, client certificate and key.

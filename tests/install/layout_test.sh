@@ -3,7 +3,7 @@
 # Debian package does, and checks the layout: what is installed where, that
 # nothing lands outside it, that the installed (stripped) programs run and
 # generate what the build tree's programs generate, and that the bash
-# completions answer with werns from the repository.
+# completions answer (completion_test.sh).
 #
 #   sh layout_test.sh CMAKE BUILD_DIR SOURCE_DIR VERSION
 set -u
@@ -29,6 +29,9 @@ expected="/lib/wrn/stencils/
 /usr/bin/kelvo-lint
 /usr/share/bash-completion/completions/hgxrepo
 /usr/share/bash-completion/completions/kelvo
+/usr/share/bash-completion/completions/kelvo-apply
+/usr/share/bash-completion/completions/kelvo-diff
+/usr/share/bash-completion/completions/kelvo-lint
 /usr/share/doc/kelvo/README.md
 /usr/share/doc/kelvo/etcd-store.md
 /usr/share/doc/kelvo/fleet.md
@@ -99,42 +102,9 @@ for wern in $(HGX_REPOSITORY=$T/installed/repo.db "$D/usr/bin/hgxrepo" list | gr
     [ -z "$out" ] || fail "installed kelvo-apply found changes: $out"
 done
 
-# The completions, in bash with bash-completion's helpers loaded.
-BASH_COMPLETION=/usr/share/bash-completion/bash_completion
-if [ -r "$BASH_COMPLETION" ] && command -v bash >/dev/null; then
-    C=$D/usr/share/bash-completion/completions
-    got=$(PATH=$D/usr/bin:$PATH HGX_REPOSITORY=$T/installed/repo.db bash -c '
-        . "$1"; . "$2"; . "$3"
-        complete_line() {   # the words of a command line, the last one completed
-            COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1))
-            COMP_LINE="$*"; COMP_POINT=${#COMP_LINE}; COMPREPLY=()
-            "_$1"
-            echo "$*: ${COMPREPLY[*]}"
-        }
-        complete_line kelvo -f ""
-        complete_line kelvo -
-        complete_line kelvo -S "$4" -i res
-        complete_line hgxrepo ""
-        complete_line hgxrepo sh
-        complete_line hgxrepo -r "$5" show ""
-        complete_line hgxrepo setprop wrn:/a:b/g/p -t net_address_v
-    ' sh "$BASH_COMPLETION" "$C/kelvo" "$C/hgxrepo" "$EX/stencils" "$T/installed/repo.db")
-    want="kelvo -f : wrn:/network/http:default wrn:/network/resolver:default wrn:/system/timesync:default
-kelvo -: -a -D -f -g -i -l -L -m -o -O -p -R -S -u -x
-kelvo -S $EX/stencils -i res: resolver.conf.stencil
-hgxrepo : -r --help --version import export snapshot setprop delprop addpg delpg delete list show
-hgxrepo sh: show
-hgxrepo -r $T/installed/repo.db show : wrn:/network/http wrn:/network/http:default wrn:/network/resolver wrn:/network/resolver:default wrn:/system/timesync wrn:/system/timesync:default
-hgxrepo setprop wrn:/a:b/g/p -t net_address_v: net_address_v4 net_address_v6"
-    if [ "$got" != "$want" ]; then
-        fail "completions differ:"
-        echo "$want" >"$T/want"
-        echo "$got" >"$T/got"
-        diff "$T/want" "$T/got" >&2
-    fi
-else
-    echo "bash-completion is not installed; completions not checked"
-fi
+# The installed completions with the installed programs.
+sh "$SRC/tests/install/completion_test.sh" "$D/usr/share/bash-completion/completions" \
+    "$D/usr/bin" "$D/usr/share/doc/kelvo" >&2 || fail "installed completions"
 
 [ "$failures" -eq 0 ] || exit 1
 echo "install layout: all checks passed"

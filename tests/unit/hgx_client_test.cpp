@@ -485,7 +485,13 @@ TEST(Bind, EachFailureHasItsOwnCodeAndText) {
         setenv("HGX_REPOSITORY", c.file.c_str(), 1);
         EXPECT_EQ(hgx_handle_bind(h), -1);
         EXPECT_EQ(hgx_error(), c.code);
-        texts.insert(hgx_strerror(hgx_error()));
+        std::string said = hgx_strerror(hgx_error());
+        // A missing file is named: the text says which one was looked for.
+        if (c.code == HGX_ERROR_NO_REPOSITORY) {
+            EXPECT_EQ(said, "Repository file does not exist: " + c.file);
+            said.resize(said.size() - c.file.size());
+        }
+        texts.insert(said);
         // A failed bind leaves the handle unbound.
         hgx_scope_t* scope = hgx_scope_create(h);
         EXPECT_EQ(hgx_handle_get_scope(h, "localhost", scope), -1);
@@ -547,6 +553,58 @@ TEST(Writer, RefusesValuesThatDoNotFitTheirType) {
     EXPECT_EQ(hgx_value_check(HGX_TYPE_ASTRING, std::string(4096, 'x')), 0);
     EXPECT_EQ(hgx_value_check(HGX_TYPE_ASTRING, std::string(4097, 'x')), -1);
     EXPECT_EQ(hgx_value_check(HGX_TYPE_ASTRING, std::string("a\0b", 3)), -1);
+}
+
+// A store written by others (a cluster anyone with its keys can write) may
+// hold what no import would take: a copy into a file refuses it, names it
+// on one line, and leaves the file as it was.
+TEST(Writer, ACopyRefusesWhatNoImportWouldTake) {
+    struct Case {
+        const char* sql;
+        const char* service;
+        const char* says;
+    } cases[] = {
+        {"UPDATE services SET name = 'x$(touch P)' || char(10) || 'wrn:/injected/line:default'"
+         " WHERE name = 'net/foo'",
+         "x$(touch P)\nwrn:/injected/line:default",
+         "bad service name \"x$(touch P)\\nwrn:/injected/line:default\""},
+        {"UPDATE instances SET name = 'a b' WHERE name = 'other'", "net/foo",
+         "wrn:/net/foo: bad instance name \"a b\""},
+        {"UPDATE snapshots SET name = '-x'", "net/foo",
+         "wrn:/net/foo:default: bad snapshot name \"-x\""},
+        {"UPDATE pgs SET name = 'a:b' WHERE name = 'tls' AND instance_id = 0", "net/foo",
+         "wrn:/net/foo/:properties/config: bad group name \"a:b\""},
+        {"UPDATE pgs SET type = '' WHERE name = 'general' AND instance_id = 0", "net/foo",
+         "wrn:/net/foo/:properties/general: bad group type \"\""},
+        {"UPDATE props SET name = 'p q' WHERE name = 'cert'", "net/foo",
+         "wrn:/net/foo/:properties/config/tls: bad property name \"p q\""},
+        {"UPDATE props SET type = 99 WHERE name = 'svconly'", "net/foo",
+         "wrn:/net/foo/:properties/config/svconly: unknown type 99"},
+        {"UPDATE props SET vals = CAST('x' || char(0) AS BLOB) WHERE name = 'port'", "net/foo",
+         "wrn:/net/foo/:properties/config/port: value \"x\" is not an unsigned decimal number"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.sql);
+        TempDir dir;
+        const std::string from = dir.path() + "/from.db", to = dir.path() + "/to.db";
+        build(from);
+        build(to);
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(from.c_str(), &db), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(db, c.sql, nullptr, nullptr, nullptr), SQLITE_OK);
+        ASSERT_GE(sqlite3_changes(db), 1);
+        sqlite3_close(db);
+        std::string msg;
+        hgx_writer_t* src = hgx_reader_open(from.c_str(), &msg);
+        hgx_writer_t* dst = hgx_writer_open(to.c_str(), false, &msg);
+        ASSERT_TRUE(src && dst) << msg;
+        EXPECT_EQ(hgx_writer_copy_service(dst, src, c.service), -1);
+        EXPECT_TRUE(hgx_error() == HGX_ERROR_INVALID_ARGUMENT ||
+                    hgx_error() == HGX_ERROR_INVALID_VALUE);
+        EXPECT_STREQ(hgx_writer_message(dst), c.says);
+        hgx_writer_close(dst);
+        hgx_writer_close(src);
+    }
 }
 
 }  // namespace

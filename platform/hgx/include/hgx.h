@@ -70,7 +70,8 @@ typedef enum hgx_error {
     HGX_ERROR_BAD_URL = 1029,                // malformed etcd URL
     HGX_ERROR_CONFLICT = 1030,               // another writer committed first
     HGX_ERROR_TOO_LARGE = 1031,              // more than one etcd request holds
-    HGX_ERROR_CLUSTER_TLS = 1032,            // TLS failed: CA, certificate or key
+    HGX_ERROR_CLUSTER_TLS = 1032,            // TLS failed: CA, certificate, key or host name
+    HGX_ERROR_CLUSTER_NOT_PERMITTED = 1033,  // the etcd user's roles do not allow it
 } hgx_error_t;
 
 typedef enum hgx_type {
@@ -293,8 +294,11 @@ ssize_t hgx_limit(int code);
 // has failed. A success does not reset it: read it only after a failure.
 hgx_error_t hgx_error(void);
 // A text for the code, never null ("Unknown error" for a code of no
-// meaning); static, not to be freed. Some texts name the environment
-// variables or files to look at, as they are what a user sees of a failure.
+// meaning); not to be freed. Some texts name the environment variables or
+// files to look at, as they are what a user sees of a failure. For the code
+// of the calling thread's last failure the text may say more of that
+// failure (the repository file that does not exist, what a wern looks like);
+// such a text lasts until the thread's next failure, the others for good.
 const char* hgx_strerror(hgx_error_t code);
 
 // Name of a type ("astring", ...) and back; null / HGX_TYPE_INVALID if
