@@ -99,15 +99,10 @@ awk -v DOC="$DOC" -F '\t' '
 function fault(where, what) { print "check-architecture: " where ": " what; faults++ }
 function base(p) { sub(/.*\//, "", p); return p }
 function dir(p) { if (p !~ /\//) return ""; sub(/\/[^\/]*$/, "", p); return p }
-function normal(p,    n, parts, out, i, k) {
-    n = split(p, parts, "/"); k = 0
-    for (i = 1; i <= n; i++) {
-        if (parts[i] == "." || parts[i] == "") continue
-        if (parts[i] == ".." && k > 0) { k--; continue }
-        out[++k] = parts[i]
-    }
-    p = ""
-    for (i = 1; i <= k; i++) p = p (i > 1 ? "/" : "") out[i]
+# a/./b/../c -> a/c
+function normal(p) {
+    gsub(/\/\.\//, "/", p); sub(/^\.\//, "", p)
+    while (sub(/[^\/.][^\/]*\/\.\.\//, "", p)) continue
     return p
 }
 function module_of(p,    m, best) {

@@ -53,15 +53,10 @@ sed "s|^|$ROOT/|" "$TMP/sources" |
 # fits the rule. Other diagnostics (a source that does not parse) are shown
 # as they are.
 awk -v root="$ROOT/" '
-function normal(p,    n, parts, out, i, k) {
-    n = split(p, parts, "/"); k = 0
-    for (i = 1; i <= n; i++) {
-        if (parts[i] == "." || parts[i] == "") continue
-        if (parts[i] == ".." && k > 0) { k--; continue }
-        out[++k] = parts[i]
-    }
-    p = ""
-    for (i = 1; i <= k; i++) p = p (i > 1 ? "/" : "") out[i]
+# a/./b/../c -> a/c
+function normal(p) {
+    gsub(/\/\.\//, "/", p); sub(/^\.\//, "", p)
+    while (sub(/[^\/.][^\/]*\/\.\.\//, "", p)) continue
     return p
 }
 function rule(kind) {
@@ -93,7 +88,7 @@ where != "" { after++; if (after == 3) { fix = $0; gsub(/^[ \t]+|[ \t]+$/, "", f
 /: (warning|error): / { print "clang-tidy: " $0 }
 END { flush() }' "$TMP/out" | sort -u >"$TMP/faults"
 # clang-tidy's own troubles (a missing compile command, a crash).
-grep -E 'error|Error' "$TMP/err" | grep -v 'warnings generated\|errors generated\|treated as errors\|Suppressed\|Use -header-filter\|Use -system-headers' \
+grep -E 'error|Error' "$TMP/err" | grep -v 'generated\.$\|treated as errors\|Suppressed\|Use -header-filter\|Use -system-headers' \
     >>"$TMP/faults" || :
 
 count=$(wc -l <"$TMP/sources")
