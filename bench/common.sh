@@ -9,6 +9,8 @@
 #   per_item MS N                       MS / N, in microseconds
 #   make_repo NAME MANIFEST             imports MANIFEST into WORK/NAME.db once
 #   gen_manifest TOTAL OUT              the start-up benchmarks' repository
+#   side_by_side LABEL CMD ...          commands timed in turn, medians side by side
+#   count_writes LABEL PROGRAM ARG...   the write system calls of one run
 # and STENCIL_DIR with small.stencil, their stencil.
 
 . "$(dirname "$0")/../scripts/binaries.sh"
@@ -104,10 +106,13 @@ make_repo() {
 
 # side_by_side LABEL CMD [LABEL CMD]...
 # Wall time of each CMD (a program and its arguments, split at blanks, no
-# shell), with the commands run in turn so that the machine's load falls on
-# all of them alike (bench/spawn_time.cpp), BENCH_RUNS runs each (default
-# 500 here). Prints the median, mean and fastest run of each, and its median
-# over the first command's.
+# shell, optionally behind NAME=VALUE settings of its environment), with the
+# commands run in turn so that the machine's load falls on all of them alike
+# (bench/spawn_time.cpp), BENCH_RUNS runs each (default 500 here). Prints the
+# median and fastest run of each and its median processor time, and its
+# median over the first command's; with SECOND_REF=N also over the Nth's.
+# The medians go into $MEDIAN_1, $MEDIAN_2, ... and the processor times into
+# $CPU_1, $CPU_2, ...
 side_by_side() {
     timer=$BUILD/bench/spawn_time
     [ -x "$timer" ] || { echo "bench: $timer is missing; build first (make build)" >&2; exit 1; }
@@ -121,10 +126,45 @@ side_by_side() {
     shift "$n"
     "$timer" "${BENCH_RUNS:-500}" "$@" >"$WORK/figures" || { echo "bench: a command failed" >&2; exit 1; }
     first=$(sed -n '1s/ .*//p' "$WORK/figures")
-    paste -d ' ' "$WORK/figures" "$WORK/labels" | while read -r median mean fastest label; do
-        printf '  %-44s %8.3f ms median  (mean %.3f, fastest %.3f)  = %s x %s\n' \
-            "$label" "$median" "$mean" "$fastest" "$(ratio "$median" "$first")" "$(sed -n 1p "$WORK/labels")"
-    done
+    ref1=$(sed -n 1p "$WORK/labels")
+    second=""
+    if [ -n "${SECOND_REF:-}" ]; then
+        second=$(sed -n "${SECOND_REF}s/ .*//p" "$WORK/figures")
+        ref2=$(sed -n "${SECOND_REF}p" "$WORK/labels")
+    fi
+    i=1
+    while read -r median mean fastest cpu; do
+        label=$(sed -n "${i}p" "$WORK/labels")
+        line=$(printf '  %-36s %7.3f ms (fastest %6.3f, cpu %6.3f)  = %s x %s' \
+            "$label" "$median" "$fastest" "$cpu" "$(ratio "$median" "$first")" "$ref1")
+        [ -n "$second" ] && line="$line, $(ratio "$median" "$second") x $ref2"
+        printf '%s\n' "$line"
+        eval "MEDIAN_$i=$median CPU_$i=$cpu"
+        i=$((i + 1))
+    done <"$WORK/figures"
+}
+
+# count_writes LABEL PROGRAM [ARG]...
+# Every system call of one run of PROGRAM that writes or changes a file
+# (write, pwrite64, writev, ftruncate, fchown, fchmod and their kin, on any
+# descriptor, in every thread), counted with strace: "LABEL: N" and the
+# count of each call. The count goes into $WRITES.
+WRITE_CALLS=write,pwrite64,pwritev,pwritev2,writev,ftruncate,truncate,fchown,fchownat,chown,lchown,fchmod,fchmodat,chmod
+count_writes() {
+    label=$1
+    shift
+    if ! command -v strace >/dev/null 2>&1; then
+        printf '  %-44s (strace is not installed)\n' "$label:"
+        WRITES=""
+        return 0
+    fi
+    strace -f -qq -e trace="$WRITE_CALLS" -o "$WORK/strace.txt" "$@" >/dev/null 2>&1 ||
+        { echo "bench: failed under strace: $*" >&2; exit 1; }
+    WRITES=$(grep -Evc 'resumed>|^[0-9]+ +\+\+\+' "$WORK/strace.txt" || true)
+    calls=$(grep -Ev 'resumed>|^[0-9]+ +\+\+\+' "$WORK/strace.txt" |
+        sed -n 's/^[0-9]* *\([a-z0-9_]*\)(.*/\1/p' | sort | uniq -c |
+        awk '{ printf "%s%s %s", (NR > 1 ? ", " : ""), $2, $1 }')
+    printf '  %-44s %d%s\n' "$label:" "$WRITES" "${calls:+ ($calls)}"
 }
 
 # gen_manifest TOTAL OUT: the instance wrn:/bench/target:default with 50

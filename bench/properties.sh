@@ -131,27 +131,40 @@ PY
 
 OUT=$D/out.conf
 PYOUT=$D/out-python.conf
+# Each job as a script, so that the two sides run in turn (side_by_side) and
+# alike through one shell: a new file (the old one removed first), and a file
+# that already holds the result.
+for side in kelvo python-export python-saved; do
+    for case_ in new same; do
+        f=$D/$side-$case_.sh
+        out=$OUT
+        [ "$side" != kelvo ] && out=$PYOUT
+        [ "$case_" = new ] && out=$out.new
+        {
+            [ "$case_" = new ] && echo "rm -f '$out'"
+            case $side in
+                kelvo) echo "exec '$KELVO' -f $WERN -S '$D' -i refs.stencil -o '$out'" ;;
+                python-export) echo "'$HGXREPO' export $WERN | exec '$PY' '$D/render.py' '$D/refs.j2' '$out'" ;;
+                python-saved) echo "exec '$PY' '$D/render.py' '$D/refs.j2' '$out' <'$D/export.json'" ;;
+            esac
+        } >"$f"
+    done
+done
+sh "$D/kelvo-same.sh"
+sh "$D/python-export-same.sh"
+
+echo "1,000 property references, instance of 1,000 properties (load: $(cut -d' ' -f1-3 /proc/loadavg))"
+BENCH_RUNS=${BENCH_RUNS:-20} side_by_side \
+    "kelvo, new file" "/bin/sh $D/kelvo-new.sh" \
+    "kelvo, unchanged file" "/bin/sh $D/kelvo-same.sh" \
+    "jinja2 (export+render), new file" "/bin/sh $D/python-export-new.sh" \
+    "jinja2 (saved export), new file" "/bin/sh $D/python-saved-new.sh" \
+    "jinja2 (export+render), unchanged" "/bin/sh $D/python-export-same.sh"
+echo "    python+jinja2 / kelvo, processor time (wall time):"
+printf '      export + render, new file:        %s x (%s x)\n' "$(ratio "$CPU_3" "$CPU_1")" "$(ratio "$MEDIAN_3" "$MEDIAN_1")"
+printf '      render from saved export, new:    %s x (%s x)\n' "$(ratio "$CPU_4" "$CPU_1")" "$(ratio "$MEDIAN_4" "$MEDIAN_1")"
+printf '      export + render, unchanged file:  %s x (%s x)\n' "$(ratio "$CPU_5" "$CPU_2")" "$(ratio "$MEDIAN_5" "$MEDIAN_2")"
 KCMD="$KELVO -f $WERN -S $D -i refs.stencil -o $OUT"
-PCMD="$HGXREPO export $WERN | $PY $D/render.py $D/refs.j2 $PYOUT"
-PCMD_SAVED="$PY $D/render.py $D/refs.j2 $PYOUT < $D/export.json"
-
-echo "1,000 property references, instance of 1,000 properties"
-measure "kelvo, new file" --prepare "rm -f $OUT" "$KCMD"
-K_NEW=$MEAN_MS
-$KCMD
-measure "kelvo, unchanged file" "$KCMD"
-K_SAME=$MEAN_MS
-measure "python+jinja2 (export + render), new file" --prepare "rm -f $PYOUT" "$PCMD"
-P_NEW=$MEAN_MS
-measure "python+jinja2 (render from saved export), new file" --prepare "rm -f $PYOUT" "$PCMD_SAVED"
-P_SAVED=$MEAN_MS
-sh -c "$PCMD"
-measure "python+jinja2 (export + render), unchanged file" "$PCMD"
-P_SAME=$MEAN_MS
-
-echo "    python (export + render) / kelvo, new file:        $(ratio "$P_NEW" "$K_NEW") x"
-echo "    python (render from saved export) / kelvo, new:    $(ratio "$P_SAVED" "$K_NEW") x"
-echo "    python (export + render) / kelvo, unchanged file:  $(ratio "$P_SAME" "$K_SAME") x"
 if cmp -s "$OUT" "$PYOUT"; then
     echo "    (both wrote the same $(wc -c < "$OUT") bytes)"
 else
@@ -165,14 +178,7 @@ $KCMD
 after=$(stat -c '%i %y %z' "$OUT")
 echo "  inode mtime ctime before: $before"
 echo "  inode mtime ctime after:  $after"
-if command -v strace >/dev/null 2>&1; then
-    for case_ in unchanged new; do
-        [ "$case_" = new ] && rm -f "$OUT"
-        echo "  system calls, $case_ file (strace -c -e trace=write,openat):"
-        if strace -f -c -e trace=write,openat -o "$D/strace.txt" $KCMD 2>/dev/null; then
-            sed -n '/calls/,$p' "$D/strace.txt" | sed 's/^/    /'
-        else
-            echo "    (strace could not trace here)"
-        fi
-    done
-fi
+echo "  system calls that write or change a file, in one run (strace):"
+count_writes "kelvo, unchanged file" $KCMD
+rm -f "$OUT"
+count_writes "kelvo, new file" $KCMD

@@ -1,8 +1,13 @@
 #!/bin/sh
-# Start-up cost of kelvo: one run with a small stencil against an instance of
-# 50 properties, in repositories of 10,000 and 1,000,000 properties, beside
-# /bin/true.  kelvo reads only the instance it runs for, so the figure should
-# barely move with the size of the repository.
+# Start-up cost of kelvo: one run with a small stencil (50 property
+# references, one section) against an instance of 50 properties, in
+# repositories of 10,000 and 1,000,000 properties, side by side with
+# /bin/true and with the floor of such a run (bench/startup_floor.c: start,
+# open the repository, one read, one write), wholly static and linked as
+# kelvo is. kelvo reads only the instance it runs for, so the figures should
+# barely move with the size of the repository. Then the system calls that
+# write, counted with strace: none for a run whose output file is
+# unchanged, and one write() for a file made anew.
 #
 #   sh bench/startup.sh [BUILD_DIR]
 # The 1M repository is generated and imported once (that takes a while) and
@@ -15,20 +20,40 @@ set -eu
 # The installed kelvo runs beside the build tree's: KELVO_INSTALLED, else the
 # kelvo on PATH.
 INSTALLED=${KELVO_INSTALLED:-$(command -v kelvo || true)}
+FLOOR=$BUILD/bench/startup_floor
+FLOOR_STATIC=$BUILD/bench/startup_floor_static
+[ -x "$FLOOR" ] || { echo "bench: $FLOOR is missing; build first (make build)" >&2; exit 1; }
 
-echo "kelvo start-up: small stencil, instance of 50 properties"
+echo "kelvo start-up: small stencil, instance of 50 properties (load: $(cut -d' ' -f1-3 /proc/loadavg))"
+OUT=$WORK/startup.conf
 for size in 10000 1000000; do
     manifest=$WORK/startup-$size.json
     gen_manifest "$size" "$manifest"
     make_repo "startup-$size" "$manifest"
     export HGX_REPOSITORY=$REPO_DB
     args="-f wrn:/bench/target:default -S $STENCIL_DIR -i small.stencil"
-    echo " repository of $size properties:"
-    if [ -n "$INSTALLED" ]; then
-        side_by_side /bin/true /bin/true "kelvo, build tree" "$KELVO $args" \
-            "kelvo, installed ($INSTALLED)" "$INSTALLED $args"
+    "$KELVO" $args -o "$OUT"
+    echo " repository of $size properties (output file unchanged):"
+    set -- /bin/true /bin/true
+    if [ -x "$FLOOR_STATIC" ]; then
+        set -- "$@" "floor, static" "$FLOOR_STATIC $REPO_DB config p1"
+        SECOND_REF=2
     else
-        side_by_side /bin/true /bin/true "kelvo, build tree" "$KELVO $args"
-        echo "  (no installed kelvo on PATH; KELVO_INSTALLED names one)"
+        SECOND_REF=""
     fi
+    set -- "$@" "floor, linked as kelvo" "$FLOOR $REPO_DB config p1" \
+        "kelvo, build tree" "$KELVO $args -o $OUT"
+    if [ -n "$INSTALLED" ]; then
+        set -- "$@" "kelvo, installed" "$INSTALLED $args -o $WORK/startup-installed.conf"
+        "$INSTALLED" $args -o "$WORK/startup-installed.conf"
+    fi
+    side_by_side "$@"
+    [ -n "$INSTALLED" ] || echo "  (no installed kelvo on PATH; KELVO_INSTALLED names one)"
 done
+
+echo "system calls that write or change a file, in one run (strace):"
+count_writes "output file unchanged" "$KELVO" $args -o "$OUT"
+rm -f "$OUT"
+count_writes "output file made anew" "$KELVO" $args -o "$OUT"
+count_writes "to standard output" "$KELVO" $args
+printf '  (the output: %d bytes)\n' "$(wc -c <"$OUT")"

@@ -69,6 +69,30 @@ t1=$(now_ms)
 stop_sync
 awk -v n="$N" -v ms=$((t1 - t0)) 'BEGIN { printf "  %d revisions in %d ms = %.0f revisions/s (start-up included)\n", n, ms, n * 1000 / ms }'
 
+# The same again under strace, untimed: the connections the mirror makes and
+# the opens of its file, per applied revision.
+if command -v strace >/dev/null 2>&1; then
+    M=${SYNC_TRACED:-40}
+    i=1
+    while [ "$i" -le "$M" ]; do
+        "$HGXREPO" -r "$URL" setprop --snapshot wrn:/bench/sync:default/:properties/config/p0 "t$i" 2>/dev/null
+        i=$((i + 1))
+    done
+    # The mirror (not strace) is stopped, so that strace ends with it.
+    rm -f "$WORK/sync.pid"
+    strace -f -qq -e trace=connect,openat -o "$WORK/sync-strace.txt" \
+        sh -c 'echo $$ >"$0"; exec "$@"' "$WORK/sync.pid" "$HGXREPO" -r "$MIRROR" sync "$URL" \
+        2>/dev/null &
+    TRACER=$!
+    until mirrored "t$M"; do sleep 0.01; done
+    kill "$(cat "$WORK/sync.pid")"
+    wait "$TRACER" || true
+    connects=$(grep -c ' connect(' "$WORK/sync-strace.txt" || true)
+    opens=$(grep -c "openat([^,]*, \"$MIRROR\"," "$WORK/sync-strace.txt" || true)
+    printf '  while applying %d revisions: %d connections, %d opens of the mirror file (strace)\n' \
+        "$M" "$connects" "$opens"
+fi
+
 start_sync
 sleep 0.5
 lag() { # LABEL COUNT: mean lag over LAG_RUNS writes of COUNT properties

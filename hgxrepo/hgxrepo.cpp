@@ -40,9 +40,10 @@ const char USAGE[] =
     "       hgxrepo [-r FILE] delete WERN\n"
     "       hgxrepo [-r FILE] list\n"
     "       hgxrepo [-r FILE] show WERN [SNAPSHOT]\n"
-    "       hgxrepo [-r FILE] copy TARGET\n"
+    "       hgxrepo [-r FILE] copy [--force] TARGET\n"
     "       hgxrepo [-r FILE] diff WERN\n"
-    "       hgxrepo [-r FILE] sync [--once] [--service PATTERN]... [--exec COMMAND] URL\n"
+    "       hgxrepo [-r FILE] sync [--once] [--service PATTERN]... [--exec COMMAND] [--mode MODE]"
+    " URL\n"
     "       hgxrepo help\n"
     "       hgxrepo --version\n"
     "The repository file is FILE, else $HGX_REPOSITORY, else " HGX_DEFAULT_REPOSITORY
@@ -100,6 +101,15 @@ std::string repository_path(const std::string& option) {
     return env && *env ? env : HGX_DEFAULT_REPOSITORY;
 }
 
+// An octal mode of permission bits alone, as chmod takes it: 0 to 0777.
+unsigned parse_file_mode(const std::string& text) {
+    unsigned long mode = std::strtoul(text.c_str(), nullptr, 8);
+    if (text.empty() || text.size() > 4 ||
+        text.find_first_not_of("01234567") != std::string::npos || mode > 0777)
+        throw Usage{"--mode " + manifest::quote(text) + ": an octal mode from 0 to 0777"};
+    return static_cast<unsigned>(mode);
+}
+
 int cmd_sync(const Invocation& inv) {
     const std::vector<std::string>& words = inv.words;
     SyncOptions o;
@@ -111,6 +121,8 @@ int cmd_sync(const Invocation& inv) {
         } else if ((words[k] == "--service" || words[k] == "--exec") && k + 1 < words.size()) {
             (words[k] == "--exec" ? o.exec : o.services.emplace_back()) = words[k + 1];
             ++k;
+        } else if (words[k] == "--mode" && k + 1 < words.size()) {
+            o.mode = parse_file_mode(words[++k]);
         } else {
             throw Usage{"unknown option " + manifest::quote(words[k])};
         }

@@ -79,8 +79,23 @@ std::string failed_to(const char* what);
 
 // Opens the repository at path for one transaction, creating it if create
 // says so; throws Failure with the library's line and a hint where the
-// repository is missing. The caller owns the writer.
+// repository is missing, and for a host's mirror of a cluster, which only
+// hgxrepo sync writes ("PATH is the mirror of URL; change the cluster"),
+// leaving it as it was. The caller owns the writer.
 Writer open_writer(const std::string& path, bool create);
+
+// What a file records of the cluster it mirrors: nothing (source empty) for
+// a file that is no mirror, and for a cluster.
+struct MirrorRecord {
+    std::string source;    // the cluster's id and prefix
+    std::string url;       // as hgxrepo sync was given it; empty in older mirrors
+    std::string revision;  // the last revision applied
+    bool partial = false;  // limited by patterns (--service, --instance): not the whole cluster
+    // The cluster as the user named it, or else as it names itself.
+    const std::string& origin() const { return url.empty() ? source : url; }
+};
+// Reads the record from w, opened on path; throws Failure when it cannot.
+MirrorRecord mirror_record(hgx_writer_t* w, const std::string& path);
 
 // Throws Failure "PATH: cannot write: ..." with what the writer knows, else
 // the library's text.
@@ -142,7 +157,8 @@ using CommandFn = int(const Invocation& inv);
 // until_committed: import (with a warning for each thing it drops), setprop
 // (keeping the type when -t is not given), delprop, addpg, delpg, delete (a
 // service or an instance), snapshot (of every instance of a service) and
-// copy (the target ends up holding what the repository holds).
+// copy (the target ends up holding what the repository holds; a host's
+// mirror goes to a cluster only whole, with --force).
 CommandFn cmd_import, cmd_setprop, cmd_delprop, cmd_addpg, cmd_delpg, cmd_delete, cmd_snapshot,
     cmd_copy;
 

@@ -31,11 +31,33 @@ std::string failed_to(const char* what) {
     return s;
 }
 
+MirrorRecord mirror_record(hgx_writer_t* w, const std::string& path) {
+    MirrorRecord record;
+    if (path.rfind("etcd://", 0) == 0 || path.rfind("etcds://", 0) == 0) return record;
+    // The records sync keeps of its patterns: any pattern makes a part.
+    std::string patterns;
+    for (const char* key : {"services", "instances"}) {
+        int rc = hgx_writer_meta_get(w, key, &patterns);
+        if (rc < 0) throw Failure{path + ": cannot read: " + lib_error()};
+        record.partial = record.partial || (rc > 0 && !patterns.empty());
+    }
+    if (hgx_writer_meta_get(w, "source", &record.source) < 0 ||
+        hgx_writer_meta_get(w, "url", &record.url) < 0 ||
+        hgx_writer_meta_get(w, "revision", &record.revision) < 0)
+        throw Failure{path + ": cannot read: " + lib_error()};
+    return record;
+}
+
 Writer open_writer(const std::string& path, bool create) {
     std::string message;
-    hgx_writer_t* w = hgx_writer_open(path.c_str(), create, &message);
+    Writer w(hgx_writer_open(path.c_str(), create, &message));
     if (!w) throw Failure{message + missing_repository_hint()};
-    return Writer(w);
+    // Decided under the writer's lock; the writer goes unused, and with it
+    // the transaction.
+    MirrorRecord mirror = mirror_record(w.get(), path);
+    if (!mirror.source.empty())
+        throw Failure{path + " is the mirror of " + mirror.origin() + "; change the cluster"};
+    return w;
 }
 
 void write_failed(hgx_writer_t* w, const std::string& path) {

@@ -251,12 +251,35 @@ int cmd_snapshot(const Invocation& inv) {
 
 namespace {
 
+bool is_cluster(const std::string& path) {
+    return path.rfind("etcd://", 0) == 0 || path.rfind("etcds://", 0) == 0;
+}
+
+// A host's mirror copied to a cluster replaces everything there with what
+// the mirror holds: refused for a mirror of some services only (the others
+// would be removed), and for a whole one unless forced.
+void check_copy_of_mirror(hgx_writer_t* from, const std::string& path, const std::string& target,
+                          bool force) {
+    if (!is_cluster(target)) return;
+    MirrorRecord mirror = mirror_record(from, path);
+    if (mirror.source.empty()) return;
+    if (mirror.partial)
+        throw Failure{path + " is a mirror of part of " + mirror.origin() +
+                      " (sync --service or --instance): a copy would remove everything else from " +
+                      target + "; refused"};
+    if (!force)
+        throw Failure{path + " is the mirror of " + mirror.origin() + " at revision " +
+                      mirror.revision + ": a copy replaces all of " + target +
+                      " with that state; give --force to do so"};
+}
+
 // Makes `target` hold exactly what the repository holds, snapshots
 // included, in one transaction of the target.
-void copy_repository(const std::string& path, const std::string& target) {
+void copy_repository(const std::string& path, const std::string& target, bool force) {
     std::string message;
     Writer from(hgx_reader_open(path.c_str(), &message));
     if (!from) throw Failure{message};
+    check_copy_of_mirror(from.get(), path, target, force);
     std::vector<std::string> names, old;
     if (hgx_writer_services(from.get(), &names) < 0) write_failed(from.get(), path);
     Writer w = open_writer(target, true);
@@ -280,9 +303,12 @@ void copy_repository(const std::string& path, const std::string& target) {
 }  // namespace
 
 int cmd_copy(const Invocation& inv) {
-    arity(inv, 1, 1);
-    const std::string& target = inv.words[0];
-    return committed(target, [&] { copy_repository(inv.path, target); });
+    Invocation rest = inv;
+    const bool force = !rest.words.empty() && rest.words[0] == "--force";
+    if (force) rest.words.erase(rest.words.begin());
+    arity(rest, 1, 1);
+    const std::string& target = rest.words[0];
+    return committed(target, [&] { copy_repository(inv.path, target, force); });
 }
 
 }  // namespace hgxrepo

@@ -22,11 +22,15 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <string_view>
 #include <thread>
+#include <vector>
 
 #include "hgx.h"
 #include "hgx_ptr.h"
 #include "hgx_write.h"
+
+extern char** environ;
 
 namespace {
 
@@ -65,6 +69,23 @@ struct Pattern {
     Pattern(const Pattern&) = delete;
     Pattern& operator=(const Pattern&) = delete;
 };
+
+// The command's environment: this process's with HGX_CHANGED set, and
+// without the HGX_ETCD_* variables but the CA's. The command reads the
+// mirror; the cluster's credentials (user, password, client key and
+// certificate, and whatever may come) are not its business.
+std::vector<std::string> command_environment(const std::string& changed) {
+    std::vector<std::string> out;
+    for (char** e = environ; *e != nullptr; ++e) {
+        std::string_view entry = *e;
+        std::string_view name = entry.substr(0, entry.find('='));
+        if ((name.rfind("HGX_ETCD_", 0) == 0 && name != "HGX_ETCD_CACERT") || name == "HGX_CHANGED")
+            continue;
+        out.emplace_back(entry);
+    }
+    out.push_back("HGX_CHANGED=" + changed);
+    return out;
+}
 
 // Sleeps up to `seconds`, waking early for a stop.
 void pause_for(int seconds) {
@@ -162,6 +183,9 @@ bool Mirror::prepare() {
     if (access(o_.file.c_str(), F_OK) != 0) return true;  // made by the first copy
     std::string message;
     Writer file(hgx_reader_open(o_.file.c_str(), &message));
+    // A file that holds nothing yet (a first copy killed by an earlier
+    // version) is made by the first copy too.
+    if (!file && hgx_error() == HGX_ERROR_NO_REPOSITORY) return true;
     if (!file) {
         std::fprintf(stderr, "hgxrepo: %s\n", message.c_str());
         return false;
@@ -233,7 +257,7 @@ bool Mirror::apply(int64_t revision, bool whole, std::string* why) {
     }
 
     failed_ = Failed::FILE;
-    Writer file(hgx_writer_open(o_.file.c_str(), true, &message));
+    Writer file(hgx_writer_create(o_.file.c_str(), o_.mode, &message));
     if (!file) {
         *why = message;
         return false;
@@ -281,6 +305,7 @@ bool Mirror::apply(int64_t revision, bool whole, std::string* why) {
             if (!after.count(inst)) changed.insert("wrn:/" + name + ":" + inst);
     }
     if (hgx_writer_meta_set(file.get(), "source", source) < 0 ||
+        hgx_writer_meta_set(file.get(), "url", o_.url) < 0 ||
         hgx_writer_meta_set(file.get(), "services", patterns_text_) < 0 ||
         hgx_writer_meta_set(file.get(), "revision", std::to_string(at)) < 0)
         return failed("cannot write " + o_.file);
@@ -301,6 +326,12 @@ void Mirror::run_command(const std::set<std::string>& changed) {
     if (o_.exec.empty()) return;
     std::string list;
     for (const std::string& w : changed) list += w + "\n";
+    // Made before the fork: the child only calls what is safe there.
+    std::vector<std::string> environment = command_environment(list);
+    std::vector<char*> envp;
+    for (std::string& entry : environment) envp.push_back(entry.data());
+    envp.push_back(nullptr);
+    const char* argv[] = {"sh", "-c", o_.exec.c_str(), nullptr};
     std::fflush(nullptr);
     pid_t pid = fork();
     if (pid < 0) {
@@ -310,8 +341,7 @@ void Mirror::run_command(const std::set<std::string>& changed) {
     if (pid == 0) {
         signal(SIGTERM, SIG_DFL);
         signal(SIGINT, SIG_DFL);
-        setenv("HGX_CHANGED", list.c_str(), 1);
-        execl("/bin/sh", "sh", "-c", o_.exec.c_str(), static_cast<char*>(nullptr));
+        execve("/bin/sh", const_cast<char* const*>(argv), envp.data());
         _exit(127);
     }
     int status = 0;

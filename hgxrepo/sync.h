@@ -15,6 +15,7 @@ struct SyncOptions {
     bool once = false;
     std::vector<std::string> services;  // extended regular expressions; none: all
     std::string exec;                   // run after each change of instances
+    unsigned mode = 0600;               // permission bits of a file the first copy creates
 };
 
 // Copies the cluster into the file in one transaction, then (without once)
@@ -27,7 +28,11 @@ struct SyncOptions {
 // under --once or is cut short by a signal. Without --once, a cluster that
 // cannot be reached is reported and tried again with a growing pause,
 // never fatal. The file is only ever changed by whole transactions, so a
-// reader of it sees the state of one revision of the cluster. Blocks the
+// reader of it sees the state of one revision of the cluster; a file the
+// first copy creates appears whole, with the permission bits mode exactly,
+// and an existing file keeps its mode. The command runs without the
+// HGX_ETCD_* variables of the environment but HGX_ETCD_CACERT (no secret):
+// it reads the mirror, and needs no credentials of the cluster. Blocks the
 // calling thread, and leaves its handlers for SIGTERM and SIGINT installed.
 // Throws nothing but std::bad_alloc.
 int hgxrepo_sync(const SyncOptions& options);

@@ -4,8 +4,11 @@
 //
 // Trees sort in descending strcmp order of names (see repository.cpp).
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <string>
 
 #include "hgx_ptr.h"
 #include "owned.h"
@@ -48,28 +51,61 @@ int property_table_node_compare(const void* left, const void* right, void* /*pri
 // All trees of all views.
 SharedPool view_pool{"repository_pool", sizeof(property_table_node_t), property_table_node_compare};
 
+thread_local hgx_error_t store_failure = HGX_ERROR_NONE;
+
+bool is_store_failure(hgx_error_t code) {
+    switch (code) {
+        case HGX_ERROR_NONE:
+        case HGX_ERROR_NOT_FOUND:
+        case HGX_ERROR_INVALID_ARGUMENT:
+        case HGX_ERROR_CONSTRAINT_VIOLATED:
+        case HGX_ERROR_NOT_SET:
+        case HGX_ERROR_TYPE_MISMATCH:
+        case HGX_ERROR_NO_MEMORY:
+            return false;
+        default:
+            return true;
+    }
+}
+
+namespace {
+
+// Whether the client's last failure is one of the repository itself; such
+// a failure is kept in store_failure for the query that started the fill.
+bool repository_lost() {
+    hgx_error_t code = hgx_error();
+    if (!is_store_failure(code)) return false;
+    store_failure = code;
+    return true;
+}
+
+// A fill step whose call of the client failed.
+repository_error_t failed_call() {
+    repository_lost();
+    return REPOSITORY_QRM_ERROR;
+}
+
+// The end of a walk over children: a failed step that lost the repository
+// fails the fill; any other failed step ends the walk as its end does.
+bool walk_lost(int step) { return step < 0 && repository_lost(); }
+
+}  // namespace
+
 int place_table_node(pkx_avl_t* tree, pkx_avl_pool_t* pool, property_table_node_t* node,
                      pkx_avl_index_t* where) {
-    if (pkx_avl_find(tree, node, nullptr, where) != nullptr) return -1;
+    // A view's names mostly come in ascending order (the repository gives
+    // each group's properties sorted), which in these descending trees is
+    // below every name present.
+    if (pkx_avl_find_below_first(tree, node, nullptr, where) != nullptr) return -1;
     pkx_avl_node_init(node, node, pool);
     pkx_avl_insert(tree, node, *where);
     return 0;
 }
 
-void free_node_contents(property_table_node_t* node) {
-    local_property_info_t& info = node->info;
-    if (info.values != nullptr) {
-        for (int i = 0; i < info.num_values; i++) std::free(info.values[i]);
-    }
-    std::free(info.values);
-    std::free(info.wern);
-    std::free(info.pg_type);
-}
-
-// For a node in no tree, also one that place_table_node turned away.
+// A node is one block: the record, then the values array, then its texts
+// (name, group type, values, each terminated). One free() releases it all.
 void property_table_node_destroy(property_table_node_t* node) {
     if (node == nullptr) return;
-    free_node_contents(node);
     pkx_avl_node_fini(node, node, view_pool.pool);
     std::free(node);
 }
@@ -77,22 +113,43 @@ void property_table_node_destroy(property_table_node_t* node) {
 void property_tree_destroy(pkx_avl_t* tree) {
     if (tree == nullptr) return;
     void* cookie = nullptr;
-    while (auto* node = static_cast<property_table_node_t*>(pkx_avl_teardown(tree, &cookie))) {
-        free_node_contents(node);
+    while (auto* node = static_cast<property_table_node_t*>(pkx_avl_teardown(tree, &cookie)))
         std::free(node);
-    }
     pkx_avl_destroy(tree);
 }
 
 // A node not yet placed, released by its destructor unless handed to a tree.
 using NodePtr = Owned<property_table_node_t, property_table_node_destroy>;
 
-NodePtr new_node(repository_type_t kind, const char* name) {
-    NodePtr node(static_cast<property_table_node_t*>(pkx_zalloc(sizeof(property_table_node_t))));
+// A new node of kind under name, with the group type pg_type (null for none)
+// and num_values values, given as texts each followed by a NUL byte.
+NodePtr new_node(repository_type_t kind, const char* name, const char* pg_type,
+                 std::string_view values = {}, int num_values = 0) {
+    const size_t name_size = std::strlen(name) + 1;
+    const size_t type_size = pg_type != nullptr ? std::strlen(pg_type) + 1 : 0;
+    const size_t array_size = static_cast<size_t>(num_values) * sizeof(char*);
+    static_assert(sizeof(property_table_node_t) % alignof(char*) == 0);
+    NodePtr node(static_cast<property_table_node_t*>(std::malloc(
+        sizeof(property_table_node_t) + array_size + name_size + type_size + values.size())));
     if (node == nullptr) return node;
-    node->info.repo_type = kind;
-    node->info.wern = strdup(name);
-    if (node->info.wern == nullptr) node.reset();
+    std::memset(node.get(), 0, sizeof(property_table_node_t));
+    local_property_info_t& info = node->info;
+    info.repo_type = kind;
+    char* at = reinterpret_cast<char*>(node.get() + 1);
+    if (num_values > 0) info.values = reinterpret_cast<char**>(at);
+    at += array_size;
+    info.wern = static_cast<char*>(std::memcpy(at, name, name_size));
+    at += name_size;
+    if (pg_type != nullptr) {
+        info.pg_type = static_cast<char*>(std::memcpy(at, pg_type, type_size));
+        at += type_size;
+    }
+    if (!values.empty()) std::memcpy(at, values.data(), values.size());
+    for (int i = 0; i < num_values; i++) {
+        info.values[i] = at;
+        at += std::strlen(at) + 1;
+    }
+    info.num_values = num_values;
     return node;
 }
 
@@ -105,47 +162,73 @@ property_table_node_t* place(pkx_avl_t* tree, pkx_avl_pool_t* pool, NodePtr node
 }
 
 property_table_node_t* add_instance(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* name) {
-    NodePtr node = new_node(REPO_TYPE_INSTANCE, name);
+    NodePtr node = new_node(REPO_TYPE_INSTANCE, name, nullptr);
     if (node == nullptr) return nullptr;
     return place(tree, pool, std::move(node));
 }
 
 property_table_node_t* add_pg(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* name,
                               hgx_propertygroup_t* group) {
-    NodePtr node = new_node(REPO_TYPE_PG, name);
-    if (node == nullptr) return nullptr;
-    size_t size = pg_type_buffer_size();
-    node->info.pg_type = static_cast<char*>(std::malloc(size));
-    if (node->info.pg_type == nullptr || hgx_pg_get_type(group, node->info.pg_type, size) < 0)
+    const size_t size = pg_type_buffer_size();
+    HeapText type = alloc_text(size);
+    if (type == nullptr) return nullptr;
+    if (hgx_pg_get_type(group, type.get(), size) < 0) {
+        repository_lost();
         return nullptr;
+    }
+    NodePtr node = new_node(REPO_TYPE_PG, name, type.get());
+    if (node == nullptr) return nullptr;
+    return place(tree, pool, std::move(node));
+}
+
+bool PropertyReader::ready(hgx_handle_t* handle) {
+    if (iter == nullptr) iter.reset(hgx_iter_create(handle));
+    if (value == nullptr) value.reset(hgx_value_create(handle));
+    if (value_text == nullptr) value_text = alloc_text(value_buffer_size());
+    if (name == nullptr) name = alloc_text(wern_buffer_size());
+    return iter != nullptr && value != nullptr && value_text != nullptr && name != nullptr;
+}
+
+property_table_node_t* add_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* name,
+                                hgx_property_t* property, PropertyReader* reader) {
+    hgx_type_t type;
+    // A wern that names a group has no property type: not defined, no failure.
+    if (hgx_property_type(property, &type) != 0 ||
+        hgx_iter_property_values(reader->iter.get(), property) != 0) {
+        repository_lost();
+        return nullptr;
+    }
+    const size_t size = value_buffer_size();
+    std::string& texts = reader->texts;
+    texts.clear();
+    int count = 0;
+    // A failed step ends the values like the end does, unless it lost the
+    // repository.
+    int step;
+    while ((step = hgx_iter_next_value(reader->iter.get(), reader->value.get())) > 0) {
+        if (hgx_value_get_as_string(reader->value.get(), reader->value_text.get(), size) < 0) {
+            repository_lost();
+            return nullptr;
+        }
+        try {
+            texts.append(reader->value_text.get(), std::strlen(reader->value_text.get()) + 1);
+        } catch (const std::bad_alloc&) {
+            return nullptr;
+        }
+        count++;
+    }
+    if (walk_lost(step)) return nullptr;
+    NodePtr node = new_node(REPO_TYPE_PROPERTY, name, nullptr, texts, count);
+    if (node == nullptr) return nullptr;
+    node->info.type = type;
     return place(tree, pool, std::move(node));
 }
 
 property_table_node_t* add_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* name,
                                 hgx_property_t* property, hgx_handle_t* handle) {
-    NodePtr node = new_node(REPO_TYPE_PROPERTY, name);
-    size_t size = value_buffer_size();
-    HeapText value_text = alloc_text(size);
-    if (node == nullptr || value_text == nullptr) return nullptr;
-    local_property_info_t& info = node->info;
-    if (hgx_property_type(property, &info.type) != 0) return nullptr;
-
-    HgxPtr<hgx_iter_t> iter(hgx_iter_create(handle));
-    HgxPtr<hgx_value_t> value(hgx_value_create(handle));
-    if (iter == nullptr || value == nullptr || hgx_iter_property_values(iter.get(), property) != 0)
-        return nullptr;
-    // A failed step ends the values like the end does.
-    while (hgx_iter_next_value(iter.get(), value.get()) > 0) {
-        if (hgx_value_get_as_string(value.get(), value_text.get(), size) < 0) return nullptr;
-        auto* grown = static_cast<char**>(
-            std::realloc(info.values, (static_cast<size_t>(info.num_values) + 1) * sizeof(char*)));
-        if (grown == nullptr) return nullptr;
-        info.values = grown;
-        char* copy = strdup(value_text.get());
-        if (copy == nullptr) return nullptr;
-        info.values[info.num_values++] = copy;
-    }
-    return place(tree, pool, std::move(node));
+    PropertyReader reader;
+    if (!reader.ready(handle)) return nullptr;
+    return add_prop(tree, pool, name, property, &reader);
 }
 
 // Puts the relative part of an object's wern (what follows the first
@@ -164,18 +247,21 @@ struct PrefixRestore {
     ~PrefixRestore() { buffer[offset] = '\0'; }
 };
 
-repository_error_t process_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, char* buffer, ssize_t size,
-                                const size_t offset, hgx_handle_t* handle,
+// A property's relative name is its group's and "/" and its own name: the
+// text behind the separator of the property's wern. group_end is where the
+// group's relative name ends in buffer, and room how many bytes of relative
+// text the wern of a property of this group can hold in a buffer of size
+// bytes (what stands before the separator takes the rest).
+repository_error_t process_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, char* buffer, size_t size,
+                                size_t group_end, size_t room, PropertyReader* reader,
                                 hgx_property_t* property) {
-    PrefixRestore restore{buffer, offset};
-    auto usize = static_cast<size_t>(size);
-    HeapText wern = alloc_text(usize);
-    if (wern == nullptr) return REPOSITORY_NO_MEMORY;
-    if (hgx_property_to_wern(property, wern.get(), usize) == -1) return REPOSITORY_QRM_ERROR;
-    // The client always writes a property's wern with the separator; one
-    // without it is a client fault.
-    if (!copy_relative(buffer, usize, offset, wern.get())) return REPOSITORY_QRM_ERROR;
-    if (add_prop(tree, pool, buffer, property, handle) == nullptr) return REPOSITORY_NO_MEMORY;
+    PrefixRestore restore{buffer, group_end};
+    if (hgx_property_get_name(property, reader->name.get(), wern_buffer_size()) < 0)
+        return failed_call();
+    const size_t limit = std::min(size, group_end + room + 1);
+    bounded_append(buffer, "/", limit);
+    bounded_append(buffer, reader->name.get(), limit);
+    if (add_prop(tree, pool, buffer, property, reader) == nullptr) return REPOSITORY_NO_MEMORY;
     return REPOSITORY_SUCCESS;
 }
 
@@ -184,37 +270,49 @@ repository_error_t process_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, char* buf
 // view (of the snapshot, if any).
 repository_error_t process_pg(pkx_avl_t* tree, pkx_avl_pool_t* pool, char* buffer, ssize_t size,
                               const size_t offset, hgx_handle_t* handle, hgx_propertygroup_t* group,
-                              int is_service, hgx_snapshot_t* snapshot) {
+                              int is_service, hgx_snapshot_t* snapshot, PropertyReader* reader) {
     PrefixRestore restore{buffer, offset};
     auto usize = static_cast<size_t>(size);
     HgxPtr<hgx_propertygroup_t> nested(hgx_pg_create(handle));
     HgxPtr<hgx_property_t> property(hgx_property_create(handle));
     HgxPtr<hgx_iter_t> iter(hgx_iter_create(handle));
     HeapText wern = alloc_text(usize);
-    if (nested == nullptr || property == nullptr || iter == nullptr || wern == nullptr)
+    if (nested == nullptr || property == nullptr || iter == nullptr || wern == nullptr ||
+        !reader->ready(handle))
         return REPOSITORY_NO_MEMORY;
 
-    if (hgx_pg_to_wern(group, wern.get(), usize) == -1) return REPOSITORY_QRM_ERROR;
+    if (hgx_pg_to_wern(group, wern.get(), usize) == -1) return failed_call();
     if (!copy_relative(buffer, usize, offset, wern.get())) return REPOSITORY_QRM_ERROR;
     // The group is on record even when it holds no properties.
     if (add_pg(tree, pool, buffer, group) == nullptr) return REPOSITORY_NO_MEMORY;
 
-    if (hgx_iter_pg_properties(iter.get(), group) != 0) return REPOSITORY_QRM_ERROR;
-    while (hgx_iter_next_property(iter.get(), property.get()) > 0) {
+    // The wern of a property is cut where the group's wern, with "/" and the
+    // name, would not fit the buffer; so is its relative text.
+    const size_t relative_start =
+        static_cast<size_t>(std::strstr(wern.get(), SEPARATOR) - wern.get()) + SEPARATOR_LENGTH;
+    const size_t group_end = std::strlen(buffer);
+    const size_t group_length = group_end - offset;
+    const size_t wern_room = usize - 1 > relative_start ? usize - 1 - relative_start : 0;
+    const size_t room = wern_room > group_length ? wern_room - group_length : 0;
+
+    if (hgx_iter_pg_properties(iter.get(), group) != 0) return failed_call();
+    int step;
+    while ((step = hgx_iter_next_property(iter.get(), property.get())) > 0) {
         repository_error_t r =
-            process_prop(tree, pool, buffer, size, offset, handle, property.get());
+            process_prop(tree, pool, buffer, usize, group_end, room, reader, property.get());
         if (r != REPOSITORY_SUCCESS) return r;
     }
+    if (walk_lost(step)) return REPOSITORY_QRM_ERROR;
 
     int started = is_service ? hgx_iter_pg_pgs(iter.get(), group)
                              : hgx_iter_pg_pgs_composed(iter.get(), group, snapshot);
-    if (started != 0) return REPOSITORY_QRM_ERROR;
-    while (hgx_iter_next_pg(iter.get(), nested.get()) > 0) {
+    if (started != 0) return failed_call();
+    while ((step = hgx_iter_next_pg(iter.get(), nested.get())) > 0) {
         repository_error_t r = process_pg(tree, pool, buffer, size, offset, handle, nested.get(),
-                                          is_service, snapshot);
+                                          is_service, snapshot, reader);
         if (r != REPOSITORY_SUCCESS) return r;
     }
-    return REPOSITORY_SUCCESS;
+    return walk_lost(step) ? REPOSITORY_QRM_ERROR : REPOSITORY_SUCCESS;
 }
 
 // Adds every group of the service or instance that wern names, under
@@ -233,6 +331,7 @@ repository_error_t fill_tree(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* 
     HgxPtr<hgx_propertygroup_t> group(hgx_pg_create(handle));
     HgxPtr<hgx_iter_t> iter(hgx_iter_create(handle));
     HeapText buffer = alloc_text(size);
+    PropertyReader reader;
     if (pg_name == nullptr || service == nullptr || instance == nullptr || snapshot == nullptr ||
         group == nullptr || iter == nullptr || buffer == nullptr)
         return REPOSITORY_NO_MEMORY;
@@ -249,51 +348,53 @@ repository_error_t fill_tree(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* 
 
     if (hgx_handle_decode_wern(handle, wern, nullptr, service.get(), nullptr, nullptr, nullptr,
                                HGX_DECODE_SERVICE_ONLY) == 0) {
-        if (hgx_iter_service_pgs(iter.get(), service.get()) != 0) return REPOSITORY_QRM_ERROR;
-        while (hgx_iter_next_pg(iter.get(), group.get()) > 0) {
-            if (hgx_pg_get_name(group.get(), pg_name.get(), size) < 0) return REPOSITORY_QRM_ERROR;
+        if (hgx_iter_service_pgs(iter.get(), service.get()) != 0) return failed_call();
+        int step;
+        while ((step = hgx_iter_next_pg(iter.get(), group.get())) > 0) {
+            if (hgx_pg_get_name(group.get(), pg_name.get(), size) < 0) return failed_call();
             if (std::strcmp(pg_name.get(), "general") == 0 &&
                 hgx_service_get_pg(service.get(), "general", group.get()) != 0)
-                return REPOSITORY_QRM_ERROR;
+                return failed_call();
             repository_error_t r = process_pg(tree, pool, buffer.get(), ssize, offset, handle,
-                                              group.get(), 1, nullptr);
+                                              group.get(), 1, nullptr, &reader);
             if (r != REPOSITORY_SUCCESS) return r;
             buffer[offset] = '\0';
         }
-        return REPOSITORY_SUCCESS;
+        return walk_lost(step) ? REPOSITORY_QRM_ERROR : REPOSITORY_SUCCESS;
     }
 
     // The wern names more than a service: read it as an instance.
-    if (hgx_error() != HGX_ERROR_CONSTRAINT_VIOLATED) return REPOSITORY_QRM_ERROR;
+    if (hgx_error() != HGX_ERROR_CONSTRAINT_VIOLATED) return failed_call();
     if (hgx_handle_decode_wern(handle, wern, nullptr, service.get(), instance.get(), nullptr,
                                nullptr, HGX_DECODE_INSTANCE_ONLY) != 0)
-        return REPOSITORY_QRM_ERROR;
+        return failed_call();
 
     const char* name = snapshot_name != nullptr ? snapshot_name : "running";
     if (hgx_instance_get_snapshot(instance.get(), name, snapshot.get()) == 0) {
         if (hgx_iter_instance_pgs_composed(iter.get(), instance.get(), snapshot.get()) != 0)
-            return REPOSITORY_QRM_ERROR;
+            return failed_call();
     } else if (hgx_error() == HGX_ERROR_NOT_FOUND) {
         snapshot.reset();
-        if (hgx_iter_instance_pgs(iter.get(), instance.get()) != 0) return REPOSITORY_QRM_ERROR;
+        if (hgx_iter_instance_pgs(iter.get(), instance.get()) != 0) return failed_call();
     } else {
-        return REPOSITORY_QRM_ERROR;
+        return failed_call();
     }
 
-    while (hgx_iter_next_pg(iter.get(), group.get()) > 0) {
-        if (hgx_pg_get_name(group.get(), pg_name.get(), size) < 0) return REPOSITORY_QRM_ERROR;
+    int step;
+    while ((step = hgx_iter_next_pg(iter.get(), group.get())) > 0) {
+        if (hgx_pg_get_name(group.get(), pg_name.get(), size) < 0) return failed_call();
         hgx_snapshot_t* group_snapshot = snapshot.get();
         if (std::strcmp(pg_name.get(), "general") == 0) {
             if (hgx_instance_get_pg_composed(instance.get(), nullptr, "general", group.get()) != 0)
-                return REPOSITORY_QRM_ERROR;
+                return failed_call();
             group_snapshot = nullptr;
         }
         repository_error_t r = process_pg(tree, pool, buffer.get(), ssize, offset, handle,
-                                          group.get(), 0, group_snapshot);
+                                          group.get(), 0, group_snapshot, &reader);
         if (r != REPOSITORY_SUCCESS) return r;
         buffer[offset] = '\0';
     }
-    return REPOSITORY_SUCCESS;
+    return walk_lost(step) ? REPOSITORY_QRM_ERROR : REPOSITORY_SUCCESS;
 }
 
 // The three names under which a service or instance can be matched: the
@@ -315,6 +416,7 @@ int add_instance_permutations(char* buffer, pkx_avl_t* tree) {
 }
 
 int client_failure() {
+    repository_lost();
     return hgx_error() == HGX_ERROR_NO_MEMORY ? REPOSITORY_NO_MEMORY : REPOSITORY_QRM_ERROR;
 }
 

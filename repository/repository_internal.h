@@ -5,7 +5,10 @@
 
 #include <cstddef>
 #include <cstring>
+#include <string>
 
+#include "hgx_ptr.h"
+#include "owned.h"
 #include "repository.h"
 #include "shared_pool.h"
 
@@ -21,6 +24,9 @@ typedef struct local_property_info {
     int inst_have_pulled_properties;  // REPO_TYPE_INSTANCE records only
 } local_property_info_t;
 
+// A tree entry is one heap block: this record, then the values array, then
+// the texts that wern, pg_type and the values point to. free() of the node
+// releases all of it.
 typedef struct property_table_node {
     pkx_avl_node_t node;
     local_property_info_t info;
@@ -37,6 +43,9 @@ struct repository {
     char* qrm_method;           // from the environment, not owned
     char* restarter;            // from the environment, not owned; may be null
     char* inst_wrn_mem;
+    // 0, or the hgx_error_t of the failure of the repository itself that a
+    // pull met; from then on nothing more is asked of the repository.
+    int failure;
 };
 
 // The caller-visible record is this one's leading fields with const added.
@@ -65,13 +74,38 @@ inline property_info_t* public_info(property_table_node_t* node) {
     return node == nullptr ? nullptr : reinterpret_cast<property_info_t*>(&node->info);
 }
 
+// Whether a failure of the client is one of the repository itself (a
+// cluster away or hung, a compacted revision, a file that cannot be read),
+// as opposed to a name that names nothing or is not well-formed, or an
+// exhausted heap.
+bool is_store_failure(hgx_error_t code);
+// The last failure of the repository itself that a fill of this thread met,
+// kept by the fills; a query clears it before a pull and reads it after.
+extern thread_local hgx_error_t store_failure;
+
 // Frees every record of the tree and the tree itself; null is ignored.
 void property_tree_destroy(pkx_avl_t* tree);
 
+// What reading properties needs, made once for a whole fill: an iterator
+// and a value object of the handle, and buffers for a value and a name.
+struct PropertyReader {
+    HgxPtr<hgx_iter_t> iter;
+    HgxPtr<hgx_value_t> value;
+    HeapText value_text;
+    HeapText name;
+    std::string texts;  // the values of one property, each followed by a NUL
+
+    // Makes what is missing; false when the handle or memory fails.
+    bool ready(hgx_handle_t* handle);
+};
+
 // Adds the property under name with all its values. The new record, or null
 // when memory or the client failed or the name is taken (nothing added).
+// The second form reads through a ready reader.
 property_table_node_t* add_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* name,
                                 hgx_property_t* property, hgx_handle_t* handle);
+property_table_node_t* add_prop(pkx_avl_t* tree, pkx_avl_pool_t* pool, const char* name,
+                                hgx_property_t* property, PropertyReader* reader);
 
 // Adds every group and property of the service or instance that wern names,
 // under relative names (relative_names != 0) or absolute ones. A snapshot

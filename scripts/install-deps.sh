@@ -1,8 +1,9 @@
 #!/bin/sh
-# Installs the Debian packages the build, the tests and the demo need, but
-# only when one of them is missing, so that a prepared machine is left alone
-# ("make demo", "make check" and CI run it; "make install" and "make deb"
-# only check, with scripts/check-deps.sh). What it installs:
+# Installs the Debian packages the build, the tests, the demo and the
+# benchmarks need, but only when one of them is missing, so that a prepared
+# machine is left alone ("make demo", "make check" and CI run it; "make
+# install" and "make deb" only check, with scripts/check-deps.sh). What it
+# installs:
 #
 #   build        cmake ninja-build g++ make pkg-config, libsqlite3-dev
 #                nlohmann-json3-dev libcap-dev libcurl4-openssl-dev
@@ -11,15 +12,17 @@
 #                (capabilities and mounts), etcd-server etcd-client (the tests
 #                start their own members), openssl (their certificates),
 #                bash-completion (the completion test)
-#   checks       clang-format
+#   checks       clang-format clang-tidy (make format-check)
 #   package      debhelper dpkg-dev fakeroot
+#   benchmarks   strace (the write system calls of a run)
 #
 # etcd-server comes with an etcd.service of its own, which nothing here
 # wants: it is neither started during the install nor left enabled.
 set -e
 PACKAGES="cmake ninja-build g++ clang libclang-rt-14-dev make pkg-config libsqlite3-dev sqlite3
 nlohmann-json3-dev clang-format clang-tidy libcap-dev libcap2-bin googletest libgtest-dev util-linux
-debhelper dpkg-dev fakeroot bash-completion etcd-server etcd-client libcurl4-openssl-dev openssl"
+debhelper dpkg-dev fakeroot bash-completion etcd-server etcd-client libcurl4-openssl-dev openssl
+strace"
 missing=""
 for p in $PACKAGES; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

@@ -61,6 +61,11 @@ stencil_error_t stencil_apply(stencil_t* stencil, repository_t* repository,
     if (r >= 0 && stack_guard_tripped()) {
         r = STENCIL_ERROR_NO_MEMORY;
     }
+    // Whatever passed a failure over on the way, a text made while the
+    // repository failed under a query is not the repository's.
+    if (repository_lost(stencil)) {
+        r = STENCIL_ERROR_REPOSITORY;
+    }
     stencil_error_t result = STENCIL_SUCCESS;
     if (r < 0) {
         stencil_output_buffer_destroy(root);

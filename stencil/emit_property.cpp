@@ -107,6 +107,9 @@ int append_with_operands(property_t* property, const property_info_t* info, bool
 int build_text(property_t* property, string_buffer_t* sb, stencil_t* stencil) {
     const property_info_t* info =
         repository_get_property(stencil->repository, property->property_name);
+    if (info == nullptr && repository_lost(stencil)) {
+        return STENCIL_ERROR_REPOSITORY;
+    }
     const bool defined = is_defined(info);
 
     switch (property->transform) {

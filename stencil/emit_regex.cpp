@@ -172,6 +172,10 @@ int emit_regex_first_pass(match_t* match, stencil_output_buffer_t* buffer, stenc
         return 0;
     }
     property_list_node_t* const head = context->match;
+    if (head == nullptr && repository_lost(stencil)) {
+        destroy_context(context, head);
+        return STENCIL_ERROR_REPOSITORY;
+    }
     stencil->context = context;
 
     int result = 0;

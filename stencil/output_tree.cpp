@@ -2,9 +2,9 @@
 // the operations that grow, flatten, release and write it.
 //
 // Only the root handed to callers is a heap record of its own; every other
-// node lives by value in its parent's `chained` array, which grows by one
-// record per grow_chain. A pointer to a slot is therefore invalid after the
-// next grow_chain on its parent.
+// node lives by value in its parent's `chained` array, which grow_chain
+// extends by one record (moving the array now and then). A pointer to a slot
+// is therefore invalid after the next grow_chain on its parent.
 
 #include <unistd.h>
 
@@ -71,16 +71,24 @@ stencil_output_buffer_t* grow_chain(stencil_output_buffer_t* buffer) {
     if (buffer == nullptr) {
         return nullptr;
     }
-    auto* grown = static_cast<stencil_output_buffer_t*>(
-        std::realloc(buffer->chained, sizeof(stencil_output_buffer_t) * (buffer->num + 1)));
-    if (grown == nullptr) {
-        // The node's chain is given up; releasing it here keeps the failure
-        // from leaking the records that the old array still holds.
-        free_sub_output_buffer(buffer);
-        return nullptr;
+    // The array holds room for at least FIRST_ROOM records, and else for the
+    // next power of two: it grows (doubling) only when num reaches one, so
+    // that a section of n matches costs log n reallocations, not n.
+    constexpr size_t FIRST_ROOM = 4;
+    const auto num = static_cast<size_t>(buffer->num);
+    if (num == 0 || (num >= FIRST_ROOM && (num & (num - 1)) == 0)) {
+        const size_t room = num == 0 ? FIRST_ROOM : num * 2;
+        auto* grown = static_cast<stencil_output_buffer_t*>(
+            std::realloc(buffer->chained, sizeof(stencil_output_buffer_t) * room));
+        if (grown == nullptr) {
+            // The node's chain is given up; releasing it here keeps the
+            // failure from leaking the records that the old array still holds.
+            free_sub_output_buffer(buffer);
+            return nullptr;
+        }
+        buffer->chained = grown;
     }
-    buffer->chained = grown;
-    stencil_output_buffer_t* slot = &grown[buffer->num];
+    stencil_output_buffer_t* slot = &buffer->chained[buffer->num];
     buffer->num++;
     slot->buffer = nullptr;
     slot->num = 0;
@@ -142,23 +150,58 @@ void stencil_output_buffer_destroy(stencil_output_buffer_t* buffer) {
     std::free(buffer);
 }
 
-stencil_error_t stencil_output_buffer_emit(stencil_output_buffer_t* buffer, int fd) {
-    if (buffer == nullptr) {
-        return STENCIL_SUCCESS;
-    }
+namespace {
+
+// Node by node, one write each: the way when the joined text cannot be had.
+stencil_error_t emit_by_node(const stencil_output_buffer_t* buffer, int fd) {
     if (buffer->buffer != nullptr) {
         stencil_error_t rc = write_all(fd, buffer->buffer, std::strlen(buffer->buffer));
-        if (rc != STENCIL_SUCCESS) {
-            return rc;
-        }
+        if (rc != STENCIL_SUCCESS) return rc;
     }
     for (int i = 0; i < buffer->num; i++) {
-        stencil_error_t rc = stencil_output_buffer_emit(&buffer->chained[i], fd);
-        if (rc != STENCIL_SUCCESS) {
-            return rc;
-        }
+        stencil_error_t rc = emit_by_node(&buffer->chained[i], fd);
+        if (rc != STENCIL_SUCCESS) return rc;
     }
     return STENCIL_SUCCESS;
+}
+
+// The length of the tree's text, and whether any node holds text at all
+// (an empty text counts).
+void measure_text(const stencil_output_buffer_t* buffer, size_t* length, bool* any) {
+    if (buffer->buffer != nullptr) {
+        *length += std::strlen(buffer->buffer);
+        *any = true;
+    }
+    for (int i = 0; i < buffer->num; i++) measure_text(&buffer->chained[i], length, any);
+}
+
+char* copy_text(const stencil_output_buffer_t* buffer, char* at) {
+    if (buffer->buffer != nullptr) {
+        const size_t n = std::strlen(buffer->buffer);
+        std::memcpy(at, buffer->buffer, n);
+        at += n;
+    }
+    for (int i = 0; i < buffer->num; i++) at = copy_text(&buffer->chained[i], at);
+    return at;
+}
+
+}  // namespace
+
+stencil_error_t stencil_output_buffer_emit(stencil_output_buffer_t* buffer, int fd) {
+    if (buffer == nullptr) return STENCIL_SUCCESS;
+    // The whole text in one write: a file is then made in one step however
+    // many pieces the evaluation left. A tree with text, even an empty one,
+    // still gets its write call, so that a descriptor that refuses every
+    // write fails here too; a tree of no text at all gets none.
+    size_t length = 0;
+    bool any = false;
+    measure_text(buffer, &length, &any);
+    if (!any) return STENCIL_SUCCESS;
+    if (buffer->num == 0) return write_all(fd, buffer->buffer, length);
+    HeapText joined(alloc_text(length + 1));
+    if (joined == nullptr) return emit_by_node(buffer, fd);
+    copy_text(buffer, joined.get());
+    return write_all(fd, joined.get(), length);
 }
 
 char* stencil_output_buffer_text(const stencil_output_buffer_t* buffer) {

@@ -136,6 +136,13 @@ struct stencil {
     void* observer_context;
 };
 
+// Whether the evaluation's repository failed under a query (a cluster lost
+// after binding): the evaluation then ends with STENCIL_ERROR_REPOSITORY.
+inline bool repository_lost(const stencil_t* stencil) {
+    return stencil->repository != nullptr &&
+           repository_failure(stencil->repository) != HGX_ERROR_NONE;
+}
+
 // ---- front end (load.cpp, parse_*.cpp, duplicate.cpp, syntax_error.cpp) ----
 
 void destroy_subexpressions(expression_t* container);

@@ -139,6 +139,13 @@ void die(kelvo_error_t status, const char* format, ...) {
     vdie(status, format, args);
 }
 
+void die_repository_failure(repository_t* repository) {
+    fprintf(stderr, "%s: ", prog_name);
+    fprintf(stderr, gettext("Unable to get properties for %s"), repository_get_wern(repository));
+    fprintf(stderr, ": %s\n", hgx_strerror(repository_failure(repository)));
+    exit(KELVO_QRMERR);
+}
+
 int add_single_define(defines_t* defines, char* name, const char* value) {
     int result = defines_add(defines, name, value);
     if (result == -2)
@@ -226,6 +233,8 @@ kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines, con
         case STENCIL_ERROR_NO_MEMORY:
             fprintf(stderr, gettext("Out of memory\n"));
             return KELVO_SYSERR;
+        case STENCIL_ERROR_REPOSITORY:
+            die_repository_failure(repository);
         default:
             die(KELVO_SYSERR, gettext("Unhandled error in stencil_apply: %d\n"), result);
     }

@@ -51,6 +51,12 @@ void set_program_name(char* argv0);
 [[noreturn]] void vdie(kelvo_error_t status, const char* format, va_list args)
     __attribute__((format(printf, 2, 0)));
 void usage(FILE* stream);
+// Ends a run whose repository failed under a query after binding (a cluster
+// lost or hung, a compacted revision) as one that could not bind: status 3,
+// "Unable to get properties for WERN: " and the library's text, with the
+// view's wern. Nothing of the stencil that met it has been written; outputs
+// of earlier configfile groups stay as delivered.
+[[noreturn]] void die_repository_failure(repository_t* repository);
 
 // Adds one define, reporting -1 (name exists) and -2 (no memory) on standard
 // error; returns the result of defines_add unchanged.
@@ -81,7 +87,8 @@ int finish_standard_output(const char* prog);
 // null) and evaluates it; the output tree goes to *text, which the caller
 // destroys. An observer (normal mode only) sees every property reference the
 // evaluation visits. KELVO_SUCCESS, or KELVO_SYSERR / KELVO_STENERR after the
-// message.
+// message; a repository that fails under the evaluation ends the process
+// (die_repository_failure).
 kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines, const char* input_file,
                                const char* stencil_dir, int list_mode,
                                stencil_output_buffer_t** text,

@@ -39,7 +39,9 @@ hgx_handle_t* hgx_handle_create(hgx_version_t version) {
 
 int hgx_handle_bind(hgx_handle_t* handle) { return hgx_handle_bind_path(handle, nullptr); }
 
-int hgx_handle_bind_path(hgx_handle_t* handle, const char* path) {
+namespace {
+
+int bind(hgx_handle_t* handle, const char* path, OpenMode mode) {
     return guarded(-1, [&]() -> int {
         if (!handle) return fail(HGX_ERROR_INVALID_ARGUMENT);
         if (handle->bound) return fail(HGX_ERROR_IN_USE);
@@ -50,9 +52,19 @@ int hgx_handle_bind_path(hgx_handle_t* handle, const char* path) {
             const char* env = std::getenv("HGX_REPOSITORY");
             where = env && *env ? env : HGX_DEFAULT_REPOSITORY;
         }
-        handle->bound = open_store(where, OpenMode::READ, nullptr);
+        handle->bound = open_store(where, mode, nullptr);
         return handle->bound ? 0 : -1;
     });
+}
+
+}  // namespace
+
+int hgx_handle_bind_path(hgx_handle_t* handle, const char* path) {
+    return bind(handle, path, OpenMode::READ);
+}
+
+int hgx_handle_bind_no_writes(hgx_handle_t* handle, const char* path) {
+    return bind(handle, path, OpenMode::READ_NO_WRITES);
 }
 
 void hgx_handle_destroy(hgx_handle_t* handle) { delete handle; }

@@ -43,7 +43,10 @@ const hgx_etcd_client_api* client_module(std::string* why) {
     failure.clear();
     for (const std::string& path : candidates) {
         if (path.empty() || access(path.c_str(), R_OK) != 0) continue;
-        void* so = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        // Lazy: a function of libcurl's dependency tree is bound when first
+        // called, not all of them at load (libraries linked to bind at once
+        // still do).
+        void* so = dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL);
         if (!so) {
             failure = dlerror();
             continue;

@@ -167,9 +167,15 @@ class Store {
 
 // How a store is opened.
 enum class OpenMode {
-    READ,    // one consistent state, read-only
-    WRITE,   // one transaction on an existing repository
-    CREATE,  // as WRITE, creating an empty repository where there is none
+    // One consistent state, read-only.
+    READ,
+    // As READ, and a file is read without any write to it or beside it; a
+    // writer of the file cannot open in this process while the store lives.
+    READ_NO_WRITES,
+    // One transaction on an existing repository.
+    WRITE,
+    // As WRITE, creating an empty repository where there is none.
+    CREATE,
 };
 
 // Opens the repository that `where` names: an etcd URL (etcd:// or
@@ -179,9 +185,10 @@ enum class OpenMode {
 std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode, std::string* message,
                                   int64_t at_revision = 0);
 bool is_cluster_url(std::string_view where);
-// The two stores behind open_store.
-std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode,
-                                       std::string* message);
+// The two stores behind open_store. A file that CREATE makes gets the
+// permission bits file_mode exactly, or (negative) 0644 under the umask.
+std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode, std::string* message,
+                                       int file_mode = -1);
 std::unique_ptr<Store> open_cluster_store(const std::string& url, OpenMode mode,
                                           std::string* message, int64_t at_revision = 0);
 

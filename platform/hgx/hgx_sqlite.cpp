@@ -24,13 +24,31 @@
 // A reading store holds one read transaction from its opening to its end,
 // so that it sees one state of the file; a writing store holds one write
 // transaction (BEGIN IMMEDIATE) until commit.
+//
+// A repository file appears complete with its schema, or not at all: a
+// writer that finds no file builds the whole first transaction in a
+// temporary file of the same directory and links it into place at commit,
+// which fails where another writer's file appeared meanwhile (that writer
+// won; the command runs again on its file). Until then readers find no
+// file. A file that exists is written in place and never removed: a writer
+// removes only its own temporary file. A file that is empty, or an SQLite
+// database without tables and without a schema version (what an earlier
+// writer killed part-way could leave), holds nothing to lose: a writer
+// gives it the schema under its write lock, and readers take it for no
+// repository.
+#include <dirent.h>
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
+#include <random>
 #include <unordered_map>
 
 #include "hgx_internal.h"
@@ -58,6 +76,15 @@ const char* const SCHEMA_SQL =
 
 int exec(sqlite3* db, const char* sql) { return sqlite3_exec(db, sql, nullptr, nullptr, nullptr); }
 
+// The schema of a new repository, with its version; run inside the
+// transaction that makes it.
+std::string schema_sql() {
+    std::string schema = SCHEMA_SQL;
+    schema += "PRAGMA user_version=" + std::to_string(SCHEMA_VERSION) + ";";
+    schema += "PRAGMA application_id=" + std::to_string(APPLICATION_ID) + ";";
+    return schema;
+}
+
 // Binds a text parameter; SQLite keeps its own copy.
 void bind_text(sqlite3_stmt* st, int i, std::string_view s) {
     sqlite3_bind_text(st, i, s.data(), static_cast<int>(s.size()), SQLITE_TRANSIENT);
@@ -72,6 +99,16 @@ int pragma_int(sqlite3* db, const char* sql, int* out) {
     if (rc == SQLITE_ROW) *out = sqlite3_column_int(st, 0);
     sqlite3_finalize(st);
     return rc == SQLITE_ROW ? 0 : sqlite3_extended_errcode(db);
+}
+
+// Whether the connection's database holds no table and no schema version:
+// an empty file, or one that a writer killed before its first commit left.
+bool holds_nothing(sqlite3* db) {
+    int version = -1, app = -1, tables = -1;
+    return pragma_int(db, "PRAGMA user_version", &version) == 0 &&
+           pragma_int(db, "PRAGMA application_id", &app) == 0 &&
+           pragma_int(db, "SELECT count(*) FROM sqlite_master", &tables) == 0 && version == 0 &&
+           app == 0 && tables == 0;
 }
 
 void read_row(sqlite3_stmt* st, Row* r, int text_col, int type_col) {
@@ -99,8 +136,11 @@ struct Arg {
 
 class SqliteStore final : public Store {
   public:
-    SqliteStore(sqlite3* db, std::string path, bool created)
-        : db_(db), path_(std::move(path)), created_(created) {}
+    // A store on the file at path; or, with a temporary file (named temp,
+    // open as temp_fd, which the store then owns), one that creates path at
+    // its commit.
+    SqliteStore(sqlite3* db, std::string path, std::string temp = "", int temp_fd = -1)
+        : db_(db), path_(std::move(path)), temp_(std::move(temp)), temp_fd_(temp_fd) {}
     ~SqliteStore() override;
 
     int services(std::vector<Row>* out) override {
@@ -223,6 +263,7 @@ class SqliteStore final : public Store {
     }
     int commit() override {
         if (exec(db_, "COMMIT") != SQLITE_OK) return fail_store();
+        if (!temp_.empty()) return publish();
         committed_ = true;
         return 0;
     }
@@ -243,24 +284,83 @@ class SqliteStore final : public Store {
     }
     // Sets the error for a failed SQLite call and keeps SQLite's text; -1.
     int fail_store();
+    // The commit of a store that creates its file: the temporary file, now
+    // committed, is linked into place. 0, or -1 with the temporary file gone
+    // (HGX_ERROR_CONFLICT where a file appeared at path meanwhile).
+    int publish();
+    void close_db();
 
     sqlite3* db_;
     std::string path_;
-    bool created_;  // the file did not exist before this store
+    std::string temp_;  // the temporary file this store creates path from, or empty
+    int temp_fd_;       // open on temp_, holding its lock, while temp_ is set
     bool committed_ = false;
     std::unordered_map<const char*, sqlite3_stmt*> cache_;
 };
 
-SqliteStore::~SqliteStore() {
+// Removes a temporary file with what SQLite may have made beside it, the
+// file itself last: its name is what finds the others.
+void remove_temporary(const std::string& temp) {
+    for (const char* suffix : {"-wal", "-shm", "-journal", ""}) unlink((temp + suffix).c_str());
+}
+
+void SqliteStore::close_db() {
     for (auto& [sql, st] : cache_) sqlite3_finalize(st);
-    // A reader's transaction, or a writer's that did not commit, ends here.
-    if (!committed_) exec(db_, "ROLLBACK");
+    cache_.clear();
     sqlite3_close_v2(db_);
-    if (created_ && !committed_) {
-        // Nothing of a failed first write may stay behind.
-        for (const char* suffix : {"", "-wal", "-shm", "-journal"})
-            unlink((path_ + suffix).c_str());
+    db_ = nullptr;
+}
+
+SqliteStore::~SqliteStore() {
+    // A reader's transaction, or a writer's that did not commit, ends here.
+    if (db_ != nullptr && !committed_) exec(db_, "ROLLBACK");
+    close_db();
+    if (!temp_.empty()) {
+        // Nothing of a failed first write may stay behind; the file at
+        // path_, if any, is not this store's.
+        remove_temporary(temp_);
+        close(temp_fd_);
     }
+}
+
+int SqliteStore::publish() {
+    // WAL, as every repository file is; the log is folded into the file
+    // when the connection closes. The file is made durable before it
+    // appears under its name.
+    if (exec(db_, "PRAGMA journal_mode=WAL") != SQLITE_OK) return fail_store();
+    close_db();
+    std::string temp = std::move(temp_);
+    temp_.clear();
+    bool synced = fsync(temp_fd_) == 0;
+    int linked = synced ? link(temp.c_str(), path_.c_str()) : -1;
+    int error = errno;
+    remove_temporary(temp);
+    close(temp_fd_);
+    if (linked != 0) {
+        if (synced && error == EEXIST) {
+            message_ = path_ + ": another writer created it meanwhile";
+            return fail(HGX_ERROR_CONFLICT);
+        }
+        message_ = path_ + ": cannot be created: " + std::strerror(error);
+        return fail(HGX_ERROR_REPOSITORY_ACCESS);
+    }
+    committed_ = true;
+    std::string dir = path_.substr(0, path_.find_last_of('/') + 1);
+    int dfd = open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dfd >= 0) {
+        fsync(dfd);
+        close(dfd);
+    }
+    // The -wal and -shm files that every writer leaves (see open_for_writing),
+    // made now by a first read of the file under its name; they take the
+    // file's mode. Reads after the commit go through this connection.
+    if (sqlite3_open_v2(path_.c_str(), &db_, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
+        int persist = 1;
+        sqlite3_file_control(db_, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
+        int version = 0;
+        pragma_int(db_, "PRAGMA user_version", &version);
+    }
+    return 0;
 }
 
 int SqliteStore::fail_store() {
@@ -278,6 +378,10 @@ int SqliteStore::fail_store() {
 }
 
 sqlite3_stmt* SqliteStore::stmt(const char* sql, std::initializer_list<Arg> args) {
+    if (db_ == nullptr) {
+        fail(HGX_ERROR_CONNECTION_BROKEN);
+        return nullptr;
+    }
     sqlite3_stmt* st;
     auto it = cache_.find(sql);
     if (it != cache_.end()) {
@@ -363,13 +467,57 @@ bool wal_is_empty(const std::string& file) {
     return stat((file + "-wal").c_str(), &st) != 0 || st.st_size == 0;
 }
 
+// As root, SQLite gives the -wal and -shm files the owner of the database
+// with fchown on every open, also where they have that owner already. Such a
+// call still changes the file (its ctime) and fails on a read-only file
+// system; this one is made only where the owner or group really changes.
+int fchown_if_changed(int fd, uid_t uid, gid_t gid) {
+    struct stat st;
+    if (fstat(fd, &st) == 0 && (uid == static_cast<uid_t>(-1) || st.st_uid == uid) &&
+        (gid == static_cast<gid_t>(-1) || st.st_gid == gid))
+        return 0;
+    return fchown(fd, uid, gid);
+}
+
+// Process-wide settings of SQLite, made once before the first connection of
+// any thread (the system-call table must not change under a connection).
+void prepare_sqlite() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        // No allocation statistics: they cost a lock and a count on every
+        // allocation, and nothing reads them. (Refused harmlessly where the
+        // library was set up before.)
+        sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+        sqlite3_vfs* vfs = sqlite3_vfs_find(nullptr);
+        if (vfs != nullptr && vfs->iVersion >= 3 && vfs->xSetSystemCall != nullptr)
+            vfs->xSetSystemCall(vfs, "fchown",
+                                reinterpret_cast<sqlite3_syscall_ptr>(&fchown_if_changed));
+    });
+}
+
+// How a reader reaches the WAL index (-shm) beside the file.
+enum class IndexAccess {
+    // Mapped read-only: the reader writes nothing at all. Within the process
+    // the mapping is shared by every connection to the file, so that a
+    // writer cannot connect while such a reader lives. Where a writer is
+    // connected it keeps the index, and the reader uses it as it is; where
+    // none is, the index cannot be trusted, and SQLite builds a private one
+    // in the reader's memory from the -wal file (empty after a writer that
+    // closed alone). A read lock on the -shm keeps checkpoints off the pages
+    // the reader reads either way.
+    READ_ONLY,
+    // Mapped read-write: a first reader creates or rebuilds the shared index.
+    SHARED,
+    // No index, no lock and no log: the main file alone.
+    NONE,
+};
+
 // Opens the file read-only, begins the read transaction and checks the
 // schema; HGX_ERROR_NONE with *out set, else the failure's code and nothing
 // left open. The transaction starts with BEGIN and is pinned by the first read
 // of the file, the header read of the schema check; from then on every
-// statement of the connection sees that state. `immutable` reads the main
-// file alone, without locks or WAL.
-hgx_error_t open_reading(const std::string& file, bool immutable, sqlite3** out) {
+// statement of the connection sees that state.
+hgx_error_t open_reading(const std::string& file, IndexAccess index, sqlite3** out) {
     // An absolute path behind an empty authority, so that one beginning
     // with "//" is not taken for a host.
     std::string uri = file.size() > 0 && file[0] == '/' ? "file://" : "file:";
@@ -383,10 +531,14 @@ hgx_error_t open_reading(const std::string& file, bool immutable, sqlite3** out)
             uri += static_cast<char>(c);
         }
     }
-    uri += immutable ? "?mode=ro&immutable=1" : "?mode=ro";
+    uri += index == IndexAccess::READ_ONLY ? "?mode=ro&readonly_shm=1"
+           : index == IndexAccess::NONE    ? "?mode=ro&immutable=1"
+                                           : "?mode=ro";
     sqlite3* db = nullptr;
-    if (sqlite3_open_v2(uri.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr) !=
-        SQLITE_OK) {
+    // A connection is used by one thread at a time: no locking of its own.
+    if (sqlite3_open_v2(uri.c_str(), &db,
+                        SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX,
+                        nullptr) != SQLITE_OK) {
         sqlite3_close_v2(db);
         return HGX_ERROR_REPOSITORY_ACCESS;
     }
@@ -403,14 +555,15 @@ hgx_error_t open_reading(const std::string& file, bool immutable, sqlite3** out)
     if (code != 0) {
         if ((code & 0xff) == SQLITE_NOTADB || (code & 0xff) == SQLITE_CORRUPT)
             return give_up(HGX_ERROR_NOT_A_REPOSITORY);
-        // The WAL index (-shm) could not be opened or created.
+        // The WAL index (-shm) could not be opened, created or used.
         if (code == SQLITE_CANTOPEN || code == SQLITE_READONLY_DIRECTORY ||
             code == SQLITE_READONLY_CANTINIT || code == SQLITE_READONLY_RECOVERY)
             return give_up(HGX_ERROR_REPOSITORY_LOG);
         return give_up(HGX_ERROR_REPOSITORY_ACCESS);
     }
+    // A file that holds nothing yet is no repository yet.
     if (version != SCHEMA_VERSION || app != APPLICATION_ID)
-        return give_up(HGX_ERROR_SCHEMA_MISMATCH);
+        return give_up(holds_nothing(db) ? HGX_ERROR_NO_REPOSITORY : HGX_ERROR_SCHEMA_MISMATCH);
     sqlite3_stmt* probe = nullptr;
     int rc = sqlite3_prepare_v2(db, "SELECT id FROM services LIMIT 1", -1, &probe, nullptr);
     if (rc == SQLITE_OK) rc = sqlite3_step(probe);
@@ -420,7 +573,7 @@ hgx_error_t open_reading(const std::string& file, bool immutable, sqlite3** out)
     return HGX_ERROR_NONE;
 }
 
-std::unique_ptr<Store> open_for_reading(const std::string& file) {
+std::unique_ptr<Store> open_for_reading(const std::string& file, bool no_writes) {
     struct stat st;
     if (stat(file.c_str(), &st) != 0) {
         if (errno != ENOENT && errno != ENOTDIR) return fail(HGX_ERROR_REPOSITORY_ACCESS), nullptr;
@@ -430,20 +583,131 @@ std::unique_ptr<Store> open_for_reading(const std::string& file) {
     }
     if (S_ISDIR(st.st_mode) || access(file.c_str(), R_OK) != 0)
         return fail(HGX_ERROR_REPOSITORY_ACCESS), nullptr;
+    prepare_sqlite();
+    // A reader that must write nothing maps the index read-only. Where the
+    // -shm file is missing, or caught half made by a writer that is just
+    // connecting, it takes the shared index as any other reader does,
+    // creating or rebuilding it.
     sqlite3* db = nullptr;
-    hgx_error_t code = open_reading(file, false, &db);
-    // A reader of a WAL database needs its -shm file. Where that is missing
-    // and this user cannot create it (a repository written by another user
-    // into a directory this one cannot write), the file can still be read
-    // without the WAL machinery, provided the WAL holds nothing: then the
-    // main file is the whole committed state.
+    hgx_error_t code = HGX_ERROR_REPOSITORY_LOG;
+    if (no_writes) code = open_reading(file, IndexAccess::READ_ONLY, &db);
+    if (code == HGX_ERROR_REPOSITORY_LOG) code = open_reading(file, IndexAccess::SHARED, &db);
+    // Where that index is missing and this user cannot create it (a
+    // repository written by another user into a directory this one cannot
+    // write), the file can still be read without the WAL machinery, provided
+    // the WAL holds nothing: then the main file is the whole committed state.
     if (code == HGX_ERROR_REPOSITORY_LOG && wal_is_empty(file))
-        code = open_reading(file, true, &db);
+        code = open_reading(file, IndexAccess::NONE, &db);
+    // A file that holds nothing yet is named like one that is not there.
+    if (code == HGX_ERROR_NO_REPOSITORY) {
+        set_error_text(code, std::string(error_text(code)) + ": " + file);
+        return nullptr;
+    }
     if (code != HGX_ERROR_NONE) return fail(code), nullptr;
-    return std::make_unique<SqliteStore>(db, file, false);
+    return std::make_unique<SqliteStore>(db, file);
 }
 
-std::unique_ptr<Store> open_for_writing(const std::string& file, bool create,
+// Where a new file's temporary files go: "<dir>/.<name>.new-<8 hex digits>".
+std::string temporary_prefix(const std::string& file) {
+    size_t slash = file.find_last_of('/');
+    std::string dir = slash == std::string::npos ? "" : file.substr(0, slash + 1);
+    std::string name = slash == std::string::npos ? file : file.substr(slash + 1);
+    return dir + "." + name + ".new-";
+}
+
+// Removes the temporary files of writers that died before their commit: a
+// living writer holds the lock of its own, and one younger than a minute
+// may not have taken it yet.
+void remove_dead_temporaries(const std::string& prefix) {
+    size_t slash = prefix.find_last_of('/');
+    std::string dir = slash == std::string::npos ? "." : prefix.substr(0, slash + 1);
+    std::string start = slash == std::string::npos ? prefix : prefix.substr(slash + 1);
+    DIR* d = opendir(dir.c_str());
+    if (d == nullptr) return;
+    const auto now = std::chrono::system_clock::now();
+    while (const dirent* e = readdir(d)) {
+        std::string name = e->d_name;
+        if (name.size() != start.size() + 8 || name.compare(0, start.size(), start) != 0) continue;
+        std::string path = (slash == std::string::npos ? "" : dir) + name;
+        int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd < 0) continue;
+        struct stat st;
+        if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid() &&
+            now - std::chrono::system_clock::from_time_t(st.st_mtime) > std::chrono::minutes(1) &&
+            flock(fd, LOCK_EX | LOCK_NB) == 0)
+            remove_temporary(path);
+        close(fd);
+    }
+    closedir(d);
+}
+
+// A writer that creates file: the schema in a temporary file beside it,
+// locked for the writer's life, of mode file_mode (negative: 0644 under the
+// umask). The store links it into place at its commit.
+std::unique_ptr<Store> create_file(const std::string& file, int file_mode, std::string* message) {
+    auto refuse = [&](hgx_error_t code, const std::string& text) -> std::unique_ptr<Store> {
+        set_error(code);
+        if (message) *message = file + ": " + text;
+        return nullptr;
+    };
+    const std::string prefix = temporary_prefix(file);
+    remove_dead_temporaries(prefix);
+    std::random_device entropy;
+    std::string temp;
+    int fd = -1;
+    for (int attempt = 0; fd < 0 && attempt < 100; ++attempt) {
+        char tail[9];
+        std::snprintf(tail, sizeof tail, "%08x", static_cast<unsigned>(entropy()));
+        temp = prefix + tail;
+        fd = open(temp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                  file_mode >= 0 ? 0600 : 0644);
+        if (fd < 0 && errno != EEXIST) break;
+    }
+    if (fd < 0)
+        return refuse(HGX_ERROR_REPOSITORY_ACCESS,
+                      std::string("cannot be created: ") + std::strerror(errno));
+    if (flock(fd, LOCK_EX) != 0 ||
+        (file_mode >= 0 && fchmod(fd, static_cast<mode_t>(file_mode)) != 0)) {
+        std::string why = std::strerror(errno);
+        remove_temporary(temp);
+        close(fd);
+        return refuse(HGX_ERROR_REPOSITORY_ACCESS, "cannot be created: " + why);
+    }
+    sqlite3* db = nullptr;
+    int rc = sqlite3_open_v2(temp.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
+    // From here the store owns the temporary file, and removes it unless it
+    // commits.
+    auto store = std::make_unique<SqliteStore>(db, file, temp, fd);
+    if (rc != SQLITE_OK)
+        return refuse(HGX_ERROR_REPOSITORY_ACCESS,
+                      std::string("cannot be created: ") + sqlite3_errmsg(db));
+    sqlite3_busy_timeout(db, 10000);
+    // Nobody else knows the file: the journal can stay in memory, and the
+    // file is synced once, before it is linked into place.
+    exec(db, "PRAGMA journal_mode=MEMORY");
+    exec(db, "PRAGMA synchronous=OFF");
+    exec(db, "PRAGMA cache_size=-262144");
+    exec(db, "PRAGMA temp_store=MEMORY");
+    if (exec(db, "BEGIN IMMEDIATE") != SQLITE_OK || exec(db, schema_sql().c_str()) != SQLITE_OK)
+        return refuse(HGX_ERROR_REPOSITORY_ACCESS,
+                      std::string("cannot be created: ") + sqlite3_errmsg(db));
+    return store;
+}
+
+// The -wal and -shm files of an existing repository give nobody more than
+// the file does: ones left by another program or an earlier mode are
+// narrowed to the file's permission bits.
+void narrow_log_modes(const std::string& file, mode_t file_mode) {
+    for (const char* suffix : {"-wal", "-shm"}) {
+        std::string log = file + suffix;
+        struct stat st;
+        if (lstat(log.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+            (st.st_mode & 0777 & ~file_mode) != 0)
+            chmod(log.c_str(), st.st_mode & 0777 & file_mode);
+    }
+}
+
+std::unique_ptr<Store> open_for_writing(const std::string& file, bool create, int file_mode,
                                         std::string* message) {
     auto refuse = [&](hgx_error_t code, const std::string& text) -> std::unique_ptr<Store> {
         set_error(code);
@@ -457,19 +721,24 @@ std::unique_ptr<Store> open_for_writing(const std::string& file, bool create,
         return refuse(HGX_ERROR_REPOSITORY_ACCESS, std::strerror(errno));
     if (!exists && !create)
         return refuse(HGX_ERROR_NO_REPOSITORY, hgx_strerror(HGX_ERROR_NO_REPOSITORY));
-    if (exists && S_ISDIR(st.st_mode)) return refuse(HGX_ERROR_REPOSITORY_ACCESS, "is a directory");
+    if (!exists) {
+        struct stat link;
+        if (lstat(file.c_str(), &link) == 0)
+            return refuse(HGX_ERROR_REPOSITORY_ACCESS, "a symbolic link to nothing");
+        return create_file(file, file_mode, message);
+    }
+    if (S_ISDIR(st.st_mode)) return refuse(HGX_ERROR_REPOSITORY_ACCESS, "is a directory");
 
+    prepare_sqlite();
     sqlite3* db = nullptr;
-    int flags = SQLITE_OPEN_READWRITE | (exists ? 0 : SQLITE_OPEN_CREATE);
-    int rc = sqlite3_open_v2(file.c_str(), &db, flags, nullptr);
+    int rc = sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
     if (rc != SQLITE_OK) {
         std::string text = db ? sqlite3_errmsg(db) : "cannot open";
         sqlite3_close_v2(db);
         return refuse(HGX_ERROR_REPOSITORY_ACCESS, "cannot be opened: " + text);
     }
-    // From here the store owns the connection, and removes a file it created
-    // unless it commits.
-    auto store = std::make_unique<SqliteStore>(db, file, !exists);
+    // From here the store owns the connection. It never removes the file.
+    auto store = std::make_unique<SqliteStore>(db, file);
     sqlite3_busy_timeout(db, 10000);
     auto db_refuse = [&](int code) -> std::unique_ptr<Store> {
         code &= 0xff;  // the primary code of an extended one
@@ -477,20 +746,25 @@ std::unique_ptr<Store> open_for_writing(const std::string& file, bool create,
             return refuse(HGX_ERROR_NOT_A_REPOSITORY, hgx_strerror(HGX_ERROR_NOT_A_REPOSITORY));
         return refuse(HGX_ERROR_REPOSITORY_ACCESS, sqlite3_errmsg(db));
     };
-
-    // A fresh file, or an existing one that is still empty, gets the schema.
-    // Anything else must be a repository of this schema, checked before the
-    // journal mode is touched, so that a foreign database is left exactly as
-    // it was.
-    bool fresh = !exists || st.st_size == 0;
-    if (!fresh) {
+    // 0: a repository of this schema; 1: a file that holds nothing yet; -1:
+    // anything else, refused.
+    auto check = [&]() -> int {
         int version = -1, app = -1;
         int e = pragma_int(db, "PRAGMA user_version", &version);
         if (!e) e = pragma_int(db, "PRAGMA application_id", &app);
-        if (e) return db_refuse(e);
-        if (version != SCHEMA_VERSION || app != APPLICATION_ID)
-            return refuse(HGX_ERROR_SCHEMA_MISMATCH, hgx_strerror(HGX_ERROR_SCHEMA_MISMATCH));
-    }
+        if (e) {
+            db_refuse(e);
+            return -1;
+        }
+        if (version == SCHEMA_VERSION && app == APPLICATION_ID) return 0;
+        if (holds_nothing(db)) return 1;
+        refuse(HGX_ERROR_SCHEMA_MISMATCH, hgx_strerror(HGX_ERROR_SCHEMA_MISMATCH));
+        return -1;
+    };
+    // Checked before the journal mode is touched, so that a foreign database
+    // is left exactly as it was.
+    if (st.st_size > 0 && check() < 0) return nullptr;
+    narrow_log_modes(file, st.st_mode);
     // WAL, so that readers holding their snapshot and this writer do not
     // block each other.
     if (exec(db, "PRAGMA journal_mode=WAL") != SQLITE_OK) return db_refuse(sqlite3_errcode(db));
@@ -504,25 +778,25 @@ std::unique_ptr<Store> open_for_writing(const std::string& file, bool create,
     exec(db, "PRAGMA cache_size=-262144");
     exec(db, "PRAGMA temp_store=MEMORY");
     if (exec(db, "BEGIN IMMEDIATE") != SQLITE_OK) return db_refuse(sqlite3_errcode(db));
-    if (fresh) {
-        std::string schema = SCHEMA_SQL;
-        schema += "PRAGMA user_version=" + std::to_string(SCHEMA_VERSION) + ";";
-        schema += "PRAGMA application_id=" + std::to_string(APPLICATION_ID) + ";";
-        if (exec(db, schema.c_str()) != SQLITE_OK) return db_refuse(sqlite3_errcode(db));
-    }
+    // Whether the file is new is decided under the write lock: of two
+    // writers that found it empty, the second finds the first one's schema.
+    int state = check();
+    if (state < 0) return nullptr;
+    if (state == 1 && exec(db, schema_sql().c_str()) != SQLITE_OK)
+        return db_refuse(sqlite3_errcode(db));
     return store;
 }
 
 }  // namespace
 
-std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode,
-                                       std::string* message) {
-    if (mode == OpenMode::READ) {
-        std::unique_ptr<Store> s = open_for_reading(file);
+std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode, std::string* message,
+                                       int file_mode) {
+    if (mode == OpenMode::READ || mode == OpenMode::READ_NO_WRITES) {
+        std::unique_ptr<Store> s = open_for_reading(file, mode == OpenMode::READ_NO_WRITES);
         if (!s && message) *message = file + ": " + error_text(get_error());
         return s;
     }
-    return open_for_writing(file, mode == OpenMode::CREATE, message);
+    return open_for_writing(file, mode == OpenMode::CREATE, file_mode, message);
 }
 
 }  // namespace hgx_detail

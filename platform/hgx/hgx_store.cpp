@@ -32,7 +32,10 @@ bool is_cluster_url(std::string_view where) {
 
 std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode, std::string* message,
                                   int64_t at_revision) {
-    if (is_cluster_url(where)) return open_cluster_store(where, mode, message, at_revision);
+    if (is_cluster_url(where)) {
+        if (mode == OpenMode::READ_NO_WRITES) mode = OpenMode::READ;
+        return open_cluster_store(where, mode, message, at_revision);
+    }
     return open_file_store(where, mode, message);
 }
 

@@ -54,6 +54,19 @@ hgx_writer_t* hgx_writer_open(const char* path, bool create, std::string* messag
     });
 }
 
+hgx_writer_t* hgx_writer_create(const char* path, unsigned mode, std::string* message) {
+    if ((mode & ~0777u) != 0) return fail(HGX_ERROR_INVALID_ARGUMENT), nullptr;
+    return guarded<hgx_writer_t*>(nullptr, [&]() -> hgx_writer_t* {
+        std::string where = path ? path : "";
+        std::unique_ptr<Store> s =
+            is_cluster_url(where)
+                ? open_store(where, OpenMode::CREATE, message)
+                : open_file_store(where, OpenMode::CREATE, message, static_cast<int>(mode));
+        if (!s) return nullptr;
+        return new hgx_writer{std::move(s)};
+    });
+}
+
 hgx_writer_t* hgx_reader_open(const char* path, std::string* message) {
     return hgx_reader_open_at(path, 0, message);
 }

@@ -225,6 +225,16 @@ void* pkx_avl_find(pkx_avl_t* tree, const void* key, void* priv, pkx_avl_index_t
     return nullptr;
 }
 
+void* pkx_avl_find_below_first(pkx_avl_t* tree, const void* key, void* priv,
+                               pkx_avl_index_t* where) {
+    node_t* first = leftmost(tree->root);
+    if (first == nullptr || tree->pool->compare(key, entry_of(tree, first), priv) >= 0)
+        return pkx_avl_find(tree, key, priv, where);
+    // The first entry has no left child: that is the place.
+    if (where != nullptr) *where = reinterpret_cast<uintptr_t>(first);
+    return nullptr;
+}
+
 void pkx_avl_insert(pkx_avl_t* tree, void* entry, pkx_avl_index_t where) {
     node_t* n = node_of(tree, entry);
     set_child(n, 0, nullptr);

@@ -61,6 +61,15 @@ repository_error_t repository_create(const char* wern, const char* snapshot,
 // lists from its queries must be destroyed first. Null is ignored.
 void repository_destroy(repository_t* repository);
 
+// HGX_ERROR_NONE, or the failure of the repository itself (a cluster away
+// or hung, a compacted revision: any client failure other than a name that
+// names nothing or is not well-formed, or an exhausted heap) that a query
+// met while it read another service or instance. Such a query gives null as
+// any failing one does; this tells the two apart. It stays set for the
+// view's life, and from then on queries of absolute names give null without
+// asking the repository again.
+hgx_error_t repository_failure(const repository_t* repository);
+
 // The record of name: relative names come from the view's own service or
 // instance; an absolute wern is read once, straight from the repository
 // (never a snapshot), and then served from the view. Null when there is no

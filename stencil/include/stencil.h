@@ -27,6 +27,7 @@ typedef enum stencil_error {
     STENCIL_ERROR_NO_RESTARTER = -12,
     STENCIL_ERROR_INVALID_ARGUMENT = -13,
     STENCIL_ERROR_NOT_REGULAR_FILE = -14,
+    STENCIL_ERROR_REPOSITORY = -15,
 } stencil_error_t;
 
 typedef enum stencil_output_mode {
@@ -98,7 +99,11 @@ void stencil_destroy(stencil_t* stencil);
 // stores null in *out (unless out itself is null) and returns a negative
 // stencil_error_t: STENCIL_ERROR_INVALID_ARGUMENT for a null stencil or out,
 // or a stencil with syntax errors; STENCIL_ERROR_NO_MEMORY when the heap or
-// the stack ran out. The stencil may be applied again, to the same or
+// the stack ran out; STENCIL_ERROR_REPOSITORY when a reading of another
+// service or instance failed because of the repository itself
+// (repository_failure says why): the text would be wrong, so there is none.
+// A name that names nothing is no failure: it gives empty text. The stencil
+// may be applied again, to the same or
 // another repository, but by one thread at a time.
 stencil_error_t stencil_apply(stencil_t* stencil, repository_t* repository,
                               stencil_output_mode_t mode, stencil_output_buffer_t** out);
@@ -133,10 +138,12 @@ stencil_error_t stencil_apply_observed(stencil_t* stencil, repository_t* reposit
 // value that does not parse on its own counts as whole: its load reports it.
 size_t stencil_define_length(const char* value);
 
-// Writes the tree's text to fd in order, retrying short writes. Returns
-// STENCIL_SUCCESS, or the failing write's STENCIL_ERROR_TOO_BIG,
-// STENCIL_ERROR_NO_SPACE or STENCIL_ERROR_IO (any other failure), with part of the text perhaps
-// written. The tree is only read; null writes nothing.
+// Writes the tree's text to fd in order, joined into one write call (more
+// only where fd takes it in pieces, or where memory for the joined text is
+// short), retrying short writes. Returns STENCIL_SUCCESS, or the failing
+// write's STENCIL_ERROR_TOO_BIG, STENCIL_ERROR_NO_SPACE or STENCIL_ERROR_IO
+// (any other failure), with part of the text perhaps written. The tree is
+// only read; null, or a tree with no text in any node, writes nothing.
 stencil_error_t stencil_output_buffer_emit(stencil_output_buffer_t* buffer, int fd);
 // 0: the file open on fd holds exactly the tree's text (fd -1 counts as
 // equal); anything else: it does not. A file that is not regular, or is

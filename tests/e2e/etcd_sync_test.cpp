@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <set>
@@ -390,6 +392,134 @@ TEST_F(EtcdSync, AFileThatIsNotItsMirrorIsRefusedAndLeftAlone) {
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("prefix other, not"), std::string::npos) << r.err;
     EXPECT_EQ(local({"export"}).out, before);
+}
+
+// While the mirror makes its first copy, kelvo on its file finds no
+// repository, or the finished copy: never a file half made.
+TEST_F(EtcdSync, DuringTheFirstCopyKelvoFindsNoRepositoryOrTheWholeCopy) {
+    const int props = 20000;
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1, props)).status, 0);
+    auto sync = start_sync();
+    const e2e::Whole none(3, "",
+                          "kelvo: Unable to get properties for " + WERN +
+                              ": Repository file does not exist: " + mirror + "\n");
+    int before = 0, other = 0;
+    auto until = std::chrono::steady_clock::now() + 60s;
+    for (bool copied = false; !copied && std::chrono::steady_clock::now() < until;) {
+        e2e::Whole seen = e2e::whole(e2e::kelvo(mirror, {"-f", WERN}, "$%{config/p19999}\n"));
+        copied = seen == e2e::Whole(0, "g1\n", "");
+        if (seen == none)
+            ++before;
+        else if (!copied)
+            ADD_FAILURE() << ++other << ": " << std::get<2>(seen);
+        if (other > 3) break;
+    }
+    std::printf("kelvo runs before the first copy landed: %d, none saw anything else\n", before);
+    EXPECT_EQ(sync->stop(), 0);
+}
+
+// Every command that writes refuses a mirror with one line and leaves it as
+// it was; sync alone writes it.
+TEST_F(EtcdSync, AMirrorIsWrittenBySyncAlone) {
+    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
+    const std::string other = dir / "other.db", before = e2e::read_file(mirror);
+    e2e::make_repository(other, manifest("x/y", 0));
+    const std::string prop = WERN + "/:properties/config/p0";
+    const std::vector<std::vector<std::string>> commands = {
+        {"-r", mirror, "import", "-"},
+        {"-r", mirror, "setprop", "--snapshot", prop, "x"},
+        {"-r", mirror, "delprop", prop},
+        {"-r", mirror, "addpg", WERN + "/:properties/new", "application"},
+        {"-r", mirror, "delpg", WERN + "/:properties/config"},
+        {"-r", mirror, "delete", WERN},
+        {"-r", mirror, "snapshot", WERN},
+        {"-r", other, "copy", mirror},
+    };
+    const e2e::Whole refused(
+        1, "", "hgxrepo: " + mirror + " is the mirror of " + url + "; change the cluster\n");
+    for (const auto& c : commands) {
+        EXPECT_EQ(e2e::whole(hgxrepo(c, manifest("app/web", 7))), refused) << c[2];
+        EXPECT_TRUE(e2e::read_file(mirror) == before) << c[2] << " changed the mirror";
+    }
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
+    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
+    EXPECT_EQ(value(), "g1\n");
+}
+
+// A mirror copied to a cluster replaces all that is there: only a whole
+// mirror, and only with --force. A copy to a file is a copy like any.
+TEST_F(EtcdSync, ACopyFromAMirrorToAClusterTakesAWholeMirrorAndForce) {
+    const std::string part = dir / "part.db", target = server.url("target");
+    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
+    ASSERT_EQ(hgxrepo({"-r", part, "sync", "--once", "--service", "app/w.*", url}).status, 0);
+    ASSERT_EQ(hgxrepo({"-r", target, "import", "-"}, manifest("keep/me", 0)).status, 0);
+    const std::string kept = hgxrepo({"-r", target, "list"}).out;
+    struct Case {
+        std::string from;
+        bool force;
+        const char* says;
+    } cases[] = {
+        {mirror, false, "at revision"},
+        {part, false, "a mirror of part of"},
+        {part, true, "a mirror of part of"},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> args = {"-r", c.from, "copy", target};
+        if (c.force) args.insert(args.begin() + 3, "--force");
+        e2e::Result r = hgxrepo(args);
+        EXPECT_EQ(r.status, 1) << c.from;
+        EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+        EXPECT_EQ(hgxrepo({"-r", target, "list"}).out, kept);
+    }
+    EXPECT_EQ(local({"copy", "--force", target}).status, 0);
+    EXPECT_EQ(hgxrepo({"-r", target, "export"}).out, local({"export"}).out);
+    EXPECT_EQ(local({"copy", dir / "backup.db"}).status, 0);
+}
+
+mode_t mode_of(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+// A mirror holds what a password protects: its file and logs are its
+// owner's alone unless --mode says otherwise; an existing file keeps its
+// mode.
+TEST_F(EtcdSync, AMirrorIsReadableByItsOwnerAloneUnlessToldOtherwise) {
+    const std::string wide = dir / "wide.db";
+    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
+    ASSERT_EQ(hgxrepo({"-r", wide, "sync", "--once", "--mode", "0640", url}).status, 0);
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        EXPECT_EQ(mode_of(mirror + suffix), 0600u) << suffix;
+        EXPECT_EQ(mode_of(wide + suffix), 0640u) << suffix;
+    }
+    ASSERT_EQ(chmod(mirror.c_str(), 0640), 0);
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
+    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
+    EXPECT_EQ(value(), "g1\n");
+    EXPECT_EQ(mode_of(mirror), 0640u);
+    for (const char* bad : {"0644x", "1777", "-1", ""})
+        EXPECT_EQ(hgxrepo({"-r", wide, "sync", "--mode", bad, url}).status, 2) << bad;
+}
+
+// The command after a change reads the mirror: it gets none of the
+// cluster's credentials, only the CA (no secret).
+TEST_F(EtcdSync, TheCommandRunsWithoutTheClusterCredentials) {
+    ASSERT_TRUE(server.enable_auth("secret"));
+    const std::string seen = dir / "env";
+    e2e::Run sync;
+    sync.args = {e2e::hgxrepo_bin(), "-r",     mirror,          "sync",
+                 "--once",           "--exec", "env > " + seen, url};
+    sync.env = {
+        {"HGX_ETCD_USER", "root"}, {"HGX_ETCD_PASSWORD", "secret"},    {"HGX_ETCD_CERT", log},
+        {"HGX_ETCD_KEY", log},     {"HGX_ETCD_CACERT", "/etc/ca.pem"}, {"HGX_ETCD_TOKEN", "t"}};
+    e2e::Result r = e2e::run(sync);
+    ASSERT_EQ(r.status, 0) << r.err;
+    const std::string env = e2e::read_file(seen);
+    EXPECT_NE(env.find("HGX_CHANGED=wrn:/app/db:default"), std::string::npos) << env;
+    EXPECT_NE(env.find("\nHGX_ETCD_CACERT=/etc/ca.pem\n"), std::string::npos) << env;
+    for (const char* name : {"USER", "PASSWORD", "CERT=", "KEY", "TOKEN"})
+        EXPECT_EQ(env.find(std::string("HGX_ETCD_") + name), std::string::npos) << name;
 }
 
 }  // namespace

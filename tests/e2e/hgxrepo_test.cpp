@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "e2e_util.h"
+#include "etcd_server.h"
 
 namespace {
 
@@ -356,6 +357,61 @@ TEST_F(Hgxrepo, UserWhoCannotWriteTheDirectoryReadsTheRepository) {
     EXPECT_NE(r.err.find("write-ahead log cannot be read"), std::string::npos) << r.err;
 }
 
+// kelvo reads without writing: the repository and the files beside it keep
+// their times, and a repository on a read-only file system reads as any
+// other. Root is held back by no permission bit, so root reads it through a
+// read-only bind mount in a private mount namespace; another user, from a
+// directory and files without write permission.
+TEST_F(Hgxrepo, KelvoReadsWithoutWritingAlsoFromAReadOnlyFileSystem) {
+    if (e2e::on_cluster()) GTEST_SKIP() << "file systems: a cluster has none";
+    auto kelvo = [&](std::vector<std::string> wrapper) {
+        e2e::Run r;
+        r.args = {e2e::kelvo_bin(), "-f", "wrn:/net/foo:default"};
+        r.input = "$%{config/port}\n";
+        r.env = {{"HGX_REPOSITORY", repo}};
+        r.wrapper = std::move(wrapper);
+        return e2e::run(r);
+    };
+    auto times = [&] {
+        std::string out;
+        for (const char* suffix : {"", "-wal", "-shm"}) {
+            struct stat st {};
+            if (stat((repo + suffix).c_str(), &st) != 0) return std::string("missing ") + suffix;
+            for (long v : {static_cast<long>(st.st_size), st.st_mtim.tv_sec, st.st_mtim.tv_nsec,
+                           st.st_ctim.tv_sec, st.st_ctim.tv_nsec})
+                out += std::to_string(v) + " ";
+        }
+        return out;
+    };
+    ASSERT_EQ(kelvo({}).out, "8080\n");  // the -shm index as any first reader leaves it
+    const std::string before = times();
+    EXPECT_EQ(whole(kelvo({})), e2e::Whole(0, "8080\n", ""));
+    EXPECT_EQ(times(), before);
+
+    if (geteuid() == 0) {
+        // Status 97: no read-only mount could be made (or it took writes).
+        e2e::Result r = kelvo({"unshare", "--mount", "--propagation", "private", "sh", "-c",
+                               "{ mount --bind \"$0\" \"$0\" && mount -o remount,bind,ro \"$0\" && "
+                               "! touch \"$0/x\" 2>/dev/null; } || exit 97; exec \"$@\"",
+                               dir.path()});
+        if (r.status == 97 || (r.status != 0 && r.out.empty() && r.err.find("kelvo") != 0)) {
+            if (!etcd_testing::may_skip("no read-only mount"))
+                FAIL() << "cannot make a read-only bind mount here: " << r.err;
+            GTEST_SKIP() << "cannot make a read-only bind mount here (status " << r.status
+                         << "): " << r.err;
+        }
+        EXPECT_EQ(whole(r), e2e::Whole(0, "8080\n", ""));
+    } else {
+        for (const char* suffix : {"", "-wal", "-shm"})
+            ASSERT_EQ(chmod((repo + suffix).c_str(), 0444), 0);
+        ASSERT_EQ(chmod(dir.path().c_str(), 0555), 0);
+        e2e::Result r = kelvo({});
+        ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+        EXPECT_EQ(whole(r), e2e::Whole(0, "8080\n", ""));
+    }
+    EXPECT_EQ(times(), before);
+}
+
 // The reason comes first, then the usage: of the command where one was
 // named, else of all of them. "CMD --help" is that usage, on standard output.
 TEST(HgxrepoCommandLine, BadCommandLinesSayWhyThenGiveUsage) {
@@ -377,7 +433,10 @@ TEST(HgxrepoCommandLine, BadCommandLinesSayWhyThenGiveUsage) {
          "list: unexpected argument \"extra\"",
          "usage: hgxrepo [-r FILE] list\n"},
         {{"show"}, "show: missing WERN", "usage: hgxrepo [-r FILE] show WERN [SNAPSHOT]\n"},
-        {{"copy"}, "copy: missing TARGET", "usage: hgxrepo [-r FILE] copy TARGET\n"},
+        {{"copy"}, "copy: missing TARGET", "usage: hgxrepo [-r FILE] copy [--force] TARGET\n"},
+        {{"copy", "--force"},
+         "copy: missing TARGET",
+         "usage: hgxrepo [-r FILE] copy [--force] TARGET\n"},
         {{"addpg", "wrn:/a/:properties/g"},
          "addpg: missing TYPE",
          "usage: hgxrepo [-r FILE] addpg [--snapshot] WERN TYPE\n"},
@@ -408,7 +467,7 @@ TEST(HgxrepoCommandLine, BadCommandLinesSayWhyThenGiveUsage) {
             << r.out;
         EXPECT_EQ(r.err, "") << command;
     }
-    EXPECT_EQ(hgxrepo({"help", "copy"}).out, "usage: hgxrepo [-r FILE] copy TARGET\n");
+    EXPECT_EQ(hgxrepo({"help", "copy"}).out, "usage: hgxrepo [-r FILE] copy [--force] TARGET\n");
     e2e::Result help = hgxrepo({"--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.out.rfind(ALL, 0), 0u);

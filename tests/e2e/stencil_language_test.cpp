@@ -214,6 +214,14 @@ TEST_F(Stencil, OtherServices) {
         {"transforms leave absolute names alone",
          "$%define sec /(.*)/ {$%{wrn:/net/bar:default/:properties/cfg/y}}$%[sec:^net\\/h/]",
          "bar-y"},
+        // Names that name nothing give empty text, on every store.
+        {"no such service, instance, group or property",
+         "[$%{wrn:/net/none:default/:properties/cfg/x}|$%{wrn:/net/bar:none/:properties/cfg/x}|"
+         "$%{wrn:/net/bar:default/:properties/none/x}|$%{wrn:/net/bar:default/:properties/cfg/"
+         "none}]",
+         "[|||]"},
+        {"a pattern that selects no service", "[$%/wrn:/none/.*:default/:properties/(.*)/ {$%1}]",
+         "[]"},
     });
 }
 

@@ -473,7 +473,7 @@ TEST(Bind, EachFailureHasItsOwnCodeAndText) {
         {dir.path() + "/missing/deeper.db", HGX_ERROR_NO_REPOSITORY},
         {text, HGX_ERROR_NOT_A_REPOSITORY},
         {other, HGX_ERROR_SCHEMA_MISMATCH},
-        {empty, HGX_ERROR_SCHEMA_MISMATCH},
+        {empty, HGX_ERROR_NO_REPOSITORY},  // nothing in it yet
         {sub, HGX_ERROR_REPOSITORY_ACCESS},
     };
     std::set<std::string> texts;
@@ -504,6 +504,56 @@ TEST(Bind, EachFailureHasItsOwnCodeAndText) {
     EXPECT_EQ(texts.count(hgx_strerror(HGX_ERROR_INTERNAL)), 0u);
     EXPECT_EQ(hgx_handle_create(2), nullptr);
     EXPECT_EQ(hgx_error(), HGX_ERROR_VERSION_MISMATCH);
+}
+
+// What a first writer killed before its commit could leave (an empty file,
+// an SQLite file with no table and no schema version) is no repository to a
+// reader and a new one to the next writer; a database of anything else is
+// refused and left exactly as it was.
+TEST(Writer, RedoesAFileThatHoldsNothingAndRefusesAForeignOne) {
+    TempDir dir;
+    auto sqlite = [&](const std::string& path, const char* sql) {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close(db);
+    };
+    const std::string empty = dir.path() + "/empty.db", bare = dir.path() + "/bare.db",
+                      foreign = dir.path() + "/foreign.db";
+    unit::write_file(empty, "");
+    sqlite(bare, "PRAGMA journal_mode=WAL; BEGIN; CREATE TABLE t(x); ROLLBACK;");
+    sqlite(foreign, "CREATE TABLE t(x);");
+    struct {
+        const std::string& file;
+        hgx_error_t read;  // what a reader finds
+        bool written;      // whether a writer fills it
+    } cases[] = {
+        {empty, HGX_ERROR_NO_REPOSITORY, true},
+        {bare, HGX_ERROR_NO_REPOSITORY, true},
+        {foreign, HGX_ERROR_SCHEMA_MISMATCH, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.file);
+        const std::string before = unit::read_file(c.file);
+        hgx_handle_t* h = hgx_handle_create(HGX_VERSION);
+        EXPECT_EQ(hgx_handle_bind_path(h, c.file.c_str()), -1);
+        EXPECT_EQ(hgx_error(), c.read);
+        hgx_handle_destroy(h);
+        std::string message;
+        hgx_writer_t* w = hgx_writer_open(c.file.c_str(), true, &message);
+        EXPECT_EQ(w != nullptr, c.written) << message;
+        if (w) {
+            EXPECT_GT(hgx_writer_add_service(w, "s"), 0);
+            EXPECT_EQ(hgx_writer_commit(w), 0) << hgx_writer_message(w);
+            hgx_writer_close(w);
+            hgx_handle_t* bound = hgx_handle_create(HGX_VERSION);
+            EXPECT_EQ(hgx_handle_bind_path(bound, c.file.c_str()), 0);
+            hgx_handle_destroy(bound);
+        } else {
+            EXPECT_EQ(hgx_error(), c.read) << message;
+            EXPECT_EQ(unit::read_file(c.file), before);
+        }
+    }
 }
 
 TEST(Writer, RefusesValuesThatDoNotFitTheirType) {

@@ -31,12 +31,15 @@ struct Tree {
         pool = pkx_avl_pool_create("test_pool", sizeof(Item), 0, fn, 0);
         tree = pkx_avl_create(pool, nullptr, 0);
     }
-    // Returns false for a duplicate.
-    bool add(int key) {
+    // Returns false for a duplicate. below_first looks the place up with
+    // pkx_avl_find_below_first, which must find what pkx_avl_find finds.
+    bool add(int key, bool below_first = false) {
         Item probe{};
         probe.key = key;
         pkx_avl_index_t where = 0;
-        if (pkx_avl_find(tree, &probe, nullptr, &where) != nullptr) return false;
+        void* found = below_first ? pkx_avl_find_below_first(tree, &probe, nullptr, &where)
+                                  : pkx_avl_find(tree, &probe, nullptr, &where);
+        if (found != nullptr) return false;
         auto* it = static_cast<Item*>(pkx_zalloc(sizeof(Item)));
         it->key = key;
         pkx_avl_node_init(it, it, pool);
@@ -74,6 +77,8 @@ TEST(PkxTree, FindReportsExistingAndRefusesDuplicates) {
     Tree t(ascending);
     for (int k : {10, 20, 30}) ASSERT_TRUE(t.add(k));
     EXPECT_FALSE(t.add(20));
+    EXPECT_FALSE(t.add(10, true));
+    EXPECT_FALSE(t.add(30, true));
     EXPECT_EQ(pkx_avl_numnodes(t.tree), 3u);
     Item probe{};
     probe.key = 30;
@@ -93,9 +98,10 @@ TEST(PkxTree, OrderedAndBalancedUnderSortedAndRandomInput) {
         zigzag.push_back(999 - i);
     }
     for (const auto& input : {sorted, shuffled, zigzag}) {
-        for (pkx_avl_compare_fn fn : {ascending, descending}) {
+        for (int variant = 0; variant < 4; variant++) {
+            pkx_avl_compare_fn fn = variant % 2 ? descending : ascending;
             Tree t(fn);
-            for (int k : input) ASSERT_TRUE(t.add(k));
+            for (int k : input) ASSERT_TRUE(t.add(k, variant >= 2));
             // The root is the node that has no left/right parent: the first
             // entry climbs to it.
             auto* n = static_cast<pkx_avl_node_t*>(pkx_avl_first(t.tree));

@@ -272,6 +272,46 @@ TEST_F(RepositoryView, MatchArraysHoldGrabsPlusTwo) {
     property_list_destroy(list);
 }
 
+// Whatever shortcut the form of a pattern allows (a literal beginning, one
+// group between literal ends), the records and their offsets are exactly
+// those regexec gives over every name of the view.
+TEST_F(RepositoryView, MatchesAndOffsetsAreRegexecs) {
+    open("wrn:/net/foo:default");
+    const std::vector<std::string> all = names(repository_match_properties(view_, ".*", 0));
+    const std::pair<const char*, int> patterns[] = {
+        {"^config/(.*)$", 1},      {"^config/(t[^/]*)/on$", 1}, {"^config/(po)rt$", 1},
+        {"^()config/port$", 1},    {"^c(f)[01]$", 1},           {"^cf?(1)$", 1},
+        {"^(cf|config)/(.*)$", 2}, {"^config/([)(a-z]*)$", 1},  {"^config/tls(/on)?$", 1},
+        {"^conf\\ig/(.*)$", 1},    {"^config/(p|h)(o)", 2},     {"^config/(.*)s$|^cf1$", 1},
+        {"^config/(((t)))ls$", 3},
+    };
+    for (const auto& [pattern, grabs] : patterns) {
+        SCOPED_TRACE(pattern);
+        const size_t n = static_cast<size_t>(grabs) + 2;
+        regex_t regex;
+        ASSERT_EQ(regcomp(&regex, pattern, REG_EXTENDED), 0);
+        std::vector<std::pair<std::string, std::vector<regoff_t>>> expected, got;
+        for (const std::string& name : all) {
+            std::vector<regmatch_t> m(n);
+            if (regexec(&regex, name.c_str(), n, m.data(), 0) != 0) continue;
+            std::vector<regoff_t> offsets;
+            for (const regmatch_t& r : m) offsets.insert(offsets.end(), {r.rm_so, r.rm_eo});
+            expected.emplace_back(name, offsets);
+        }
+        regfree(&regex);
+        property_list_node_t* list = repository_match_properties(view_, pattern, grabs);
+        for (auto* node = list; node != nullptr; node = node->next) {
+            std::vector<regoff_t> offsets;
+            for (size_t i = 0; i < n; i++)
+                offsets.insert(offsets.end(), {node->matches[i].rm_so, node->matches[i].rm_eo});
+            got.emplace_back(node->info->wern, offsets);
+        }
+        property_list_destroy(list);
+        EXPECT_EQ(got, expected);
+        EXPECT_FALSE(expected.empty());
+    }
+}
+
 TEST_F(RepositoryView, AbsolutePatternPullsTheSelectedInstancesOnce) {
     open("wrn:/net/foo:default");
     const char* pattern = "^(wrn:/net/bar:one|wrn:/net/bar:two)/:properties/g/x$";

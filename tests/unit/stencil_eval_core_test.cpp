@@ -4,12 +4,14 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "hgxrepo.h"
 #include "stencil_internal.h"
@@ -150,6 +152,25 @@ TEST(Writer, LongTextThroughAPipeComesOutWhole) {
     reader.join();
     close(fds[0]);
     EXPECT_EQ(received, big + "end");
+    free_output_buffer(&root);
+}
+
+TEST(Writer, ManyPiecesGoOutInOneWrite) {
+    // A packet socket keeps each write call apart: one packet is one write.
+    stencil_output_buffer_t root{};
+    root.buffer = strdup("a");
+    for (const char* piece : {"b", "", "cd"}) grow_chain(&root)->buffer = strdup(piece);
+    grow_chain(grow_chain(&root))->buffer = strdup("e");
+    int fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds), 0);
+    EXPECT_EQ(stencil_output_buffer_emit(&root, fds[1]), STENCIL_SUCCESS);
+    close(fds[1]);
+    std::vector<std::string> packets;
+    char chunk[64];
+    for (ssize_t n; (n = read(fds[0], chunk, sizeof chunk)) > 0;)
+        packets.emplace_back(chunk, static_cast<size_t>(n));
+    close(fds[0]);
+    EXPECT_EQ(packets, std::vector<std::string>{"abcde"});
     free_output_buffer(&root);
 }
 

@@ -124,6 +124,14 @@ int hgx_handle_bind(hgx_handle_t* handle);
 // path falls back to HGX_REPOSITORY and the default, so that a tool can pass
 // its option through whether or not it was given.
 int hgx_handle_bind_path(hgx_handle_t* handle, const char* path);
+// As hgx_handle_bind_path, for a program that only reads: a repository file
+// is then read without a single write to it or beside it (its WAL index is
+// mapped read-only), so that reading costs no write and also works on a
+// read-only file system. Within one process a writer of the same file cannot
+// be opened while such a handle of it is bound: SQLite keeps one index
+// mapping per file and process. A cluster is read as hgx_handle_bind_path
+// reads it.
+int hgx_handle_bind_no_writes(hgx_handle_t* handle, const char* path);
 // Releases the handle and its hold on the repository; accepts null. Objects
 // made for the handle must not be used afterwards, though they may still be
 // destroyed: destroy the objects first, or hold them in owners declared after

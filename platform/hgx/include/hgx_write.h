@@ -3,10 +3,10 @@
 //
 // A writer opens the repository file read-write and holds one write
 // transaction from hgx_writer_open to hgx_writer_commit; closing a writer that
-// did not commit rolls everything back, and removes the file again if the
-// writer created it. Objects are named by ids (hgx_id_t, 0 = none); functions
-// that return an id give -1 on failure, others 0 or -1, with hgx_error() set
-// and hgx_writer_message() telling more where the store failed.
+// did not commit rolls everything back. A file that a writer creates appears
+// at its commit, complete, or not at all; a writer never removes a file. Objects are named by ids
+// (hgx_id_t, 0 = none); functions that return an id give -1 on failure, others 0 or -1, with
+// hgx_error() set and hgx_writer_message() telling more where the store failed.
 //
 // Every operation on a writer needs a writer that hgx_writer_open (or a
 // hgx_reader_open*) returned and that is not closed; a null writer is the
@@ -69,15 +69,25 @@ int hgx_value_check(hgx_type_t type, std::string_view value, const char** why = 
 // HGX_ERROR_NO_MEMORY (*blob then unspecified).
 int hgx_values_blob(const std::vector<std::string>& values, std::string* blob);
 
-// Opens the file (creating it, schema included, when create is set and it does
-// not exist) and begins the write transaction. Null on failure; a message for
-// the user is in *message (message may be null). The caller owns the writer
-// and releases it with hgx_writer_close (or an HgxPtr).
+// Opens the file and begins the write transaction. Where the file does not
+// exist and create is set, the writer builds it (mode 0644 under the umask)
+// beside its place and links it there at the commit: readers find no file
+// until then, and where another writer's file appeared meanwhile the commit
+// fails with HGX_ERROR_CONFLICT. An empty file, or an SQLite file with no
+// table and no schema version, is given the schema in place. Null on
+// failure; a message for the user is in *message (message may be null). The
+// caller owns the writer and releases it with hgx_writer_close (or an
+// HgxPtr).
 //
 // path names a file or an etcd cluster (etcd://, etcds://). On a cluster,
 // hgx_writer_commit fails with HGX_ERROR_CONFLICT when another writer
 // committed first; the whole command may then be run again on a new writer.
 hgx_writer_t* hgx_writer_open(const char* path, bool create, std::string* message);
+// As hgx_writer_open with create set, where a file it creates gets exactly
+// the permission bits mode (at most 0777; the umask does not apply). A file
+// that exists keeps its mode. Null with HGX_ERROR_INVALID_ARGUMENT for
+// another mode.
+hgx_writer_t* hgx_writer_create(const char* path, unsigned mode, std::string* message);
 // Opens a repository for reading only, through the same interface: one
 // state of it for the writer's life; changes fail, commit is never needed.
 // Null on failure, with a line for the user in *message.

@@ -57,6 +57,12 @@ void pkx_avl_node_fini(void* entry, void* node, pkx_avl_pool_t* pool);
 // where is not null) set to the place of key, valid for one pkx_avl_insert
 // with no change to the tree in between.
 void* pkx_avl_find(pkx_avl_t* tree, const void* key, void* priv, pkx_avl_index_t* where);
+// pkx_avl_find with the same results, for keys that mostly come below every
+// entry of the tree (entries added in descending order, such as names read in
+// the opposite order to the tree's): such a key costs one comparison, with
+// the first entry, instead of a descent.
+void* pkx_avl_find_below_first(pkx_avl_t* tree, const void* key, void* priv,
+                               pkx_avl_index_t* where);
 // Links entry (which must not be in any tree) at where. A where of 0 on a
 // tree that is not empty makes the tree look the place up itself; an equal
 // entry already there is then kept and entry is not linked (the caller still

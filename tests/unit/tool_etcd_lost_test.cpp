@@ -1,0 +1,62 @@
+// A cluster compacted under a run that has bound: the view tells that
+// failure from a name that names nothing, the evaluation gives no text, and
+// every program that evaluates as kelvo does (kelvo -a, kelvo-diff,
+// kelvo-lint) ends with status 3 and kelvo's message.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "common/temp_dir.h"
+#include "etcd_gtest.h"
+#include "hgxrepo.h"
+#include "kelvo.h"
+
+namespace {
+
+TEST(RepositoryLost, ACompactedRevisionEndsTheRunANameThatNamesNothingDoesNot) {
+    etcd_testing::EtcdServer server;
+    ETCD_START_OR_SKIP(server, etcd_testing::Options{});
+    const std::string url = server.url("unit");
+    auto import = [&](const char* value) {
+        std::string error;
+        const std::string manifest =
+            std::string(R"({"services": {"a/x": {"instances": {"default": {}}},
+                "a/y": {"instances": {"default": {"groups": {"c": {"properties": {"v": ")") +
+            value + "\"}}}}}}}}";
+        ASSERT_EQ(hgxrepo_import_text(url, manifest, true, &error), 0) << error;
+    };
+    import("one");
+    setenv("HGX_REPOSITORY", url.c_str(), 1);
+    repository_t* view = nullptr;
+    ASSERT_EQ(repository_create("wrn:/a/x:default", nullptr, &view), REPOSITORY_SUCCESS);
+
+    EXPECT_EQ(repository_get_property(view, "wrn:/a/none:default/:properties/c/v"), nullptr);
+    EXPECT_EQ(repository_get_property(view, "wrn:/a/y:default/:properties/c/none"), nullptr);
+    EXPECT_EQ(repository_failure(view), HGX_ERROR_NONE);
+
+    import("two");
+    std::string status = server.post(0, "/v3/kv/range", "{\"key\":\"AA==\"}");
+    size_t at = status.find("\"revision\":\"") + 12;
+    server.post(0, "/v3/kv/compaction",
+                "{\"revision\":\"" + status.substr(at, status.find('"', at) - at) + "\"}");
+    EXPECT_EQ(repository_match_properties(view, "^wrn:/a/y:default/:properties/c/v$", 0), nullptr);
+    EXPECT_EQ(repository_failure(view), HGX_ERROR_REVISION_COMPACTED);
+
+    testing_support::TempDir dir;
+    FILE* f = fopen((dir / "s").c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    fputs("y=$%{wrn:/a/y:default/:properties/c/v}\n", f);
+    fclose(f);
+    defines_t* defines = defines_create();
+    stencil_output_buffer_t* text = nullptr;
+    EXPECT_EXIT(evaluate_stencil(view, defines, "s", dir.path().c_str(), 0, &text),
+                testing::ExitedWithCode(KELVO_QRMERR),
+                "^kelvo: Unable to get properties for wrn:/a/x:default: The etcd cluster has "
+                "compacted away the revision being read; try again\n$");
+    defines_destroy(defines);
+    repository_destroy(view);
+    unsetenv("HGX_REPOSITORY");
+}
+
+}  // namespace
