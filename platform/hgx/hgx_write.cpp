@@ -20,6 +20,13 @@ struct hgx_writer {
 
 namespace {
 
+// A writer for an opened store (null stays null).
+hgx_writer_t* make_writer(std::unique_ptr<Store> s) {
+    if (!s) return nullptr;
+    std::string source = s->source();
+    return new hgx_writer{std::move(s), std::move(source)};
+}
+
 int owner_kind(const hgx_owner& o) {
     switch (o.kind) {
         case hgx_owner::SERVICE:
@@ -46,11 +53,8 @@ int hgx_values_blob(const std::vector<std::string>& values, std::string* blob) {
 
 hgx_writer_t* hgx_writer_open(const char* path, bool create, std::string* message) {
     return guarded<hgx_writer_t*>(nullptr, [&]() -> hgx_writer_t* {
-        std::unique_ptr<Store> s =
-            open_store(path ? path : "", create ? OpenMode::CREATE : OpenMode::WRITE, message);
-        if (!s) return nullptr;
-        std::string source = s->source();
-        return new hgx_writer{std::move(s), std::move(source)};
+        return make_writer(
+            open_store(path ? path : "", create ? OpenMode::CREATE : OpenMode::WRITE, message));
     });
 }
 
@@ -58,12 +62,9 @@ hgx_writer_t* hgx_writer_create(const char* path, unsigned mode, std::string* me
     if ((mode & ~0777u) != 0) return fail(HGX_ERROR_INVALID_ARGUMENT), nullptr;
     return guarded<hgx_writer_t*>(nullptr, [&]() -> hgx_writer_t* {
         std::string where = path ? path : "";
-        std::unique_ptr<Store> s =
-            is_cluster_url(where)
-                ? open_store(where, OpenMode::CREATE, message)
-                : open_file_store(where, OpenMode::CREATE, message, static_cast<int>(mode));
-        if (!s) return nullptr;
-        return new hgx_writer{std::move(s)};
+        return make_writer(is_cluster_url(where) ? open_store(where, OpenMode::CREATE, message)
+                                                 : open_file_store(where, OpenMode::CREATE, message,
+                                                                   static_cast<int>(mode)));
     });
 }
 
@@ -438,10 +439,7 @@ int hgx_writer_services(hgx_writer_t* w, std::vector<std::string>* out) {
 
 hgx_writer_t* hgx_reader_open_at(const char* url, int64_t revision, std::string* message) {
     return guarded<hgx_writer_t*>(nullptr, [&]() -> hgx_writer_t* {
-        std::unique_ptr<Store> s = open_store(url ? url : "", OpenMode::READ, message, revision);
-        if (!s) return nullptr;
-        std::string source = s->source();
-        return new hgx_writer{std::move(s), std::move(source)};
+        return make_writer(open_store(url ? url : "", OpenMode::READ, message, revision));
     });
 }
 
