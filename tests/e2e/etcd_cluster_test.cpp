@@ -206,7 +206,7 @@ class LostAfterBinding : public EtcdCluster {
         return e2e::Whole(3, "", "kelvo: Unable to get properties for " + X + ": " + text + "\n");
     }
 
-    const std::string X = "wrn:/a/x:default", Y = "wrn:/a/y:default";
+    static inline const std::string X = "wrn:/a/x:default", Y = "wrn:/a/y:default";
     e2e::TempDir dir;
     const std::string out = dir / "out.conf";
 };
