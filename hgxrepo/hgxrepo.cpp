@@ -42,8 +42,10 @@ const char USAGE[] =
     "       hgxrepo [-r FILE] show WERN [SNAPSHOT]\n"
     "       hgxrepo [-r FILE] copy [--force] TARGET\n"
     "       hgxrepo [-r FILE] diff WERN\n"
-    "       hgxrepo [-r FILE] sync [--once] [--service PATTERN]... [--exec COMMAND] [--mode MODE]"
-    " URL\n"
+    "       hgxrepo [-r FILE] sync [--once] [--service PATTERN]... [--instance PATTERN]... "
+    "[--exec COMMAND] [--mode MODE] URL\n"
+    "       hgxrepo -r URL grant USER [--host NAME] WERN...\n"
+    "       hgxrepo -r URL upgrade\n"
     "       hgxrepo help\n"
     "       hgxrepo --version\n"
     "The repository file is FILE, else $HGX_REPOSITORY, else " HGX_DEFAULT_REPOSITORY
@@ -65,7 +67,8 @@ std::vector<std::string> usage_of(const std::string& command) {
         if (lead == std::string::npos || line.compare(lead, 8, "hgxrepo ") != 0) continue;
         line.erase(0, lead);
         std::string rest = line.substr(std::string("hgxrepo ").size());
-        if (rest.rfind("[-r FILE] ", 0) == 0) rest.erase(0, std::string("[-r FILE] ").size());
+        for (const char* r : {"[-r FILE] ", "-r URL "})
+            if (rest.rfind(r, 0) == 0) rest.erase(0, std::string(r).size());
         if (rest.substr(0, rest.find(' ')) == command) lines.push_back(line);
     }
     return lines;
@@ -123,6 +126,8 @@ int cmd_sync(const Invocation& inv) {
             ++k;
         } else if (words[k] == "--mode" && k + 1 < words.size()) {
             o.mode = parse_file_mode(words[++k]);
+        } else if (words[k] == "--instance" && k + 1 < words.size()) {
+            o.instances.push_back(words[++k]);
         } else {
             throw Usage{"unknown option " + manifest::quote(words[k])};
         }
@@ -147,7 +152,8 @@ constexpr Command COMMANDS[] = {
     {"delpg", cmd_delpg, true},        {"delete", cmd_delete, false},
     {"list", cmd_list, false},         {"show", cmd_show, false},
     {"copy", cmd_copy, false},         {"diff", cmd_diff, false},
-    {"sync", cmd_sync, false},
+    {"sync", cmd_sync, false},         {"grant", cmd_grant, false},
+    {"upgrade", cmd_upgrade, false},
 };
 
 const Command* find_command(const std::string& name) {

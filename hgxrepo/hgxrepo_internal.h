@@ -162,6 +162,11 @@ using CommandFn = int(const Invocation& inv);
 CommandFn cmd_import, cmd_setprop, cmd_delprop, cmd_addpg, cmd_delpg, cmd_delete, cmd_snapshot,
     cmd_copy;
 
+// The commands that care for a repository in an etcd cluster: grant (an
+// etcd user's role that reads some instances and nothing else) and upgrade
+// (a prefix of an older layout converted in one switch).
+CommandFn cmd_grant, cmd_upgrade;
+
 // The commands that read it, to standard output: export (as a manifest),
 // list (every service and instance), show (a line per group and property)
 // and diff (what retaking the snapshot "running" would change).

@@ -1,11 +1,14 @@
 // The mirror. Its file records, in the library's records beside the
-// repository, where it comes from (the cluster's id and prefix), the
-// services it copies, and the last revision applied, all written in the
+// repository, where it comes from (the cluster's id and prefix), what it
+// copies (its patterns), and the last revision applied, all written in the
 // same transaction as the data they describe.
 //
-// A commit of the cluster is found through its head; which services it
-// changed, through their versions (a service's generation changes whenever
-// the service does). Each changed service is replaced whole in the file.
+// What the mirror holds is a set of parts: a service's own groups, and
+// instances with their snapshots, each with the version the cluster gives
+// it. A commit of the cluster is found through its head; what it changed,
+// through the record the commit leaves (or, where the mirror's user may not
+// read that, through the versions of what the mirror holds). Only the parts
+// whose version changed are read and replaced in the file.
 #include "sync.h"
 
 #include <regex.h>
@@ -17,6 +20,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <map>
@@ -68,6 +72,7 @@ struct Pattern {
     }
     Pattern(const Pattern&) = delete;
     Pattern& operator=(const Pattern&) = delete;
+    bool matches(const std::string& s) const { return regexec(&re, s.c_str(), 0, nullptr, 0) == 0; }
 };
 
 // The command's environment: this process's with HGX_CHANGED set, and
@@ -85,6 +90,14 @@ std::vector<std::string> command_environment(const std::string& changed) {
     }
     out.push_back("HGX_CHANGED=" + changed);
     return out;
+}
+
+using Patterns = std::vector<std::unique_ptr<Pattern>>;
+
+bool any_matches(const Patterns& ps, const std::string& s) {
+    for (const auto& p : ps)
+        if (p->matches(s)) return true;
+    return false;
 }
 
 // Sleeps up to `seconds`, waking early for a stop.
@@ -126,6 +139,25 @@ enum class Failed {
     FILE,     // the mirror could not be written
 };
 
+// Changed instances of a wholly mirrored service beyond which it is copied
+// whole rather than instance by instance.
+constexpr size_t WHOLE_AFTER = 64;
+
+// A part of the repository: a service's own groups (instance "") or an
+// instance with its snapshots; and the versions of parts.
+using Part = std::pair<std::string, std::string>;
+using Versions = std::map<Part, std::string>;
+
+std::string wern_of(const Part& p) { return "wrn:/" + p.first + ":" + p.second; }
+
+// Every part of a service in a set of versions.
+Versions::iterator first_of(Versions& v, const std::string& service) {
+    return v.lower_bound({service, ""});
+}
+bool of_service(Versions::const_iterator it, const Versions& v, const std::string& service) {
+    return it != v.end() && it->first.first == service;
+}
+
 class Mirror {
   public:
     explicit Mirror(const SyncOptions& o) : o_(o) {}
@@ -136,41 +168,76 @@ class Mirror {
     int run();
 
   private:
-    bool selected(const std::string& name) const {
-        if (patterns_.empty()) return true;
-        for (const auto& p : patterns_)
-            if (regexec(&p->re, name.c_str(), 0, nullptr, 0) == 0) return true;
-        return false;
+    // A service whose every instance is mirrored; an instance that is.
+    bool wholly(const std::string& service) const {
+        if (services_.empty() && instances_.empty()) return true;
+        return any_matches(services_, service);
     }
-    // The versions of the selected services at a reading of the cluster.
-    bool selected_versions(hgx_writer_t* r, std::map<std::string, std::string>* out,
-                           std::string* why);
+    bool selected(const std::string& service, const std::string& instance) const {
+        return wholly(service) || any_matches(instances_, "wrn:/" + service + ":" + instance);
+    }
+    // The selected parts of the cluster with their versions, all of them or
+    // those of one service. False with *why.
+    bool selection(hgx_writer_t* c, Versions* out, std::string* why);
+    bool select_service(hgx_writer_t* c, const std::string& service, Versions* out,
+                        std::string* why);
+    // Where the user may read only what it was granted (those instances) or
+    // the patterns name instances outright (those): each read by its name.
+    bool select_named(hgx_writer_t* c, const std::string* service, Versions* out, std::string* why);
+    std::vector<std::string> literal_instances() const;
+    // Whether the selection is a list of instances read one by one rather
+    // than found by listing the cluster.
+    bool by_name() const { return limited_ || literal_only_; }
+    // What this revision's commit changed among what the mirror holds or
+    // would hold: the parts examined and their versions now.
+    bool changed_parts(hgx_writer_t* c, Versions* next, std::set<Part>* examined, std::string* why);
     // Brings the file to the cluster at `revision` (0: the newest): every
-    // selected service when whole, else those whose version changed. True
-    // when applied (or nothing to apply); false with *why.
+    // selected part when whole, else the parts that changed. True when
+    // applied (or nothing to apply); false with *why.
     bool apply(int64_t revision, bool whole, std::string* why);
+    bool write_whole(hgx_writer_t* file, hgx_writer_t* c, const Versions& next,
+                     std::set<std::string>* changed, std::string* why);
+    bool write_parts(hgx_writer_t* file, hgx_writer_t* c, const Versions& next,
+                     const std::set<Part>& examined, std::set<std::string>* changed,
+                     std::string* why);
+    bool copy_failed(hgx_writer_t* file, hgx_writer_t* c, const Part& part, std::string* why);
     void run_command(const std::set<std::string>& changed);
 
     const SyncOptions& o_;
-    std::vector<std::unique_ptr<Pattern>> patterns_;
-    std::string patterns_text_;                    // as recorded in the file
-    std::string source_;                           // the cluster's, once known
-    int64_t revision_ = 0;                         // last applied
-    std::map<std::string, std::string> versions_;  // at revision_
+    Patterns services_, instances_;
+    std::string services_text_, instances_text_;  // as recorded in the file
+    std::string source_;                          // the cluster's, once known
+    int64_t revision_ = 0;                        // last applied
+    Versions versions_;                           // of what the file holds, at revision_
+    bool limited_ = false;            // the user may read only the instances granted to it
+    bool literal_only_ = false;       // every pattern names one instance outright
+    std::vector<std::string> named_;  // what select_named reads, once a copy from the start
+    bool named_known_ = false;
     bool resume_ = false;
+    int64_t bytes_ = 0;             // read from the cluster when the last revision was applied
     Failed failed_ = Failed::FILE;  // why the last apply() failed
+    bool recheck_ = false;          // a revision was refused since the last one applied
 };
 
 bool Mirror::prepare() {
-    for (const std::string& p : o_.services) {
-        patterns_.push_back(std::make_unique<Pattern>(p));
-        if (!patterns_.back()->ok) {
-            std::fprintf(stderr, "hgxrepo: --service %s: not an extended regular expression\n",
-                         p.c_str());
-            return false;
+    auto compile = [](const std::vector<std::string>& texts, const char* option, Patterns* out,
+                      std::string* recorded) {
+        for (const std::string& p : texts) {
+            out->push_back(std::make_unique<Pattern>(p));
+            if (!out->back()->ok) {
+                std::fprintf(stderr, "hgxrepo: %s %s: not an extended regular expression\n", option,
+                             p.c_str());
+                return false;
+            }
+            *recorded += p + "\n";
         }
-        patterns_text_ += p + "\n";
-    }
+        return true;
+    };
+    if (!compile(o_.services, "--service", &services_, &services_text_) ||
+        !compile(o_.instances, "--instance", &instances_, &instances_text_))
+        return false;
+    literal_only_ =
+        services_.empty() && !instances_.empty() && literal_instances().size() == instances_.size();
     if (o_.url.rfind("etcd://", 0) != 0 && o_.url.rfind("etcds://", 0) != 0) {
         std::fprintf(stderr, "hgxrepo: sync follows an etcd cluster: %s is no etcd URL\n",
                      o_.url.c_str());
@@ -190,10 +257,11 @@ bool Mirror::prepare() {
         std::fprintf(stderr, "hgxrepo: %s\n", message.c_str());
         return false;
     }
-    std::string source, revision, patterns;
+    std::string source, revision, services, instances;
     int has = hgx_writer_meta_get(file.get(), "source", &source);
     if (has < 0 || hgx_writer_meta_get(file.get(), "revision", &revision) < 0 ||
-        hgx_writer_meta_get(file.get(), "services", &patterns) < 0) {
+        hgx_writer_meta_get(file.get(), "services", &services) < 0 ||
+        hgx_writer_meta_get(file.get(), "instances", &instances) < 0) {
         std::fprintf(stderr, "hgxrepo: %s: cannot read: %s\n", o_.file.c_str(),
                      lib_error().c_str());
         return false;
@@ -210,22 +278,318 @@ bool Mirror::prepare() {
         return true;
     }
     source_ = source;
-    // A mirror of other services starts afresh; one of the same resumes.
-    resume_ = patterns == patterns_text_;
+    // A mirror of other parts starts afresh; one of the same resumes.
+    resume_ = services == services_text_ && instances == instances_text_;
     revision_ = resume_ ? std::strtoll(revision.c_str(), nullptr, 10) : 0;
     return true;
 }
 
-bool Mirror::selected_versions(hgx_writer_t* r, std::map<std::string, std::string>* out,
-                               std::string* why) {
+bool Mirror::select_service(hgx_writer_t* c, const std::string& service, Versions* out,
+                            std::string* why) {
+    std::string own;
+    int rc = hgx_writer_version(c, service, "", &own);
     std::vector<std::pair<std::string, std::string>> all;
-    if (hgx_writer_service_versions(r, &all) < 0) {
-        *why = lib_error();
+    if (rc > 0) rc = hgx_writer_instance_versions(c, service, &all);
+    if (rc < 0) {
+        *why = "cannot read wrn:/" + service + ": " + lib_error();
         return false;
     }
+    bool any = false;
+    for (auto& [instance, version] : all)
+        if (selected(service, instance)) {
+            (*out)[{service, instance}] = std::move(version);
+            any = true;
+        }
+    if (rc > 0 && (any || wholly(service))) (*out)[{service, ""}] = own;
+    return true;
+}
+
+// Instance patterns that name one instance outright (a wern that matches
+// itself) are read as such: a host's mirror of its instance never lists the
+// fleet, and an instance its user may not read is refused, not left out.
+std::vector<std::string> Mirror::literal_instances() const {
+    std::vector<std::string> out;
+    for (const std::string& text : o_.instances) {
+        hgx_wern_parts parts;
+        Pattern self(text);
+        if (hgx_wern_split(text.c_str(), &parts) == 0 && parts.has_instance && parts.path.empty() &&
+            self.ok && self.matches(text))
+            out.push_back(text);
+    }
+    return out;
+}
+
+bool Mirror::select_named(hgx_writer_t* c, const std::string* service, Versions* out,
+                          std::string* why) {
+    if (!named_known_) {
+        named_.clear();
+        if (limited_ && hgx_writer_granted(c, &named_) < 0) {
+            *why = "cannot read the grants of HGX_ETCD_USER: " + lib_error();
+            return false;
+        }
+        for (std::string& w : literal_instances()) named_.push_back(std::move(w));
+        named_known_ = true;
+    }
+    for (const std::string& w : named_) {
+        hgx_wern_parts parts;
+        if (hgx_wern_split(w.c_str(), &parts) < 0 || !parts.has_instance ||
+            (service && parts.service != *service) || !selected(parts.service, parts.instance))
+            continue;
+        std::string own, version;
+        int rc = hgx_writer_version(c, parts.service, "", &own);
+        if (rc > 0) rc = hgx_writer_version(c, parts.service, parts.instance, &version);
+        if (rc < 0) {
+            *why = "cannot read " + w + ": " + lib_error();
+            return false;
+        }
+        if (rc == 0) continue;
+        (*out)[{parts.service, ""}] = own;
+        (*out)[{parts.service, parts.instance}] = version;
+    }
+    return true;
+}
+
+bool Mirror::selection(hgx_writer_t* c, Versions* out, std::string* why) {
     out->clear();
-    for (auto& [name, version] : all)
-        if (selected(name)) (*out)[name] = version;
+    if (by_name()) return select_named(c, nullptr, out, why);
+    std::vector<std::string> names;
+    if (hgx_writer_services(c, &names) < 0) {
+        if (hgx_error() != HGX_ERROR_CLUSTER_NOT_PERMITTED) {
+            *why = "cannot read the cluster: " + lib_error();
+            return false;
+        }
+        limited_ = true;
+        named_known_ = false;
+        return select_named(c, nullptr, out, why);
+    }
+    for (const std::string& name : names)
+        if ((wholly(name) || !instances_.empty()) && !select_service(c, name, out, why))
+            return false;
+    return true;
+}
+
+bool Mirror::changed_parts(hgx_writer_t* c, Versions* next, std::set<Part>* examined,
+                           std::string* why) {
+    std::vector<std::pair<std::string, std::string>> changes;
+    bool all = true;
+    if (!limited_ && hgx_writer_changes(c, &changes, &all) < 0) {
+        if (hgx_error() != HGX_ERROR_CLUSTER_NOT_PERMITTED) {
+            *why = "cannot read what the commit changed: " + lib_error();
+            return false;
+        }
+        limited_ = all = true;
+        named_known_ = false;
+    }
+    *next = versions_;
+    // After a refused revision, what it changed is found by comparing all.
+    if (all || recheck_) {
+        if (!selection(c, next, why)) return false;
+        for (const auto& [part, v] : versions_) examined->insert(part);
+        for (const auto& [part, v] : *next) examined->insert(part);
+        return true;
+    }
+    std::map<std::string, std::vector<std::string>> by_service;
+    for (auto& [service, instance] : changes) by_service[service].push_back(instance);
+    for (const auto& [service, instances] : by_service) {
+        bool everything = false;
+        for (const std::string& i : instances) everything = everything || i == "*";
+        if (everything) {
+            for (auto it = first_of(*next, service); of_service(it, *next, service);) {
+                examined->insert(it->first);
+                it = next->erase(it);
+            }
+            Versions now;
+            if (by_name() ? !select_named(c, &service, &now, why)
+                          : (wholly(service) || !instances_.empty()) &&
+                                !select_service(c, service, &now, why))
+                return false;
+            for (auto& [part, v] : now) {
+                examined->insert(part);
+                (*next)[part] = std::move(v);
+            }
+            continue;
+        }
+        for (const std::string& instance : instances) {
+            // Own groups matter where the mirror holds the service; an
+            // instance where it is selected.
+            Part part{service, instance};
+            if (instance.empty() ? !next->count(part) : !selected(service, instance)) continue;
+            std::string version;
+            int rc = hgx_writer_version(c, service, instance, &version);
+            if (rc < 0) {
+                *why = "cannot read " + wern_of(part) + ": " + lib_error();
+                return false;
+            }
+            examined->insert(part);
+            if (rc)
+                (*next)[part] = version;
+            else
+                next->erase(part);
+        }
+        // A service's own groups are held while it is wholly mirrored or any
+        // of its instances is.
+        Part own{service, ""};
+        auto it = first_of(*next, service);
+        bool has_own = of_service(it, *next, service) && it->first.second.empty();
+        if (has_own) ++it;
+        bool any = of_service(it, *next, service);
+        if (any && !has_own) {
+            std::string version;
+            int rc = hgx_writer_version(c, service, "", &version);
+            if (rc < 0) {
+                *why = "cannot read wrn:/" + service + ": " + lib_error();
+                return false;
+            }
+            if (rc) (*next)[own] = version;
+            examined->insert(own);
+        } else if (!any && has_own && !wholly(service)) {
+            next->erase(own);
+            examined->insert(own);
+        }
+    }
+    return true;
+}
+
+// A copy reads the cluster as it writes the file: its failure is the
+// cluster's where the cluster's store has words for it or the cluster
+// failed, a refusal where the cluster holds what no import would take (the
+// part is then named by the message alone), else the file's.
+bool Mirror::copy_failed(hgx_writer_t* file, hgx_writer_t* c, const Part& part, std::string* why) {
+    hgx_error_t e = hgx_error();
+    bool refused = e == HGX_ERROR_INVALID_ARGUMENT || e == HGX_ERROR_INVALID_VALUE;
+    failed_ = refused                                                        ? Failed::REFUSED
+              : *hgx_writer_message(c) || e >= HGX_ERROR_CLUSTER_UNREACHABLE ? Failed::CLUSTER
+                                                                             : Failed::FILE;
+    std::string what = "cannot copy";
+    if (hgx_valid_service_name(part.first) && (part.second.empty() || hgx_valid_name(part.second)))
+        what += part.second.empty() ? " wrn:/" + part.first : " " + wern_of(part);
+    std::string detail = hgx_writer_message(file);
+    *why = what + ": " + (detail.empty() ? lib_error() : detail);
+    return false;
+}
+
+// The whole selection anew: services the file holds and the selection lacks
+// go, wholly mirrored services are copied whole, others part by part.
+bool Mirror::write_whole(hgx_writer_t* file, hgx_writer_t* c, const Versions& next,
+                         std::set<std::string>* changed, std::string* why) {
+    auto failed = [&](const std::string& what) {
+        std::string detail = hgx_writer_message(file);
+        *why = what + ": " + (detail.empty() ? lib_error() : detail);
+        return false;
+    };
+    std::set<std::string> names;
+    for (const auto& [part, v] : next) names.insert(part.first);
+    std::vector<std::string> held;
+    if (hgx_writer_services(file, &held) < 0) return failed("cannot read " + o_.file);
+    for (const std::string& name : held) names.insert(name);
+    for (const std::string& name : names) {
+        std::map<std::string, std::string> before, after;
+        if (hgx_writer_instance_texts(file, name, &before) < 0)
+            return failed("cannot read " + o_.file);
+        hgx_id_t old = hgx_writer_find_service(file, name);
+        bool wanted = next.count({name, ""}) > 0;
+        if (old < 0) return failed("cannot read " + o_.file);
+        if (!wanted || (wholly(name) && !limited_)) {
+            if (old > 0 && hgx_writer_delete_service(file, old) < 0)
+                return failed("cannot write " + o_.file);
+            if (wanted && hgx_writer_copy_service(file, c, name) < 0)
+                return copy_failed(file, c, {name, ""}, why);
+        } else {
+            if (hgx_writer_copy_own(file, c, name) < 0)
+                return copy_failed(file, c, {name, ""}, why);
+            for (const auto& [instance, text] : before)
+                if (!next.count({name, instance}) &&
+                    hgx_writer_copy_instance(file, nullptr, name, instance) < 0)
+                    return failed("cannot write " + o_.file);
+            for (auto it = next.upper_bound({name, ""}); of_service(it, next, name); ++it)
+                if (hgx_writer_copy_instance(file, c, name, it->first.second) < 0)
+                    return copy_failed(file, c, it->first, why);
+        }
+        if (hgx_writer_instance_texts(file, name, &after) < 0)
+            return failed("cannot read " + o_.file);
+        for (const auto& [inst, text] : after) {
+            auto b = before.find(inst);
+            if (b == before.end() || b->second != text) changed->insert(wern_of({name, inst}));
+        }
+        for (const auto& [inst, text] : before)
+            if (!after.count(inst)) changed->insert(wern_of({name, inst}));
+    }
+    return true;
+}
+
+// The parts whose version changed, each replaced or removed; a service's
+// own groups first, since its instances' composed views read them.
+bool Mirror::write_parts(hgx_writer_t* file, hgx_writer_t* c, const Versions& next,
+                         const std::set<Part>& examined, std::set<std::string>* changed,
+                         std::string* why) {
+    auto failed = [&](const std::string& what) {
+        std::string detail = hgx_writer_message(file);
+        *why = what + ": " + (detail.empty() ? lib_error() : detail);
+        return false;
+    };
+    auto version = [](const Versions& v, const Part& p) -> const std::string* {
+        auto it = v.find(p);
+        return it == v.end() ? nullptr : &it->second;
+    };
+    std::map<std::string, std::set<std::string>> touched;  // service -> instances, "" own
+    for (const Part& part : examined) {
+        const std::string* a = version(versions_, part);
+        const std::string* b = version(next, part);
+        if ((a == nullptr) != (b == nullptr) || (a && *a != *b))
+            touched[part.first].insert(part.second);
+    }
+    for (const auto& [service, parts] : touched) {
+        bool own = parts.count("") > 0;
+        std::map<std::string, std::string> before, after;
+        // Where the own groups change, every instance's view may.
+        if (own || parts.size() > WHOLE_AFTER) {
+            if (hgx_writer_instance_texts(file, service, &before) < 0)
+                return failed("cannot read " + o_.file);
+        } else {
+            for (const std::string& instance : parts) {
+                std::string text;
+                int rc = hgx_writer_instance_text(file, service, instance, &text);
+                if (rc < 0) return failed("cannot read " + o_.file);
+                if (rc) before[instance] = text;
+            }
+        }
+        bool gone = own && !next.count({service, ""});
+        // Most of a large service changed: copied whole, in one reading.
+        bool whole = !gone && wholly(service) && !by_name() && parts.size() > WHOLE_AFTER;
+        if (gone || whole) {
+            hgx_id_t old = hgx_writer_find_service(file, service);
+            if (old < 0 || (old > 0 && hgx_writer_delete_service(file, old) < 0))
+                return failed("cannot write " + o_.file);
+            if (whole && hgx_writer_copy_service(file, c, service) < 0)
+                return copy_failed(file, c, {service, ""}, why);
+        } else {
+            if (own && hgx_writer_copy_own(file, c, service) < 0)
+                return copy_failed(file, c, {service, ""}, why);
+            for (const std::string& instance : parts) {
+                if (instance.empty()) continue;
+                bool wanted = next.count({service, instance}) > 0;
+                if (hgx_writer_copy_instance(file, wanted ? c : nullptr, service, instance) < 0)
+                    return copy_failed(file, c, {service, instance}, why);
+            }
+        }
+        if (own || parts.size() > WHOLE_AFTER) {
+            if (hgx_writer_instance_texts(file, service, &after) < 0)
+                return failed("cannot read " + o_.file);
+        } else {
+            for (const std::string& instance : parts) {
+                std::string text;
+                int rc = hgx_writer_instance_text(file, service, instance, &text);
+                if (rc < 0) return failed("cannot read " + o_.file);
+                if (rc) after[instance] = text;
+            }
+        }
+        for (const auto& [inst, text] : after) {
+            auto b = before.find(inst);
+            if (b == before.end() || b->second != text) changed->insert(wern_of({service, inst}));
+        }
+        for (const auto& [inst, text] : before)
+            if (!after.count(inst)) changed->insert(wern_of({service, inst}));
+    }
     return true;
 }
 
@@ -243,79 +607,55 @@ bool Mirror::apply(int64_t revision, bool whole, std::string* why) {
         stop_requested = 1;
         return false;
     }
-    std::map<std::string, std::string> versions;
-    if (!selected_versions(cluster.get(), &versions, why)) return false;
-    std::set<std::string> names;
-    for (const auto& [name, version] : versions)
-        if (whole || versions_.count(name) == 0 || versions_[name] != version) names.insert(name);
-    for (const auto& [name, version] : versions_)
-        if (!versions.count(name)) names.insert(name);
     int64_t at = hgx_writer_revision(cluster.get());
-    if (names.empty() && !whole) {
+    if (whole) named_known_ = false;
+    Versions next;
+    std::set<Part> examined;
+    if (whole ? !selection(cluster.get(), &next, why)
+              : !changed_parts(cluster.get(), &next, &examined, why))
+        return false;
+    if (!whole && next == versions_) {
         revision_ = at;
+        recheck_ = false;
         return true;
     }
-
     failed_ = Failed::FILE;
     Writer file(hgx_writer_create(o_.file.c_str(), o_.mode, &message));
     if (!file) {
         *why = message;
         return false;
     }
-    auto failed = [&](const std::string& what) {
-        std::string detail = hgx_writer_message(file.get());
-        *why = what + ": " + (detail.empty() ? lib_error() : detail);
-        return false;
-    };
-    if (whole) {
-        // Services the file holds that the cluster no longer has (or that
-        // are no longer selected) go too.
-        std::vector<std::string> held;
-        if (hgx_writer_services(file.get(), &held) < 0) return failed("cannot read " + o_.file);
-        for (const std::string& name : held)
-            if (!versions.count(name)) names.insert(name);
-    }
     std::set<std::string> changed;
-    for (const std::string& name : names) {
-        std::map<std::string, std::string> before, after;
-        if (hgx_writer_instance_texts(file.get(), name, &before) < 0)
-            return failed("cannot read " + o_.file);
-        hgx_id_t old = hgx_writer_find_service(file.get(), name);
-        if (old < 0 || (old > 0 && hgx_writer_delete_service(file.get(), old) < 0))
-            return failed("cannot write " + o_.file);
-        if (versions.count(name) && hgx_writer_copy_service(file.get(), cluster.get(), name) < 0) {
-            // The copy reads the cluster as it writes the file: a failure
-            // is the cluster's where the cluster's store has words for it.
-            hgx_error_t e = hgx_error();
-            failed_ = e == HGX_ERROR_INVALID_ARGUMENT || e == HGX_ERROR_INVALID_VALUE
-                          ? Failed::REFUSED
-                      : *hgx_writer_message(cluster.get()) ? Failed::CLUSTER
-                                                           : Failed::FILE;
-            // A name the copy refuses is named by its message alone.
-            return failed(hgx_valid_service_name(name) ? "cannot copy wrn:/" + name
-                                                       : std::string("cannot copy"));
-        }
-        if (hgx_writer_instance_texts(file.get(), name, &after) < 0)
-            return failed("cannot read " + o_.file);
-        for (const auto& [inst, text] : after) {
-            auto b = before.find(inst);
-            if (b == before.end() || b->second != text) changed.insert("wrn:/" + name + ":" + inst);
-        }
-        for (const auto& [inst, text] : before)
-            if (!after.count(inst)) changed.insert("wrn:/" + name + ":" + inst);
-    }
+    if (whole ? !write_whole(file.get(), cluster.get(), next, &changed, why)
+              : !write_parts(file.get(), cluster.get(), next, examined, &changed, why))
+        return false;
     if (hgx_writer_meta_set(file.get(), "source", source) < 0 ||
         hgx_writer_meta_set(file.get(), "url", o_.url) < 0 ||
-        hgx_writer_meta_set(file.get(), "services", patterns_text_) < 0 ||
-        hgx_writer_meta_set(file.get(), "revision", std::to_string(at)) < 0)
-        return failed("cannot write " + o_.file);
-    if (hgx_writer_commit(file.get()) < 0) return failed("cannot write " + o_.file);
+        hgx_writer_meta_set(file.get(), "services", services_text_) < 0 ||
+        hgx_writer_meta_set(file.get(), "instances", instances_text_) < 0 ||
+        hgx_writer_meta_set(file.get(), "revision", std::to_string(at)) < 0 ||
+        hgx_writer_commit(file.get()) < 0) {
+        std::string detail = hgx_writer_message(file.get());
+        *why = "cannot write " + o_.file + ": " + (detail.empty() ? lib_error() : detail);
+        return false;
+    }
     source_ = source;
     revision_ = at;
-    versions_ = std::move(versions);
-    if (whole)
-        log_line("copied " + std::to_string(versions_.size()) + " services of " + source +
+    versions_ = std::move(next);
+    recheck_ = false;
+    if (whole) {
+        std::set<std::string> services;
+        for (const auto& [part, v] : versions_) services.insert(part.first);
+        log_line("copied " + std::to_string(services.size()) + " services of " + source +
                  " at revision " + std::to_string(at) + " into " + o_.file);
+    }
+    // How much reading a revision cost, for measuring.
+    if (const char* debug = std::getenv("HGX_SYNC_DEBUG"); debug && *debug) {
+        int64_t bytes = hgx_cluster_bytes_read();
+        log_line("applied revision " + std::to_string(at) + ": " + std::to_string(bytes - bytes_) +
+                 " bytes read from the cluster");
+        bytes_ = bytes;
+    }
     if (!changed.empty()) run_command(changed);
     return true;
 }
@@ -361,8 +701,9 @@ int Mirror::run() {
     if (!whole) {
         std::string message;
         Writer at(hgx_reader_open_at(o_.url.c_str(), revision_, &message));
-        if (at && selected_versions(at.get(), &versions_, &why)) {
+        if (at && selection(at.get(), &versions_, &why)) {
             log_line("resuming at revision " + std::to_string(revision_));
+            bytes_ = hgx_cluster_bytes_read();
         } else {
             whole = true;
             if (hgx_error() == HGX_ERROR_REVISION_COMPACTED)
@@ -402,9 +743,11 @@ int Mirror::run() {
             }
             code = hgx_error();
             cause = failed_;
-            // The next revision is compared with the one the mirror holds,
-            // so it brings whatever this one changed, once it is acceptable.
+            // The next revision is compared whole with the one the mirror
+            // holds, so it brings whatever this one changed, once it is
+            // acceptable.
             if (cause == Failed::REFUSED) {
+                recheck_ = true;
                 log_line("revision " + std::to_string(revision) + " refused, the mirror stays at " +
                          std::to_string(revision_) + ": " + failure);
                 return keep_going();

@@ -13,15 +13,20 @@ struct SyncOptions {
     std::string file;  // the mirror
     std::string url;   // the cluster
     bool once = false;
-    std::vector<std::string> services;  // extended regular expressions; none: all
-    std::string exec;                   // run after each change of instances
-    unsigned mode = 0600;               // permission bits of a file the first copy creates
+    std::vector<std::string> services;   // extended regular expressions; none: all
+    std::vector<std::string> instances;  // the same, of instance werns
+    std::string exec;                    // run after each change of instances
+    unsigned mode = 0600;                // permission bits of a file the first copy creates
 };
 
-// Copies the cluster into the file in one transaction, then (without once)
-// applies each later commit that changes a mirrored service in one
-// transaction of its own, until SIGTERM or SIGINT. Events go to standard
-// error, one line each with a timestamp. Returns the exit status: 0 after
+// Copies the cluster (the services that `services` match, with all their
+// instances, and the instances that `instances` match, with their services'
+// own groups; everything where neither is given) into the file in one
+// transaction, then (without once) applies each later commit that changes
+// what it mirrors in one transaction of its own, reading only what changed,
+// until SIGTERM or SIGINT. A user that may read only the instances granted
+// to it (hgx_grant) mirrors those that the patterns select. Events go to
+// standard error, one line each with a timestamp. Returns the exit status: 0 after
 // --once or a signal, 1 when the file is refused (not a repository, or the
 // mirror of another cluster or prefix, or a repository that is no mirror) or
 // a pattern does not compile, and 1 when a copy of the whole cluster fails

@@ -188,6 +188,9 @@ const char* hgx_detail::error_text(hgx_error_t code) {
                    "HGX_ETCD_KEY)";
         case HGX_ERROR_CLUSTER_NOT_PERMITTED:
             return "The etcd user (HGX_ETCD_USER) is not permitted to do this in the repository";
+        case HGX_ERROR_CLUSTER_OLD_SCHEMA:
+            return "The etcd prefix holds a repository of another schema version; convert it "
+                   "with hgxrepo -r URL upgrade";
     }
     return "Unknown error";
 }

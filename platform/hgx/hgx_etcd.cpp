@@ -2,19 +2,102 @@
 // services, instances and snapshots when they are first named. The keys and
 // how a commit becomes visible: hgx_etcd_store.h; changes and commits:
 // hgx_etcd_commit.cpp.
+#include <algorithm>
+
 #include "hgx_etcd_store.h"
 
 namespace hgx_detail::etcd {
 
+// ---- pointers and long ranges ---------------------------------------------------
+
+std::string encode_pointer(const ServicePointer& p) {
+    return json{{"es", p.es}, {"doc", p.doc}}.dump();
+}
+
+std::string encode_pointer(const InstancePointer& p) {
+    json snaps = json::object();
+    for (const auto& [name, id] : p.snaps) snaps[name] = id;
+    return json{{"doc", p.doc}, {"snaps", snaps}}.dump();
+}
+
+namespace {
+
+bool text_field(const json& j, const char* name, std::string* out) {
+    auto it = j.find(name);
+    if (it == j.end() || !it->is_string() || it->get_ref<const std::string&>().empty())
+        return false;
+    *out = it->get<std::string>();
+    return true;
+}
+
+}  // namespace
+
+bool decode_pointer(std::string_view value, ServicePointer* p) {
+    json j = json::parse(value.begin(), value.end(), nullptr, false);
+    return j.is_object() && text_field(j, "es", &p->es) && text_field(j, "doc", &p->doc);
+}
+
+bool decode_pointer(std::string_view value, InstancePointer* p) {
+    json j = json::parse(value.begin(), value.end(), nullptr, false);
+    if (!j.is_object() || !text_field(j, "doc", &p->doc)) return false;
+    p->snaps.clear();
+    auto snaps = j.find("snaps");
+    if (snaps == j.end()) return true;
+    if (!snaps->is_object()) return false;
+    for (const auto& [name, id] : snaps->items()) {
+        if (!id.is_string() || !valid_segment(name)) return false;
+        p->snaps[name] = id.get<std::string>();
+    }
+    return true;
+}
+
+int range_all(Cluster& c, const std::string& key, const std::string& end, int64_t at,
+              std::vector<Kv>* out, std::string* message, bool keys_only) {
+    out->clear();
+    std::string from = key;
+    for (;;) {
+        json req = {{"key", b64(from)}, {"range_end", b64(end)}, {"limit", PAGE_KEYS}};
+        if (at) req["revision"] = std::to_string(at);
+        if (keys_only) req["keys_only"] = true;
+        json reply;
+        if (c.call("/v3/kv/range", req, &reply, message) < 0) return -1;
+        // Every page reads the revision the first one did.
+        if (!at && reply.contains("header") && reply["header"].contains("revision")) {
+            const json& r = reply["header"]["revision"];
+            at = r.is_string() ? std::strtoll(r.get<std::string>().c_str(), nullptr, 10)
+                               : r.get<int64_t>();
+        }
+        size_t before = out->size();
+        if (reply.contains("kvs"))
+            for (const json& kv : reply["kvs"]) {
+                Kv k;
+                if (!unb64(kv.value("key", ""), &k.key) || !unb64(kv.value("value", ""), &k.value))
+                    return fail(HGX_ERROR_CONNECTION_BROKEN);
+                out->push_back(std::move(k));
+            }
+        if (!reply.value("more", false) || out->size() == before) return 0;
+        from = out->back().key;
+        from += '\0';
+    }
+}
+
+// ---- opening -----------------------------------------------------------------------
+
+int EtcdStore::broken(const std::string& what) {
+    message_ = what;
+    return fail(HGX_ERROR_CONNECTION_BROKEN);
+}
+
 int EtcdStore::open(bool create, int64_t at) {
     std::vector<Kv> head;
-    if (cluster_->range(head_key(), "", at, &head, &revision_, &message_) < 0) return -1;
+    if (cluster_->range(k_.head(), "", at, &head, &revision_, &message_) < 0) return -1;
     if (at) revision_ = at;
     if (head.empty()) {
         // Nothing at all below the prefix: room for a new repository.
         int64_t count = 0;
-        if (cluster_->range(p_, range_end(p_), revision_, nullptr, nullptr, &message_, true,
-                            &count) < 0)
+        const std::string& p = k_.prefix();
+        if (cluster_->range(p, range_end(p), revision_, nullptr, nullptr, &message_, true, &count) <
+            0)
             return -1;
         if (count) return fail(HGX_ERROR_CLUSTER_FOREIGN);
         if (!create) return fail(HGX_ERROR_CLUSTER_NO_REPOSITORY);
@@ -25,33 +108,57 @@ int EtcdStore::open(bool create, int64_t at) {
     json h = json::parse(head[0].value, nullptr, false);
     if (!h.is_object() || !h.contains("schema") || !h["schema"].is_number_integer())
         return fail(HGX_ERROR_CLUSTER_FOREIGN);
-    if (h["schema"].get<int>() != CLUSTER_SCHEMA || !h.contains("epoch") || !h["epoch"].is_string())
+    if (h["schema"].get<int>() == 1) return fail(HGX_ERROR_CLUSTER_OLD_SCHEMA);
+    if (h["schema"].get<int>() != CLUSTER_SCHEMA || !text_field(h, "epoch", &epoch_))
         return fail(HGX_ERROR_CLUSTER_SCHEMA);
     exists_ = true;
     head_mod_ = head[0].mod_revision;
-    epoch_ = h["epoch"].get<std::string>();
     if (writable_) housekeeping();
     return 0;
 }
 
-int64_t EtcdStore::service_stub(const std::string& name, const std::string& gen) {
+// ---- services ----------------------------------------------------------------------
+
+int64_t EtcdStore::service_stub(const std::string& name, const ServicePointer& ptr) {
     int64_t id = new_id();
     ServiceEntry& s = services_[id];
     s.name = name;
-    s.gen = gen;
+    s.stored = true;
+    s.ptr = ptr;
     service_ids_[name] = id;
-    read_gen_.emplace(name, gen);
     return id;
+}
+
+// A service's own range: its pointer under the head's epoch and its own
+// groups, in one answer. 1 with *id set, 0 where there is no such service.
+int EtcdStore::read_service(const std::string& name, int64_t* id) {
+    std::string base = k_.own(name, "");
+    std::vector<Kv> kvs;
+    if (range(base, range_end(base), &kvs) < 0) return -1;
+    const std::string key = k_.pointer(name, "", epoch_);
+    for (const Kv& kv : kvs) {
+        if (kv.key != key) continue;
+        ServicePointer ptr;
+        if (!decode_pointer(kv.value, &ptr))
+            return broken("the pointer of service " + name + " is malformed");
+        *id = service_stub(name, ptr);
+        return adopt_own(*id, kvs) < 0 ? -1 : 1;
+    }
+    return 0;
 }
 
 int EtcdStore::services(std::vector<Row>* out) {
     if (!listed_) {
-        std::string from = pointer_key(epoch_, "");
+        std::string from = k_.services(epoch_);
         std::vector<Kv> kvs;
-        if (range(from, range_end(from), &kvs) < 0) return -1;
+        if (range_all(*cluster_, from, range_end(from), revision_, &kvs, &message_) < 0) return -1;
         for (const Kv& kv : kvs) {
             std::string name = kv.key.substr(from.size());
-            if (!service_ids_.count(name) && !touched_.count(name)) service_stub(name, kv.value);
+            if (service_ids_.count(name) || gone_.count(name)) continue;
+            ServicePointer ptr;
+            if (!decode_pointer(kv.value, &ptr))
+                return broken("the index entry of service " + name + " is malformed");
+            service_stub(name, ptr);
         }
         listed_ = true;
     }
@@ -60,139 +167,148 @@ int EtcdStore::services(std::vector<Row>* out) {
     return 0;
 }
 
-int EtcdStore::service_versions(std::vector<std::pair<std::string, std::string>>* out) {
-    out->clear();
-    if (!exists_) return 0;
-    std::string from = pointer_key(epoch_, "");
-    std::vector<Kv> kvs;
-    if (range(from, range_end(from), &kvs) < 0) return -1;
-    for (Kv& kv : kvs) out->emplace_back(kv.key.substr(from.size()), std::move(kv.value));
-    return 0;
-}
-
 int EtcdStore::service_by_name(std::string_view name, Row* out) {
     std::string n(name);
     auto it = service_ids_.find(n);
     if (it == service_ids_.end()) {
-        if (listed_ || absent_.count(n) || touched_.count(n)) return 0;
-        std::vector<Kv> kvs;
-        if (range(pointer_key(epoch_, n), "", &kvs) < 0) return -1;
-        if (kvs.empty()) {
-            absent_.insert(n);
-            return 0;
-        }
-        service_stub(n, kvs[0].value);
+        if (listed_ || absent_.count(n) || gone_.count(n)) return 0;
+        int64_t id = 0;
+        int rc = read_service(n, &id);
+        if (rc == 0) absent_.insert(n);
+        if (rc <= 0) return rc;
         it = service_ids_.find(n);
     }
     *out = {it->second, it->first, "", 0};
     return 1;
 }
 
-int EtcdStore::read_doc(const std::string& value, Doc* doc) {
-    if (!decode_doc(value, doc)) {
-        message_ = "a document of the repository is malformed";
-        return fail(HGX_ERROR_CONNECTION_BROKEN);
-    }
-    return 0;
+int EtcdStore::read_doc(const std::vector<Kv>& kvs, const std::string& key, Doc* doc) {
+    for (const Kv& kv : kvs)
+        if (kv.key == key) {
+            if (!decode_doc(kv.value, doc))
+                return broken("a document of the repository is malformed: " + key);
+            return 0;
+        }
+    return broken("a document of the repository is missing: " + key);
 }
 
 void EtcdStore::adopt_groups(const std::vector<DocGroup>& groups, int kind, int64_t owner,
-                             int64_t service) {
+                             int64_t service, int doc_kind, int64_t doc_owner) {
     Children& children = pg_children(kind, owner);
     for (const DocGroup& g : groups) {
         int64_t id = new_id();
-        pgs_[id] = {g.name, g.type, kind, owner, service};
+        pgs_[id] = {g.name, g.type, kind, owner, service, doc_kind, doc_owner};
         children[g.name] = id;
         auto& props = props_[id];
         for (const DocProp& p : g.props) props[p.name] = {new_id(), p.type, p.blob};
-        adopt_groups(g.groups, OWNER_PG, id, service);
+        adopt_groups(g.groups, OWNER_PG, id, service, doc_kind, doc_owner);
     }
+}
+
+int EtcdStore::adopt_own(int64_t service, const std::vector<Kv>& kvs) {
+    ServiceEntry& s = services_.at(service);
+    Doc doc;
+    if (read_doc(kvs, k_.doc(s.name, "", s.ptr.doc), &doc) < 0) return -1;
+    adopt_groups(doc.groups, OWNER_SERVICE, service, service, OWNER_SERVICE, service);
+    s.loaded = true;
+    return 0;
 }
 
 int EtcdStore::load_service(int64_t service) {
     ServiceEntry& s = services_.at(service);
     if (s.loaded) return 0;
     std::vector<Kv> kvs;
-    if (range(gen_prefix(s.gen) + "s", "", &kvs) < 0) return -1;
-    Doc doc;
-    if (kvs.empty()) {
-        message_ = "service " + s.name + " has lost its document";
-        return fail(HGX_ERROR_CONNECTION_BROKEN);
+    if (range(k_.doc(s.name, "", s.ptr.doc), "", &kvs) < 0) return -1;
+    return adopt_own(service, kvs);
+}
+
+// ---- instances ---------------------------------------------------------------------
+
+int64_t EtcdStore::instance_stub(int64_t service, const std::string& name,
+                                 const InstancePointer& ptr) {
+    int64_t id = new_id();
+    InstanceEntry& in = instances_[id];
+    in.service = service;
+    in.name = name;
+    in.stored = true;
+    in.ptr = ptr;
+    services_.at(service).instances[name] = id;
+    return id;
+}
+
+// Every instance of a service, as its index names them: pointers only.
+int EtcdStore::list_instances(int64_t service) {
+    ServiceEntry& s = services_.at(service);
+    if (s.listed) return 0;
+    std::string from = k_.instances(s.ptr.es);
+    std::vector<Kv> kvs;
+    if (range_all(*cluster_, from, range_end(from), revision_, &kvs, &message_) < 0) return -1;
+    for (const Kv& kv : kvs) {
+        std::string name = kv.key.substr(from.size());
+        if (s.instances.count(name) || s.gone.count(name)) continue;
+        InstancePointer ptr;
+        if (!decode_pointer(kv.value, &ptr))
+            return broken("the index entry of instance " + name + " of " + s.name +
+                          " is malformed");
+        instance_stub(service, name, ptr);
     }
-    if (read_doc(kvs[0].value, &doc) < 0) return -1;
-    adopt_groups(doc.groups, OWNER_SERVICE, service, service);
-    for (const std::string& name : doc.names) {
-        int64_t id = new_id();
-        instances_[id] = {service, name, false, {}};
-        s.instances[name] = id;
-    }
-    s.loaded = true;
+    s.listed = true;
+    s.absent.clear();
     return 0;
 }
 
-// Takes in an instance's document and its snapshots, as the keys below
-// P/d/G/i/<instance>/ give them.
-int EtcdStore::adopt_instance(int64_t service, int64_t instance, const std::vector<Kv>& kvs) {
+// Takes in an instance's documents from the keys of its range.
+int EtcdStore::adopt_instance(int64_t instance, const std::vector<Kv>& kvs) {
     InstanceEntry& in = instances_.at(instance);
-    std::string base = gen_prefix(services_.at(service).gen) + "i/" + in.name + "/";
-    std::map<std::string, const Kv*> snaps;
-    const Kv* own = nullptr;
-    for (const Kv& kv : kvs) {
-        if (kv.key == base)
-            own = &kv;
-        else
-            snaps[kv.key.substr(base.size())] = &kv;
-    }
+    const std::string& service = services_.at(in.service).name;
     Doc doc;
-    if (!own) {
-        message_ = "instance " + in.name + " has lost its document";
-        return fail(HGX_ERROR_CONNECTION_BROKEN);
-    }
-    if (read_doc(own->value, &doc) < 0) return -1;
-    adopt_groups(doc.groups, OWNER_INSTANCE, instance, service);
-    for (const std::string& name : doc.names) {
-        auto it = snaps.find(name);
+    if (read_doc(kvs, k_.doc(service, in.name, in.ptr.doc), &doc) < 0) return -1;
+    adopt_groups(doc.groups, OWNER_INSTANCE, instance, in.service, OWNER_INSTANCE, instance);
+    for (const auto& [name, id] : in.ptr.snaps) {
         Doc snap;
-        if (it == snaps.end() || read_doc(it->second->value, &snap) < 0) {
-            message_ = "snapshot " + name + " of " + in.name + " is missing or malformed";
-            return fail(HGX_ERROR_CONNECTION_BROKEN);
-        }
-        int64_t id = new_id();
-        snapshot_instance_[id] = instance;
-        snapshot_names_[id] = name;
-        in.snapshots[name] = id;
-        adopt_groups(snap.groups, OWNER_SNAPSHOT, id, service);
+        if (read_doc(kvs, k_.doc(service, in.name, id), &snap) < 0) return -1;
+        int64_t sid = new_id();
+        snapshot_instance_[sid] = instance;
+        snapshot_names_[sid] = name;
+        in.snapshots[name] = sid;
+        adopt_groups(snap.groups, OWNER_SNAPSHOT, sid, in.service, OWNER_SNAPSHOT, sid);
     }
     in.loaded = true;
     return 0;
 }
 
+// One instance's range, unless so many of a service whose instances are
+// walked are read one by one that reading the whole service at once costs
+// less.
 int EtcdStore::load_instance(int64_t instance) {
     InstanceEntry& in = instances_.at(instance);
     if (in.loaded) return 0;
-    std::string base = gen_prefix(services_.at(in.service).gen) + "i/" + in.name + "/";
+    ServiceEntry& s = services_.at(in.service);
+    if (s.walked && !s.bulk && ++s.single_loads > BULK_AFTER) return load_bulk(in.service);
+    std::string base = k_.own(s.name, in.name);
     std::vector<Kv> kvs;
     if (range(base, range_end(base), &kvs) < 0) return -1;
-    return adopt_instance(in.service, instance, kvs);
+    return adopt_instance(instance, kvs);
 }
 
-// Every instance of a service at once, before its first change.
-int EtcdStore::load_full(int64_t service) {
+// Every key of a service, page by page, and every instance taken in.
+int EtcdStore::load_bulk(int64_t service) {
+    if (list_instances(service) < 0) return -1;
     ServiceEntry& s = services_.at(service);
-    if (s.full) return 0;
-    if (load_service(service) < 0) return -1;
-    std::string base = gen_prefix(s.gen) + "i/";
+    std::string base = k_.whole_service(s.name);
     std::vector<Kv> kvs;
-    if (range(base, range_end(base), &kvs) < 0) return -1;
-    std::map<std::string, std::vector<Kv>> by_instance;
+    if (range_all(*cluster_, base, range_end(base), revision_, &kvs, &message_) < 0) return -1;
+    std::map<std::string, std::vector<Kv>> by_owner;  // "" the service's own keys
     for (Kv& kv : kvs) {
         std::string rest = kv.key.substr(base.size());
-        by_instance[rest.substr(0, rest.find('/'))].push_back(std::move(kv));
+        by_owner[rest.substr(0, rest.find('/'))].push_back(std::move(kv));
     }
-    for (auto& [name, id] : s.instances)
-        if (!instances_.at(id).loaded && adopt_instance(service, id, by_instance[name]) < 0)
-            return -1;
-    s.full = true;
+    if (!s.loaded && adopt_own(service, by_owner[""]) < 0) return -1;
+    for (const auto& [name, id] : s.instances) {
+        InstanceEntry& in = instances_.at(id);
+        if (in.stored && !in.loaded && adopt_instance(id, by_owner[name]) < 0) return -1;
+    }
+    s.bulk = true;
     return 0;
 }
 
@@ -216,13 +332,33 @@ int row_of(const std::map<std::string, int64_t>& children, std::string_view name
 }  // namespace
 
 int EtcdStore::instances(int64_t service, std::vector<Row>* out) {
-    if (load_service(service) < 0) return -1;
+    if (list_instances(service) < 0) return -1;
+    services_.at(service).walked = true;
     return rows_of(services_.at(service).instances, out);
 }
 
+// An instance not known yet: its own range, pointer and documents in one
+// answer; the other instances are never read.
 int EtcdStore::instance_by_name(int64_t service, std::string_view name, Row* out) {
-    if (load_service(service) < 0) return -1;
-    return row_of(services_.at(service).instances, name, out);
+    ServiceEntry& s = services_.at(service);
+    std::string n(name);
+    if (!s.instances.count(n)) {
+        if (s.listed || s.absent.count(n) || s.gone.count(n)) return 0;
+        std::string base = k_.own(s.name, n);
+        std::vector<Kv> kvs;
+        if (range(base, range_end(base), &kvs) < 0) return -1;
+        const std::string key = k_.pointer(s.name, n, s.ptr.es);
+        InstancePointer ptr;
+        auto it = std::find_if(kvs.begin(), kvs.end(), [&](const Kv& kv) { return kv.key == key; });
+        if (it == kvs.end()) {
+            s.absent.insert(n);
+            return 0;
+        }
+        if (!decode_pointer(it->value, &ptr))
+            return broken("the pointer of instance " + n + " of " + s.name + " is malformed");
+        if (adopt_instance(instance_stub(service, n, ptr), kvs) < 0) return -1;
+    }
+    return row_of(s.instances, name, out);
 }
 
 int EtcdStore::snapshots(int64_t instance, std::vector<Row>* out) {
@@ -276,6 +412,78 @@ int EtcdStore::prop_by_name(int64_t pg, std::string_view name, Row* out) {
     return 1;
 }
 
+// ---- what a mirror follows ------------------------------------------------------
+
+// P/changes is written by every switch, so it tells this revision's commit
+// when its mod revision is the head's.
+int EtcdStore::changes(std::vector<std::pair<std::string, std::string>>* out, bool* all) {
+    out->clear();
+    *all = true;
+    if (!exists_) return 0;
+    std::vector<Kv> kvs;
+    if (range(k_.changes(), "", &kvs) < 0) return -1;
+    if (kvs.empty() || kvs[0].mod_revision != head_mod_) return 0;
+    json c = json::parse(kvs[0].value, nullptr, false);
+    if (!c.is_object() || c.value("all", false) || !c.contains("changed") ||
+        !c["changed"].is_object())
+        return 0;
+    for (const auto& [service, what] : c["changed"].items()) {
+        if (what.is_string() && what.get<std::string>() == "*") {
+            out->emplace_back(service, "*");
+            continue;
+        }
+        if (!what.is_array()) return 0;
+        for (const json& instance : what)
+            if (instance.is_string()) out->emplace_back(service, instance.get<std::string>());
+    }
+    *all = false;
+    return 0;
+}
+
+// The pointers are the versions: a document never changes under its id.
+int EtcdStore::version(std::string_view service, std::string_view instance, std::string* out) {
+    Row r;
+    int rc = service_by_name(service, &r);
+    if (rc <= 0) return rc;
+    ServiceEntry& s = services_.at(r.id);
+    if (instance.empty()) {
+        *out = s.ptr.doc;
+        return 1;
+    }
+    std::string n(instance);
+    if (!s.instances.count(n)) {
+        if (s.listed || s.absent.count(n)) return 0;
+        // The pointer alone: the documents are read only when they changed.
+        std::string from = k_.own(s.name, n) + "p/";
+        std::vector<Kv> kvs;
+        if (range(from, range_end(from), &kvs) < 0) return -1;
+        const std::string key = k_.pointer(s.name, n, s.ptr.es);
+        auto it = std::find_if(kvs.begin(), kvs.end(), [&](const Kv& kv) { return kv.key == key; });
+        if (it == kvs.end()) {
+            s.absent.insert(n);
+            return 0;
+        }
+        InstancePointer ptr;
+        if (!decode_pointer(it->value, &ptr))
+            return broken("the pointer of instance " + n + " of " + s.name + " is malformed");
+        instance_stub(r.id, n, ptr);
+    }
+    *out = encode_pointer(instances_.at(s.instances.at(n)).ptr);
+    return 1;
+}
+
+int EtcdStore::instance_versions(std::string_view service,
+                                 std::vector<std::pair<std::string, std::string>>* out) {
+    Row r;
+    int rc = service_by_name(service, &r);
+    if (rc <= 0) return rc;
+    if (list_instances(r.id) < 0) return -1;
+    out->clear();
+    for (const auto& [name, id] : services_.at(r.id).instances)
+        out->emplace_back(name, encode_pointer(instances_.at(id).ptr));
+    return 1;
+}
+
 }  // namespace hgx_detail::etcd
 
 namespace hgx_detail {
@@ -286,11 +494,13 @@ std::unique_ptr<Store> open_cluster_store(const std::string& url, OpenMode mode,
         if (message) *message = url + ": " + failure_text(get_error(), detail);
         return nullptr;
     };
-    bool reading = mode == OpenMode::READ;
+    bool reading = mode == OpenMode::READ || mode == OpenMode::COPY;
+    // A run's reads share one short budget; a copy's each have a call's.
+    bool budget = mode == OpenMode::READ;
     ClusterUrl u;
     std::unique_ptr<Cluster> cluster;
     std::string detail;
-    if (connect(url, reading ? READ_BUDGET_MS : WRITE_CALL_MS, reading, &u, &cluster, &detail) < 0)
+    if (connect(url, budget ? READ_BUDGET_MS : WRITE_CALL_MS, budget, &u, &cluster, &detail) < 0)
         return refuse(detail);
     auto store = std::make_unique<EtcdStore>(std::move(cluster), u.prefix, !reading);
     if (store->open(mode == OpenMode::CREATE, at_revision) < 0) return refuse(store->message());

@@ -1,8 +1,9 @@
-// The cluster store, its writing half: changes in memory, and the commit
-// that writes every changed service whole under a new generation and then
-// switches to them in one transaction (hgx_etcd_store.h tells how).
-#include <cstring>
-#include <ctime>
+// The cluster store, its writing half: changes in memory, marked on the
+// documents they fall in, and the commit that writes those documents anew
+// and moves the pointers that name them (hgx_etcd_store.h tells how).
+#include <algorithm>
+#include <chrono>
+#include <optional>
 
 #include "hgx_etcd_store.h"
 
@@ -10,13 +11,29 @@ namespace hgx_detail::etcd {
 
 // ---- changes -------------------------------------------------------------------------
 
-// A service about to change: wholly in memory, and marked for the commit.
-int EtcdStore::writable_service(int64_t service) {
-    if (!writable_) return fail(HGX_ERROR_PERMISSION_DENIED);
-    auto it = services_.find(service);
-    if (it == services_.end()) return fail(HGX_ERROR_NOT_FOUND);
-    if (!it->second.gen.empty() && load_full(service) < 0) return -1;
-    touched_.insert(it->second.name);
+// A document about to be written anew, and its service marked for the commit.
+int EtcdStore::mark(int doc_kind, int64_t doc_owner) {
+    int64_t instance = 0;
+    switch (doc_kind) {
+        case OWNER_SERVICE: {
+            ServiceEntry& s = services_.at(doc_owner);
+            s.own_dirty = true;
+            touched_.insert(s.name);
+            return 0;
+        }
+        case OWNER_INSTANCE:
+            instance = doc_owner;
+            instances_.at(instance).own_dirty = true;
+            break;
+        default:
+            instance = snapshot_instance_.at(doc_owner);
+            instances_.at(instance).dirty_snaps.insert(snapshot_names_.at(doc_owner));
+            break;
+    }
+    InstanceEntry& in = instances_.at(instance);
+    ServiceEntry& s = services_.at(in.service);
+    s.changed.insert(in.name);
+    touched_.insert(s.name);
     return 0;
 }
 
@@ -30,7 +47,7 @@ int64_t EtcdStore::add_service(std::string_view name) {
     int64_t id = new_id();
     ServiceEntry& s = services_[id];
     s.name = n;
-    s.loaded = s.full = true;
+    s.loaded = s.listed = s.bulk = true;
     service_ids_[n] = id;
     absent_.erase(n);
     touched_.insert(n);
@@ -49,24 +66,25 @@ void EtcdStore::forget_pgs(int kind, int64_t owner) {
     }
 }
 
-// A service goes whole, so nothing of it needs to be read first.
+void EtcdStore::forget_instance(int64_t instance) {
+    for (const auto& [name, sid] : instances_.at(instance).snapshots) {
+        forget_pgs(OWNER_SNAPSHOT, sid);
+        snapshot_instance_.erase(sid);
+        snapshot_names_.erase(sid);
+    }
+    forget_pgs(OWNER_INSTANCE, instance);
+    instances_.erase(instance);
+}
+
+// A service goes whole, so nothing of it needs to be read first; what it
+// held is found at the commit.
 int EtcdStore::delete_service(int64_t service) {
     if (!writable_) return fail(HGX_ERROR_PERMISSION_DENIED);
     auto it = services_.find(service);
     if (it == services_.end()) return fail(HGX_ERROR_NOT_FOUND);
     ServiceEntry& s = it->second;
-    std::vector<int64_t> ids;
-    for (const auto& [name, id] : s.instances) ids.push_back(id);
-    for (int64_t id : ids) {
-        InstanceEntry& in = instances_.at(id);
-        for (const auto& [name, sid] : in.snapshots) {
-            forget_pgs(OWNER_SNAPSHOT, sid);
-            snapshot_instance_.erase(sid);
-            snapshot_names_.erase(sid);
-        }
-        forget_pgs(OWNER_INSTANCE, id);
-        instances_.erase(id);
-    }
+    if (s.stored) gone_.emplace(s.name, s.ptr);
+    for (const auto& [name, id] : s.instances) forget_instance(id);
     forget_pgs(OWNER_SERVICE, service);
     touched_.insert(s.name);
     service_ids_.erase(s.name);
@@ -75,33 +93,42 @@ int EtcdStore::delete_service(int64_t service) {
 }
 
 int64_t EtcdStore::add_instance(int64_t service, std::string_view name) {
-    if (writable_service(service) < 0) return -1;
+    if (!writable_) return fail(HGX_ERROR_PERMISSION_DENIED);
+    Row r;
+    int rc = instance_by_name(service, name, &r);
+    if (rc < 0) return -1;
+    if (rc) return fail(HGX_ERROR_EXISTS);
     ServiceEntry& s = services_.at(service);
     std::string n(name);
-    if (s.instances.count(n)) return fail(HGX_ERROR_EXISTS);
     int64_t id = new_id();
-    instances_[id] = {service, n, true, {}};
+    InstanceEntry& in = instances_[id];
+    in.service = service;
+    in.name = n;
+    in.loaded = true;
     s.instances[n] = id;
+    s.absent.erase(n);
+    s.changed.insert(n);
+    touched_.insert(s.name);
     return id;
 }
 
 int EtcdStore::delete_instance(int64_t service, int64_t instance) {
-    if (writable_service(service) < 0) return -1;
+    if (!writable_) return fail(HGX_ERROR_PERMISSION_DENIED);
     auto it = instances_.find(instance);
     if (it == instances_.end()) return 0;
-    for (const auto& [name, id] : it->second.snapshots) {
-        forget_pgs(OWNER_SNAPSHOT, id);
-        snapshot_instance_.erase(id);
-        snapshot_names_.erase(id);
-    }
-    forget_pgs(OWNER_INSTANCE, instance);
-    services_.at(service).instances.erase(it->second.name);
-    instances_.erase(it);
+    ServiceEntry& s = services_.at(service);
+    const std::string name = it->second.name;
+    if (it->second.stored) s.gone.emplace(name, it->second.ptr);
+    s.instances.erase(name);
+    s.changed.insert(name);
+    touched_.insert(s.name);
+    forget_instance(instance);
     return 0;
 }
 
-int64_t EtcdStore::add_snapshot(int64_t service, int64_t instance, std::string_view name) {
-    if (writable_service(service) < 0) return -1;
+int64_t EtcdStore::add_snapshot(int64_t, int64_t instance, std::string_view name) {
+    if (!writable_) return fail(HGX_ERROR_PERMISSION_DENIED);
+    if (load_instance(instance) < 0) return -1;
     InstanceEntry& in = instances_.at(instance);
     std::string n(name);
     if (in.snapshots.count(n)) return fail(HGX_ERROR_EXISTS);
@@ -109,62 +136,108 @@ int64_t EtcdStore::add_snapshot(int64_t service, int64_t instance, std::string_v
     snapshot_instance_[id] = instance;
     snapshot_names_[id] = n;
     in.snapshots[n] = id;
-    return id;
+    return mark(OWNER_SNAPSHOT, id) < 0 ? -1 : id;
 }
 
-int EtcdStore::delete_snapshot(int64_t service, int64_t instance, int64_t snapshot) {
-    if (writable_service(service) < 0) return -1;
+int EtcdStore::delete_snapshot(int64_t, int64_t instance, int64_t snapshot) {
+    if (!writable_) return fail(HGX_ERROR_PERMISSION_DENIED);
+    if (load_instance(instance) < 0) return -1;
+    InstanceEntry& in = instances_.at(instance);
+    const std::string name = snapshot_names_.at(snapshot);
     forget_pgs(OWNER_SNAPSHOT, snapshot);
-    instances_.at(instance).snapshots.erase(snapshot_names_[snapshot]);
+    in.snapshots.erase(name);
+    in.dirty_snaps.erase(name);
     snapshot_instance_.erase(snapshot);
     snapshot_names_.erase(snapshot);
+    ServiceEntry& s = services_.at(in.service);
+    s.changed.insert(in.name);
+    touched_.insert(s.name);
     return 0;
 }
 
 int64_t EtcdStore::add_pg(const PgPlace& place, std::string_view name, std::string_view type) {
-    if (writable_service(place.service) < 0) return -1;
+    if (!writable_) return fail(HGX_ERROR_PERMISSION_DENIED);
+    int doc_kind = place.kind;
+    int64_t doc_owner = place.owner;
+    if (place.kind == OWNER_PG) {
+        auto parent = pgs_.find(place.owner);
+        if (parent == pgs_.end()) return fail(HGX_ERROR_NOT_FOUND);
+        doc_kind = parent->second.doc_kind;
+        doc_owner = parent->second.doc_owner;
+    } else if (loaded_owner(place.kind, place.owner) < 0) {
+        return -1;
+    }
     Children& c = pg_children(place.kind, place.owner);
     std::string n(name);
     if (c.count(n)) return fail(HGX_ERROR_EXISTS);
     int64_t id = new_id();
-    pgs_[id] = {n, std::string(type), place.kind, place.owner, place.service};
+    pgs_[id] = {n, std::string(type), place.kind, place.owner, place.service, doc_kind, doc_owner};
     c[n] = id;
-    return id;
+    return mark(doc_kind, doc_owner) < 0 ? -1 : id;
 }
 
 int EtcdStore::delete_pg(int64_t pg) {
+    if (!writable_) return fail(HGX_ERROR_PERMISSION_DENIED);
     auto it = pgs_.find(pg);
     if (it == pgs_.end()) return fail(HGX_ERROR_NOT_FOUND);
-    if (writable_service(it->second.service) < 0) return -1;
-    pg_children(it->second.kind, it->second.owner).erase(it->second.name);
+    const PgEntry g = it->second;
+    pg_children(g.kind, g.owner).erase(g.name);
     forget_pgs(OWNER_PG, pg);
     props_.erase(pg);
     pgs_.erase(pg);
-    return 0;
+    return mark(g.doc_kind, g.doc_owner);
 }
 
 int EtcdStore::put_prop(int64_t pg, std::string_view name, int type, std::string_view blob,
                         bool replace) {
+    if (!writable_) return fail(HGX_ERROR_PERMISSION_DENIED);
     auto it = pgs_.find(pg);
     if (it == pgs_.end()) return fail(HGX_ERROR_NOT_FOUND);
-    if (writable_service(it->second.service) < 0) return -1;
     auto& m = props_[pg];
     std::string n(name);
     auto p = m.find(n);
     if (p != m.end() && !replace) return fail(HGX_ERROR_EXISTS);
     int64_t id = p != m.end() ? p->second.id : new_id();
     m[n] = {id, type, std::string(blob)};
-    return 0;
+    return mark(it->second.doc_kind, it->second.doc_owner);
 }
 
 int EtcdStore::delete_prop(int64_t pg, std::string_view name) {
+    if (!writable_) return fail(HGX_ERROR_PERMISSION_DENIED);
     auto it = pgs_.find(pg);
     if (it == pgs_.end()) return fail(HGX_ERROR_NOT_FOUND);
-    if (writable_service(it->second.service) < 0) return -1;
-    return props_[pg].erase(std::string(name)) ? 1 : 0;
+    if (!props_[pg].erase(std::string(name))) return 0;
+    return mark(it->second.doc_kind, it->second.doc_owner) < 0 ? -1 : 1;
 }
 
-// ---- commit ------------------------------------------------------------------------
+// ---- planning a commit ------------------------------------------------------------
+
+// Everything a commit will write and remove, worked out before anything is
+// written: the documents (and the keys of new epochs), the pointer moves of
+// its switch, and what it replaces.
+struct EtcdStore::Plan {
+    std::string w;  // the commit's id, also the stem of its documents' ids
+    int docs = 0;
+    std::vector<json> writes;          // puts written before the switch (or with it)
+    std::vector<std::string> written;  // their keys
+    std::vector<json> moves;           // what the switch changes besides head and changes
+    Removal garbage;                   // what the commit replaces
+    std::vector<ServiceChange> services;
+    std::string er;  // the epoch the head names after the switch
+    bool new_er = false;
+    json changes;
+};
+
+// One service's part of a commit.
+struct EtcdStore::ServiceChange {
+    std::string name;
+    std::optional<ServicePointer> before, after;  // none: no such service then
+    bool new_es = false;  // every instance pointer written anew under after->es
+    bool own = false;     // its own groups changed
+    bool whole = false;   // anything of it may have changed
+    // Instance pointers that change: the new one, none for one removed.
+    std::map<std::string, std::optional<InstancePointer>> moved;
+};
 
 void EtcdStore::doc_groups(int kind, int64_t owner, std::vector<DocGroup>* out) const {
     auto it = pgs_by_owner_.find({kind, owner});
@@ -180,179 +253,319 @@ void EtcdStore::doc_groups(int kind, int64_t owner, std::vector<DocGroup>* out) 
     }
 }
 
-// The keys and values of a service written whole under a generation.
-void EtcdStore::service_docs(int64_t service, const std::string& gen,
-                             std::vector<std::pair<std::string, std::string>>* out) const {
-    const ServiceEntry& s = services_.at(service);
-    std::string base = gen_prefix(gen);
-    Doc doc;
-    doc_groups(OWNER_SERVICE, service, &doc.groups);
-    for (const auto& [name, id] : s.instances) {
-        doc.names.push_back(name);
-        const InstanceEntry& in = instances_.at(id);
-        Doc idoc;
-        doc_groups(OWNER_INSTANCE, id, &idoc.groups);
-        for (const auto& [sname, sid] : in.snapshots) {
-            idoc.names.push_back(sname);
-            Doc sdoc;
-            doc_groups(OWNER_SNAPSHOT, sid, &sdoc.groups);
-            out->emplace_back(base + "i/" + name + "/" + sname, encode_doc(sdoc));
-        }
-        out->emplace_back(base + "i/" + name + "/", encode_doc(idoc));
+// A document of an owner written under a new id of this commit. A document
+// too large for one request fails the commit before anything is written.
+int EtcdStore::new_doc(Plan* p, const std::string& service, const std::string& instance, int kind,
+                       int64_t owner, std::string* id) {
+    Doc d;
+    doc_groups(kind, owner, &d.groups);
+    std::string value = encode_doc(d);
+    if (value.size() > DOC_LIMIT) {
+        std::string what = "wrn:/" + service + (instance.empty() ? "" : ":" + instance);
+        if (kind == OWNER_SNAPSHOT) what += " (snapshot " + snapshot_names_.at(owner) + ")";
+        message_ = std::string(hgx_strerror(HGX_ERROR_TOO_LARGE)) + ": " + what + " would take " +
+                   std::to_string(value.size()) + " bytes, of at most " + std::to_string(DOC_LIMIT);
+        return fail(HGX_ERROR_TOO_LARGE);
     }
-    out->emplace_back(base + "s", encode_doc(doc));
+    *id = p->w + "." + std::to_string(p->docs++);
+    std::string key = k_.doc(service, instance, *id);
+    p->writes.push_back(put_op(key, value));
+    p->written.push_back(std::move(key));
+    return 0;
 }
 
-// Sends operations that need no comparison in transactions of bounded size.
-int EtcdStore::write_batches(const std::vector<json>& ops) {
-    json batch = json::array();
-    size_t bytes = 0;
-    auto flush = [&]() -> int {
-        if (batch.empty()) return 0;
-        bool ok = false;
-        if (cluster_->txn(json::array(), batch, &ok, &message_) < 0) return -1;
-        batch = json::array();
-        bytes = 0;
-        return 0;
+// Every instance pointer of a service under an epoch, as read.
+int EtcdStore::instance_pointers(const std::string& service, const std::string& es,
+                                 std::map<std::string, InstancePointer>* out) {
+    std::string from = k_.instances(es);
+    std::vector<Kv> kvs;
+    if (range_all(*cluster_, from, range_end(from), revision_, &kvs, &message_) < 0) return -1;
+    out->clear();
+    for (const Kv& kv : kvs)
+        if (!decode_pointer(kv.value, &(*out)[kv.key.substr(from.size())]))
+            return broken("the index of service " + service + " is malformed");
+    return 0;
+}
+
+namespace {
+
+void add_doc_ids(const InstancePointer& p, std::set<std::string>* ids) {
+    ids->insert(p.doc);
+    for (const auto& [name, id] : p.snaps) ids->insert(id);
+}
+
+}  // namespace
+
+// The documents and pointers of one changed service. A service removed or
+// made anew goes whole (everything it held is garbage, everything it holds
+// is written under a new epoch of its instances); one that stays writes the
+// documents that changed and moves the pointers of its changed instances.
+int EtcdStore::plan_service(const std::string& name, Plan* p, ServiceChange* sc) {
+    sc->name = name;
+    auto it = service_ids_.find(name);
+    auto gone = gone_.find(name);
+    ServiceEntry* s = it == service_ids_.end() ? nullptr : &services_.at(it->second);
+    if (gone != gone_.end())
+        sc->before = gone->second;
+    else if (s && s->stored)
+        sc->before = s->ptr;
+    auto doc_garbage = [&](const std::string& instance, const std::set<std::string>& ids) {
+        for (const std::string& id : ids) p->garbage.keys.push_back(k_.doc(name, instance, id));
     };
-    for (const json& op : ops) {
-        size_t size = op.dump().size();
-        if (batch.size() >= BATCH_OPS || bytes + size > BATCH_BYTES * 4 / 3) {
-            if (flush() < 0) return -1;
+    if (gone != gone_.end()) {
+        // What the service held: its own groups, its instances and their index.
+        const ServicePointer& old = gone->second;
+        std::map<std::string, InstancePointer> held;
+        if (instance_pointers(name, old.es, &held) < 0) return -1;
+        doc_garbage("", {old.doc});
+        for (const auto& [instance, ptr] : held) {
+            std::set<std::string> ids;
+            add_doc_ids(ptr, &ids);
+            doc_garbage(instance, ids);
+            p->garbage.keys.push_back(k_.pointer(name, instance, old.es));
         }
-        batch.push_back(op);
-        bytes += size;
+        p->garbage.ranges.push_back(k_.instances(old.es));
     }
-    return flush();
-}
-
-// Removes what a finished commit replaced, then its record. A failure leaves
-// the record for the next writer.
-void EtcdStore::collect_garbage(const std::string& record, const std::vector<std::string>& gens,
-                                const std::string& epoch) {
-    std::vector<json> ops;
-    for (const std::string& g : gens) ops.push_back(delete_prefix_op(gen_prefix(g)));
-    if (!epoch.empty()) ops.push_back(delete_prefix_op(p_ + "e/" + epoch + "/"));
-    if (write_batches(ops) == 0) write_batches({delete_op(record)});
-}
-
-// Removes what earlier writers left: garbage of finished commits, and the
-// generations of commits that were abandoned (records older than an hour:
-// a commit takes seconds, and one that comes back after its record is gone
-// fails its comparison).
-void EtcdStore::housekeeping() {
-    std::string saved = message_;
-    for (const char* kind : {"gc/", "w/"}) {
-        std::string from = p_ + kind;
-        std::vector<Kv> kvs;
-        if (cluster_->range(from, range_end(from), 0, &kvs, nullptr, &message_) < 0) break;
-        for (const Kv& kv : kvs) {
-            json r = json::parse(kv.value, nullptr, false);
-            if (!r.is_object()) continue;
-            if (std::strcmp(kind, "w/") == 0 &&
-                std::time(nullptr) - r.value("t", int64_t{0}) < 3600)
-                continue;
-            std::vector<std::string> gens;
-            if (r.contains("gens") && r["gens"].is_array())
-                for (const json& g : r["gens"])
-                    if (g.is_string()) gens.push_back(g.get<std::string>());
-            collect_garbage(kv.key, gens, r.value("epoch", std::string()));
+    if (!s) {
+        sc->whole = true;
+        return 0;
+    }
+    ServicePointer ptr = s->ptr;
+    bool fresh = gone != gone_.end() || !s->stored;
+    if (fresh) {
+        sc->whole = sc->new_es = true;
+        ptr.es = fresh_id();
+    }
+    if (fresh || s->own_dirty) {
+        if (!fresh) doc_garbage("", {s->ptr.doc});
+        sc->own = true;
+        if (new_doc(p, name, "", OWNER_SERVICE, it->second, &ptr.doc) < 0) return -1;
+    }
+    sc->after = ptr;
+    std::set<std::string> names = s->changed;
+    if (fresh)
+        for (const auto& [instance, id] : s->instances) names.insert(instance);
+    for (const std::string& instance : names) {
+        std::optional<InstancePointer> before;
+        auto g = s->gone.find(instance);
+        auto found = s->instances.find(instance);
+        if (!fresh) {
+            if (g != s->gone.end())
+                before = g->second;
+            else if (found != s->instances.end() && instances_.at(found->second).stored)
+                before = instances_.at(found->second).ptr;
         }
-    }
-    message_ = saved;
-    set_error(HGX_ERROR_NONE);
-}
-
-// Every changed service written whole under a new generation of this
-// commit, and the pointer each name gets. A document too large for one
-// request fails the commit before anything is written.
-int EtcdStore::plan_services(CommitPlan* c) {
-    for (const std::string& name : touched_) {
-        auto it = service_ids_.find(name);
-        std::string gen;
-        if (it != service_ids_.end()) {
-            gen = c->w + "-" + std::to_string(c->new_gens.size());
-            std::vector<std::pair<std::string, std::string>> docs;
-            service_docs(it->second, gen, &docs);
-            for (auto& [key, value] : docs) {
-                if (value.size() > DOC_LIMIT) {
-                    message_ = std::string(hgx_strerror(HGX_ERROR_TOO_LARGE)) + ": wrn:/" + name +
-                               ": " + key.substr(gen_prefix(gen).size()) + " would take " +
-                               std::to_string(value.size()) + " bytes, of at most " +
-                               std::to_string(DOC_LIMIT);
-                    return fail(HGX_ERROR_TOO_LARGE);
-                }
-                c->data.push_back(put_op(key, value));
+        std::optional<InstancePointer> after;
+        if (found != s->instances.end()) {
+            const InstanceEntry& in = instances_.at(found->second);
+            bool anew = fresh || !in.stored;
+            if (!anew && !in.loaded) continue;  // only read, never changed
+            InstancePointer ip;
+            if (anew || in.own_dirty) {
+                if (new_doc(p, name, instance, OWNER_INSTANCE, found->second, &ip.doc) < 0)
+                    return -1;
+            } else {
+                ip.doc = in.ptr.doc;
             }
-            c->new_gens.push_back(gen);
+            for (const auto& [snap, sid] : in.snapshots) {
+                if (anew || in.dirty_snaps.count(snap)) {
+                    if (new_doc(p, name, instance, OWNER_SNAPSHOT, sid, &ip.snaps[snap]) < 0)
+                        return -1;
+                } else {
+                    ip.snaps[snap] = in.ptr.snaps.at(snap);
+                }
+            }
+            after = std::move(ip);
         }
-        c->pointers[name] = gen;
-        auto old = read_gen_.find(name);
-        if (old != read_gen_.end() && !old->second.empty()) c->old_gens.push_back(old->second);
+        if (before) {
+            std::set<std::string> old_ids, new_ids;
+            add_doc_ids(*before, &old_ids);
+            if (after) add_doc_ids(*after, &new_ids);
+            std::set<std::string> replaced;
+            std::set_difference(old_ids.begin(), old_ids.end(), new_ids.begin(), new_ids.end(),
+                                std::inserter(replaced, replaced.end()));
+            doc_garbage(instance, replaced);
+            if (after && *after == *before) continue;
+        } else if (!after) {
+            continue;  // made and removed again here
+        }
+        sc->moved[instance] = std::move(after);
     }
     return 0;
 }
 
-// The commit's record goes first, so that whatever the commit writes can be
-// found and removed should it get no further. Where many services change
-// (or the repository is new), every pointer is written under a new epoch.
-int EtcdStore::plan_pointers(CommitPlan* c) {
-    c->many = c->pointers.size() > FEW_SERVICES || !exists_;
-    c->epoch = c->many ? fresh_id() : epoch_;
-    json rec = {{"t", static_cast<int64_t>(std::time(nullptr))},
-                {"gens", c->new_gens},
-                {"epoch", c->many ? c->epoch : std::string()}};
-    c->data.insert(c->data.begin(), put_op(c->record, rec.dump()));
-    if (!c->many) return 0;
-    // A new epoch: every pointer, changed or not, under the new epoch.
-    std::map<std::string, std::string> all;
-    if (exists_) {
-        std::string from = pointer_key(epoch_, "");
-        std::vector<Kv> kvs;
-        if (range(from, range_end(from), &kvs) < 0) return -1;
-        for (Kv& kv : kvs) all[kv.key.substr(from.size())] = std::move(kv.value);
+// A large commit's switch must stay one small transaction: a service with
+// many instance moves writes all its instance pointers under a new epoch
+// instead (and moves one service pointer), and where even the service
+// pointers are too many, every service pointer goes under a new epoch of
+// the head.
+void EtcdStore::choose_epochs(Plan* p) {
+    auto switch_ops = [&] {
+        size_t ops = 4;  // head, changes, the commit's record and its end
+        for (const ServiceChange& sc : p->services) {
+            if (!p->new_er && !(sc.before && sc.after && sc.before->es == sc.after->es &&
+                                sc.before->doc == sc.after->doc))
+                ops += 2;
+            if (!sc.new_es) ops += 2 * sc.moved.size();
+        }
+        return ops;
+    };
+    while (switch_ops() > SWITCH_OPS) {
+        ServiceChange* most = nullptr;
+        for (ServiceChange& sc : p->services)
+            if (!sc.new_es && !sc.moved.empty() && (!most || sc.moved.size() > most->moved.size()))
+                most = &sc;
+        if (!most) {
+            p->new_er = true;
+            p->er = fresh_id();
+            return;
+        }
+        most->new_es = true;
+        most->after->es = fresh_id();
     }
-    for (const auto& [name, gen] : c->pointers) {
-        if (gen.empty())
-            all.erase(name);
-        else
-            all[name] = gen;
-    }
-    for (const auto& [name, gen] : all) c->data.push_back(put_op(pointer_key(c->epoch, name), gen));
-    return 0;
 }
 
-// The switch: one transaction that holds only if nobody committed since
-// this store read the head, and this commit's record is still there. With a
-// new epoch it leaves a record of what the old one held for collection; else
-// it moves the pointers and removes the replaced generations itself.
-int EtcdStore::switch_head(const CommitPlan& c) {
-    json compare = json::array();
-    if (exists_)
-        compare.push_back({{"target", "MOD"},
-                           {"key", b64(head_key())},
-                           {"result", "EQUAL"},
-                           {"mod_revision", std::to_string(head_mod_)}});
+// The pointer keys of the plan, once the epochs are chosen: moves for the
+// switch, or every pointer written anew under a new epoch (what the old
+// epoch held becoming garbage).
+int EtcdStore::finish_plan(Plan* p) {
+    std::map<std::string, std::optional<ServicePointer>> service_moves;
+    json changed = json::object();
+    for (ServiceChange& sc : p->services) {
+        const std::string& name = sc.name;
+        if (sc.after && sc.new_es) {
+            std::map<std::string, InstancePointer> all;
+            if (sc.before && !sc.whole) {
+                if (instance_pointers(name, sc.before->es, &all) < 0) return -1;
+                for (const auto& [instance, ptr] : all)
+                    p->garbage.keys.push_back(k_.pointer(name, instance, sc.before->es));
+                p->garbage.ranges.push_back(k_.instances(sc.before->es));
+            }
+            for (const auto& [instance, ptr] : sc.moved) {
+                if (ptr)
+                    all[instance] = *ptr;
+                else
+                    all.erase(instance);
+            }
+            for (const auto& [instance, ptr] : all) {
+                std::string value = encode_pointer(ptr);
+                for (std::string key : {k_.pointer(name, instance, sc.after->es),
+                                        k_.instances(sc.after->es) + instance}) {
+                    p->writes.push_back(put_op(key, value));
+                    p->written.push_back(std::move(key));
+                }
+            }
+        } else if (sc.after) {
+            for (const auto& [instance, ptr] : sc.moved) {
+                for (const std::string& key : {k_.pointer(name, instance, sc.after->es),
+                                               k_.instances(sc.after->es) + instance})
+                    p->moves.push_back(ptr ? put_op(key, encode_pointer(*ptr)) : delete_op(key));
+            }
+        }
+        bool same = sc.before && sc.after && sc.before->es == sc.after->es &&
+                    sc.before->doc == sc.after->doc;
+        if (!same && (sc.before || sc.after)) service_moves[name] = sc.after;
+        // What a mirror is told.
+        if (sc.whole || sc.moved.size() > CHANGES_LIMIT) {
+            changed[name] = "*";
+        } else if (sc.own || !sc.moved.empty()) {
+            json list = json::array();
+            if (sc.own) list.push_back("");
+            for (const auto& [instance, ptr] : sc.moved) list.push_back(instance);
+            changed[name] = list;
+        }
+    }
+    p->changes = {{"commit", p->w}};
+    if (legacy_ || changed.size() > CHANGES_LIMIT)
+        p->changes["all"] = true;
     else
-        compare.push_back({{"target", "VERSION"},
-                           {"key", b64(head_key())},
-                           {"result", "EQUAL"},
-                           {"version", "0"}});
-    compare.push_back(
-        {{"target", "VERSION"}, {"key", b64(c.record)}, {"result", "GREATER"}, {"version", "0"}});
-    json head = {{"schema", CLUSTER_SCHEMA}, {"epoch", c.epoch}, {"commit", c.w}};
-    json ops = json::array({put_op(head_key(), head.dump()), delete_op(c.record)});
-    if (c.many) {
-        json gc = {{"gens", c.old_gens}, {"epoch", exists_ ? epoch_ : std::string()}};
-        ops.push_back(put_op(gc_key(c.w), gc.dump()));
-    } else {
-        for (const auto& [name, gen] : c.pointers)
-            ops.push_back(gen.empty() ? delete_op(pointer_key(c.epoch, name))
-                                      : put_op(pointer_key(c.epoch, name), gen));
-        for (const std::string& g : c.old_gens) ops.push_back(delete_prefix_op(gen_prefix(g)));
+        p->changes["changed"] = changed;
+    if (!p->new_er) {
+        for (const auto& [name, ptr] : service_moves)
+            for (const std::string& key : {k_.pointer(name, "", p->er), k_.services(p->er) + name})
+                p->moves.push_back(ptr ? put_op(key, encode_pointer(*ptr)) : delete_op(key));
+        return 0;
     }
+    // A new epoch of the head: every service pointer, changed or not.
+    std::map<std::string, ServicePointer> all;
+    if (exists_) {
+        std::string from = k_.services(epoch_);
+        std::vector<Kv> kvs;
+        if (range_all(*cluster_, from, range_end(from), revision_, &kvs, &message_) < 0) return -1;
+        for (const Kv& kv : kvs) {
+            std::string name = kv.key.substr(from.size());
+            if (!decode_pointer(kv.value, &all[name]))
+                return broken("the index entry of service " + name + " is malformed");
+            p->garbage.keys.push_back(k_.pointer(name, "", epoch_));
+        }
+        p->garbage.ranges.push_back(from);
+    }
+    for (const auto& [name, ptr] : service_moves) {
+        if (ptr)
+            all[name] = *ptr;
+        else
+            all.erase(name);
+    }
+    for (const auto& [name, ptr] : all) {
+        std::string value = encode_pointer(ptr);
+        for (std::string key : {k_.pointer(name, "", p->er), k_.services(p->er) + name}) {
+            p->writes.push_back(put_op(key, value));
+            p->written.push_back(std::move(key));
+        }
+    }
+    return 0;
+}
+
+int EtcdStore::plan(Plan* p) {
+    p->w = fresh_id();
+    p->new_er = !exists_;
+    p->er = exists_ ? epoch_ : fresh_id();
+    for (const std::string& name : touched_) {
+        p->services.emplace_back();
+        if (plan_service(name, p, &p->services.back()) < 0) return -1;
+    }
+    if (legacy_)
+        for (const char* old : {"e/", "d/", "w/", "gc/"})
+            p->garbage.ranges.push_back(k_.prefix() + old);
+    return 0;
+}
+
+// ---- committing ---------------------------------------------------------------------
+
+json EtcdStore::head_compare() const {
+    if (exists_ || legacy_)
+        return {{"target", "MOD"},
+                {"key", b64(k_.head())},
+                {"result", "EQUAL"},
+                {"mod_revision", std::to_string(head_mod_)}};
+    return {{"target", "VERSION"}, {"key", b64(k_.head())}, {"result", "EQUAL"}, {"version", "0"}};
+}
+
+namespace {
+
+json head_value(const std::string& er, const std::string& w) {
+    return {{"schema", CLUSTER_SCHEMA}, {"epoch", er}, {"commit", w}};
+}
+
+size_t ops_bytes(const std::vector<json>& ops) {
+    size_t n = 0;
+    for (const json& op : ops) n += op.dump().size();
+    return n;
+}
+
+}  // namespace
+
+// A commit that fits in one transaction: everything at once, compared on
+// the head.
+int EtcdStore::commit_one(const Plan& p) {
+    json ops = json::array(
+        {put_op(k_.head(), head_value(p.er, p.w).dump()), put_op(k_.changes(), p.changes.dump())});
+    for (const json& op : p.writes) ops.push_back(op);
+    for (const json& op : p.moves) ops.push_back(op);
+    for (const std::string& key : p.garbage.keys) ops.push_back(delete_op(key));
+    for (const std::string& from : p.garbage.ranges) ops.push_back(delete_prefix_op(from));
     bool ok = false;
-    if (cluster_->txn(compare, ops, &ok, &message_) < 0) return -1;
+    if (cluster_->txn(json::array({head_compare()}), ops, &ok, &message_) < 0) return -1;
     if (!ok) {
         message_ = "another writer changed the repository first";
         return fail(HGX_ERROR_CONFLICT);
@@ -360,26 +573,173 @@ int EtcdStore::switch_head(const CommitPlan& c) {
     return 0;
 }
 
-// Removes what a commit that got no further wrote, keeping its failure.
-int EtcdStore::abandon(const CommitPlan& c) {
+namespace {
+
+int64_t number(const json& j) {
+    if (j.is_string()) return std::strtoll(j.get<std::string>().c_str(), nullptr, 10);
+    return j.is_number_integer() ? j.get<int64_t>() : 0;
+}
+
+}  // namespace
+
+// The writer's record lives as long as its lease: a writer that dies (or
+// falls silent for WRITER_TTL seconds) loses it, and the next writer then
+// removes what it had written. A writer whose record is gone fails.
+int EtcdStore::keep_alive(int64_t lease) {
+    json reply;
+    if (cluster_->call("/v3/lease/keepalive", {{"ID", std::to_string(lease)}}, &reply, &message_) <
+        0)
+        return -1;
+    const json& r = reply.contains("result") ? reply["result"] : reply;
+    if (number(r.value("TTL", json())) > 0) return 0;
+    message_ = "this writer was silent for too long and its commit was given up";
+    return fail(HGX_ERROR_CONFLICT);
+}
+
+// Writes puts in transactions of bounded size, each with a list of the keys
+// it wrote (keys[i] for ops[i], "" for none), the first one also with the
+// commit's record, which holds the lease.
+int EtcdStore::write_batches(const std::vector<json>& ops, const std::vector<std::string>& keys,
+                             const std::string& w, int64_t lease) {
+    json batch = json::array();
+    Removal listed;
+    size_t bytes = 0;
+    int n = 0;
+    auto alive = std::chrono::steady_clock::now();
+    auto flush = [&]() -> int {
+        if (batch.empty() && n > 0) return 0;
+        if (n == 0) {
+            json record = put_op(k_.txn(w), "{}");
+            record["request_put"]["lease"] = std::to_string(lease);
+            batch.push_back(record);
+        }
+        batch.push_back(put_op(k_.txn(w) + "/n" + std::to_string(n), listed.dump(k_.prefix())));
+        if (std::chrono::steady_clock::now() - alive > std::chrono::seconds(WRITER_TTL / 4)) {
+            if (keep_alive(lease) < 0) return -1;
+            alive = std::chrono::steady_clock::now();
+        }
+        bool ok = false;
+        if (cluster_->txn(json::array(), batch, &ok, &message_) < 0) return -1;
+        ++n;
+        batch = json::array();
+        listed = Removal();
+        bytes = 0;
+        return 0;
+    };
+    for (size_t i = 0; i < ops.size(); ++i) {
+        size_t size = ops[i].dump().size() + keys[i].size();
+        if (batch.size() + 3 > BATCH_OPS || bytes + size > BATCH_BYTES * 4 / 3) {
+            if (flush() < 0) return -1;
+        }
+        batch.push_back(ops[i]);
+        if (!keys[i].empty()) listed.keys.push_back(keys[i]);
+        bytes += size;
+    }
+    return flush();
+}
+
+// After a switch that failed, or whose fate is unknown: removes the
+// commit's record unless the switch happened, so that it never can later,
+// and then what the commit wrote. 1 where it switched after all, 0 where it
+// never will, -1 where that cannot be told now (the next writer will tell,
+// and clean up); the commit's failure is kept unless it switched.
+int EtcdStore::give_up(const Plan& p, int64_t lease) {
     std::string saved = message_;
     hgx_error_t code = get_error();
-    collect_garbage(c.record, c.new_gens, c.many ? c.epoch : std::string());
+    json untouched = json::array({{{"target", "VERSION"},
+                                   {"key", b64(k_.txn(p.w) + "/done")},
+                                   {"result", "EQUAL"},
+                                   {"version", "0"}}});
+    bool ok = false;
+    int fate = -1;
+    if (cluster_->txn(untouched, json::array({delete_op(k_.txn(p.w))}), &ok, &message_) == 0) {
+        fate = ok ? 0 : 1;
+        Removal written;
+        written.keys = p.written;
+        if (fate == 0 && remove(written) == 0) {
+            Removal lists;
+            lists.ranges.push_back(k_.txn(p.w) + "/");
+            remove(lists);
+        }
+    }
+    json reply;
+    cluster_->call("/v3/lease/revoke", {{"ID", std::to_string(lease)}}, &reply, &message_);
     message_ = saved;
-    set_error(code);
-    return -1;
+    set_error(fate == 1 ? HGX_ERROR_NONE : code);
+    return fate;
+}
+
+// A commit too large for one transaction: its documents and new epochs first,
+// in transactions of bounded size, with the list of what it replaces; then
+// the switch; then what it replaced goes.
+int EtcdStore::commit_large(Plan& p) {
+    json reply;
+    if (cluster_->call("/v3/lease/grant", {{"TTL", std::to_string(WRITER_TTL)}}, &reply,
+                       &message_) < 0)
+        return -1;
+    int64_t lease = number(reply.value("ID", json()));
+    if (!lease) return broken("the cluster granted no lease");
+    std::vector<json> ops = p.writes;
+    std::vector<std::string> keys = p.written;
+    for (const std::string& chunk : p.garbage.chunks(k_.prefix())) {
+        ops.push_back(put_op(k_.txn(p.w) + "/o" + std::to_string(ops.size()), chunk));
+        keys.emplace_back();
+    }
+    if (write_batches(ops, keys, p.w, lease) < 0) {
+        give_up(p, lease);
+        return -1;
+    }
+    json compare = json::array({head_compare(),
+                                {{"target", "VERSION"},
+                                 {"key", b64(k_.txn(p.w))},
+                                 {"result", "GREATER"},
+                                 {"version", "0"}}});
+    json switch_ops = json::array({put_op(k_.head(), head_value(p.er, p.w).dump()),
+                                   put_op(k_.changes(), p.changes.dump()),
+                                   put_op(k_.txn(p.w) + "/done", "{}"), delete_op(k_.txn(p.w))});
+    for (const json& op : p.moves) switch_ops.push_back(op);
+    bool ok = false;
+    int rc = cluster_->txn(compare, switch_ops, &ok, &message_);
+    if (rc == 0 && !ok) {
+        message_ = "another writer changed the repository first";
+        set_error(HGX_ERROR_CONFLICT);
+    }
+    if ((rc < 0 || !ok) && give_up(p, lease) != 1) return -1;
+    // Switched: whatever fails from here is left for the next writer.
+    std::string saved = message_;
+    if (remove(p.garbage) == 0) {
+        Removal lists;
+        lists.ranges.push_back(k_.txn(p.w) + "/");
+        remove(lists);
+    }
+    cluster_->call("/v3/lease/revoke", {{"ID", std::to_string(lease)}}, &reply, &message_);
+    message_ = saved;
+    set_error(HGX_ERROR_NONE);
+    return 0;
 }
 
 int EtcdStore::commit() {
     if (!writable_) return fail(HGX_ERROR_PERMISSION_DENIED);
-    if (touched_.empty() && exists_) return 0;
-    CommitPlan c;
-    c.w = fresh_id();
-    c.record = p_ + "w/" + c.w;
-    if (plan_services(&c) < 0 || plan_pointers(&c) < 0) return -1;
-    if (write_batches(c.data) < 0 || switch_head(c) < 0) return abandon(c);
-    if (c.many) collect_garbage(gc_key(c.w), c.old_gens, exists_ ? epoch_ : std::string());
-    return 0;
+    if (touched_.empty() && exists_ && !legacy_) return 0;
+    Plan p;
+    if (plan(&p) < 0) return -1;
+    // First as one transaction, where it fits (its pointers can only add to
+    // what the documents and removals take).
+    auto ops = [](const Plan& q) {
+        return 2 + q.writes.size() + q.moves.size() + q.garbage.keys.size() +
+               q.garbage.ranges.size();
+    };
+    if (ops(p) <= BATCH_OPS) {
+        Plan one = p;
+        if (finish_plan(&one) < 0) return -1;
+        // Deletions take a key each, well within 200 bytes.
+        if (ops(one) <= BATCH_OPS &&
+            ops_bytes(one.writes) + ops_bytes(one.moves) + 200 * ops(one) < BATCH_BYTES * 4 / 3)
+            return commit_one(one);
+    }
+    choose_epochs(&p);
+    if (finish_plan(&p) < 0) return -1;
+    return commit_large(p);
 }
 
 }  // namespace hgx_detail::etcd

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -203,6 +204,10 @@ std::string fresh_id() {
     return buf;
 }
 
+namespace {
+std::atomic<int64_t> bytes_read{0};  // answers and watch streams, for hgx_cluster_bytes_read
+}  // namespace
+
 hgx_error_t client_error(int status) {
     switch (status) {
         case HGX_ETCD_TIMEOUT:
@@ -279,6 +284,7 @@ int Cluster::call(const char* path, const json& request, json* reply, std::strin
     }
     silent_ms_ = 0;
     std::string text(r.body, r.size);
+    bytes_read += static_cast<int64_t>(r.size);
     long status = r.http_status;
     api_->release(&r);
     json j = json::parse(text, nullptr, false);
@@ -412,6 +418,7 @@ struct Follower {
 
 int follow_data(void* p, const char* data, size_t size) {
     Follower* f = static_cast<Follower*>(p);
+    bytes_read += static_cast<int64_t>(size);
     try {
         f->pending.append(data, size);
         size_t nl;
@@ -437,6 +444,8 @@ void follow_alive(void* p) { static_cast<Follower*>(p)->heard = true; }
 namespace hgx_detail {
 
 using namespace etcd;
+
+int64_t cluster_bytes_read() { return bytes_read; }
 
 // The watch moves from member to member as each fails, starting again after
 // the last commit it handed on; the cluster is lost when every member in

@@ -144,17 +144,37 @@ class Store {
     virtual int meta_set(std::string_view key, std::string_view value) = 0;
 
     // Where this state comes from: for a cluster its id and prefix and the
-    // revision read, and a version of each service that changes whenever
-    // the service does. A file has none: empty, 0, and empty versions.
+    // revision read. A file has none: empty and 0.
     virtual std::string source() const { return ""; }
     virtual int64_t revision() const { return 0; }
-    virtual int service_versions(std::vector<std::pair<std::string, std::string>>* out) {
-        std::vector<Row> rows;
-        if (services(&rows) < 0) return -1;
+
+    // What a mirror follows a cluster with. A store that cannot tell (a
+    // file) gives *all = true from changes() and HGX_ERROR_INVALID_ARGUMENT
+    // from the others.
+    //
+    // What the commit that made this state changed: 0 with *all set, or with
+    // *out the (service, instance) pairs it changed, instance "" for the
+    // service's own groups and "*" for anything of the service; -1 failure.
+    virtual int changes(std::vector<std::pair<std::string, std::string>>* out, bool* all) {
         out->clear();
-        for (Row& r : rows) out->emplace_back(std::move(r.name), std::string());
+        *all = true;
         return 0;
     }
+    // A text that changes whenever the service's own groups (instance "")
+    // or the instance with its snapshots does: 1 with *out set, 0 where
+    // there is none, -1 failure.
+    virtual int version(std::string_view, std::string_view, std::string*) {
+        return fail(HGX_ERROR_INVALID_ARGUMENT);
+    }
+    // Every instance of a service with its version: 1 with *out replaced, 0
+    // where there is no such service, -1 failure.
+    virtual int instance_versions(std::string_view,
+                                  std::vector<std::pair<std::string, std::string>>*) {
+        return fail(HGX_ERROR_INVALID_ARGUMENT);
+    }
+    // The instance werns the store's user has been granted to read, where
+    // the store's access is limited to them: 0 with *out replaced, -1.
+    virtual int granted(std::vector<std::string>*) { return fail(HGX_ERROR_INVALID_ARGUMENT); }
 
     // The store's own text for the last failure, or empty; set_message
     // gives it the text of a failure found above it (a copy's checks).
@@ -167,11 +187,13 @@ class Store {
 
 // How a store is opened.
 enum class OpenMode {
-    // One consistent state, read-only.
+    // One consistent state, read-only, within a short budget of time.
     READ,
     // As READ, and a file is read without any write to it or beside it; a
     // writer of the file cannot open in this process while the store lives.
     READ_NO_WRITES,
+    // As READ, however long it takes while the cluster answers.
+    COPY,
     // One transaction on an existing repository.
     WRITE,
     // As WRITE, creating an empty repository where there is none.
@@ -191,6 +213,22 @@ std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode, s
                                        int file_mode = -1);
 std::unique_ptr<Store> open_cluster_store(const std::string& url, OpenMode mode,
                                           std::string* message, int64_t at_revision = 0);
+
+// Converts the repository below a cluster's prefix from the first layout
+// of its keys to this one, in one switch: 0 converted, 1 it needed nothing,
+// -1 with the error set and a line for the user in *message.
+int upgrade_cluster(const std::string& url, std::string* message);
+// Gives the existing etcd user a role of its own that reads the instances
+// werns name and their services' own groups, and nothing else of the
+// repository (with host non-empty, it also writes that host's status key);
+// replaces what the role granted before. 0 with the werns of instances
+// that the repository does not hold (yet) in *missing, or -1 with the error
+// set and a line in *message.
+int grant_cluster_role(const std::string& url, const std::string& user, const std::string& host,
+                       const std::vector<std::string>& werns, std::vector<std::string>* missing,
+                       std::string* message);
+// Bytes this process has read from etcd clusters, answers and watches.
+int64_t cluster_bytes_read();
 
 // Follows the commits of the repository in a cluster: calls on_commit with
 // the revision of each, in order, from the one after `after`. Returns 0 when

@@ -36,7 +36,8 @@ std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode, std::
         if (mode == OpenMode::READ_NO_WRITES) mode = OpenMode::READ;
         return open_cluster_store(where, mode, message, at_revision);
     }
-    return open_file_store(where, mode, message);
+    // A file is read in one read transaction however long the reading takes.
+    return open_file_store(where, mode == OpenMode::COPY ? OpenMode::READ : mode, message);
 }
 
 namespace {

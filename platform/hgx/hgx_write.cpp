@@ -316,6 +316,30 @@ int copy_pgs(Store& from, int kind, int64_t owner, Store& to, const PgPlace& pla
     return own_pgs(from, kind, owner, &top) < 0 ? -1 : walk_groups(from, top, sink, 0);
 }
 
+// Adds an instance of one store, with its groups and snapshots, to a
+// service (named service_name) of another, checking them on the way; the
+// new instance's id, or -1.
+int64_t copy_instance(Store& from, int64_t instance, Store& to, int64_t service,
+                      std::string_view service_name, std::string_view name) {
+    CopyCheck check(to);
+    if (check.instance(service_name, name) < 0) return -1;
+    const std::string iwern = instance_wern(service_name, name);
+    int64_t iid = to.add_instance(service, name);
+    if (iid < 0 || copy_pgs(from, OWNER_INSTANCE, instance, to,
+                            {OWNER_INSTANCE, iid, service, iid, 0}, iwern) < 0)
+        return -1;
+    std::vector<Row> snaps;
+    if (from.snapshots(instance, &snaps) < 0) return -1;
+    for (const Row& sn : snaps) {
+        if (check.snapshot(iwern, sn.name) < 0) return -1;
+        int64_t nid = to.add_snapshot(service, iid, sn.name);
+        if (nid < 0 || copy_pgs(from, OWNER_SNAPSHOT, sn.id, to,
+                                {OWNER_SNAPSHOT, nid, service, iid, nid}, iwern) < 0)
+            return -1;
+    }
+    return iid;
+}
+
 }  // namespace
 
 int hgx_writer_add_pg(hgx_writer_t* w, const hgx_owner& owner, std::string_view name,
@@ -406,23 +430,8 @@ int hgx_writer_copy_service(hgx_writer_t* to, hgx_writer_t* from, std::string_vi
             return -1;
         std::vector<Row> instances;
         if (src.instances(svc.id, &instances) < 0) return -1;
-        for (const Row& in : instances) {
-            if (check.instance(name, in.name) < 0) return -1;
-            const std::string iwern = instance_wern(name, in.name);
-            int64_t iid = dst.add_instance(sid, in.name);
-            if (iid < 0 || copy_pgs(src, OWNER_INSTANCE, in.id, dst,
-                                    {OWNER_INSTANCE, iid, sid, iid, 0}, iwern) < 0)
-                return -1;
-            std::vector<Row> snaps;
-            if (src.snapshots(in.id, &snaps) < 0) return -1;
-            for (const Row& sn : snaps) {
-                if (check.snapshot(iwern, sn.name) < 0) return -1;
-                int64_t nid = dst.add_snapshot(sid, iid, sn.name);
-                if (nid < 0 || copy_pgs(src, OWNER_SNAPSHOT, sn.id, dst,
-                                        {OWNER_SNAPSHOT, nid, sid, iid, nid}, iwern) < 0)
-                    return -1;
-            }
-        }
+        for (const Row& in : instances)
+            if (copy_instance(src, in.id, dst, sid, name, in.name) < 0) return -1;
         return 0;
     });
 }
@@ -439,16 +448,96 @@ int hgx_writer_services(hgx_writer_t* w, std::vector<std::string>* out) {
 
 hgx_writer_t* hgx_reader_open_at(const char* url, int64_t revision, std::string* message) {
     return guarded<hgx_writer_t*>(nullptr, [&]() -> hgx_writer_t* {
-        return make_writer(open_store(url ? url : "", OpenMode::READ, message, revision));
+        return make_writer(open_store(url ? url : "", OpenMode::COPY, message, revision));
     });
 }
 
 const char* hgx_writer_source(const hgx_writer_t* w) { return w->source.c_str(); }
 int64_t hgx_writer_revision(const hgx_writer_t* w) { return w->store->revision(); }
 
-int hgx_writer_service_versions(hgx_writer_t* w,
-                                std::vector<std::pair<std::string, std::string>>* out) {
-    return guarded(-1, [&]() -> int { return w->store->service_versions(out); });
+int hgx_writer_changes(hgx_writer_t* w, std::vector<std::pair<std::string, std::string>>* out,
+                       bool* all) {
+    return guarded(-1, [&]() -> int { return w->store->changes(out, all); });
+}
+
+int hgx_writer_version(hgx_writer_t* w, std::string_view service, std::string_view instance,
+                       std::string* version) {
+    return guarded(-1, [&]() -> int { return w->store->version(service, instance, version); });
+}
+
+int hgx_writer_instance_versions(hgx_writer_t* w, std::string_view service,
+                                 std::vector<std::pair<std::string, std::string>>* out) {
+    return guarded(-1, [&]() -> int { return w->store->instance_versions(service, out); });
+}
+
+int hgx_writer_granted(hgx_writer_t* w, std::vector<std::string>* werns) {
+    return guarded(-1, [&]() -> int { return w->store->granted(werns); });
+}
+
+int hgx_writer_copy_own(hgx_writer_t* to, hgx_writer_t* from, std::string_view service) {
+    return guarded(-1, [&]() -> int {
+        Store& src = *from->store;
+        Store& dst = *to->store;
+        Row svc, old;
+        int has = src.service_by_name(service, &svc);
+        int held = has < 0 ? -1 : dst.service_by_name(service, &old);
+        if (held < 0) return -1;
+        if (!has) return held ? dst.delete_service(old.id) : 0;
+        CopyCheck check(dst);
+        if (check.service(service) < 0) return -1;
+        int64_t sid = held ? old.id : dst.add_service(service);
+        if (sid < 0) return -1;
+        std::vector<Row> groups;
+        if (held && dst.pgs(OWNER_SERVICE, sid, &groups) < 0) return -1;
+        for (const Row& g : groups)
+            if (dst.delete_pg(g.id) < 0) return -1;
+        return copy_pgs(src, OWNER_SERVICE, svc.id, dst, {OWNER_SERVICE, sid, sid, 0, 0},
+                        service_wern(service));
+    });
+}
+
+int hgx_writer_copy_instance(hgx_writer_t* to, hgx_writer_t* from, std::string_view service,
+                             std::string_view instance) {
+    return guarded(-1, [&]() -> int {
+        Store& dst = *to->store;
+        Row dsvc, old, ssvc, in;
+        int rc = dst.service_by_name(service, &dsvc);
+        if (rc <= 0) return rc < 0 ? -1 : fail(HGX_ERROR_NOT_FOUND);
+        rc = dst.instance_by_name(dsvc.id, instance, &old);
+        if (rc < 0 || (rc && dst.delete_instance(dsvc.id, old.id) < 0)) return -1;
+        if (!from) return 0;
+        Store& src = *from->store;
+        rc = src.service_by_name(service, &ssvc);
+        if (rc > 0) rc = src.instance_by_name(ssvc.id, instance, &in);
+        if (rc <= 0) return rc;
+        return copy_instance(src, in.id, dst, dsvc.id, service, instance) < 0 ? -1 : 0;
+    });
+}
+
+int64_t hgx_cluster_bytes_read() { return cluster_bytes_read(); }
+
+int hgx_upgrade(const char* url, std::string* message) {
+    return guarded(-1, [&]() -> int {
+        std::string where = url ? url : "";
+        if (!is_cluster_url(where)) {
+            *message = where + ": upgrade converts a repository in an etcd cluster, not a file";
+            return fail(HGX_ERROR_INVALID_ARGUMENT);
+        }
+        return upgrade_cluster(where, message);
+    });
+}
+
+int hgx_grant(const char* url, const std::string& user, const std::string& host,
+              const std::vector<std::string>& werns, std::vector<std::string>* missing,
+              std::string* message) {
+    return guarded(-1, [&]() -> int {
+        std::string where = url ? url : "";
+        if (!is_cluster_url(where)) {
+            *message = where + ": grant gives an etcd user access to a cluster, not to a file";
+            return fail(HGX_ERROR_INVALID_ARGUMENT);
+        }
+        return grant_cluster_role(where, user, host, werns, missing, message);
+    });
 }
 
 int hgx_writer_meta_get(hgx_writer_t* w, std::string_view key, std::string* value) {
@@ -495,6 +584,26 @@ class TextSink final : public GroupSink {
 
 }  // namespace
 
+namespace {
+
+// The text of one instance of a service, as hgx_writer_instance_texts.
+int instance_text(Store& s, int64_t service, const Row& in, std::string* text) {
+    text->clear();
+    TextSink sink(text);
+    std::vector<ComposedPg> top;
+    if (composed_top(s, service, in.id, &top) < 0 || walk_groups(s, top, sink, 0) < 0) return -1;
+    std::vector<Row> snaps;
+    if (s.snapshots(in.id, &snaps) < 0) return -1;
+    for (const Row& sn : snaps) {
+        add_text(text, sn.name);
+        if (own_pgs(s, OWNER_SNAPSHOT, sn.id, &top) < 0 || walk_groups(s, top, sink, 0) < 0)
+            return -1;
+    }
+    return 0;
+}
+
+}  // namespace
+
 int hgx_writer_instance_texts(hgx_writer_t* w, std::string_view service,
                               std::map<std::string, std::string>* out) {
     return guarded(-1, [&]() -> int {
@@ -505,21 +614,21 @@ int hgx_writer_instance_texts(hgx_writer_t* w, std::string_view service,
         if (rc <= 0) return rc;
         std::vector<Row> instances;
         if (s.instances(svc.id, &instances) < 0) return -1;
-        for (const Row& in : instances) {
-            std::string& text = (*out)[in.name];
-            TextSink sink(&text);
-            std::vector<ComposedPg> top;
-            if (composed_top(s, svc.id, in.id, &top) < 0 || walk_groups(s, top, sink, 0) < 0)
-                return -1;
-            std::vector<Row> snaps;
-            if (s.snapshots(in.id, &snaps) < 0) return -1;
-            for (const Row& sn : snaps) {
-                add_text(&text, sn.name);
-                if (own_pgs(s, OWNER_SNAPSHOT, sn.id, &top) < 0 || walk_groups(s, top, sink, 0) < 0)
-                    return -1;
-            }
-        }
+        for (const Row& in : instances)
+            if (instance_text(s, svc.id, in, &(*out)[in.name]) < 0) return -1;
         return 0;
+    });
+}
+
+int hgx_writer_instance_text(hgx_writer_t* w, std::string_view service, std::string_view instance,
+                             std::string* text) {
+    return guarded(-1, [&]() -> int {
+        Store& s = *w->store;
+        Row svc, in;
+        int rc = s.service_by_name(service, &svc);
+        if (rc > 0) rc = s.instance_by_name(svc.id, instance, &in);
+        if (rc <= 0) return rc;
+        return instance_text(s, svc.id, in, text) < 0 ? -1 : 1;
     });
 }
 

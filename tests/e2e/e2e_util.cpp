@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -257,6 +258,40 @@ std::string generation_manifest(const std::string& service, int gen, int count) 
         m += '"';
     }
     m += "}}}}}}}}";
+    return m;
+}
+
+std::string fleet_manifest(const std::string& service, int instances, int count, int gen) {
+    // Appended piece by piece, as generation_manifest.
+    std::string m = "{\"services\": {\"";
+    m += service;
+    m += "\": {\"groups\": {\"config\": {\"properties\": {";
+    for (int i = 0; i < count; ++i) {
+        m += i ? ", \"d" : "\"d";
+        m += std::to_string(i);
+        m += "\": \"default\"";
+    }
+    m += "}}}, \"instances\": {";
+    for (int k = 0; k < instances; ++k) {
+        char host[16];
+        std::snprintf(host, sizeof host, "host%05d", k);
+        m += k ? ", \"" : "\"";
+        m += host;
+        m += "\": {\"groups\": {\"config\": {\"properties\": {";
+        for (int i = 0; i < count; ++i) {
+            m += i ? ", \"p" : "\"p";
+            m += std::to_string(i);
+            m += "\": \"g";
+            m += std::to_string(gen);
+            m += '-';
+            m += host;
+            m += '-';
+            m += std::to_string(i);
+            m += '"';
+        }
+        m += "}}}}";
+    }
+    m += "}}}}";
     return m;
 }
 

@@ -111,6 +111,10 @@ class RepositoryTest : public ::testing::Test {
 // of `count` properties p0, p1, ... all of the value "g<gen>": one
 // generation of the instance.
 std::string generation_manifest(const std::string& service, int gen, int count);
+// A service of a fleet: own groups "config" (d0, d1, ... "default") and
+// `instances` instances host00000, host00001, ... each with a group "config"
+// of `count` properties p0, p1, ... of the value "g<gen>-<host>-<i>".
+std::string fleet_manifest(const std::string& service, int instances, int count, int gen);
 // A stencil that prints the `count` properties of such a group on one line,
 // and the generation ("g<gen>") that its output shows: "" for an output
 // that mixes generations or is no such line.

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <functional>
 #include <regex>
 #include <set>
@@ -23,6 +24,13 @@ namespace {
 using e2e::hgxrepo;
 
 const std::string WERN = "wrn:/app/web:default";
+
+// A text and a number, appended (GCC 12 takes "literal" + std::string&& for
+// an overlapping copy at -O3).
+std::string numbered(std::string text, int n) {
+    text += std::to_string(n);
+    return text;
+}
 
 std::string generation(int gen, int count = 200) {
     return e2e::generation_manifest("app/web", gen, count);
@@ -471,6 +479,134 @@ TEST_F(EtcdCluster, CopiesAWholeRepositoryToAFileAndBack) {
     ASSERT_EQ(repo({"import", "-"}, generation(0, 1)).status, 0);
     ASSERT_EQ(hgxrepo({"-r", file, "copy", url}).status, 0);
     EXPECT_EQ(repo({"list"}).out, hgxrepo({"-r", file, "list"}).out);
+}
+
+// Every kind of commit, from one property to a new epoch of every
+// service, leaves the cluster holding what the same commands leave in a
+// file.
+TEST_F(EtcdCluster, CommitsOfEverySizeGiveWhatTheyGiveAFile) {
+    if (!start()) return;
+    e2e::TempDir dir;
+    const std::string file = dir / "same.db";
+    // 60 services at once: more pointers than one switch moves.
+    std::string many = "{\"services\": {";
+    for (int i = 0; i < 60; ++i) {
+        std::string one = e2e::generation_manifest(numbered("many/s", i), i, 2);
+        if (i) many += ',';
+        many += one.substr(14, one.size() - 16);
+    }
+    many += "}}";
+    struct Step {
+        const char* what;
+        std::vector<std::string> args;
+        std::string input;
+    } steps[] = {
+        {"a fleet", {"import", "-"}, e2e::fleet_manifest("fleet/web", 300, 5, 0)},
+        {"one property",
+         {"setprop", "--snapshot", "wrn:/fleet/web:host00007/:properties/config/p1", "x"},
+         ""},
+        {"one instance removed", {"delete", "wrn:/fleet/web:host00008"}, ""},
+        {"every snapshot of the fleet", {"snapshot", "wrn:/fleet/web", "before"}, ""},
+        {"the fleet's defaults",
+         {"setprop", "--snapshot", "wrn:/fleet/web/:properties/config/d0", "y"},
+         ""},
+        {"many services", {"import", "-"}, many},
+        {"the fleet anew", {"import", "-"}, e2e::fleet_manifest("fleet/web", 120, 5, 1)},
+        {"a service removed", {"delete", "wrn:/many/s3"}, ""},
+    };
+    for (const Step& step : steps) {
+        e2e::Result c = repo(step.args, step.input);
+        std::vector<std::string> args = step.args;
+        args.insert(args.begin(), {"-r", file});
+        e2e::Result f = hgxrepo(args, step.input);
+        ASSERT_EQ(e2e::whole(c), e2e::whole(f)) << step.what;
+        ASSERT_EQ(repo({"export"}).out, hgxrepo({"-r", file, "export"}).out) << step.what;
+        for (const char* w : {"wrn:/fleet/web:host00007", "wrn:/fleet/web:host00100"})
+            for (const char* snap : {"running", "before"})
+                EXPECT_EQ(repo({"show", w, snap}).out, hgxrepo({"-r", file, "show", w, snap}).out)
+                    << step.what << ": " << w << " " << snap;
+    }
+}
+
+// A large commit (every snapshot of a service anew) races small ones on
+// single instances: every one lands, none undoes another.
+TEST_F(EtcdCluster, ALargeCommitAndSmallOnesRacingAllLand) {
+    if (!start()) return;
+    ASSERT_EQ(repo({"import", "-"}, e2e::fleet_manifest("fleet/web", 300, 5, 0)).status, 0);
+    std::vector<std::thread> writers;
+    std::atomic<int> failed{0};
+    writers.emplace_back([&] {
+        if (repo({"snapshot", "wrn:/fleet/web", "later"}).status != 0) ++failed;
+    });
+    for (int i = 0; i < 8; ++i)
+        writers.emplace_back([&, i] {
+            std::string host = numbered("wrn:/fleet/web:host0000", i);
+            if (repo({"setprop", host + "/:properties/config/w", numbered("v", i)}).status)
+                ++failed;
+        });
+    for (auto& t : writers) t.join();
+    EXPECT_EQ(failed.load(), 0);
+    for (int i = 0; i < 8; ++i) {
+        std::string host = numbered("wrn:/fleet/web:host0000", i);
+        EXPECT_NE(repo({"show", host}).out.find(numbered("config/w astring \"v", i)),
+                  std::string::npos)
+            << host;
+        EXPECT_NE(repo({"show", host, "later"}).out.find("config/p0"), std::string::npos) << host;
+    }
+}
+
+// Writers killed in the middle of large commits leave keys behind; the next
+// writer removes them once their leases have lapsed, leaving the prefix as
+// one clean commit leaves it.
+TEST_F(EtcdCluster, KeysOfWritersThatDiedAreRemovedByTheNextWriter) {
+    if (!start()) return;
+    auto count = [&](const std::string& from) {
+        std::string r =
+            server.post(0, "/v3/kv/range",
+                        "{\"key\":\"" + etcd_testing::b64(from) + "\",\"range_end\":\"" +
+                            etcd_testing::b64(from.substr(0, from.size() - 1) + "0") +
+                            "\",\"count_only\":true}");
+        size_t at = r.find("\"count\":\"");
+        return at == std::string::npos ? 0 : std::stol(r.substr(at + 9));
+    };
+    ASSERT_EQ(repo({"import", "-"}, e2e::fleet_manifest("fleet/web", 1000, 5, 0)).status, 0);
+    const long clean = count("kelvo/");
+    int caught = 0;
+    for (int gen = 1; gen <= 20; ++gen) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            int null = open("/dev/null", O_RDWR);
+            dup2(null, 1);
+            dup2(null, 2);
+            e2e::Result r = repo({"import", "-"}, e2e::fleet_manifest("fleet/web", 1000, 5, gen));
+            _exit(r.status);
+        }
+        // Killed as soon as it has written something of its commit.
+        auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (count("kelvo/t/") == 0 && std::chrono::steady_clock::now() < until)
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        caught += count("kelvo/t/") > 0;
+        kill(-pid, SIGKILL);
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    const long left = count("kelvo/");
+    // The next writer comes along, again and again, until the leases lapse.
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+    do {
+        ASSERT_EQ(repo({"setprop", "wrn:/fleet/web:host00001/:properties/config/p0", "x"}).status,
+                  0);
+        if (count("kelvo/t/") == 0) break;
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+    } while (std::chrono::steady_clock::now() < until);
+    const long after = count("kelvo/");
+    std::printf(
+        "keys: %ld after a clean import, %ld after 20 killed imports (%d caught writing), "
+        "%ld after the next writer\n",
+        clean, left, caught, after);
+    EXPECT_GT(caught, 10);
+    EXPECT_GT(left, clean);
+    EXPECT_EQ(after, clean);
 }
 
 // A run on a file must not pay for the cluster's client: the dynamic linker

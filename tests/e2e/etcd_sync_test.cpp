@@ -10,7 +10,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
+#include <fstream>
 #include <functional>
+#include <regex>
 #include <set>
 #include <thread>
 
@@ -32,10 +35,12 @@ std::string manifest(const std::string& service, int gen, int count = 3) {
 class Sync {
   public:
     // file_limit: a limit on the size of the files it writes (0: none), as a
-    // full disk would set one.
-    Sync(const std::vector<std::string>& args, const std::string& log, rlim_t file_limit = 0) {
+    // full disk would set one; env: variables set for it.
+    Sync(const std::vector<std::string>& args, const std::string& log, rlim_t file_limit = 0,
+         const std::map<std::string, std::string>& env = {}) {
         pid_ = fork();
         if (pid_ == 0) {
+            for (const auto& [name, value] : env) setenv(name.c_str(), value.c_str(), 1);
             if (file_limit) {
                 signal(SIGXFSZ, SIG_IGN);             // a write past the limit fails instead
                 rlimit r{file_limit, RLIM_INFINITY};  // soft: lifted later without privilege
@@ -264,23 +269,47 @@ TEST_F(EtcdSync, ANameNoImportWouldTakeIsRefusedAndTheMirrorStaysPut) {
     ASSERT_TRUE(eventually([&] { return mirrored() && e2e::exists(seen); }));
     const std::string before = local({"export"}).out, told = e2e::read_file(seen);
 
-    // A service's pointer planted by hand under a name that would add a
-    // line to HGX_CHANGED, and a commit that brings it to the mirror.
+    // A service planted by hand under a name that would add a line to
+    // HGX_CHANGED (app/web's keys under that name), with a head and a record
+    // of the commit that name it, as a writer's commit would.
     const std::string endpoints = server.endpoints();
     std::string keys = e2e::etcdctl(endpoints, {"get", "--prefix", "fleet/", "--keys-only"}).out;
-    std::string pointer;
-    for (size_t at = 0, nl; (nl = keys.find('\n', at)) != std::string::npos; at = nl + 1)
-        if (keys.substr(at, nl - at).ends_with("/app/web")) pointer = keys.substr(at, nl - at);
-    ASSERT_FALSE(pointer.empty()) << keys;
-    std::string gen = e2e::etcdctl(endpoints, {"get", "--print-value-only", pointer}).out;
-    gen.resize(gen.find('\n'));
-    const std::string bad = pointer.substr(0, pointer.size() - 7) + "x$(touch " + (dir / "P") +
-                            ")\nwrn:/injected/line:default";
-    ASSERT_EQ(e2e::etcdctl(endpoints, {"put", bad, gen}).status, 0);
-    ASSERT_EQ(cluster({"import", "-"}, manifest("app/db", 1)).status, 0);
+    auto read = [&](const std::string& key) {
+        std::string v = e2e::etcdctl(endpoints, {"get", "--print-value-only", key}).out;
+        v.pop_back();
+        return v;
+    };
+    const std::string bad = "x$(touch " + (dir / "P") + ")\nwrn:/injected/line:default";
+    const std::string web = "fleet/o/app/web:/";
+    std::vector<std::pair<std::string, std::string>> planted;
+    for (size_t at = 0, nl; (nl = keys.find('\n', at)) != std::string::npos; at = nl + 1) {
+        std::string key = keys.substr(at, nl - at);
+        if (key.starts_with(web))
+            planted.emplace_back("fleet/o/" + bad + ":/" + key.substr(web.size()), read(key));
+        else if (key.starts_with("fleet/l/") && key.ends_with("/app/web"))
+            planted.emplace_back(key.substr(0, key.size() - 7) + bad, read(key));
+    }
+    ASSERT_EQ(planted.size(), 3u) << keys;
+    std::string txn = "{\"success\":[";
+    auto put = [&](const std::string& key, const std::string& v) {
+        txn += "{\"request_put\":{\"key\":\"" + etcd_testing::b64(key) + "\",\"value\":\"" +
+               etcd_testing::b64(v) + "\"}},";
+    };
+    for (const auto& [key, v] : planted) put(key, v);
+    put("fleet/repository", read("fleet/repository"));
+    std::string escaped = bad;
+    escaped.replace(escaped.find('\n'), 1, "\\n");
+    put("fleet/changes", "{\"commit\":\"planted\",\"changed\":{\"" + escaped + "\":\"*\"}}");
+    txn.back() = ']';
+    ASSERT_NE(server.post(0, "/v3/kv/txn", txn + "}").find("\"succeeded\":true"),
+              std::string::npos);
     ASSERT_TRUE(eventually([&] {
         return e2e::read_file(log).find("refused, the mirror stays at") != std::string::npos;
     })) << e2e::read_file(log);
+    // While it is there, a commit that changes another service is refused too.
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/db", 1)).status, 0);
+    ASSERT_TRUE(eventually([&] { return lines_with(e2e::read_file(log), "refused") == 2; }))
+        << e2e::read_file(log);
     EXPECT_EQ(local({"export"}).out, before);
     EXPECT_EQ(e2e::read_file(seen), told) << "no command for a refused revision";
     EXPECT_EQ(e2e::read_file(log).find("\nwrn:/injected"), std::string::npos) << "one line";
@@ -294,7 +323,7 @@ TEST_F(EtcdSync, ANameNoImportWouldTakeIsRefusedAndTheMirrorStaysPut) {
     EXPECT_FALSE(e2e::exists(dir / "copy.db"));
 
     // Without it, the next commit brings everything since the last one applied.
-    ASSERT_EQ(e2e::etcdctl(endpoints, {"del", bad}).status, 0);
+    for (const auto& [key, v] : planted) ASSERT_EQ(e2e::etcdctl(endpoints, {"del", key}).status, 0);
     ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 2)).status, 0);
     EXPECT_TRUE(eventually([&] { return mirrored() && value() == "g2\n"; })) << e2e::read_file(log);
     EXPECT_EQ(sync->stop(), 0);
@@ -520,6 +549,271 @@ TEST_F(EtcdSync, TheCommandRunsWithoutTheClusterCredentials) {
     EXPECT_NE(env.find("\nHGX_ETCD_CACERT=/etc/ca.pem\n"), std::string::npos) << env;
     for (const char* name : {"USER", "PASSWORD", "CERT=", "KEY", "TOKEN"})
         EXPECT_EQ(env.find(std::string("HGX_ETCD_") + name), std::string::npos) << name;
+}
+
+// ---- a fleet: one service, an instance per host ---------------------------------
+
+const std::string FLEET = "wrn:/network/http";
+const std::string SERVER_NAME = "$%{sites/www/server_name} $%{config/user}\n";
+
+class EtcdFleet : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ETCD_START_OR_SKIP(server, etcd_testing::Options{});
+        url = server.url("fleet");
+        log = dir / "sync.log";
+        seen = dir / "changed";
+    }
+    // The environment of an etcd user of these tests (password USER-pw);
+    // none for "".
+    static std::map<std::string, std::string> creds(const std::string& user) {
+        if (user.empty()) return {};
+        return {{"HGX_ETCD_USER", user}, {"HGX_ETCD_PASSWORD", user + "-pw"}};
+    }
+    e2e::Result as(const std::string& user, std::vector<std::string> args,
+                   const std::string& input = "", const std::string& where = "") {
+        e2e::Run r;
+        r.args = {e2e::hgxrepo_bin(), "-r", where.empty() ? url : where};
+        r.args.insert(r.args.end(), args.begin(), args.end());
+        r.input = input;
+        for (const auto& [name, value] : creds(user)) r.env[name] = value;
+        return e2e::run(r);
+    }
+    std::string kelvo(const std::string& repository, const std::string& wern,
+                      const std::string& user = "") {
+        std::map<std::string, std::optional<std::string>> env;
+        for (const auto& [name, value] : creds(user)) env[name] = value;
+        e2e::Result r = e2e::kelvo(repository, {"-f", wern}, SERVER_NAME, env);
+        return r.status == 0 ? r.out : "status " + std::to_string(r.status) + ": " + r.err;
+    }
+    std::unique_ptr<Sync> start_sync(const std::string& mirror, std::vector<std::string> options,
+                                     const std::string& user = "", const std::string& where = "") {
+        std::vector<std::string> args = {"-r", mirror, "sync", "--exec",
+                                         "printf '%s--\\n' \"$HGX_CHANGED\" >> " + seen};
+        args.insert(args.end(), options.begin(), options.end());
+        args.push_back(where.empty() ? url : where);
+        return std::make_unique<Sync>(args, log, 0, creds(user));
+    }
+    std::string list(const std::string& mirror) { return hgxrepo({"-r", mirror, "list"}).out; }
+    // What the command was told since the last look.
+    std::string told() {
+        std::string t = e2e::exists(seen) ? e2e::read_file(seen) : "";
+        std::remove(seen.c_str());
+        return t;
+    }
+
+    etcd_testing::EtcdServer server;
+    e2e::TempDir dir;
+    std::string url, log, seen;
+};
+
+TEST_F(EtcdFleet, AHostUserReadsItsOwnInstanceAndNothingOfAnotherHost) {
+    for (const char* user : {"web01", "web02"})
+        server.post(0, "/v3/auth/user/add",
+                    std::string("{\"name\":\"") + user + "\",\"password\":\"" + user + "-pw\"}");
+    ASSERT_TRUE(server.enable_auth("root-pw"));
+    ASSERT_EQ(
+        as("root", {"import", "-"}, e2e::read_file(e2e::source_dir() + "/examples/fleet.json"))
+            .status,
+        0);
+    for (const std::string user : {"web01", "web02"}) {
+        e2e::Result g = as("root", {"grant", user, "--host", user, FLEET + ":" + user});
+        ASSERT_EQ(g.status, 0) << g.err;
+    }
+
+    // A's mirror follows its instance, and kelvo reads it there and in the cluster.
+    const std::string mirror = dir / "web01.db";
+    auto sync = start_sync(mirror, {}, "web01");
+    ASSERT_TRUE(eventually([&] { return list(mirror) == FLEET + "\n" + FLEET + ":web01\n"; }))
+        << e2e::read_file(log);
+    EXPECT_EQ(kelvo(mirror, FLEET + ":web01"), "web01.example.org www-data\n");
+    EXPECT_EQ(kelvo(url, FLEET + ":web01", "web01"), "web01.example.org www-data\n");
+    ASSERT_TRUE(eventually([&] { return e2e::exists(seen); }));
+    EXPECT_EQ(told(), FLEET + ":web01\n--\n");
+    // Another host's change is none of its business; its own and the fleet's are.
+    ASSERT_EQ(as("root", {"setprop", "--snapshot",
+                          FLEET + ":web02/:properties/sites/www/server_name", "b.example"})
+                  .status,
+              0);
+    ASSERT_EQ(
+        as("root", {"setprop", "--snapshot", FLEET + "/:properties/config/user", "nobody"}).status,
+        0);
+    ASSERT_TRUE(eventually([&] {
+        return kelvo(mirror, FLEET + ":web01") == "web01.example.org nobody\n";
+    })) << e2e::read_file(log);
+    ASSERT_TRUE(eventually([&] { return e2e::exists(seen); }));
+    EXPECT_EQ(told(), FLEET + ":web01\n--\n");
+
+    // A reads nothing of B's: not through hgxrepo, kelvo, etcdctl or a mirror.
+    const std::string refused =
+        "The etcd user (HGX_ETCD_USER) is not permitted to do this in the repository";
+    e2e::Result show = as("web01", {"show", FLEET + ":web02"});
+    EXPECT_EQ(show.status, 1);
+    EXPECT_NE(show.err.find(refused), std::string::npos) << show.err;
+    EXPECT_EQ(
+        kelvo(url, FLEET + ":web02", "web01"),
+        "status 3: kelvo: Unable to get properties for " + FLEET + ":web02: " + refused + "\n");
+    auto etcdctl = [&](const std::string& user, std::vector<std::string> args) {
+        e2e::Run r;
+        r.args = {"etcdctl", "--endpoints=" + server.endpoints(), "--user",
+                  user + ":" + user + "-pw"};
+        r.args.insert(r.args.end(), args.begin(), args.end());
+        r.env["ETCDCTL_API"] = "3";
+        return e2e::run(r);
+    };
+    e2e::Result get = etcdctl("web01", {"get", "--prefix", "fleet/o/network/http:web02/"});
+    EXPECT_NE(get.status, 0);
+    EXPECT_NE(get.err.find("permission denied"), std::string::npos) << get.err;
+    EXPECT_EQ(get.out, "");
+    e2e::Result other =
+        as("web01", {"sync", "--once", "--instance", FLEET + ":web02", url}, "", dir / "other.db");
+    EXPECT_EQ(other.status, 1);
+    EXPECT_NE(other.err.find(refused), std::string::npos) << other.err;
+    // Its own host's status key is A's to write, not another's.
+    EXPECT_EQ(etcdctl("web01", {"put", "fleet/hosts/web01", "up"}).status, 0);
+    EXPECT_NE(etcdctl("web01", {"put", "fleet/hosts/web02", "up"}).status, 0);
+
+    // Granted again, the role holds the new grants alone.
+    ASSERT_EQ(as("root", {"grant", "web01", FLEET + ":web03"}).status, 0);
+    EXPECT_EQ(as("web01", {"show", FLEET + ":web03"}).status, 0);
+    EXPECT_NE(as("web01", {"show", FLEET + ":web01"}).err.find(refused), std::string::npos);
+    EXPECT_NE(etcdctl("web01", {"put", "fleet/hosts/web01", "up"}).status, 0);
+    EXPECT_EQ(sync->stop(), 0);
+}
+
+TEST_F(EtcdFleet, AMirrorOfSomeInstancesHoldsThemWithTheirServicesOwnGroups) {
+    ASSERT_EQ(
+        as("", {"import", "-"}, e2e::read_file(e2e::source_dir() + "/examples/fleet.json")).status,
+        0);
+    const std::string mirror = dir / "mirror.db";
+    auto sync = start_sync(mirror, {"--instance", FLEET + ":web0[12]"});
+    const std::string both = FLEET + ":web01\n" + FLEET + ":web02\n";
+    ASSERT_TRUE(eventually([&] { return list(mirror) == FLEET + "\n" + both; }))
+        << e2e::read_file(log);
+    EXPECT_EQ(kelvo(mirror, FLEET + ":web02"), "web02.example.org www-data\n");
+    ASSERT_TRUE(eventually([&] { return e2e::exists(seen); }));
+    EXPECT_EQ(told(), both + "--\n");
+
+    auto set = [&](const std::string& what, const std::string& value) {
+        ASSERT_EQ(as("", {"setprop", "--snapshot", what, value}).status, 0);
+    };
+    // Each change names what it changed among what the mirror holds: an
+    // instance it does not hold, none; the service's own groups, all it holds.
+    set(FLEET + ":web03/:properties/sites/www/server_name", "c.example");
+    set(FLEET + ":web02/:properties/sites/www/server_name", "b.example");
+    ASSERT_TRUE(eventually([&] { return e2e::exists(seen); })) << e2e::read_file(log);
+    EXPECT_EQ(told(), FLEET + ":web02\n--\n");
+    set(FLEET + "/:properties/config/user", "nobody");
+    ASSERT_TRUE(eventually([&] { return e2e::exists(seen); })) << e2e::read_file(log);
+    EXPECT_EQ(told(), both + "--\n");
+    EXPECT_EQ(kelvo(mirror, FLEET + ":web01"), "web01.example.org nobody\n");
+    // An instance removed from the cluster leaves the mirror.
+    ASSERT_EQ(as("", {"delete", FLEET + ":web01"}).status, 0);
+    ASSERT_TRUE(eventually([&] { return list(mirror) == FLEET + "\n" + FLEET + ":web02\n"; }))
+        << e2e::read_file(log);
+    ASSERT_TRUE(eventually([&] { return e2e::exists(seen); }));
+    EXPECT_EQ(told(), FLEET + ":web01\n--\n");
+    EXPECT_EQ(sync->stop(), 0);
+    EXPECT_EQ(hgxrepo({"-r", mirror, "show", FLEET + ":web02", "running"}).out,
+              as("", {"show", FLEET + ":web02", "running"}).out);
+}
+
+// The keys a writer of the first layout left (tests/e2e/fixtures): the
+// manifests examples/fleet.json and examples/guide.json imported, the
+// snapshot "before" of web02 taken, and web03's config/log_level set to
+// "debug" without a snapshot.
+void load_first_layout(etcd_testing::EtcdServer& server, const std::string& prefix) {
+    std::ifstream in(e2e::source_dir() + "/tests/e2e/fixtures/schema1-keys.json");
+    std::string line;
+    std::regex pair("\\[\"([^\"]*)\", \"([^\"]*)\"\\]");
+    int keys = 0;
+    while (std::getline(in, line)) {
+        std::smatch m;
+        if (!std::regex_search(line, m, pair)) continue;
+        server.post(0, "/v3/kv/put",
+                    "{\"key\":\"" + etcd_testing::b64(prefix + "/" + m[1].str()) +
+                        "\",\"value\":\"" + m[2].str() + "\"}");
+        ++keys;
+    }
+    ASSERT_GT(keys, 10);
+}
+
+TEST_F(EtcdFleet, APrefixOfTheFirstLayoutIsNamedAndUpgradedWithAMirrorFollowing) {
+    const std::string legacy = server.url("legacy");
+    load_first_layout(server, "legacy");
+    const std::string text =
+        "The etcd prefix holds a repository of another schema version; convert it with hgxrepo "
+        "-r URL upgrade";
+    EXPECT_EQ(kelvo(legacy, FLEET + ":web01"),
+              "status 3: kelvo: Unable to get properties for " + FLEET + ":web01: " + text + "\n");
+    e2e::Result listed = as("", {"list"}, "", legacy);
+    EXPECT_EQ(listed.status, 1);
+    EXPECT_NE(listed.err.find(text), std::string::npos) << listed.err;
+
+    const std::string mirror = dir / "mirror.db";
+    auto sync = start_sync(mirror, {}, "", legacy);
+    ASSERT_TRUE(eventually([&] { return e2e::read_file(log).find(text) != std::string::npos; }));
+    e2e::Result up = as("", {"upgrade"}, "", legacy);
+    ASSERT_EQ(e2e::whole(up), e2e::Whole(0, legacy + ": converted to the current layout\n", ""));
+    // The mirror copies afresh, and both hold what the same commands give a file.
+    const std::string file = dir / "file.db";
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"import", e2e::source_dir() + "/examples/fleet.json",
+                                   e2e::source_dir() + "/examples/guide.json"},
+          {"snapshot", FLEET + ":web02", "before"},
+          {"setprop", FLEET + ":web03/:properties/config/log_level", "debug"}})
+        as("", args, "", file);
+    const std::string exported = as("", {"export"}, "", file).out;
+    EXPECT_EQ(as("", {"export"}, "", legacy).out, exported);
+    ASSERT_TRUE(eventually(
+        [&] {
+            return hgxrepo({"-r", mirror, "export"}).out == exported;
+        },
+        60000ms))
+        << e2e::read_file(log);
+    for (const char* snapshot : {"running", "before"})
+        EXPECT_EQ(as("", {"show", FLEET + ":web02", snapshot}, "", legacy).out,
+                  as("", {"show", FLEET + ":web02", snapshot}, "", file).out)
+            << snapshot;
+    EXPECT_EQ(kelvo(mirror, FLEET + ":web03"), "web03.example.org www-data\n");
+    EXPECT_EQ(sync->stop(), 0);
+    // Nothing of the first layout is left, and a second upgrade has nothing to do.
+    for (const char* part : {"legacy/d/", "legacy/e/"}) {
+        std::string r =
+            server.post(0, "/v3/kv/range",
+                        "{\"key\":\"" + etcd_testing::b64(part) + "\",\"range_end\":\"" +
+                            etcd_testing::b64(std::string(part, std::strlen(part) - 1) + "0") +
+                            "\",\"count_only\":true}");
+        EXPECT_EQ(r.find("\"count\""), std::string::npos) << part << ": " << r;
+    }
+    EXPECT_EQ(as("", {"upgrade"}, "", legacy).out, legacy + ": already in the current layout\n");
+}
+
+// Time limits bound how long a member may stay silent, not how long a copy
+// takes: a large first copy completes on a host that is busy.
+TEST_F(EtcdFleet, ABigServiceIsCopiedWholeOnABusyHost) {
+    const int hosts = 2000;
+    ASSERT_EQ(as("", {"import", "-"}, e2e::fleet_manifest("fleet/web", hosts, 20, 0)).status, 0);
+    std::vector<pid_t> busy;
+    for (int i = 0; i < 2; ++i) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            execl("/bin/sh", "sh", "-c", "while :; do :; done", static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        busy.push_back(pid);
+    }
+    e2e::Run copy;
+    copy.wrapper = {"nice", "-n", "10"};
+    copy.args = {e2e::hgxrepo_bin(), "-r", dir / "mirror.db", "sync", "--once", url};
+    e2e::Result r = e2e::run(copy);
+    for (pid_t pid : busy) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::string listed = list(dir / "mirror.db");
+    EXPECT_EQ(std::count(listed.begin(), listed.end(), '\n'), hosts + 1);
 }
 
 }  // namespace

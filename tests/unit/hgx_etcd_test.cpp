@@ -80,7 +80,8 @@ TEST_F(HgxEtcd, AnotherSchemaOrSomethingElseBelowThePrefixIsRefused) {
         const char* head;
         hgx_error_t code;
     } cases[] = {
-        {"{\"schema\":2,\"epoch\":\"x\"}", HGX_ERROR_CLUSTER_SCHEMA},
+        {"{\"schema\":3,\"epoch\":\"x\"}", HGX_ERROR_CLUSTER_SCHEMA},
+        {"{\"schema\":1,\"epoch\":\"x\"}", HGX_ERROR_CLUSTER_OLD_SCHEMA},
         {"not json", HGX_ERROR_CLUSTER_FOREIGN},
     };
     for (const Case& c : cases) {

@@ -72,6 +72,7 @@ typedef enum hgx_error {
     HGX_ERROR_TOO_LARGE = 1031,              // more than one etcd request holds
     HGX_ERROR_CLUSTER_TLS = 1032,            // TLS failed: CA, certificate, key or host name
     HGX_ERROR_CLUSTER_NOT_PERMITTED = 1033,  // the etcd user's roles do not allow it
+    HGX_ERROR_CLUSTER_OLD_SCHEMA = 1034,     // a repository of an older schema: upgrade it
 } hgx_error_t;
 
 typedef enum hgx_type {

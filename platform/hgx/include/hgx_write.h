@@ -164,16 +164,61 @@ int hgx_writer_copy_service(hgx_writer_t* to, hgx_writer_t* from, std::string_vi
 // What hgxrepo sync builds a host's mirror of a cluster with.
 
 // As hgx_reader_open, for a cluster at the given revision (0: the newest).
+// A reader takes as long as its reading takes while the cluster answers:
+// only a silent member ends a request.
 hgx_writer_t* hgx_reader_open_at(const char* url, int64_t revision, std::string* message);
 // The cluster and prefix the repository comes from ("" for a file), owned
 // by the writer for its life, and the revision it was read at (0 for a
 // file).
 const char* hgx_writer_source(const hgx_writer_t* w);
 int64_t hgx_writer_revision(const hgx_writer_t* w);
-// Every service with a version that changes whenever the service does (on a
-// cluster; a file gives empty versions). 0 or -1.
-int hgx_writer_service_versions(hgx_writer_t* w,
-                                std::vector<std::pair<std::string, std::string>>* out);
+// What the commit that made a cluster's state changed: 0 with *all set
+// where it cannot be told (a file, a commit that changed very much, or a
+// user that may not read the record of it), else with *out the (service,
+// instance) pairs it changed: instance "" for the service's own groups,
+// "*" for anything of the service. -1 on failure.
+int hgx_writer_changes(hgx_writer_t* w, std::vector<std::pair<std::string, std::string>>* out,
+                       bool* all);
+// A text that changes whenever the service's own groups (instance "") or the
+// instance with its snapshots change in a cluster: 1 with *version set, 0
+// where there is no such service or instance, -1 on failure (a file:
+// HGX_ERROR_INVALID_ARGUMENT).
+int hgx_writer_version(hgx_writer_t* w, std::string_view service, std::string_view instance,
+                       std::string* version);
+// Every instance of a service in a cluster with its version: 1 with *out
+// replaced, 0 where there is no such service, -1 on failure.
+int hgx_writer_instance_versions(hgx_writer_t* w, std::string_view service,
+                                 std::vector<std::pair<std::string, std::string>>* out);
+// The werns of the instances that the cluster's user (HGX_ETCD_USER) has
+// been granted with hgx_grant: 0 with *werns replaced (empty without a
+// user), -1 on failure.
+int hgx_writer_granted(hgx_writer_t* w, std::vector<std::string>* werns);
+// Makes the service's own groups in `to` those of `from`, adding the service
+// to `to` where it lacks it and keeping its instances; where `from` has no
+// such service, removes it from `to`. 0 or -1.
+int hgx_writer_copy_own(hgx_writer_t* to, hgx_writer_t* from, std::string_view service);
+// Makes the instance in `to` (with its groups and snapshots) that of
+// `from`, or removes it where `from` has none or is null; the service must
+// be in `to` (HGX_ERROR_NOT_FOUND). 0 or -1.
+int hgx_writer_copy_instance(hgx_writer_t* to, hgx_writer_t* from, std::string_view service,
+                             std::string_view instance);
+// Bytes this process has read from etcd clusters so far.
+int64_t hgx_cluster_bytes_read();
+
+// Converts the repository below a cluster's prefix (url) from the first
+// layout of its keys, in one switch: 0 converted, 1 there was nothing to
+// convert, -1 with hgx_error() set and a line for the user in *message.
+int hgx_upgrade(const char* url, std::string* message);
+// Gives the existing etcd user a role of its own that reads the instances
+// that werns name (wrn:/SERVICE:INSTANCE) and their services' own groups,
+// and nothing else of the repository at url; with a host name, also writes
+// that host's status key. Replaces what that role granted before. Needs the
+// etcd root user's credentials. 0 with the werns of instances that the
+// repository does not hold yet in *missing (granted all the same), or -1
+// with hgx_error() set and a line in *message.
+int hgx_grant(const char* url, const std::string& user, const std::string& host,
+              const std::vector<std::string>& werns, std::vector<std::string>* missing,
+              std::string* message);
 // Records kept beside the repository in a file (a cluster keeps none):
 // get gives 1 with *value set, 0 where there is none, -1 on failure.
 int hgx_writer_meta_get(hgx_writer_t* w, std::string_view key, std::string* value);
@@ -183,6 +228,10 @@ int hgx_writer_meta_set(hgx_writer_t* w, std::string_view key, std::string_view 
 // An absent service gives no instances.
 int hgx_writer_instance_texts(hgx_writer_t* w, std::string_view service,
                               std::map<std::string, std::string>* out);
+// The same for one instance: 1 with *text set, 0 where there is no such
+// service or instance, -1 on failure.
+int hgx_writer_instance_text(hgx_writer_t* w, std::string_view service, std::string_view instance,
+                             std::string* text);
 // Follows a cluster's commits from the one after revision `after`, calling
 // on_commit(revision) for each in order, until on_commit or keep_going (asked
 // about once a second) says stop: then 0. -1 with hgx_error() set and
