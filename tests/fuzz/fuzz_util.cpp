@@ -34,14 +34,14 @@ constexpr char MANIFEST[] = R"({"services": {
 }  // namespace
 
 const std::string& scratch_dir() {
-    static const std::string dir = [] {
+    static const std::string SCRATCH = [] {
         char shm[] = "/dev/shm/kelvo-fuzz-XXXXXX";
         char tmp[] = "/tmp/kelvo-fuzz-XXXXXX";
         if (mkdtemp(shm) != nullptr) return std::string(shm);
         if (mkdtemp(tmp) != nullptr) return std::string(tmp);
         abort();
     }();
-    return dir;
+    return SCRATCH;
 }
 
 int memory_file(const void* data, size_t size) {

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Runs each fuzz target for a while: run.sh BUILD_DIR SECONDS [TARGET...]
-# (targets: stencil manifest wern etcd_doc; all by default). New inputs go to
+# (targets: stencil manifest wern hgx_etcd_doc; all by default). New inputs go to
 # BUILD_DIR/fuzz-corpus/TARGET (the checked-in seeds in tests/fuzz/corpus
 # are only read), crashes to BUILD_DIR/fuzz-findings/, each target's log to
 # BUILD_DIR/fuzz-TARGET.log. Ends with 1 if any target found something.
@@ -16,7 +16,7 @@ build=$1
 seconds=$2
 shift 2
 here=$(cd "$(dirname "$0")" && pwd)
-targets=${*:-"stencil manifest wern etcd_doc"}
+targets=${*:-"stencil manifest wern hgx_etcd_doc"}
 status=0
 mkdir -p "$build/fuzz-findings"
 for t in $targets; do

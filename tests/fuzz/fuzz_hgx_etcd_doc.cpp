@@ -20,11 +20,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string encoded = encode_doc(doc);
     Doc again;
     if (!decode_doc(encoded, &again)) {
-        std::fprintf(stderr, "fuzz_etcd_doc: an encoded document does not decode\n");
+        std::fprintf(stderr, "fuzz_hgx_etcd_doc: an encoded document does not decode\n");
         __builtin_trap();
     }
     if (encode_doc(again) != encoded) {
-        std::fprintf(stderr, "fuzz_etcd_doc: a document changed on its way through a value\n");
+        std::fprintf(stderr, "fuzz_hgx_etcd_doc: a document changed on its way through a value\n");
         __builtin_trap();
     }
     return 0;
