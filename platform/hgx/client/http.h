@@ -78,7 +78,6 @@ class ResponseReader {
     State state_ = MORE;
     Phase phase_ = STATUS;
     bool started_ = false;
-    bool cr_ = false;  // the line so far ends with CR
     std::string line_;
     size_t head_bytes_ = 0;
     int status_ = 0;
