@@ -21,9 +21,19 @@ namespace {
 
 constexpr size_t IDLE_MULTIS = 4;  // multi handles kept; more are cleaned up
 
+// The multi handles of the process that made them: a child made by fork
+// forgets its copies unused (cleaning one up would end its parent's TLS
+// sessions).
 struct Pool {
     std::mutex lock;
+    pid_t owner = getpid();
     std::vector<CURLM*> idle;
+
+    void own() {
+        if (owner == getpid()) return;
+        idle.clear();
+        owner = getpid();
+    }
 };
 
 Pool& pool() {
@@ -34,6 +44,7 @@ Pool& pool() {
 CURLM* take_multi() {
     Pool& p = pool();
     std::lock_guard<std::mutex> hold(p.lock);
+    p.own();
     if (p.idle.empty()) return curl_multi_init();
     CURLM* m = p.idle.back();
     p.idle.pop_back();
@@ -43,6 +54,7 @@ CURLM* take_multi() {
 void give_multi(CURLM* m) {
     Pool& p = pool();
     std::lock_guard<std::mutex> hold(p.lock);
+    p.own();
     if (p.idle.size() < IDLE_MULTIS) {
         p.idle.push_back(m);
         return;

@@ -32,9 +32,20 @@ namespace {
 // Idle connections kept per member; more are closed.
 constexpr size_t IDLE_PER_MEMBER = 4;
 
+// The connections of the process that made them: a child made by fork
+// has copies of them, which it closes unused, since its parent's requests
+// run on them.
 struct Pool {
     std::mutex lock;
+    pid_t owner = getpid();
     std::vector<std::pair<std::string, int>> idle;  // member, connection
+
+    void own() {
+        if (owner == getpid()) return;
+        for (const auto& [m, fd] : idle) close(fd);
+        idle.clear();
+        owner = getpid();
+    }
 };
 
 Pool& pool() {
@@ -47,6 +58,7 @@ Pool& pool() {
 int take_idle(const std::string& member) {
     Pool& p = pool();
     std::lock_guard<std::mutex> hold(p.lock);
+    p.own();
     for (size_t i = p.idle.size(); i-- > 0;) {
         if (p.idle[i].first != member) continue;
         int fd = p.idle[i].second;
@@ -61,6 +73,7 @@ int take_idle(const std::string& member) {
 void give_idle(const std::string& member, int fd) {
     Pool& p = pool();
     std::lock_guard<std::mutex> hold(p.lock);
+    p.own();
     size_t kept = 0;
     for (const auto& [m, f] : p.idle) kept += m == member;
     if (kept >= IDLE_PER_MEMBER) {
