@@ -169,8 +169,14 @@ int exchange(Client* c, const char* path, const std::string& body, long timeout_
         // The next moment something is due: a member ready again, the next
         // read to send beside those under way, a write's share.
         Clock::time_point due = deadline;
-        for (auto& e : c->requests)
-            if (!e->busy && ready[e->member] > now) due = std::min(due, ready[e->member]);
+        bool idle_ready = false;  // a member not asked yet may be asked now
+        for (auto& e : c->requests) {
+            if (e->busy) continue;
+            if (ready[e->member] > now)
+                due = std::min(due, ready[e->member]);
+            else
+                idle_ready = true;
+        }
         if (busy == 0) {
             if (!alive || until_ms(deadline) < 200) {
                 if (status == HGX_ETCD_TIMEOUT) why->clear();
@@ -179,7 +185,8 @@ int exchange(Client* c, const char* path, const std::string& body, long timeout_
             std::this_thread::sleep_for(milliseconds(std::max(until_ms(due), 1L)));
             continue;
         }
-        if (read && busy < n) due = std::min(due, last_start + milliseconds(HEDGE_MS));
+        // (A member that is not ready yet is due when it is.)
+        if (read && idle_ready) due = std::min(due, last_start + milliseconds(HEDGE_MS));
         if (!read) due = std::min(due, last_start + milliseconds(share));
         c->transport->pump(std::max(until_ms(due), 0L), &done);
         now = Clock::now();
