@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <iostream>
 
 #include "hgxrepo.h"
@@ -34,12 +36,22 @@ constexpr char MANIFEST[] = R"({"services": {
 }  // namespace
 
 const std::string& scratch_dir() {
+    // The name lives in storage that no destructor ends, so that the exit
+    // handler below can still read it.
+    static char made[64];
     static const std::string SCRATCH = [] {
-        char shm[] = "/dev/shm/kelvo-fuzz-XXXXXX";
-        char tmp[] = "/tmp/kelvo-fuzz-XXXXXX";
-        if (mkdtemp(shm) != nullptr) return std::string(shm);
-        if (mkdtemp(tmp) != nullptr) return std::string(tmp);
-        abort();
+        std::snprintf(made, sizeof made, "/dev/shm/kelvo-fuzz-XXXXXX");
+        if (mkdtemp(made) == nullptr) {
+            std::snprintf(made, sizeof made, "/tmp/kelvo-fuzz-XXXXXX");
+            if (mkdtemp(made) == nullptr) abort();
+        }
+        // Gone with the process when it ends by exit (a crash leaves it, with
+        // the repositories of the input that crashed).
+        std::atexit([] {
+            std::error_code ec;
+            std::filesystem::remove_all(made, ec);
+        });
+        return std::string(made);
     }();
     return SCRATCH;
 }
