@@ -3,6 +3,7 @@
 #   make check  installs what is missing, builds (Release, GCC), runs every
 #               test, then the same tests built with AddressSanitizer and
 #               UBSan (Debug, clang); warnings are errors in both
+#   make check-chroot  runs the Release build's tests again in a bare chroot
 # demo and check share one configuration of BUILD (warnings are errors
 # there too), so that "make demo" then "make check" compiles nothing twice.
 #   make install       builds and installs below PREFIX (cmake --install)
@@ -20,7 +21,7 @@ PREFIX     ?= /usr/local
 # What build depends on first; make install empties it (it checks instead).
 DEPS       ?= deps
 
-.PHONY: all deps build build-asan check test test-asan demo bench clean format-check \
+.PHONY: all deps build build-asan check check-chroot test test-asan demo bench clean format-check \
         install deb check-package demo-installed
 
 all: build
@@ -45,6 +46,11 @@ test-asan: build-asan
 
 check:
 	@$(MAKE) --no-print-directory test test-asan
+
+# The tests of BUILD again in a bare chroot (scripts/chroot-run.sh), as a
+# package builder runs them: "/" no mount point, no systemd, a fresh /tmp.
+check-chroot: build
+	@sh scripts/chroot-run.sh sh -c 'cd $(BUILD) && ctest --output-on-failure -j $(JOBS)'
 
 # What CI checks of the sources before building them: formatting
 # (.clang-format), the layout that docs/architecture.md states, and the

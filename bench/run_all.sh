@@ -5,7 +5,7 @@
 set -eu
 HERE=$(cd "$(dirname "$0")" && pwd)
 BUILD=${1:-build}
-for b in startup properties sections pathological etcd sync failover fleet; do
+for b in startup properties sections pathological export etcd sync failover fleet; do
     printf '\n##### %s\n' "$b"
     sh "$HERE/$b.sh" "$BUILD"
 done

@@ -2,6 +2,7 @@
 // evaluation and delivery plan, with the write replaced by a diff.
 #include "kelvo_diff.h"
 
+#include <fcntl.h>
 #include <getopt.h>
 #include <grp.h>
 #include <libgen.h>
@@ -13,9 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
-#include <sstream>
 
 #include "host.h"
 #include "kelvo.h"
@@ -51,13 +50,25 @@ std::string group_name_of(gid_t gid) {
     return gr != nullptr ? gr->gr_name : std::to_string(gid);
 }
 
-bool read_whole(const char* path, std::string* text) {
-    std::ifstream f(path, std::ios::binary);
-    if (!f) return false;
-    std::ostringstream s;
-    s << f.rdbuf();
-    *text = s.str();
-    return !f.bad();
+// The file as kelvo would find it: below the root prefix, resolved inside
+// the root, so that a link there shows nothing from outside it.
+bool read_whole(const char* root_prefix, const char* output_file, const char* path,
+                std::string* text) {
+    OutputRoot root(root_prefix);
+    int fd = root.open_file(root.below_root() ? output_file : path,
+                            O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) return false;
+    char buf[65536];
+    ssize_t n;
+    while ((n = read(fd, buf, sizeof buf)) != 0) {
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) break;
+        text->append(buf, static_cast<size_t>(n));
+    }
+    int saved = errno;
+    close(fd);
+    errno = saved;
+    return n == 0;
 }
 
 // Names the missing directory that would make kelvo's open for writing fail:
@@ -94,7 +105,7 @@ int show_group(const ConfigfileGroup& group, defines_t* defines, void* context) 
     if (!text) die(KELVO_SYSERR, gettext("Out of memory\n"));
     std::string old_text;
     const bool created = plan.action == DELIVERY_CREATE;
-    if (!created && !read_whole(plan.output_path, &old_text)) {
+    if (!created && !read_whole(run->root_prefix, group.output_file, plan.output_path, &old_text)) {
         fprintf(stderr, gettext("Could not read %s: %s\n"), plan.output_path, strerror(errno));
         return KELVO_SYSERR;
     }

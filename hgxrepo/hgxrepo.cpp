@@ -21,11 +21,7 @@
 
 namespace hgxrepo {
 
-std::string one_line(std::string s) {
-    for (char& c : s)
-        if (c == '\n' || c == '\r') c = ' ';
-    return s;
-}
+std::string one_line(std::string s) { return manifest::escape(s, false); }
 
 namespace {
 
@@ -39,7 +35,8 @@ const char USAGE[] =
     "       hgxrepo [-r FILE] delpg [--snapshot] WERN\n"
     "       hgxrepo [-r FILE] delete WERN\n"
     "       hgxrepo [-r FILE] list\n"
-    "       hgxrepo [-r FILE] show WERN [SNAPSHOT]\n"
+    "       hgxrepo [-r FILE] show [--json] WERN [SNAPSHOT]\n"
+    "       hgxrepo [-r FILE] get [-0] WERN\n"
     "       hgxrepo [-r FILE] copy [--force] TARGET\n"
     "       hgxrepo [-r FILE] diff WERN\n"
     "       hgxrepo [-r FILE] sync [--once] [--service PATTERN]... [--instance PATTERN]... "
@@ -151,9 +148,9 @@ constexpr Command COMMANDS[] = {
     {"delprop", cmd_delprop, true},    {"addpg", cmd_addpg, true},
     {"delpg", cmd_delpg, true},        {"delete", cmd_delete, false},
     {"list", cmd_list, false},         {"show", cmd_show, false},
-    {"copy", cmd_copy, false},         {"diff", cmd_diff, false},
-    {"sync", cmd_sync, false},         {"grant", cmd_grant, false},
-    {"upgrade", cmd_upgrade, false},
+    {"get", cmd_get, false},           {"copy", cmd_copy, false},
+    {"diff", cmd_diff, false},         {"sync", cmd_sync, false},
+    {"grant", cmd_grant, false},       {"upgrade", cmd_upgrade, false},
 };
 
 const Command* find_command(const std::string& name) {

@@ -1,14 +1,17 @@
 // hgxrepo import: manifests loaded into the repository in one transaction,
 // with a warning for each group or instance that the import removes without
 // the manifests saying so.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <map>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -134,18 +137,35 @@ std::vector<std::string> dropped_by_import(const std::string& path,
     return out;
 }
 
-std::string read_input(const std::string& name) {
-    std::ostringstream s;
-    if (name == "-") {
-        s << std::cin.rdbuf();
-        if (std::cin.bad()) throw Failure{"<stdin>: cannot read"};
-        return s.str();
+// The text of a manifest file, or of standard input for "-": read no
+// further than the size limit, and a file whose size says it is larger is
+// not read at all.
+std::string read_input(const std::string& file) {
+    const bool from_stdin = file == "-";
+    const std::string name = from_stdin ? "<stdin>" : file;
+    int fd = from_stdin ? 0 : open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) throw Failure{name + ": cannot read: " + std::strerror(errno)};
+    struct Closer {
+        int fd;
+        ~Closer() {
+            if (fd > 0) close(fd);
+        }
+    } closer{fd};
+    struct stat st;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+        static_cast<uint64_t>(st.st_size) > manifest::MANIFEST_SIZE_LIMIT)
+        throw Failure{manifest::too_large(name, static_cast<size_t>(st.st_size))};
+    std::string text;
+    char buf[65536];
+    for (;;) {
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) throw Failure{name + ": cannot read: " + std::strerror(errno)};
+        if (n == 0) return text;
+        if (text.size() + static_cast<size_t>(n) > manifest::MANIFEST_SIZE_LIMIT)
+            throw Failure{manifest::too_large(name, 0)};
+        text.append(buf, static_cast<size_t>(n));
     }
-    std::ifstream f(name, std::ios::binary);
-    if (!f) throw Failure{name + ": cannot read: " + std::strerror(errno)};
-    s << f.rdbuf();
-    if (f.bad()) throw Failure{name + ": cannot read"};
-    return s.str();
 }
 
 }  // namespace

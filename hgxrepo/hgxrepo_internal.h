@@ -56,8 +56,9 @@ struct Invocation {
 // one too many.
 void arity(const Invocation& inv, size_t min, size_t max);
 
-// s with its line breaks made spaces, so that a message stays one line
-// whatever a name or value held.
+// s with its control bytes escaped (manifest::escape, backslashes left as
+// they are: the texts a message quotes are escaped already), so that a
+// message stays one line whatever a name or value held.
 std::string one_line(std::string s);
 
 using Writer = HgxPtr<hgx_writer_t>;
@@ -168,8 +169,10 @@ CommandFn cmd_import, cmd_setprop, cmd_delprop, cmd_addpg, cmd_delpg, cmd_delete
 CommandFn cmd_grant, cmd_upgrade;
 
 // The commands that read it, to standard output: export (as a manifest),
-// list (every service and instance), show (a line per group and property)
-// and diff (what retaking the snapshot "running" would change).
-CommandFn cmd_export, cmd_list, cmd_show, cmd_diff;
+// list (every service and instance), show (a line per group and property,
+// or one JSON document), get (one property's values) and diff (what
+// retaking the snapshot "running" would change). Names, types and values
+// they print are escaped (manifest::escape) or quoted: a line is a record.
+CommandFn cmd_export, cmd_list, cmd_show, cmd_get, cmd_diff;
 
 }  // namespace hgxrepo

@@ -130,11 +130,19 @@ json property_json(hgx_type_t type, const std::vector<std::string>& values) {
 
 json group_json(hgx_handle_t* h, hgx_propertygroup_t* pg);
 
+// Adds a member to an object under a name the store gives once per object
+// (names of one group's properties, of one owner's groups, instances,
+// services): appended without the ordered object's lookup of the name,
+// which would make an export quadratic in a group's size.
+void append(json& object, std::string name, json value) {
+    object.get_ref<json::object_t&>().emplace_back(std::move(name), std::move(value));
+}
+
 // The groups an iterator that is started gives, by name.
 json groups_of(hgx_handle_t* h, hgx_iter_t* it) {
     json groups = json::object();
     each_pg(h, it, [&](hgx_propertygroup_t* pg) {
-        groups[text_of(hgx_pg_get_name, pg)] = group_json(h, pg);
+        append(groups, text_of(hgx_pg_get_name, pg), group_json(h, pg));
     });
     return groups;
 }
@@ -144,7 +152,8 @@ json group_json(hgx_handle_t* h, hgx_propertygroup_t* pg) {
     g["type"] = text_of(hgx_pg_get_type, pg);
     json props = json::object();
     each_property(h, pg, [&](hgx_property_t* p) {
-        props[text_of(hgx_property_get_name, p)] = property_json(type_of(p), values_of(h, p));
+        append(props, text_of(hgx_property_get_name, p),
+               property_json(type_of(p), values_of(h, p)));
     });
     if (!props.empty()) g["properties"] = std::move(props);
     Iter it(hgx_iter_create(h));
@@ -183,7 +192,7 @@ json service_json(hgx_handle_t* h, hgx_service_t* svc, hgx_instance_t* only) {
     json instances = json::object();
     int rc;
     while ((rc = hgx_iter_next_instance(it.get(), inst.get())) == 1)
-        instances[text_of(hgx_instance_get_name, inst.get())] = instance_json(h, inst.get());
+        append(instances, text_of(hgx_instance_get_name, inst.get()), instance_json(h, inst.get()));
     if (rc < 0) throw Failure{failed_to("read instances")};
     if (!instances.empty()) o["instances"] = std::move(instances);
     return o;
@@ -219,8 +228,8 @@ int cmd_export(const Invocation& inv) {
             service_json(h.get(), svc.get(), is_instance ? inst.get() : nullptr);
     } else {
         each_service(h.get(), path, svc.get(), [&] {
-            services[text_of(hgx_service_get_name, svc.get())] =
-                service_json(h.get(), svc.get(), nullptr);
+            append(services, text_of(hgx_service_get_name, svc.get()),
+                   service_json(h.get(), svc.get(), nullptr));
         });
     }
     json doc = json::object();
@@ -246,12 +255,12 @@ int cmd_list(const Invocation& inv) {
     char buf[1100];
     each_service(h.get(), path, svc.get(), [&] {
         if (hgx_service_to_wern(svc.get(), buf, sizeof buf) < 0) read_failed(path);
-        std::cout << buf << '\n';
+        std::cout << manifest::escape(buf) << '\n';
         if (hgx_iter_service_instances(inner.get(), svc.get()) < 0) read_failed(path);
         int rc;
         while ((rc = hgx_iter_next_instance(inner.get(), inst.get())) == 1) {
             if (hgx_instance_to_wern(inst.get(), buf, sizeof buf) < 0) read_failed(path);
-            std::cout << buf << '\n';
+            std::cout << manifest::escape(buf) << '\n';
         }
         if (rc < 0) read_failed(path);
     });
@@ -277,7 +286,8 @@ void walk_pg(hgx_handle_t* h, hgx_propertygroup_t* pg, Walk walk, const std::str
                                : hgx_iter_pg_pgs_composed(it.get(), pg, nullptr);
     if (rc < 0) throw Failure{failed_to("read groups")};
     each_pg(h, it.get(), [&](hgx_propertygroup_t* child) {
-        walk_pg(h, child, walk, path + "/" + text_of(hgx_pg_get_name, child), visit);
+        walk_pg(h, child, walk, path + "/" + manifest::escape(text_of(hgx_pg_get_name, child)),
+                visit);
     });
 }
 
@@ -292,7 +302,7 @@ void walk_top(hgx_handle_t* h, hgx_service_t* svc, hgx_instance_t* inst, hgx_sna
                                  : hgx_iter_instance_pgs_composed(it.get(), inst, snap);
     if (rc < 0) throw Failure{failed_to("read groups")};
     each_pg(h, it.get(), [&](hgx_propertygroup_t* pg) {
-        walk_pg(h, pg, walk, text_of(hgx_pg_get_name, pg), visit);
+        walk_pg(h, pg, walk, manifest::escape(text_of(hgx_pg_get_name, pg)), visit);
     });
 }
 
@@ -316,11 +326,12 @@ struct OwnerView {
 
     // Each group ("PATH/", "TYPE") and property ("PATH", "TYPE "V1" ...")
     // of a walk of the instance (the service without one), in walk order,
-    // handed to line(key, text). The snapshot is read with Walk::SNAPSHOT.
+    // handed to line(key, text), names and types escaped and values quoted,
+    // so that each is one line. The snapshot is read with Walk::SNAPSHOT.
     template <typename Line>
     void lines(Walk walk, Line line) {
         auto visit = [&](hgx_propertygroup_t* pg, const std::string& p) {
-            line(p + "/", text_of(hgx_pg_get_type, pg));
+            line(p + "/", manifest::escape(text_of(hgx_pg_get_type, pg)));
             each_property(h.get(), pg, [&](hgx_property_t* prop) {
                 std::string text = hgx_type_to_string(type_of(prop));
                 for (const std::string& v : values_of(h.get(), prop)) {
@@ -329,7 +340,7 @@ struct OwnerView {
                 }
                 std::string name = p;
                 name += '/';
-                name += text_of(hgx_property_get_name, prop);
+                name += manifest::escape(text_of(hgx_property_get_name, prop));
                 line(name, text);
             });
         };
@@ -363,12 +374,56 @@ void print_diff(const std::map<std::string, std::string>& running,
 
 }  // namespace
 
-// One line per group ("PATH/ TYPE") and per property ("PATH TYPE "V1" ...").
-// An instance shows its composed view, or the snapshot given.
+namespace {
+
+// A group of a walk as show --json gives it: every key always there, every
+// property in the object form, nested groups read in the walk's mode.
+json group_view(hgx_handle_t* h, hgx_propertygroup_t* pg, Walk walk) {
+    json g = json::object();
+    append(g, "type", text_of(hgx_pg_get_type, pg));
+    json props = json::object();
+    each_property(h, pg, [&](hgx_property_t* p) {
+        json prop = json::object();
+        append(prop, "type", hgx_type_to_string(type_of(p)));
+        append(prop, "values", values_of(h, p));
+        append(props, text_of(hgx_property_get_name, p), std::move(prop));
+    });
+    append(g, "properties", std::move(props));
+    Iter it(hgx_iter_create(h));
+    if (!it) throw Failure{lib_error()};
+    int rc = walk == Walk::OWN ? hgx_iter_pg_pgs(it.get(), pg)
+                               : hgx_iter_pg_pgs_composed(it.get(), pg, nullptr);
+    if (rc < 0) throw Failure{failed_to("read groups")};
+    json groups = json::object();
+    each_pg(h, it.get(), [&](hgx_propertygroup_t* child) {
+        append(groups, text_of(hgx_pg_get_name, child), group_view(h, child, walk));
+    });
+    append(g, "groups", std::move(groups));
+    return g;
+}
+
+// The text of a JSON document for standard output; refuses what JSON cannot
+// hold (text that is not UTF-8) rather than change it.
+std::string json_text(const json& doc, const std::string& path) {
+    try {
+        return doc.dump(2);
+    } catch (const json::type_error&) {
+        throw Failure{path + ": a name or value is not valid UTF-8 and cannot be shown as JSON"};
+    }
+}
+
+}  // namespace
+
+// One line per group ("PATH/ TYPE") and per property ("PATH TYPE "V1" ..."),
+// or with --json one JSON document. An instance shows its composed view, or
+// the snapshot given.
 int cmd_show(const Invocation& inv) {
-    arity(inv, 1, 2);
-    const std::string& wern = inv.words[0];
-    const std::string* snapshot = inv.words.size() > 1 ? &inv.words[1] : nullptr;
+    const bool as_json = !inv.words.empty() && inv.words[0] == "--json";
+    Invocation rest = inv;
+    if (as_json) rest.words.erase(rest.words.begin());
+    arity(rest, 1, 2);
+    const std::string& wern = rest.words[0];
+    const std::string* snapshot = rest.words.size() > 1 ? &rest.words[1] : nullptr;
     OwnerView v(inv.path, wern);
     Walk walk = v.is_instance ? Walk::COMPOSED : Walk::OWN;
     if (snapshot) {
@@ -377,9 +432,61 @@ int cmd_show(const Invocation& inv) {
             throw Failure{wern + ": no snapshot " + manifest::quote(*snapshot)};
         walk = Walk::SNAPSHOT;
     }
-    v.lines(walk, [&](const std::string& key, const std::string& text) {
-        std::cout << key << ' ' << text << '\n';
+    if (!as_json) {
+        v.lines(walk, [&](const std::string& key, const std::string& text) {
+            std::cout << key << ' ' << text << '\n';
+        });
+        return 0;
+    }
+    hgx_handle_t* h = v.h.get();
+    Iter it(hgx_iter_create(h));
+    if (!it) throw Failure{lib_error()};
+    int rc = !v.is_instance      ? hgx_iter_service_pgs(it.get(), v.svc.get())
+             : walk == Walk::OWN ? hgx_iter_instance_pgs(it.get(), v.inst.get())
+                                 : hgx_iter_instance_pgs_composed(
+                                       it.get(), v.inst.get(), snapshot ? v.snap.get() : nullptr);
+    if (rc < 0) throw Failure{failed_to("read groups")};
+    json groups = json::object();
+    each_pg(h, it.get(), [&](hgx_propertygroup_t* pg) {
+        append(groups, text_of(hgx_pg_get_name, pg), group_view(h, pg, walk));
     });
+    char buf[1100];
+    if ((v.is_instance ? hgx_instance_to_wern(v.inst.get(), buf, sizeof buf)
+                       : hgx_service_to_wern(v.svc.get(), buf, sizeof buf)) < 0)
+        throw Failure{failed_to("read")};
+    json doc = json::object();
+    append(doc, "wern", buf);
+    append(doc, "snapshot", snapshot ? json(*snapshot) : json(nullptr));
+    append(doc, "groups", std::move(groups));
+    std::cout << json_text(doc, inv.path) << '\n';
+    return 0;
+}
+
+// The values of one property of the current view (an instance's composed
+// one), one a line, escaped; with -0 as they are, each ended by a NUL byte.
+int cmd_get(const Invocation& inv) {
+    const bool nul = !inv.words.empty() && inv.words[0] == "-0";
+    Invocation rest = inv;
+    if (nul) rest.words.erase(rest.words.begin());
+    arity(rest, 1, 1);
+    const std::string& wern = rest.words[0];
+    hgx_wern_parts parts;
+    if (hgx_wern_split(wern.c_str(), &parts) < 0)
+        throw Failure{"not a valid wern: " + manifest::quote(wern) + "; " + WERN_FORMS};
+    Handle h = open_reader(inv.path);
+    Prop p(hgx_property_create(h.get()));
+    if (!p) throw Failure{lib_error()};
+    if (parts.path.empty() || hgx_handle_decode_wern(h.get(), wern.c_str(), nullptr, nullptr,
+                                                     nullptr, nullptr, p.get(), 0) < 0)
+        throw Failure{wern + ": " + (parts.path.empty() ? "names no property" : lib_error())};
+    hgx_type_t type;
+    if (hgx_property_type(p.get(), &type) < 0) throw Failure{wern + ": names no property"};
+    for (const std::string& v : values_of(h.get(), p.get())) {
+        if (nul)
+            std::cout << v << '\0';
+        else
+            std::cout << manifest::escape(v) << '\n';
+    }
     return 0;
 }
 

@@ -490,6 +490,30 @@ std::string place(const std::string& text, const std::string& name, size_t pos) 
 
 }  // namespace
 
+std::string escape(std::string_view s, bool backslashes) {
+    std::string out;
+    out.reserve(s.size());
+    for (char c : s) {
+        const auto b = static_cast<unsigned char>(c);
+        if (c == '\\' && backslashes) {
+            out += "\\\\";
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (b < 0x20 || b == 0x7f) {
+            char buf[8];
+            std::snprintf(buf, sizeof buf, "\\x%02x", b);
+            out += buf;
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
 std::string quote(const std::string& s, size_t max) {
     std::string out = "\"";
     size_t n = 0;
@@ -527,7 +551,17 @@ std::string quote(const std::string& s, size_t max) {
     return out + "\"";
 }
 
+std::string too_large(const std::string& name, size_t size) {
+    const std::string limit = std::to_string(MANIFEST_SIZE_LIMIT) + " bytes (64 MiB)";
+    if (size == 0) return name + ": more than the limit of " + limit + "; not read further";
+    return name + ": " + std::to_string(size) + " bytes, more than the limit of " + limit;
+}
+
 int parse(const std::string& text, const std::string& name, Document* out, std::string* error) {
+    if (text.size() > MANIFEST_SIZE_LIMIT) {
+        *error = too_large(name, text.size());
+        return -1;
+    }
     size_t last = 0;
     Builder b(text, &last);
     TrackingIter first{text.data(), text.data(), &last};

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "hgx.h"
@@ -55,12 +56,28 @@ struct Document {
 // -1 and sets *error to one line, "NAME:LINE:COLUMN: what", NAME being how
 // the text is named to the user (a file name, "<stdin>"); *out is then in
 // an unspecified state and is not to be used. out and error must not be
-// null. Throws only std::bad_alloc.
+// null. A text over MANIFEST_SIZE_LIMIT bytes is refused with its size
+// ("NAME: ..."). Throws only std::bad_alloc.
 int parse(const std::string& text, const std::string& name, Document* out, std::string* error);
+
+// The largest manifest parse takes: 64 MiB, about a million properties in
+// export's layout and thousands of times a hand-written manifest, so that a
+// runaway input (a device, a pipe without end) is refused at once.
+inline constexpr size_t MANIFEST_SIZE_LIMIT = size_t{64} << 20;
+// The line that refuses a manifest of size bytes (over the limit) named
+// name; size 0 when it is a stream that went on past the limit.
+std::string too_large(const std::string& name, size_t size);
 
 // Quotes a text for a one-line message: double quotes around it, double
 // quotes, control bytes and backslashes escaped, a text longer than max
 // bytes cut after max bytes with "..." (std::string::npos: never cut).
 std::string quote(const std::string& s, size_t max = 60);
+
+// The one escaping of names, types and values that hgxrepo prints, so that
+// one record is one line whatever a text holds: a backslash doubled (unless
+// backslashes is false, for a message whose texts are quoted already),
+// newline, tab and carriage return as \n, \t, \r, any other byte below 0x20
+// and 0x7f as \xHH; every other byte as it is.
+std::string escape(std::string_view s, bool backslashes = true);
 
 }  // namespace manifest

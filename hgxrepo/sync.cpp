@@ -33,6 +33,7 @@
 #include "hgx.h"
 #include "hgx_ptr.h"
 #include "hgx_write.h"
+#include "manifest.h"
 
 extern char** environ;
 
@@ -44,14 +45,16 @@ void request_stop(int) { stop_requested = 1; }
 
 bool keep_going() { return !stop_requested; }
 
-// One line on standard error, behind a UTC timestamp.
+// One line on standard error, behind a UTC timestamp: control bytes in
+// what it tells (names and messages from the cluster) are escaped, so that
+// a line is always one record of the log.
 void log_line(const std::string& text) {
     char when[32];
     std::time_t now = std::time(nullptr);
     std::tm tm{};
     gmtime_r(&now, &tm);
     std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &tm);
-    std::fprintf(stderr, "%s hgxrepo sync: %s\n", when, text.c_str());
+    std::fprintf(stderr, "%s hgxrepo sync: %s\n", when, manifest::escape(text, false).c_str());
     std::fflush(stderr);
 }
 
@@ -226,7 +229,7 @@ bool Mirror::prepare() {
             out->push_back(std::make_unique<Pattern>(p));
             if (!out->back()->ok) {
                 std::fprintf(stderr, "hgxrepo: %s %s: not an extended regular expression\n", option,
-                             p.c_str());
+                             manifest::escape(p, false).c_str());
                 return false;
             }
             *recorded += p + "\n";
@@ -240,7 +243,7 @@ bool Mirror::prepare() {
         services_.empty() && !instances_.empty() && literal_instances().size() == instances_.size();
     if (o_.url.rfind("etcd://", 0) != 0 && o_.url.rfind("etcds://", 0) != 0) {
         std::fprintf(stderr, "hgxrepo: sync follows an etcd cluster: %s is no etcd URL\n",
-                     o_.url.c_str());
+                     manifest::escape(o_.url, false).c_str());
         return false;
     }
     if (o_.file.rfind("etcd://", 0) == 0 || o_.file.rfind("etcds://", 0) == 0) {
@@ -254,7 +257,7 @@ bool Mirror::prepare() {
     // version) is made by the first copy too.
     if (!file && hgx_error() == HGX_ERROR_NO_REPOSITORY) return true;
     if (!file) {
-        std::fprintf(stderr, "hgxrepo: %s\n", message.c_str());
+        std::fprintf(stderr, "hgxrepo: %s\n", manifest::escape(message, false).c_str());
         return false;
     }
     std::string source, revision, services, instances;

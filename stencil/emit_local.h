@@ -28,17 +28,26 @@ struct LocalBuffer {
     char* take() { return string_buffer_take_ownership(&sb); }
 };
 
-// Sets up a thread-local scratch buffer on its first use and registers it
-// with the exit-time list. 0, or -1 when it cannot be created.
-inline int scratch_ready(string_buffer_t* scratch) {
-    if (string_buffer_get_str(scratch) != nullptr) {
+// A scratch buffer of one thread (a scratch result lasts until that
+// function's next call on the same thread). The thread owns its text: it is
+// freed when the thread ends, and for the main thread when the process
+// exits, once, whatever other threads used a buffer of the same name.
+struct ThreadScratch {
+    string_buffer_t sb{};
+
+    ThreadScratch() = default;
+    ThreadScratch(const ThreadScratch&) = delete;
+    ThreadScratch& operator=(const ThreadScratch&) = delete;
+    ~ThreadScratch() { string_buffer_free(&sb); }
+};
+
+// Sets up a thread's scratch buffer on its first use. 0, or -1 when it
+// cannot be created.
+inline int scratch_ready(ThreadScratch* scratch) {
+    if (string_buffer_get_str(&scratch->sb) != nullptr) {
         return 0;
     }
-    if (string_buffer_init(scratch) != 0) {
-        return -1;
-    }
-    string_buffer_atexit_free(scratch);
-    return 0;
+    return string_buffer_init(&scratch->sb) != 0 ? -1 : 0;
 }
 
 // Results are summed only for their sign; keep the sum from overflowing.

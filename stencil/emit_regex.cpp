@@ -21,7 +21,7 @@ using stencil_eval::LocalBuffer;
 namespace {
 
 // Holds the result of the last transform_wern call.
-thread_local string_buffer_t transform_scratch;
+thread_local stencil_eval::ThreadScratch transform_scratch;
 
 constexpr char SEPARATOR[] = "/:properties/";
 
@@ -96,7 +96,7 @@ const char* transform_wern(const char* wern, regex_context_t* context, int regex
     if (stencil_eval::scratch_ready(&transform_scratch) != 0) {
         return nullptr;
     }
-    string_buffer_t* sb = &transform_scratch;
+    string_buffer_t* sb = &transform_scratch.sb;
     string_buffer_clear(sb);
     if (regex != 0 && !append(sb, "^")) {
         return nullptr;

@@ -17,8 +17,9 @@
 
 namespace {
 
-// Offsets in the parser are int; no text may be longer than this.
-constexpr size_t MAX_TEXT_LENGTH = 0x7FFFFFFF;
+// Offsets in the parser are int; STENCIL_SIZE_LIMIT keeps every text far
+// below INT_MAX.
+static_assert(STENCIL_SIZE_LIMIT < 0x7FFFFFFF);
 constexpr size_t CHUNK = 128;
 
 // The stencil's text, NUL-terminated: either a private mapping of the file or
@@ -37,8 +38,9 @@ class StencilText {
         return mapped_ != nullptr ? static_cast<const char*>(mapped_) : buffer_;
     }
 
-    // Reads descriptor 0 to its end in chunks; the buffer always has room for
-    // a whole chunk and the NUL ahead of each read. 0, or -1 with errno.
+    // Reads descriptor 0 to its end; the buffer always has room for a whole
+    // chunk and the NUL ahead of each read, and doubles when it has not, so
+    // that a large input costs no more than its size. 0, or -1 with errno.
     int read_stdin() {
         size_t allocated = CHUNK + 1;
         size_t used = 0;
@@ -46,19 +48,21 @@ class StencilText {
         if (buffer_ == nullptr) return -1;
         for (;;) {
             if (allocated - used < CHUNK + 1) {
-                auto* grown = static_cast<char*>(realloc(buffer_, allocated + CHUNK));
+                auto* grown = static_cast<char*>(realloc(buffer_, allocated * 2));
                 if (grown == nullptr) return -1;
                 buffer_ = grown;
-                allocated += CHUNK;
+                allocated *= 2;
             }
-            ssize_t n = read(0, buffer_ + used, CHUNK);
+            ssize_t n = read(0, buffer_ + used, allocated - used - 1);
             if (n < 0) {
                 if (errno == EINTR) continue;
                 return -1;
             }
             if (n == 0) break;
             used += static_cast<size_t>(n);
-            if (used > MAX_TEXT_LENGTH) {
+            if (used > STENCIL_SIZE_LIMIT) {
+                fprintf(stderr, "Stencil on standard input is larger than the limit of %zu bytes\n",
+                        STENCIL_SIZE_LIMIT);
                 errno = E2BIG;
                 return -1;
             }
@@ -69,16 +73,18 @@ class StencilText {
 
     // Maps the open file with room for the NUL behind its last byte. 0, or
     // -1 with errno.
-    int map_file(int fd) {
+    int map_file(int fd, const char* file_name) {
         struct stat st {};
         if (fstat(fd, &st) != 0) return -1;
         const auto size = static_cast<size_t>(st.st_size);
-        const auto page = static_cast<size_t>(getpagesize());
-        const size_t length = size - size % page + page;
-        if (length > MAX_TEXT_LENGTH) {
+        if (size > STENCIL_SIZE_LIMIT) {
+            fprintf(stderr, "Stencil %s is %zu bytes, larger than the limit of %zu bytes\n",
+                    file_name, size, STENCIL_SIZE_LIMIT);
             errno = E2BIG;
             return -1;
         }
+        const auto page = static_cast<size_t>(getpagesize());
+        const size_t length = size - size % page + page;
         // A regular file whose size is an exact multiple of the page (empty
         // included) has no spare byte in its last page, and a mapping past
         // the end of a file cannot be read. Such a file is read into a
@@ -144,6 +150,8 @@ stencil_error_t error_from_errno(int err) {
             return STENCIL_ERROR_NO_RESOURCES;
         case ENAMETOOLONG:
             return STENCIL_ERROR_LONG_FILENAME;
+        case E2BIG:
+            return STENCIL_ERROR_INTERNAL_ERROR;  // the size has been told
         default:
             // Not a user-facing message of its own: no catalogue lookup.
             fprintf(stderr, "mmap: %d %s\n", err, strerror(err));
@@ -191,7 +199,7 @@ stencil_error_t stencil_load(const char* file_name, stencil_t** out, defines_t* 
     // way out.
     FileDescriptor fd(file_name != nullptr ? open(file_name, O_RDONLY | O_CLOEXEC) : -1);
     if (file_name != nullptr) {
-        if (fd.get() < 0 || text.map_file(fd.get()) != 0) return error_from_errno(errno);
+        if (fd.get() < 0 || text.map_file(fd.get(), file_name) != 0) return error_from_errno(errno);
     } else if (text.read_stdin() != 0) {
         return error_from_errno(errno);
     }

@@ -23,7 +23,7 @@
 namespace {
 
 // Holds the result of the last replace_string call.
-thread_local string_buffer_t replace_scratch;
+thread_local stencil_eval::ThreadScratch replace_scratch;
 
 // Reads one set member at *p (a backslash quotes the next character).
 // False when the pattern ends inside the member.
@@ -181,7 +181,7 @@ const char* replace_string(const char* source, const char* pattern, const char* 
     if (stencil_eval::scratch_ready(&replace_scratch) != 0) {
         return nullptr;
     }
-    string_buffer_clear(&replace_scratch);
+    string_buffer_clear(&replace_scratch.sb);
 
     // Anchors are looked for at the head of the pattern only.
     bool start_anchor = false;
@@ -204,13 +204,13 @@ const char* replace_string(const char* source, const char* pattern, const char* 
         const bool accepted =
             end != nullptr && (!start_anchor || pos == source) && (!end_anchor || *end == '\0');
         if (!accepted) {
-            if (string_buffer_append_char(&replace_scratch, *pos) < 0) {
+            if (string_buffer_append_char(&replace_scratch.sb, *pos) < 0) {
                 return nullptr;
             }
             pos++;
             continue;
         }
-        if (string_buffer_append_string(&replace_scratch, replacement) < 0) {
+        if (string_buffer_append_string(&replace_scratch.sb, replacement) < 0) {
             return nullptr;
         }
         // Only a pattern that is empty once its anchors are stripped matches
@@ -224,8 +224,8 @@ const char* replace_string(const char* source, const char* pattern, const char* 
             break;
         }
     }
-    if (string_buffer_append_string(&replace_scratch, pos) < 0) {
+    if (string_buffer_append_string(&replace_scratch.sb, pos) < 0) {
         return nullptr;
     }
-    return string_buffer_get_str(&replace_scratch);
+    return string_buffer_get_str(&replace_scratch.sb);
 }

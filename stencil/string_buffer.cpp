@@ -12,8 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "atexit_free.h"
-
 namespace {
 
 constexpr ssize_t INITIAL_SIZE = 16;
@@ -66,7 +64,6 @@ int string_buffer_init(string_buffer_t* sb) {
     if (sb == nullptr) {
         return -1;
     }
-    sb->free_atexit = 0;
     sb->buf = static_cast<char*>(std::malloc(INITIAL_SIZE));
     if (sb->buf == nullptr) {
         sb->used = 0;
@@ -135,13 +132,3 @@ void string_buffer_trim(string_buffer_t* sb, size_t length) {
 }
 
 void string_buffer_free(string_buffer_t* sb) { std::free(string_buffer_take_ownership(sb)); }
-
-void string_buffer_atexit_free(string_buffer_t* sb) {
-    if (sb == nullptr || sb->free_atexit != 0) {
-        return;
-    }
-    // The list keeps the address of the `buf` field, not its value: the
-    // block moves as the buffer grows, and whatever it is at exit is freed.
-    atexit_free_at(reinterpret_cast<void**>(&sb->buf));
-    sb->free_atexit = 1;
-}

@@ -15,7 +15,7 @@
 namespace {
 
 // Holds the text of the last grab; reused by every call.
-thread_local string_buffer_t grab_scratch;
+thread_local stencil_eval::ThreadScratch grab_scratch;
 
 // The value of an absent grab: distinct from the scratch buffer, read-only.
 const char NO_GRAB[] = "";
@@ -77,12 +77,12 @@ const char* get_grab(int grab, const regex_context_t* context) {
     if (m.rm_so < 0 || m.rm_eo < m.rm_so) {
         return NO_GRAB;
     }
-    string_buffer_clear(&grab_scratch);
+    string_buffer_clear(&grab_scratch.sb);
     const char* wern = node->info->wern;
-    if (string_buffer_append_substring(&grab_scratch, wern + m.rm_so, wern + m.rm_eo) < 0) {
+    if (string_buffer_append_substring(&grab_scratch.sb, wern + m.rm_so, wern + m.rm_eo) < 0) {
         return nullptr;
     }
-    return string_buffer_get_str(&grab_scratch);
+    return string_buffer_get_str(&grab_scratch.sb);
 }
 
 const char* get_macro_expansion(const char** text, macro_t* macro) {

@@ -39,6 +39,52 @@ void report_open_failure(int err, const char* path, bool for_writing) {
     }
 }
 
+// A device, a FIFO or a socket where the output should be: kelvo writes
+// regular files only, and leaves anything else exactly as it found it.
+void report_not_regular(const char* path) {
+    fprintf(stderr, gettext("%s exists and is not a regular file\n"), path);
+}
+
+enum class Existing { NONE, REGULAR, DIRECTORY, OTHER, FAILED };
+
+// Opens the output as it exists for reading. Nothing but a regular file is
+// opened for real: the first look goes through an O_PATH descriptor, which
+// runs no driver's open (a device's open may act on the device) and does not
+// wait for a FIFO's writer. REGULAR with *fd and *st set; FAILED with errno
+// set; NONE when there is no file yet.
+Existing open_existing(const OutputRoot& root, const char* path, int* fd, struct stat* st) {
+    *fd = -1;
+    int probe = root.open_file(path, O_PATH | O_CLOEXEC);
+    if (probe < 0) return errno == ENOENT ? Existing::NONE : Existing::FAILED;
+    int rc = fstat(probe, st);
+    int saved = errno;
+    close(probe);
+    errno = saved;
+    if (rc != 0) return Existing::FAILED;
+    if (S_ISDIR(st->st_mode)) return Existing::DIRECTORY;
+    if (!S_ISREG(st->st_mode)) return Existing::OTHER;
+    // Opened again by its path; what stands there now is looked at again.
+    int opened = root.open_file(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (opened < 0) return errno == ENOENT ? Existing::NONE : Existing::FAILED;
+    rc = fstat(opened, st);
+    saved = errno;
+    if (rc != 0 || !S_ISREG(st->st_mode)) close(opened);
+    errno = saved;
+    if (rc != 0) return Existing::FAILED;
+    if (!S_ISREG(st->st_mode)) return S_ISDIR(st->st_mode) ? Existing::DIRECTORY : Existing::OTHER;
+    *fd = opened;
+    return Existing::REGULAR;
+}
+
+// The name an operation below the root is given: the output file's own
+// name below a root prefix, the whole path without one.
+const char* place_of(const OutputRoot& root, const char* output_file, const char* output_path) {
+    return root.below_root() ? output_file : output_path;
+}
+
+kelvo_error_t plan_in(const OutputRoot& root, stencil_output_buffer_t* output,
+                      const char* output_file, const char* root_prefix, DeliveryPlan* plan);
+
 // Delivery of an evaluated stencil to a file. The file is rewritten in place
 // (no temporary and rename): its inode, and so a mount or a daemon's open
 // descriptor, stays the same. Once the open for writing succeeded, every
@@ -46,10 +92,10 @@ void report_open_failure(int err, const char* path, bool for_writing) {
 class FileDelivery {
   public:
     FileDelivery(const char* output_file, const char* root_prefix)
-        : output_file_(output_file), root_prefix_(root_prefix) {}
+        : output_file_(output_file), root_prefix_(root_prefix), root_(root_prefix) {}
     ~FileDelivery() {
         if (fd_ >= 0) close(fd_);
-        if (written_ && !succeeded_) unlink(output_path_);
+        if (written_ && !succeeded_) root_.unlink_file(place());
     }
     FileDelivery(const FileDelivery&) = delete;
     FileDelivery& operator=(const FileDelivery&) = delete;
@@ -60,7 +106,7 @@ class FileDelivery {
         // Compare first: a file that already holds the text gets no write, no
         // mode, no owner and no mount, and keeps its times.
         DeliveryPlan plan;
-        kelvo_error_t planned = plan_delivery(output, output_file_, root_prefix_, &plan);
+        kelvo_error_t planned = plan_in(root_, output, output_file_, root_prefix_, &plan);
         memcpy(output_path_, plan.output_path, sizeof output_path_);
         if (planned != KELVO_SUCCESS) return planned;
         if (plan.action == DELIVERY_UNCHANGED) return succeed();
@@ -76,13 +122,30 @@ class FileDelivery {
         // failed unmount.
         if (lofs_options != nullptr) {
             if (file_unmount(output_file_) != 0) return KELVO_SYSERR;
-            if (file_mount(output_path_, output_file_, lofs_options, lofs_options_len, mode) != 0)
-                return KELVO_SYSERR;
+            if (mount_written(lofs_options, lofs_options_len, mode) != 0) return KELVO_SYSERR;
         }
         return succeed();
     }
 
   private:
+    const char* place() const { return place_of(root_, output_file_, output_path_); }
+
+    // Below a root prefix the file mounted is the one the root resolves the
+    // name to, reached through its descriptor, not whatever a link in the
+    // joined path would lead mount(2) to. Messages name the path as ever.
+    int mount_written(const char* options, ssize_t options_len, mode_t mode) {
+        if (!root_.below_root())
+            return file_mount(output_path_, output_file_, options, options_len, mode);
+        int fd = root_.open_file(place(), O_PATH | O_CLOEXEC);
+        char source[64];
+        snprintf(source, sizeof source, "/proc/self/fd/%d", fd);
+        // Without /proc (a bare chroot) the path is all there is to mount.
+        const char* from = fd >= 0 && access(source, F_OK) == 0 ? source : nullptr;
+        int rc = file_mount(output_path_, output_file_, options, options_len, mode, from);
+        if (fd >= 0) close(fd);
+        return rc;
+    }
+
     kelvo_error_t succeed() {
         succeeded_ = true;
         return KELVO_SUCCESS;
@@ -91,10 +154,22 @@ class FileDelivery {
     // Opens the file for writing (from here on a failure removes it) and
     // writes the text. False after the message.
     bool write_text(stencil_output_buffer_t* output, mode_t mode) {
-        fd_ = open(output_path_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+        // O_NONBLOCK: a FIFO put in the file's place since the compare makes
+        // the open fail rather than wait for a reader.
+        fd_ = root_.open_file(
+            place(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode);
+        if (fd_ < 0 && errno == ENXIO) {
+            report_not_regular(output_path_);
+            return false;
+        }
         if (fd_ < 0) {
             report_open_failure(errno, output_path_, true);
             return false;
+        }
+        struct stat st;
+        if (fstat(fd_, &st) == 0 && !S_ISREG(st.st_mode)) {
+            report_not_regular(output_path_);
+            return false;  // not made here: left in place, unchanged
         }
         written_ = true;
 
@@ -138,13 +213,16 @@ class FileDelivery {
         char copy[sizeof output_path_];
         memcpy(copy, output_path_, sizeof copy);
         const char* directory = dirname(copy);
-        if (mkdirp(directory, 0755) != 0 && errno != EEXIST)
+        char below[sizeof output_path_];
+        strlcpy(below, place(), sizeof below);
+        if (root_.make_directories(dirname(below), 0755) != 0 && errno != EEXIST)
             die(KELVO_SYSERR, gettext("Failed to create intermediate directories at %s: %s\n"),
                 directory, strerror(errno));
     }
 
     const char* output_file_;
     const char* root_prefix_;
+    OutputRoot root_;
     char output_path_[1024];
     int fd_ = -1;
     bool written_ = false;    // the open for writing succeeded
@@ -167,8 +245,10 @@ void report_write_failure(stencil_error_t result, const char* path) {
     }
 }
 
-kelvo_error_t plan_delivery(stencil_output_buffer_t* output, const char* output_file,
-                            const char* root_prefix, DeliveryPlan* plan) {
+namespace {
+
+kelvo_error_t plan_in(const OutputRoot& root, stencil_output_buffer_t* output,
+                      const char* output_file, const char* root_prefix, DeliveryPlan* plan) {
     // An absolute output_file still lies below the prefix: "/r" and "/a"
     // give "/r//a". Neither part is normalised.
     char* output_path = plan->output_path;
@@ -181,18 +261,21 @@ kelvo_error_t plan_delivery(stencil_output_buffer_t* output, const char* output_
         return KELVO_SYSERR;
     }
 
-    int fd = open(output_path, O_RDONLY | O_CLOEXEC);
-    // Linux opens a directory read-only without complaint; the compare
-    // would only fail on it later, with a less telling message.
-    if (fd >= 0 && fstat(fd, &plan->current) == 0 && S_ISDIR(plan->current.st_mode)) {
-        close(fd);
-        fd = -1;
-        errno = EISDIR;
-    }
-    if (fd < 0) {
-        if (errno == ENOENT) return KELVO_SUCCESS;
-        report_open_failure(errno, output_path, false);
-        return KELVO_SYSERR;
+    int fd = -1;
+    switch (open_existing(root, place_of(root, output_file, output_path), &fd, &plan->current)) {
+        case Existing::NONE:
+            return KELVO_SUCCESS;
+        case Existing::REGULAR:
+            break;
+        case Existing::DIRECTORY:
+            report_open_failure(EISDIR, output_path, false);
+            return KELVO_SYSERR;
+        case Existing::OTHER:
+            report_not_regular(output_path);
+            return KELVO_SYSERR;
+        case Existing::FAILED:
+            report_open_failure(errno, output_path, false);
+            return KELVO_SYSERR;
     }
     stencil_error_t error = STENCIL_SUCCESS;
     int differs = stencil_output_buffer_cmp(output, fd, &error);
@@ -201,6 +284,14 @@ kelvo_error_t plan_delivery(stencil_output_buffer_t* output, const char* output_
     // rewritten rather than trusted.
     plan->action = differs == 0 && error == STENCIL_SUCCESS ? DELIVERY_UNCHANGED : DELIVERY_REWRITE;
     return KELVO_SUCCESS;
+}
+
+}  // namespace
+
+kelvo_error_t plan_delivery(stencil_output_buffer_t* output, const char* output_file,
+                            const char* root_prefix, DeliveryPlan* plan) {
+    OutputRoot root(root_prefix);
+    return plan_in(root, output, output_file, root_prefix, plan);
 }
 
 kelvo_error_t resolve_owner(const char* owner_name, const char* group_name, uid_t* uid,

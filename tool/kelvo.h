@@ -188,9 +188,13 @@ int add_configfile_defines(defines_t* defines, repository_t* repository, const c
 // The option string that -L builds; *len receives the size of the buffer,
 // which is what mount operations get as the option room. Null: no memory.
 char* lofs_options_create(const char* argument, ssize_t* len);
+// Mounts special on mount_point (made first, an empty file with mode, where
+// nothing is there); source, when given, is what is mounted in special's
+// stead, special then only naming it in messages. 0, or -1 after a message.
 int file_mount(const char* special, const char* mount_point, const char* options,
-               ssize_t options_len, mode_t mode);
+               ssize_t options_len, mode_t mode, const char* source = nullptr);
 int file_unmount(const char* mount_point);
-// Unlinks <root_prefix>/<output_file> (or output_file), after removing the
-// mount on output_file when mount_flag is set. 0 or -1.
+// Unlinks output_file below root_prefix (resolved inside the root), or
+// output_file itself without one, after removing the mount on output_file
+// when mount_flag is set. 0 or -1.
 int undo_file(const char* output_file, const char* root_prefix, int mount_flag);

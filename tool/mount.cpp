@@ -100,7 +100,7 @@ char* lofs_options_create(const char* argument, ssize_t* len) {
 }
 
 int file_mount(const char* special, const char* mount_point, const char* options,
-               ssize_t options_len, mode_t mode) {
+               ssize_t options_len, mode_t mode, const char* source) {
     if (access(mount_point, F_OK) != 0) {
         int fd = creat(mount_point, mode);
         if (fd < 0) {
@@ -109,7 +109,7 @@ int file_mount(const char* special, const char* mount_point, const char* options
         }
         close(fd);
     }
-    if (mount(special, mount_point, nullptr, MS_BIND, nullptr) != 0) {
+    if (mount(source != nullptr ? source : special, mount_point, nullptr, MS_BIND, nullptr) != 0) {
         report_mount_failure(options, special, mount_point);
         return -1;
     }
@@ -160,11 +160,6 @@ int undo_file(const char* output_file, const char* root_prefix, int mount_flag) 
         int result = file_unmount(output_file);
         if (result != 0) return result;
     }
-    if (root_prefix == nullptr) return unlink(output_file);
-    // No length limit: the path is built to the size it needs.
-    size_t size = strlen(output_file) + strlen(root_prefix) + 2;
-    HeapText path = alloc_text(size);
-    if (!path) die(KELVO_SYSERR, gettext("Out of memory\n"));
-    snprintf(path.get(), size, "%s/%s", root_prefix, output_file);
-    return unlink(path.get());
+    // No length limit applies: the name is resolved below the root as it is.
+    return OutputRoot(root_prefix).unlink_file(output_file) == 0 ? 0 : -1;
 }

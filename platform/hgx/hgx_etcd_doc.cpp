@@ -1,7 +1,11 @@
 // The documents of the etcd store: groups with their properties and nested
 // groups, and a list of names, in a binary form that keeps values (any byte
 // but NUL) exactly.
-#include "hgx_etcd_internal.h"
+#include "hgx_etcd_doc.h"
+
+#include <cstdint>
+
+#include "hgx_internal.h"
 
 namespace hgx_detail::etcd {
 

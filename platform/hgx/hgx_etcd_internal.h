@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "hgx_etcd_client.h"
+#include "hgx_etcd_doc.h"
 #include "hgx_internal.h"
 
 namespace hgx_detail::etcd {
@@ -41,31 +42,6 @@ std::string range_end(std::string prefix);
 // A random name for a generation or a commit: 16 hex digits, so that two
 // writers never pick the same one.
 std::string fresh_id();
-
-// ---- documents ---------------------------------------------------------------
-
-// A group as a document holds it.
-struct DocProp {
-    std::string name;
-    int type = 0;
-    std::string blob;
-};
-struct DocGroup {
-    std::string name, type;
-    std::vector<DocProp> props;
-    std::vector<DocGroup> groups;
-};
-// A document: the groups of one owner and the names of what lies below it
-// (a service's instances, an instance's snapshots; none for a snapshot).
-struct Doc {
-    std::vector<DocGroup> groups;
-    std::vector<std::string> names;
-};
-
-std::string encode_doc(const Doc& doc);
-// false for a value that is not a well-formed document; never reads past
-// its end, nor nests deeper than a wern could name.
-bool decode_doc(std::string_view value, Doc* doc);
 
 // ---- requests ----------------------------------------------------------------
 

@@ -1,12 +1,16 @@
 // The wire of the etcd store: URLs, the client module, base64, requests and
 // their errors, and the watch a mirror follows.
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/auxv.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -33,11 +37,51 @@ std::string module_path_beside_program(const char* name) {
     return dir + "/../lib/kelvo/" + name;
 }
 
+// Loads the module at path when its owner and mode can be trusted with
+// this process: owned by root or by the user the process runs as, and
+// writable by nobody else; a process that holds more than its user's
+// rights (set-id, file capabilities) takes root's modules only. The file
+// checked is the file loaded: it is opened once, looked at through the
+// descriptor and loaded through it. Null with *why set (empty when there
+// is no such file).
+void* load_trusted(const std::string& path, int flags, std::string* why) {
+    why->clear();
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    struct stat st;
+    char by_fd[64];
+    snprintf(by_fd, sizeof by_fd, "/proc/self/fd/%d", fd);
+    const bool raised = getauxval(AT_SECURE) != 0;
+    void* so = nullptr;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        *why = path + ": not a regular file";
+    } else if (st.st_uid != 0 && (raised || st.st_uid != geteuid())) {
+        *why = path + ": not loaded: owned by uid " + std::to_string(st.st_uid) +
+               (raised ? ", not root" : ", neither root nor this user");
+    } else if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        *why = path + ": not loaded: writable by group or others";
+    } else if (access(by_fd, F_OK) == 0) {
+        so = dlopen(by_fd, flags);
+    } else if (!raised) {
+        // No /proc (a bare chroot): by its name, checked a moment ago.
+        so = dlopen(path.c_str(), flags);
+    } else {
+        *why = path + ": not loaded: /proc is needed to load it safely";
+    }
+    if (so == nullptr && why->empty()) {
+        const char* error = dlerror();
+        *why = path + ": " + (error != nullptr ? error : "cannot be loaded");
+    }
+    close(fd);
+    return so;
+}
+
 // The client interface of hgx-etcd.so, or with tls of hgx-etcd-tls.so,
 // loaded on first use and kept for the life of the process (libcurl's
 // global state is not torn down, connections are kept for reuse). Looked
-// for in $HGX_ETCD_MODULE (the TLS module beside the file it names), beside
-// the program (../lib/kelvo/), then where it is installed.
+// for in $HGX_ETCD_MODULE (the TLS module beside the file it names; ignored
+// by a process with raised privileges), beside the program (../lib/kelvo/),
+// then where it is installed.
 const hgx_etcd_client_api* client_module(bool tls, std::string* why) {
     static const hgx_etcd_client_api* apis[2] = {nullptr, nullptr};
     const hgx_etcd_client_api*& api = apis[tls];
@@ -45,7 +89,7 @@ const hgx_etcd_client_api* client_module(bool tls, std::string* why) {
     std::string failure;
     if (api) return api;
     std::vector<std::string> candidates;
-    if (const char* env = std::getenv("HGX_ETCD_MODULE"); env && *env) {
+    if (const char* env = secure_getenv("HGX_ETCD_MODULE"); env && *env) {
         std::string named = env;
         if (tls) named = named.substr(0, named.rfind('/') + 1) + name;
         candidates.push_back(named);
@@ -55,13 +99,14 @@ const hgx_etcd_client_api* client_module(bool tls, std::string* why) {
     candidates.push_back(std::string(HGX_MODULE_DIR "/") + name);
 #endif
     for (const std::string& path : candidates) {
-        if (path.empty() || access(path.c_str(), R_OK) != 0) continue;
+        if (path.empty()) continue;
         // Lazy: a function of the TLS module's dependency tree (libcurl's)
         // is bound when first called, not all of them at load (libraries
         // linked to bind at once still do).
-        void* so = dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL);
+        std::string refused;
+        void* so = load_trusted(path, RTLD_LAZY | RTLD_LOCAL, &refused);
         if (!so) {
-            failure = dlerror();
+            if (!refused.empty()) failure = refused;
             continue;
         }
         auto get =

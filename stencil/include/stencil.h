@@ -83,11 +83,17 @@ typedef struct stencil stencil_t;
 // the stencil record not made, stores null in *stencil and returns the
 // STENCIL_ERROR_* its errno maps to (NO_SUCH_FILE, PERMISSIONS,
 // NO_RESOURCES, LONG_FILENAME, NO_MEMORY; INTERNAL_ERROR, with a line on
-// standard error, for any other). Whatever it stores, the
+// standard error, for any other, a stencil over STENCIL_SIZE_LIMIT among
+// them: refused with its size, or for standard input as soon as that much
+// has been read). Whatever it stores, the
 // caller destroys it with stencil_destroy. defines is borrowed, may be
 // null, and must outlive the stencil: defines are spliced in at load and
 // read again by every evaluation.
 stencil_error_t stencil_load(const char* file_name, stencil_t** stencil, defines_t* defines);
+// The largest stencil text stencil_load takes: 16 MiB, thousands of times
+// any stencil written by hand, so that a runaway input (a device, a file
+// written without end) ends the run at once instead of filling memory.
+inline constexpr size_t STENCIL_SIZE_LIMIT = size_t{16} << 20;
 // Releases the stencil, its expression tree and its syntax errors (so
 // records from stencil_syntax_error_iterator_next die with it); not its
 // defines. Output trees it produced are independent of it. Null is ignored.

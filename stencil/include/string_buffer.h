@@ -12,7 +12,6 @@ typedef struct string_buffer {
     char* buf;
     ssize_t used;
     ssize_t allocated;
-    int free_atexit;
 } string_buffer_t;
 
 // Gives the record a fresh 16-byte block holding the empty text; whatever
@@ -47,8 +46,3 @@ void string_buffer_trim(string_buffer_t* sb, size_t length);
 // Frees the text and leaves a buffer that does not exist (buf null), to be
 // initialised again before use. Null and freed buffers are ignored.
 void string_buffer_free(string_buffer_t* sb);
-// Registers the buffer's text with the exit-time list, once per record: the
-// list keeps the address of `buf`, so whatever text the buffer holds at exit
-// is freed then. The record must live until exit (a static or thread-local
-// buffer). Null is ignored.
-void string_buffer_atexit_free(string_buffer_t* sb);

@@ -122,6 +122,19 @@ std::string repository_for(const std::string& path) {
     return "etcd://" + cluster_endpoint() + "/t" + path;
 }
 
+std::vector<std::string> private_mount_namespace(const std::string& dir) {
+    return {"unshare",
+            "--mount",
+            "--propagation",
+            "unchanged",
+            "sh",
+            "-c",
+            "mount --make-rprivate / 2>/dev/null || "
+            "mount --make-rprivate \"$(stat -c %m \"$0\")\" || exit 97\n"
+            "exec \"$@\"",
+            dir};
+}
+
 Result run(const Run& given) {
     Run r = given;
     for (size_t i = 1; i < r.args.size(); ++i)

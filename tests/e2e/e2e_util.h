@@ -31,6 +31,13 @@ struct Run {
     std::vector<std::string> wrapper;
 };
 
+// A command line's prefix that runs the command in a mount namespace of its
+// own whose mounts propagate nowhere: all of them private or, in a chroot
+// where "/" may be no mount point to make private, at least the mount that
+// holds dir, below which the command is to mount. Exits 97 when neither can
+// be made private.
+std::vector<std::string> private_mount_namespace(const std::string& dir);
+
 // Runs a program. On the pass of the tests against etcd, a repository file
 // named by -r or HGX_REPOSITORY is replaced by a prefix of its own in the
 // cluster.

@@ -620,13 +620,14 @@ TEST(EtcdClient, IsLoadedOnlyForAClusterUrlAndLibcurlOnlyForTls) {
     EXPECT_EQ(r.out, "g0\n");
     EXPECT_EQ(r.err.find("hgx-etcd"), std::string::npos);
     EXPECT_EQ(r.err.find("libcurl"), std::string::npos);
+    // A module is loaded through the descriptor it was checked by
+    // (/proc/self/fd/N); what it brings shows by name.
     r = e2e::kelvo("etcd://127.0.0.1:1/x", {"-f", WERN}, "", {{"LD_DEBUG", "files"}});
     EXPECT_EQ(r.status, 3);
-    EXPECT_NE(r.err.find("hgx-etcd.so"), std::string::npos);
+    EXPECT_NE(r.err.find("file=/proc/self/fd/"), std::string::npos);
     EXPECT_EQ(r.err.find("libcurl"), std::string::npos);
     r = e2e::kelvo("etcds://127.0.0.1:1/x", {"-f", WERN}, "", {{"LD_DEBUG", "files"}});
     EXPECT_EQ(r.status, 3);
-    EXPECT_NE(r.err.find("hgx-etcd-tls.so"), std::string::npos);
     EXPECT_NE(r.err.find("libcurl"), std::string::npos);
 }
 

@@ -48,6 +48,11 @@ const char MANIFEST[] = R"({
   }
 })";
 
+// Status, standard output and standard error as one text.
+std::string whole_of(const e2e::Result& r) {
+    return std::to_string(r.status) + "|" + r.out + "|" + r.err;
+}
+
 size_t lines(const std::string& s) {
     size_t n = 0;
     for (char c : s) n += c == '\n';
@@ -235,6 +240,60 @@ TEST_F(Hgxrepo, RefusedManifestsNameTheirPlace) {
     }
 }
 
+// Input without end, or larger than the limit, is refused at once with its
+// size, and the repository stays as it was.
+TEST_F(Hgxrepo, OversizedManifestIsRefusedAtOnce) {
+    const std::string big = dir / "big.json";
+    write_file(big, "");
+    ASSERT_EQ(truncate(big.c_str(), (64 << 20) + 1), 0);  // sparse: costs no disk
+    refused({"import", big}, big + ": 67108865 bytes, more than the limit of 67108864 bytes");
+    refused({"import", "/dev/zero"}, "/dev/zero: more than the limit of 67108864 bytes");
+    e2e::Run r;
+    r.args = {"timeout",
+              "120",
+              "sh",
+              "-c",
+              "exec \"$0\" -r \"$1\" import - </dev/zero",
+              e2e::hgxrepo_bin(),
+              e2e::repository_for(repo)};
+    EXPECT_EQ(
+        e2e::whole(e2e::run(r)),
+        e2e::Whole(1, "",
+                   "hgxrepo: <stdin>: more than the limit of 67108864 bytes (64 MiB); not read "
+                   "further\n"));
+}
+
+// A type or value that holds line breaks and control bytes cannot forge a
+// record: show, diff and get print them escaped, get -0 and show --json
+// give them exactly.
+TEST_F(Hgxrepo, TextThatForgesLinesIsEscaped) {
+    const std::string pg = "wrn:/net/foo:default/:properties/evil";
+    ASSERT_EQ(run({"addpg", pg, "t\nconfig/port count \"1\""}).status, 0);
+    ASSERT_EQ(run({"setprop", pg + "/p", "a\nb", "c\\d", "\x01\t"}).status, 0);
+    const std::string group = "evil/ t\\nconfig/port count \"1\"\n";
+    const std::string prop = "evil/p astring \"a\\nb\" \"c\\\\d\" \"\\x01\\t\"\n";
+    e2e::Result show = run({"show", "wrn:/net/foo:default"});
+    EXPECT_NE(show.out.find(group + prop), std::string::npos) << show.out;
+    EXPECT_EQ(run({"diff", "wrn:/net/foo:default"}).out, "+ " + group + "+ " + prop);
+    EXPECT_EQ(whole_of(run({"get", pg + "/p"})), "0|a\\nb\nc\\\\d\n\\x01\\t\n|");
+    EXPECT_EQ(whole_of(run({"get", "-0", pg + "/p"})), std::string("0|a\nb\0c\\d\0\x01\t\0|", 14));
+    EXPECT_EQ(whole_of(run({"get", pg})), "1||hgxrepo: " + pg + ": names no property\n");
+
+    e2e::Result json = run({"show", "--json", "wrn:/net/foo:default"});
+    ASSERT_EQ(json.status, 0) << json.err;
+    EXPECT_NE(json.out.find("\"type\": \"t\\nconfig/port count \\\"1\\\"\""), std::string::npos)
+        << json.out;
+    EXPECT_NE(json.out.find("\"a\\nb\",\n            \"c\\\\d\",\n            \"\\u0001\\t\""),
+              std::string::npos)
+        << json.out;
+    EXPECT_EQ(
+        json.out.rfind("{\n  \"wern\": \"wrn:/net/foo:default\",\n  \"snapshot\": null,\n", 0), 0u)
+        << json.out;
+
+    // A message that names the text stays one line.
+    refused({"show", "wrn:/net/foo:x\ny"}, "wrn:/net/foo:x\\ny");
+}
+
 TEST_F(Hgxrepo, EditingCommandsAndSnapshots) {
     ASSERT_EQ(run({"setprop", "wrn:/net/foo:default/:properties/config/port", "9090"}).status, 0);
     ASSERT_EQ(
@@ -390,10 +449,13 @@ TEST_F(Hgxrepo, KelvoReadsWithoutWritingAlsoFromAReadOnlyFileSystem) {
 
     if (geteuid() == 0) {
         // Status 97: no read-only mount could be made (or it took writes).
-        e2e::Result r = kelvo({"unshare", "--mount", "--propagation", "private", "sh", "-c",
-                               "{ mount --bind \"$0\" \"$0\" && mount -o remount,bind,ro \"$0\" && "
-                               "! touch \"$0/x\" 2>/dev/null; } || exit 97; exec \"$@\"",
-                               dir.path()});
+        std::vector<std::string> wrapper = e2e::private_mount_namespace(dir.path());
+        wrapper.insert(wrapper.end(),
+                       {"sh", "-c",
+                        "{ mount --bind \"$0\" \"$0\" && mount -o remount,bind,ro \"$0\" && "
+                        "! touch \"$0/x\" 2>/dev/null; } || exit 97; exec \"$@\"",
+                        dir.path()});
+        e2e::Result r = kelvo(wrapper);
         if (r.status == 97 || (r.status != 0 && r.out.empty() && r.err.find("kelvo") != 0)) {
             if (!etcd_testing::may_skip("no read-only mount"))
                 FAIL() << "cannot make a read-only bind mount here: " << r.err;
@@ -432,7 +494,9 @@ TEST(HgxrepoCommandLine, BadCommandLinesSayWhyThenGiveUsage) {
         {{"list", "extra"},
          "list: unexpected argument \"extra\"",
          "usage: hgxrepo [-r FILE] list\n"},
-        {{"show"}, "show: missing WERN", "usage: hgxrepo [-r FILE] show WERN [SNAPSHOT]\n"},
+        {{"show"},
+         "show: missing WERN",
+         "usage: hgxrepo [-r FILE] show [--json] WERN [SNAPSHOT]\n"},
         {{"copy"}, "copy: missing TARGET", "usage: hgxrepo [-r FILE] copy [--force] TARGET\n"},
         {{"copy", "--force"},
          "copy: missing TARGET",

@@ -2,9 +2,16 @@
 // mode, owner, group, clean-up), loopback mounts and undo.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
 #include <string>
 #include <vector>
 
@@ -145,6 +152,115 @@ TEST_F(KelvoDelivery, RootPrefixAndListMode) {
     EXPECT_EQ(stat_of(root + "/etc/x.conf").st_mode & 07777, 0600u);
 }
 
+// A FIFO, a device and a socket where the output should be are refused and
+// left as they are: no wait for a FIFO's writer, no mode given to a device,
+// nothing removed after the refusal.
+TEST_F(KelvoDelivery, OnlyRegularFilesAreWritten) {
+    std::vector<std::string> others;
+    others.push_back(dir / "fifo");
+    ASSERT_EQ(mkfifo(others.back().c_str(), 0640), 0);
+    others.push_back(dir / "sock");
+    int sock = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    ASSERT_LT(others.back().size(), sizeof addr.sun_path);
+    memcpy(addr.sun_path, others.back().c_str(), others.back().size());
+    ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    close(sock);
+    ASSERT_EQ(chmod(others.back().c_str(), 0640), 0);
+    // The null device's numbers, under a name of the test's own.
+    if (mknod((dir / "null").c_str(), S_IFCHR | 0640, makedev(1, 3)) == 0)
+        others.push_back(dir / "null");
+    else
+        std::cout << "no device node: mknod: " << strerror(errno) << "\n";
+    for (const std::string& path : others) {
+        for (const std::vector<std::string>& extra :
+             {std::vector<std::string>{"-o", path, "-m", "0666"},
+              std::vector<std::string>{"-o", path.substr(dir.path().size()), "-R", dir.path(), "-m",
+                                       "0666"}}) {
+            e2e::Run r;
+            r.args = {"timeout", "60", e2e::kelvo_bin(), "-f", WERN, "-S", stencils, "-i", "s"};
+            r.args.insert(r.args.end(), extra.begin(), extra.end());
+            r.env = {{"HGX_REPOSITORY", repo}};
+            const std::string shown = extra.size() > 4 ? dir.path() + "/" + extra[1] : path;
+            EXPECT_EQ(whole(e2e::run(r)),
+                      Whole(1, "", shown + " exists and is not a regular file\n"));
+            struct stat st {};
+            ASSERT_EQ(lstat(path.c_str(), &st), 0) << path;
+            EXPECT_FALSE(S_ISREG(st.st_mode)) << path;
+            EXPECT_EQ(st.st_mode & 07777, 0640u) << path;
+        }
+    }
+}
+
+// Below the root prefix a name resolves as though the root were "/": links
+// at the file or at its directories, absolute or climbing with "..", lead to
+// places inside the root, never outside. Without a prefix a link is followed
+// as it always was.
+TEST_F(KelvoDelivery, LinksBelowTheRootStayInsideIt) {
+    const std::string outside = dir / "outside";  // outside every root below
+    ASSERT_EQ(mkdir(outside.c_str(), 0755), 0);
+    e2e::write_file(outside + "/victim", "precious\n");
+    ASSERT_EQ(chmod((outside + "/victim").c_str(), 0600), 0);
+    std::string climb;
+    for (int i = 0; i < 20; ++i) climb += "../";
+    struct Case {
+        const char* name;
+        const char* link;    // below the root
+        std::string target;  // of the link
+        bool mirror;         // the root holds the outside path's directories too
+        std::string output;  // -o, below the root
+        std::string lands;   // below the root; "" when the open must fail
+        int undo;            // status of an undo afterwards
+    };
+    const Case cases[] = {
+        {"file, absolute", "etc/app.conf", outside + "/victim", false, "/etc/app.conf", "", 0},
+        {"file, absolute, mirrored", "etc/app.conf", outside + "/victim", true, "/etc/app.conf",
+         outside + "/victim", 0},
+        {"file, climbing", "etc/app.conf", climb + outside.substr(1) + "/victim", true,
+         "/etc/app.conf", outside + "/victim", 0},
+        {"directory, absolute", "etc", outside, true, "/etc/victim", outside + "/victim", 0},
+        {"directory, climbing", "etc", climb + outside.substr(1), true, "etc/victim",
+         outside + "/victim", 0},
+        {"directory, absolute, missing", "etc", outside, false, "/etc/victim", "", 255},
+    };
+    int k = 0;
+    for (const Case& c : cases) {
+        const std::string r = dir / "root" + std::to_string(k++);
+        ASSERT_EQ(system(("mkdir -p " + r + "/etc").c_str()), 0);
+        if (std::string(c.link) == "etc") {
+            ASSERT_EQ(rmdir((r + "/etc").c_str()), 0);
+        }
+        if (c.mirror) {
+            ASSERT_EQ(system(("mkdir -p " + r + outside).c_str()), 0);
+        }
+        ASSERT_EQ(symlink(c.target.c_str(), (r + "/" + c.link).c_str()), 0);
+        std::vector<std::string> extra = {"-o", c.output, "-R", r, "-m", "0666"};
+        if (geteuid() == 0) extra.insert(extra.end(), {"-O", "nobody"});
+        e2e::Result got = run(extra);
+        if (c.lands.empty()) {
+            EXPECT_EQ(got.status, 1) << c.name << ": " << got.err;
+        } else {
+            EXPECT_EQ(whole(got), Whole(0, "", "")) << c.name;
+            EXPECT_EQ(e2e::read_file(r + c.lands), "port=8080\n") << c.name;
+            EXPECT_EQ(stat_of(r + c.lands).st_mode & 07777, 0666u) << c.name;
+        }
+        // An undo removes the name below the root, never the file outside.
+        got = run({"-u", "-o", c.output, "-R", r});
+        EXPECT_EQ(got.status, c.undo) << c.name << ": " << got.err;
+        EXPECT_EQ(e2e::read_file(outside + "/victim"), "precious\n") << c.name;
+        struct stat st = stat_of(outside + "/victim");
+        EXPECT_EQ(st.st_mode & 07777, 0600u) << c.name;
+        EXPECT_EQ(st.st_uid, geteuid()) << c.name;
+    }
+
+    // Without a prefix the link is followed, as ever.
+    ASSERT_EQ(symlink((outside + "/victim").c_str(), (dir / "link").c_str()), 0);
+    EXPECT_EQ(whole(run({"-o", dir / "link", "-m", "0640"})), Whole(0, "", ""));
+    EXPECT_EQ(e2e::read_file(outside + "/victim"), "port=8080\n");
+    EXPECT_EQ(stat_of(outside + "/victim").st_mode & 07777, 0640u);
+}
+
 // Everything below mounts: as root, in a private mount namespace of its own,
 // so nothing outlives the test.
 class KelvoMount : public KelvoDelivery {
@@ -159,8 +275,8 @@ class KelvoMount : public KelvoDelivery {
         e2e::write_file(dir / "probe-src", "");
         e2e::write_file(dir / "probe-dst", "");
         e2e::Run probe;
-        probe.args = {"unshare", "--mount", "--propagation",   "private",
-                      "mount",   "--bind",  dir / "probe-src", dir / "probe-dst"};
+        probe.wrapper = e2e::private_mount_namespace(dir.path());
+        probe.args = {"mount", "--bind", dir / "probe-src", dir / "probe-dst"};
         e2e::Result r = e2e::run(probe);
         if (r.status != 0)
             GTEST_SKIP() << "cannot bind-mount a file in a private mount namespace here (status "
@@ -170,7 +286,7 @@ class KelvoMount : public KelvoDelivery {
     // commands see the mounts of earlier ones. $K is kelvo.
     e2e::Result script(const std::string& text) {
         e2e::Run r;
-        r.wrapper = {"unshare", "--mount", "--propagation", "private"};
+        r.wrapper = e2e::private_mount_namespace(dir.path());
         // The written files lie below the prefix at the test directory's path.
         r.args = {"sh", "-c", "mkdir -p $R$T || exit 99\n" + text};
         r.env = {{"HGX_REPOSITORY", repo}, {"QRM_WERN", WERN}, {"K", e2e::kelvo_bin()},
@@ -233,6 +349,20 @@ TEST_F(KelvoMount, RelativePathRefusedAndFileRemoved) {
     e2e::Result r = script("cd $T && $K -S $S -i s -o rel/m.conf -R $R -L ro\n");
     EXPECT_EQ(whole(r), Whole(1, "", "Mount point is not an absolute path: rel/m.conf\n"));
     EXPECT_FALSE(e2e::exists(root + "/rel/m.conf"));
+}
+
+TEST_F(KelvoMount, DirectoriesAndMountStayBelowTheRoot) {
+    // $R$T/lnk leads to $T/outside: inside the root that is $R$T/outside,
+    // where -p makes its directories and whose file is mounted; the real
+    // $T/outside gets nothing.
+    e2e::Result r = script(
+        "mkdir -p $T/outside $R$T $T/lnk/sub && ln -s $T/outside $R$T/lnk || exit 99\n"
+        "$K -S $S -i s -o $T/lnk/sub/m.conf -R $R -L ro -p || exit 9\n"
+        "cat $T/lnk/sub/m.conf $R$T/outside/sub/m.conf\n"
+        "test -e $T/outside/sub && echo escaped\n"
+        "$K -u -o $T/lnk/sub/m.conf -R $R -L ro; echo undo=$?\n"
+        "test -e $R$T/outside/sub/m.conf || echo gone\n");
+    EXPECT_EQ(whole(r), Whole(0, "port=8080\nport=8080\nundo=0\ngone\n", ""));
 }
 
 TEST_F(KelvoMount, CreatesIntermediateDirectories) {

@@ -73,6 +73,20 @@ TEST_F(KelvoDiff, NewFileShowsModeAndContentAndWritesNothing) {
     EXPECT_EQ(tree_of(root), before);
 }
 
+// A link below the root resolves inside it: the file outside is neither
+// shown nor taken for the old text.
+TEST_F(KelvoDiff, LinkBelowTheRootShowsNothingOutside) {
+    e2e::make_repository(repo, manifest("8080", "0640"));
+    e2e::write_file(dir / "secret", "# foo\nsecret\n");
+    ASSERT_EQ(system(("mkdir -p " + root + dir.path()).c_str()), 0);
+    e2e::write_file(root + dir.path() + "/secret", "# foo\nport=1\nend\n");
+    ASSERT_EQ(symlink((dir / "secret").c_str(), (root + "/etc/foo.conf").c_str()), 0);
+    e2e::Result r = diff();
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out.find("secret"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("-port=1\n+port=8080\n"), std::string::npos) << r.out;
+}
+
 TEST_F(KelvoDiff, UpToDateFileShowsNothing) {
     e2e::make_repository(repo, manifest("8080", "0640"));
     ASSERT_EQ(kelvo().status, 0);

@@ -4,6 +4,7 @@
 // reserve far more), so a regression fails instead of taking the machine.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -34,9 +35,11 @@ class Resources : public ::testing::Test {
     // steps, which the sanitizers' realloc makes quadratic for megabytes.
     e2e::Whole run(const std::string& stencil, long stack_bytes = 0) {
         e2e::write_file(dir_ / "s.stencil", stencil);
+        return run_file("s.stencil", stack_bytes);
+    }
+    e2e::Whole run_file(const std::string& name, long stack_bytes = 0) {
         e2e::Run r;
-        r.args = {e2e::kelvo_bin(), "-f", "wrn:/demo:default", "-S",
-                  dir_.path(),      "-i", "s.stencil"};
+        r.args = {e2e::kelvo_bin(), "-f", "wrn:/demo:default", "-S", dir_.path(), "-i", name};
         r.env = {{"HGX_REPOSITORY", repo_}, {"QRM_METHOD", std::nullopt}};
         r.wrapper = {"/usr/bin/prlimit"};
 #ifndef KELVO_SANITIZED
@@ -68,10 +71,33 @@ TEST_F(Resources, DeepNestingEndsInOutOfMemory) {
     // 15,000 levels once overflowed the stack; with a small one they still
     // would, and are reported instead.
     EXPECT_EQ(run(nested(15000), 1 << 20), out_of_memory);
-    EXPECT_EQ(run(nested(1000000)), out_of_memory);
+    EXPECT_EQ(run(nested(900000)), out_of_memory);  // just below the size limit
     EXPECT_EQ(run("$%define m {" + nested(15000) + "}$%[m]", 1 << 20), out_of_memory);
     EXPECT_EQ(run("$%/config/(n.*)/ {" + nested(15000) + "}", 1 << 20), out_of_memory);
     EXPECT_EQ(run(nested(100)), (e2e::Whole{0, "x", ""}));
+}
+
+// A stencil larger than any written by hand, or input without end, ends
+// the run at once with its size, on the failure path of an unreadable
+// stencil (status 1).
+TEST_F(Resources, OversizedStencilIsRefusedAtOnce) {
+    const std::string big = dir_ / "big.stencil";
+    e2e::write_file(big, "");
+    ASSERT_EQ(truncate(big.c_str(), (16 << 20) + 1), 0);  // sparse: costs no disk
+    const std::string unhandled = "kelvo: Unhandled error in stencil_load: -10\n";
+    EXPECT_EQ(run_file("big.stencil"),
+              (e2e::Whole{1, "",
+                          "Stencil " + big +
+                              " is 16777217 bytes, larger than the limit of 16777216 bytes\n" +
+                              unhandled}));
+    e2e::Run r;
+    r.args = {"timeout",       "120", "sh", "-c", "exec \"$0\" -f wrn:/demo:default </dev/zero",
+              e2e::kelvo_bin()};
+    r.env = {{"HGX_REPOSITORY", repo_}};
+    EXPECT_EQ(e2e::whole(e2e::run(r)),
+              (e2e::Whole{1, "",
+                          "Stencil on standard input is larger than the limit of 16777216 bytes\n" +
+                              unhandled}));
 }
 
 TEST_F(Resources, ReplacementWithManyStarsIsPrompt) {

@@ -1,8 +1,13 @@
 #include "fuzz_util.h"
 
 #include <stdlib.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
 
 #include "hgxrepo.h"
 
@@ -30,12 +35,79 @@ constexpr char MANIFEST[] = R"({"services": {
 
 }  // namespace
 
+const std::string& scratch_dir() {
+    // The name lives in storage that no destructor ends, so that the exit
+    // handler below can still read it.
+    static char made[64];
+    static const std::string SCRATCH = [] {
+        std::snprintf(made, sizeof made, "/dev/shm/kelvo-fuzz-XXXXXX");
+        if (mkdtemp(made) == nullptr) {
+            std::snprintf(made, sizeof made, "/tmp/kelvo-fuzz-XXXXXX");
+            if (mkdtemp(made) == nullptr) abort();
+        }
+        // Gone with the process when it ends by exit (a crash leaves it, with
+        // the repositories of the input that crashed).
+        std::atexit([] {
+            std::error_code ec;
+            std::filesystem::remove_all(made, ec);
+        });
+        return std::string(made);
+    }();
+    return SCRATCH;
+}
+
+int memory_file(const void* data, size_t size) {
+    int fd = memfd_create("fuzz", MFD_CLOEXEC);
+    if (fd < 0) return -1;
+    const char* bytes = static_cast<const char*>(data);
+    size_t done = 0;
+    while (done < size) {
+        ssize_t n = write(fd, bytes + done, size - done);
+        if (n <= 0) {
+            close(fd);
+            return -1;
+        }
+        done += static_cast<size_t>(n);
+    }
+    lseek(fd, 0, SEEK_SET);
+    return fd;
+}
+
+std::string contents(int fd) {
+    std::string text;
+    char buf[65536];
+    ssize_t n;
+    for (off_t at = 0; (n = pread(fd, buf, sizeof buf, at)) > 0; at += n)
+        text.append(buf, static_cast<size_t>(n));
+    return text;
+}
+
+int hgxrepo(const std::vector<std::string>& args, std::string* out) {
+    std::vector<std::string> words{"hgxrepo"};
+    words.insert(words.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (std::string& w : words) argv.push_back(w.data());
+    argv.push_back(nullptr);
+    int capture = memfd_create("stdout", MFD_CLOEXEC);
+    if (capture < 0) abort();
+    std::cout.flush();
+    fflush(stdout);
+    int saved = dup(1);
+    dup2(capture, 1);
+    int status = hgxrepo_main(static_cast<int>(words.size()), argv.data());
+    std::cout.flush();
+    fflush(stdout);
+    dup2(saved, 1);
+    close(saved);
+    *out = contents(capture);
+    close(capture);
+    return status;
+}
+
 void ensure_repository() {
     static bool ready = false;
     if (ready) return;
-    char dir[] = "/tmp/kelvo-fuzz-XXXXXX";
-    if (mkdtemp(dir) == nullptr) abort();
-    std::string path = std::string(dir) + "/repo.db";
+    std::string path = scratch_dir() + "/repo.db";
     std::string error;
     if (hgxrepo_import_text(path, MANIFEST, true, &error) != 0) {
         std::fprintf(stderr, "fuzz: cannot make the repository: %s\n", error.c_str());

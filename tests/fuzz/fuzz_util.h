@@ -2,7 +2,9 @@
 // directory, made once per process and named by HGX_REPOSITORY.
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <vector>
 
 namespace fuzz {
 
@@ -12,5 +14,19 @@ constexpr char INSTANCE[] = "wrn:/demo/web:default";
 // Imports the fixed manifest into a new scratch repository (once) and points
 // HGX_REPOSITORY at it. Aborts when that fails: no run would mean anything.
 void ensure_repository();
+
+// A scratch directory for the process (on a tmpfs where there is one),
+// made on first use; its path.
+const std::string& scratch_dir();
+
+// An in-memory file holding size bytes of data, at offset 0, or -1.
+int memory_file(const void* data, size_t size);
+
+// What an in-memory file holds, from its start.
+std::string contents(int fd);
+
+// Runs hgxrepo with args (the program's name not among them), its standard
+// output captured: the exit status, and the output in *out.
+int hgxrepo(const std::vector<std::string>& args, std::string* out);
 
 }  // namespace fuzz

@@ -18,7 +18,7 @@ PATH=$BINS:$PATH
 export PATH
 hgxrepo -r "$T/repo.db" import "$SRC/examples/services.json" >/dev/null || { echo "FAIL: import" >&2; exit 1; }
 commands=$(hgxrepo --commands | tr '\n' ' ')
-for word in import export snapshot setprop delprop addpg delpg delete list show copy diff sync help; do
+for word in import export snapshot setprop delprop addpg delpg delete list show get copy diff sync help; do
     case " $commands" in
         *" $word "*) ;;
         *) echo "FAIL: hgxrepo --commands lacks $word: $commands" >&2; exit 1 ;;

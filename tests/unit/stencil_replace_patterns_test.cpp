@@ -2,9 +2,13 @@
 // matches without taking a character.
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "stencil_internal.h"
@@ -171,6 +175,27 @@ TEST(MatchGlob, ManyStarsStayPolynomial) {
     const std::string long_value(20000, 'a');
     const std::string many_stars = std::string(200, '*') + "a*a*a*a*a*a*a*a*a*a*a*a*b";
     EXPECT_EQ(match_glob(long_value.c_str(), many_stars.c_str()), nullptr);
+}
+
+// Each thread's scratch result is its own and is released once: two
+// threads in turn (the second may get the first one's thread-local storage
+// back) and then the exit of the process.
+TEST(ReplaceString, ScratchOfThreadsReleasedOnce) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        for (int round = 0; round < 2; ++round) {
+            std::thread([] {
+                const char* r = replace_string("foobar", "o", "0", 1);
+                if (r == nullptr || std::strcmp(r, "f00bar") != 0) _exit(3);
+            }).join();
+        }
+        if (std::strcmp(replace_string("ab", "b", "c", 0), "ac") != 0) _exit(4);
+        std::exit(0);  // exit handlers run: a second free of a block would abort here
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
 }
 
 }  // namespace
