@@ -135,6 +135,10 @@ class Store {
     // first; then the whole work may be done again on a new store). The
     // store is not used for changes after it.
     virtual int commit() = 0;
+    // Starts the next transaction of a store whose last one committed: 0,
+    // or -1 (HGX_ERROR_INVALID_ARGUMENT for a store that cannot, or did not
+    // commit).
+    virtual int begin() { return fail(HGX_ERROR_INVALID_ARGUMENT); }
 
     // A store's own records beside the repository (a mirror keeps where it
     // comes from and how far it got): 1 with *value set, 0 none, -1 failure.
