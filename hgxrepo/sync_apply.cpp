@@ -465,7 +465,17 @@ hgx_writer_t* Replica::writer(std::string* why) {
     file_.reset(hgx_writer_create(o_.file.c_str(), o_.mode, &message));
     file_dev_ = 0;
     file_ino_ = 0;
-    if (!file_) *why = message;
+    if (!file_) {
+        *why = message;
+        return nullptr;
+    }
+    // The cluster keeps every revision: one that a power loss takes back
+    // from the file is applied again, and the file stays whole either way,
+    // with the revision it records.
+    if (hgx_writer_set_durable(file_.get(), false) < 0) {
+        *why = o_.file + ": " + lib_error();
+        file_.reset();
+    }
     return file_.get();
 }
 

@@ -267,9 +267,18 @@ class SqliteStore final : public Store {
         committed_ = true;
         return 0;
     }
+    // SQLite takes the level of syncing between transactions only: it is
+    // set as the next one begins.
+    int set_durable(bool durable) override {
+        durable_ = durable;
+        return 0;
+    }
     int begin() override {
         if (!committed_ || db_ == nullptr) return fail(HGX_ERROR_INVALID_ARGUMENT);
-        if (exec(db_, "BEGIN IMMEDIATE") != SQLITE_OK) return fail_store();
+        if (exec(db_, durable_ ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL") !=
+                SQLITE_OK ||
+            exec(db_, "BEGIN IMMEDIATE") != SQLITE_OK)
+            return fail_store();
         committed_ = false;
         return 0;
     }
@@ -301,6 +310,7 @@ class SqliteStore final : public Store {
     std::string temp_;  // the temporary file this store creates path from, or empty
     int temp_fd_;       // open on temp_, holding its lock, while temp_ is set
     bool committed_ = false;
+    bool durable_ = true;
     std::unordered_map<const char*, sqlite3_stmt*> cache_;
 };
 

@@ -87,6 +87,11 @@ int hgx_writer_begin(hgx_writer_t* w) {
     });
 }
 
+int hgx_writer_set_durable(hgx_writer_t* w, bool durable) {
+    if (!w || !w->store) return fail(HGX_ERROR_INVALID_ARGUMENT);
+    return guarded(-1, [&]() -> int { return w->store->set_durable(durable); });
+}
+
 void hgx_writer_close(hgx_writer_t* w) { delete w; }
 
 const char* hgx_writer_message(const hgx_writer_t* w) {

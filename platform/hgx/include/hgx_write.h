@@ -96,6 +96,14 @@ hgx_writer_t* hgx_reader_open(const char* path, std::string* message);
 // did not commit, a reader or a cluster, or the store's failure (the writer
 // is then only good for closing).
 int hgx_writer_begin(hgx_writer_t* w);
+// Whether the commits of a writer of a file wait until they are on the disk,
+// as they do unless told otherwise. Not durable, a power loss or a crash of
+// the system may take back the last commits, each whole, never a part of
+// one: for a copy whose source keeps every state (a mirror of a cluster).
+// Takes effect from the next transaction (hgx_writer_begin) on. 0, or -1
+// with HGX_ERROR_INVALID_ARGUMENT for a cluster (whose durability is its
+// own).
+int hgx_writer_set_durable(hgx_writer_t* w, bool durable);
 // Makes every change of the writer visible at once and returns 0; -1 with
 // HGX_ERROR_INVALID_ARGUMENT for a null writer, HGX_ERROR_CONFLICT (a
 // cluster) or the store's failure, and
