@@ -46,9 +46,14 @@ test-asan: build-asan
 check:
 	@$(MAKE) --no-print-directory test test-asan
 
-# Every source formatted by .clang-format (CI runs it).
+# What CI checks of the sources before building them: formatting
+# (.clang-format), the layout that docs/architecture.md states, and the
+# naming rule (clang-tidy, with compile commands from TIDY_BUILD).
+TIDY_BUILD ?= build-tidy
 format-check: deps
 	@sh scripts/check-format.sh
+	@sh scripts/check-architecture.sh
+	@JOBS=$(JOBS) sh scripts/check-naming.sh $(TIDY_BUILD)
 
 demo: build
 	@sh scripts/demo.sh $(BUILD)
@@ -82,4 +87,4 @@ fuzz: deps
 	@sh tests/fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TIDY_BUILD)

@@ -532,11 +532,11 @@ int kelvo_apply_main(int argc, char** argv) {
     o.wern = getenv("QRM_WERN");
 
     enum { DRY_RUN = 256, STRICT };
-    static const struct option long_options[] = {{"dry-run", no_argument, nullptr, DRY_RUN},
+    static const struct option LONG_OPTIONS[] = {{"dry-run", no_argument, nullptr, DRY_RUN},
                                                  {"strict", no_argument, nullptr, STRICT},
                                                  {nullptr, 0, nullptr, 0}};
     int c;
-    while ((c = getopt_long(argc, argv, "+f:R:S:x", long_options, nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, "+f:R:S:x", LONG_OPTIONS, nullptr)) != -1) {
         switch (c) {
             case 'f':
                 o.wern = optarg;
@@ -572,14 +572,11 @@ int kelvo_apply_main(int argc, char** argv) {
         return KELVO_APPLY_USAGE;
     }
 
-    repository_t* repository = open_instance_view(o.wern);
-    defines_t* defines = defines_create();
-    if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
+    InstanceView repository = open_instance_view(o.wern);
     std::vector<Group> groups;
-    Collect collect{&o, repository, &groups};
+    Collect collect{&o, repository.get(), &groups};
     ConfigfileWalk walk{0, 0, collect_group, &collect, 0};
-    walk_configfiles(repository, &defines, walk);
-    defines_destroy(defines);
+    walk_configfiles(repository.get(), walk);
     int status = KELVO_APPLY_DONE;
     if (walk.failed > 0) {
         fprintf(stderr,
@@ -587,8 +584,8 @@ int kelvo_apply_main(int argc, char** argv) {
                 o.prog, o.wern);
         status = KELVO_APPLY_KELVO_FAILED;
     }
-    if (status == KELVO_APPLY_DONE && o.strict) status = strict_check(o, repository);
-    repository_destroy(repository);
+    if (status == KELVO_APPLY_DONE && o.strict) status = strict_check(o, repository.get());
+    repository.reset();
     if (status == KELVO_APPLY_DONE && !groups.empty()) status = apply_groups(o, groups);
     if (finish_standard_output(o.prog) != 0 && status == KELVO_APPLY_DONE)
         status = KELVO_APPLY_KELVO_FAILED;

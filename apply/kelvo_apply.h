@@ -6,7 +6,7 @@
 #pragma once
 
 // Exit statuses.
-enum kelvo_apply_status {
+enum KelvoApplyStatus {
     KELVO_APPLY_DONE = 0,           // applied (and reloaded), or nothing to do
     KELVO_APPLY_CHECK_FAILED = 1,   // a check failed; no live file was touched
     KELVO_APPLY_USAGE = 2,          // bad command line

@@ -178,15 +178,11 @@ int kelvo_diff_main(int argc, char** argv) {
         return KELVO_DIFF_USAGE;
     }
 
-    repository_t* repository = open_instance_view(instance_wern);
-    defines_t* defines = defines_create();
-    if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
-
-    DiffRun run{repository, root_prefix, stencil_dir, prog};
+    InstanceView repository = open_instance_view(instance_wern);
+    DiffRun run{repository.get(), root_prefix, stencil_dir, prog};
     ConfigfileWalk walk{1, 0, show_group, &run, 0};
-    walk_configfiles(repository, &defines, walk);
-    defines_destroy(defines);
-    repository_destroy(repository);
+    walk_configfiles(repository.get(), walk);
+    repository.reset();
 
     if (finish_standard_output(prog) != 0) return KELVO_DIFF_ERROR;
     if (walk.failed > 0) return KELVO_DIFF_ERROR;

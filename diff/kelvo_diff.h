@@ -7,7 +7,7 @@
 #include <string>
 
 // Exit statuses.
-enum kelvo_diff_status {
+enum KelvoDiffStatus {
     KELVO_DIFF_SAME = 0,     // nothing would change
     KELVO_DIFF_CHANGES = 1,  // some file would be created or rewritten
     KELVO_DIFF_USAGE = 2,    // bad command line

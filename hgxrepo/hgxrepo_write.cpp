@@ -25,8 +25,8 @@ struct Edit {
     hgx_id_t service = 0, instance = 0;
     hgx_owner owner;  // the service or the instance
 
-    Edit(const std::string& path_, const std::string& wern_)
-        : path(path_), wern(wern_), w(open_writer(path_, false)) {
+    Edit(const std::string& at, const std::string& name)
+        : path(at), wern(name), w(open_writer(at, false)) {
         if (hgx_wern_split(wern.c_str(), &parts) < 0)
             throw Failure{"not a valid wern: " + manifest::quote(wern) + "; " + WERN_FORMS};
         if (parts.scope_only) throw Failure{wern + ": names no service"};

@@ -11,6 +11,7 @@
 
 #include <cstdio>
 #include <iterator>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <unordered_set>
@@ -119,8 +120,8 @@ class Builder {
         Frame& f = stack_.back();
         size_t pos = string_start();
         if (!f.seen.insert(k).second) {
-            error_pos_ = pos;
-            error_ = "duplicate key " + quote(k);
+            error_pos = pos;
+            error = "duplicate key " + quote(k);
             return false;
         }
         f.node.keys.push_back(std::move(k));
@@ -128,20 +129,20 @@ class Builder {
         return true;
     }
     bool parse_error(size_t position, const std::string&, const nlohmann::json::exception& ex) {
-        error_pos_ = position ? position - 1 : 0;
+        error_pos = position ? position - 1 : 0;
         // The parser's text begins with its own id and position, which are
         // replaced by ours; keep what follows "column N: ".
         std::string what = ex.what();
         size_t col = what.find("column ");
         size_t colon = col == std::string::npos ? col : what.find(": ", col);
-        error_ = colon == std::string::npos ? what : what.substr(colon + 2);
+        error = colon == std::string::npos ? what : what.substr(colon + 2);
         return false;
     }
 
     Node root;
     bool has_root = false;
-    std::string error_;
-    size_t error_pos_ = 0;
+    std::string error;
+    size_t error_pos = 0;
 
   private:
     struct Frame {
@@ -196,8 +197,8 @@ class Builder {
         // The tree is released by recursion, one frame per level; a manifest
         // needs a few levels per group level, and wern lengths bound those.
         if (stack_.size() >= MAX_DEPTH) {
-            error_pos_ = *last_;
-            error_ = "nesting deeper than " + std::to_string(MAX_DEPTH) + " levels";
+            error_pos = *last_;
+            error = "nesting deeper than " + std::to_string(MAX_DEPTH) + " levels";
             return false;
         }
         stack_.emplace_back();
@@ -379,7 +380,7 @@ Property read_property(const Node& n, const std::string& name, const std::string
         check_value(wern, p.type, scalar_text(n), n.pos);
         values.push_back(scalar_text(n));
     }
-    p.blob = hgx_values_blob(values);
+    if (hgx_values_blob(values, &p.blob) < 0) throw std::bad_alloc();
     return p;
 }
 
@@ -539,8 +540,8 @@ int parse(const std::string& text, const std::string& name, Document* out, std::
         return -1;
     }
     if (!ok || !b.has_root) {
-        *error = place(text, name, b.error_pos_) + ": " +
-                 (b.error_.empty() ? std::string("not a JSON document") : b.error_);
+        *error = place(text, name, b.error_pos) + ": " +
+                 (b.error.empty() ? std::string("not a JSON document") : b.error);
         return -1;
     }
     try {

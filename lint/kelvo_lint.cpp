@@ -138,12 +138,9 @@ bool add_define(defines_t* defines, const char* prog, const char* argument) {
 
 int lint_configfiles(repository_t* repository, const char* stencil_dir,
                      std::vector<std::string>* findings) {
-    defines_t* defines = defines_create();
-    if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
     LintRun run{repository, stencil_dir, findings};
     ConfigfileWalk walk{1, 0, lint_group, &run, 0};
-    walk_configfiles(repository, &defines, walk);
-    defines_destroy(defines);
+    walk_configfiles(repository, walk);
     return walk.failed;
 }
 
@@ -154,7 +151,7 @@ int kelvo_lint_main(int argc, char** argv) {
     const char* input_file = nullptr;
     const char* stencil_dir = KELVO_DEFAULT_STENCIL_DIR;
     int all_configfiles = 0;
-    Owned<defines_t, defines_destroy> defines(defines_create());
+    DefinesTable defines(defines_create());
     if (!defines) die(KELVO_SYSERR, gettext("Out of memory\n"));
 
     int c;
@@ -198,17 +195,17 @@ int kelvo_lint_main(int argc, char** argv) {
         return KELVO_LINT_USAGE;
     }
 
-    repository_t* repository = open_instance_view(instance_wern);
+    InstanceView repository = open_instance_view(instance_wern);
     std::vector<std::string> findings;
     int failed = 0;
     if (all_configfiles) {
-        failed = lint_configfiles(repository, stencil_dir, &findings);
+        failed = lint_configfiles(repository.get(), stencil_dir, &findings);
     } else {
-        LintRun run{repository, stencil_dir, &findings};
+        LintRun run{repository.get(), stencil_dir, &findings};
         check_defines(run, defines.get(), "-D ");
         failed = lint_stencil(run, defines.get(), input_file) != KELVO_SUCCESS;
     }
-    repository_destroy(repository);
+    repository.reset();
 
     for (const std::string& line : findings) printf("%s\n", line.c_str());
     if (finish_standard_output(prog) != 0) return KELVO_LINT_ERROR;

@@ -9,7 +9,7 @@
 #include "stencil.h"
 
 // Exit statuses.
-enum kelvo_lint_status {
+enum KelvoLintStatus {
     KELVO_LINT_CLEAN = 0,     // every reference names something
     KELVO_LINT_FINDINGS = 1,  // some reference names nothing
     KELVO_LINT_USAGE = 2,     // bad command line

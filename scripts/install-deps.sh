@@ -15,7 +15,7 @@
 #                bash-completion (the completion test), prometheus (its
 #                promtool checks the mirror's metrics file; some 100 MB,
 #                the only Debian package that has promtool)
-#   checks       clang-format
+#   checks       clang-format clang-tidy (make format-check)
 #   package      debhelper dpkg-dev fakeroot
 #   benchmarks   strace (the write system calls of a run)
 #
@@ -23,7 +23,7 @@
 # here wants: they are neither started during the install nor left enabled.
 set -e
 PACKAGES="cmake ninja-build g++ clang libclang-rt-14-dev make pkg-config libsqlite3-dev sqlite3
-nlohmann-json3-dev clang-format libcap-dev libcap2-bin googletest libgtest-dev util-linux
+nlohmann-json3-dev clang-format clang-tidy libcap-dev libcap2-bin googletest libgtest-dev util-linux
 debhelper dpkg-dev fakeroot bash-completion etcd-server etcd-client libcurl4-openssl-dev openssl
 strace libsystemd-dev prometheus"
 missing=""

@@ -35,7 +35,7 @@ int duplicate_subexpressions(expression_t* target, expression_t* source, stencil
         // Only the four kinds of record are copied; a container is never the
         // child of a finished tree and would be passed over.
         if (child == nullptr || child->type == ET_BASE || child->type == ET_PSEUDOBASE) continue;
-        expression_t* copy = _grow(target, child->type);
+        expression_t* copy = add_child(target, child->type);
         if (copy == nullptr) return -1;
         int r;
         switch (child->type) {

@@ -23,7 +23,7 @@ namespace {
 
 // Rows indexed by stencil_output_mode_t. Sections and macros evaluate alike
 // in both modes; only the leaves differ.
-const stencil_output_functions_t output_functions[] = {
+const stencil_output_functions_t OUTPUT_FUNCTIONS[] = {
     {emit_normal_literal, emit_normal_property, emit_normal_regex, emit_normal_macro},
     {emit_list_properties_literal, emit_list_properties_property, emit_normal_regex,
      emit_normal_macro},
@@ -33,7 +33,7 @@ const stencil_output_functions_t* row_for(const stencil_t* stencil) {
     if (stencil->mode != STENCIL_OUTPUT_NORMAL && stencil->mode != STENCIL_OUTPUT_LIST_PROPERTIES) {
         return nullptr;
     }
-    return &output_functions[stencil->mode];
+    return &OUTPUT_FUNCTIONS[stencil->mode];
 }
 
 }  // namespace
@@ -242,7 +242,7 @@ int expression_to_string(expression_t* expression, stencil_t* stencil, char** ou
 int string_buffer_append_expression(string_buffer_t* sb, expression_t* expression,
                                     stencil_t* stencil) {
     HeapText text;
-    int r = expression_to_string(expression, stencil, out_text(text));
+    int r = expression_to_string(expression, stencil, OutText(text));
     if (r < 0) {
         return r;
     }

@@ -89,11 +89,11 @@ int append_with_operands(property_t* property, const property_info_t* info, bool
     }
     HeapText first;
     HeapText second;
-    int r = expression_to_string(&property->first_expression, stencil, out_text(first));
+    int r = expression_to_string(&property->first_expression, stencil, OutText(first));
     if (r < 0) {
         return r;
     }
-    r = expression_to_string(&property->second_expression, stencil, out_text(second));
+    r = expression_to_string(&property->second_expression, stencil, OutText(second));
     if (r < 0) {
         return r;
     }
@@ -122,7 +122,7 @@ int build_text(property_t* property, string_buffer_t* sb, stencil_t* stencil) {
             // The delimiter is evaluated even for an undefined property, so a
             // failure inside it is always reported.
             HeapText delim;
-            int r = expression_to_string(&property->first_expression, stencil, out_text(delim));
+            int r = expression_to_string(&property->first_expression, stencil, OutText(delim));
             if (r < 0) {
                 return r;
             }

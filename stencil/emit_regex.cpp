@@ -130,8 +130,8 @@ regex_context_t* match_regex(match_t* match, stencil_t* stencil) {
     // still theirs.
     HeapText first;
     HeapText second;
-    if (expression_to_string(&match->first_expression, stencil, out_text(first)) < 0 ||
-        expression_to_string(&match->second_expression, stencil, out_text(second)) < 0) {
+    if (expression_to_string(&match->first_expression, stencil, OutText(first)) < 0 ||
+        expression_to_string(&match->second_expression, stencil, OutText(second)) < 0) {
         return nullptr;
     }
     regex_context_t own{};

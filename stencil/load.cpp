@@ -231,7 +231,7 @@ size_t stencil_define_length(const char* value) {
     if (stencil == nullptr) return whole;
     stencil->base.type = ET_BASE;
     stencil->dictionary = dictionary_create();
-    expression_t* body = _grow(&stencil->base, ET_MACRO);
+    expression_t* body = add_child(&stencil->base, ET_MACRO);
     int r = -1;
     if (stencil->dictionary != nullptr && body != nullptr) {
         StackGuardScope stack_scope;

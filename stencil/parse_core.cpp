@@ -48,7 +48,7 @@ bool brace_closes(const expression_t* container) {
 
 }  // namespace
 
-expression_t* _grow(expression_t* container, expression_type_t kind) {
+expression_t* add_child(expression_t* container, expression_type_t kind) {
     size_t count = static_cast<size_t>(container->num) + 1;
     auto** grown = static_cast<expression_t**>(
         realloc(container->sub_expressions, count * sizeof(expression_t*)));
@@ -65,7 +65,7 @@ expression_t* _grow(expression_t* container, expression_type_t kind) {
     return record;
 }
 
-int _make_str(char** str, const char* start, const char* end) {
+int append_text(char** str, const char* start, const char* end) {
     if (start == end) return 0;
     size_t add = end != nullptr ? strnlen(start, static_cast<size_t>(end - start)) : strlen(start);
     size_t have = *str != nullptr ? strlen(*str) : 0;
@@ -126,7 +126,7 @@ int first_whitespace_char(const char* text, int multi_line, stencil_t* /*stencil
 
 int splice_define(stencil_t* stencil, const char* text, const char* piece, const char* close,
                   char** define_name, char** target) {
-    if (_make_str(define_name, piece, close) != 0) return STENCIL_ERROR_NO_MEMORY;
+    if (append_text(define_name, piece, close) != 0) return STENCIL_ERROR_NO_MEMORY;
     const char* value = nullptr;
     if (stencil->defines != nullptr)
         value = defines_find(stencil->defines, *define_name != nullptr ? *define_name : "");
@@ -136,7 +136,7 @@ int splice_define(stencil_t* stencil, const char* text, const char* piece, const
     }
     // A null end appends the whole value, so an empty value still turns a
     // null target into an empty string.
-    if (_make_str(target, value, nullptr) != 0) return STENCIL_ERROR_NO_MEMORY;
+    if (append_text(target, value, nullptr) != 0) return STENCIL_ERROR_NO_MEMORY;
     return 0;
 }
 
@@ -144,21 +144,21 @@ namespace {
 
 // The literal being scanned runs from start to the cursor. A form or a
 // comment cuts it: it is closed there and a fresh one follows.
-struct open_literal {
+struct OpenLiteral {
     literal_t* literal;
     const char* start;
 };
 
 // Opens the next literal of container at start. 0, or STENCIL_ERROR_NO_MEMORY.
-int open_next_literal(open_literal* open, expression_t* container, const char* start) {
-    open->literal = reinterpret_cast<literal_t*>(_grow(container, ET_LITERAL));
+int open_next_literal(OpenLiteral* open, expression_t* container, const char* start) {
+    open->literal = reinterpret_cast<literal_t*>(add_child(container, ET_LITERAL));
     if (open->literal == nullptr) return STENCIL_ERROR_NO_MEMORY;
     open->start = start;
     return 0;
 }
 
 // The newline at *p: counted, and the comment lines behind it passed over.
-int scan_newline(const char** p, open_literal* open, expression_t* container, stencil_t* stencil) {
+int scan_newline(const char** p, OpenLiteral* open, expression_t* container, stencil_t* stencil) {
     stencil->line_number++;
     ++*p;
     int comment = consume_comment(*p, stencil);
@@ -176,7 +176,7 @@ int parse_form(const char* form, expression_t* container, stencil_t* stencil, co
     *args = nullptr;
     if (*form == '/') {
         *args = form + 1;
-        expression_t* match = _grow(container, ET_REGEX);
+        expression_t* match = add_child(container, ET_REGEX);
         return match != nullptr ? parse_regex(*args, match, stencil) : STENCIL_ERROR_NO_MEMORY;
     }
     if (*form == '[') {
@@ -185,7 +185,7 @@ int parse_form(const char* form, expression_t* container, stencil_t* stencil, co
     }
     if (*form == '{') {
         *args = form + 1;
-        expression_t* property = _grow(container, ET_PROPERTY);
+        expression_t* property = add_child(container, ET_PROPERTY);
         return property != nullptr ? parse_property(*args, property, stencil)
                                    : STENCIL_ERROR_NO_MEMORY;
     }
@@ -218,7 +218,7 @@ void mark_value_or_default(expression_t* container) {
 
 // The "$%" at *p and the form it opens; moves *p behind the form. *stop is
 // set where the scan ends early.
-int scan_form(const char** p, open_literal* open, expression_t* container, stencil_t* stencil,
+int scan_form(const char** p, OpenLiteral* open, expression_t* container, stencil_t* stencil,
               const char** stop) {
     const char* form = *p + 2;
     const char* args = nullptr;
@@ -252,7 +252,7 @@ int parse_stencil(const char* text, expression_t* container, stencil_t* stencil,
     // Every nested form comes back here: the one place to stop a nesting
     // deeper than the stack allows.
     if (stack_exhausted()) return STENCIL_ERROR_NO_MEMORY;
-    open_literal open{};
+    OpenLiteral open{};
     if (open_next_literal(&open, container, text) != 0) return STENCIL_ERROR_NO_MEMORY;
     const bool newline_stops = delimiters != nullptr && strchr(delimiters, '\n') != nullptr;
     const bool brace_stops = brace_closes(container);

@@ -45,7 +45,7 @@ int parse_definition(const char* text, expression_t* container, stencil_t* stenc
     char* name = strndup(name_start, static_cast<size_t>(name_length));
     if (name == nullptr) return STENCIL_ERROR_NO_MEMORY;
     if (*p == '/') {
-        auto* match = reinterpret_cast<match_t*>(_grow(container, ET_REGEX));
+        auto* match = reinterpret_cast<match_t*>(add_child(container, ET_REGEX));
         if (match == nullptr) {
             free(name);
             return STENCIL_ERROR_NO_MEMORY;
@@ -56,7 +56,7 @@ int parse_definition(const char* text, expression_t* container, stencil_t* stenc
         if (r < 0) return r;
         return static_cast<int>(pattern + r - text);
     }
-    auto* macro = reinterpret_cast<macro_t*>(_grow(container, ET_MACRO));
+    auto* macro = reinterpret_cast<macro_t*>(add_child(container, ET_MACRO));
     if (macro == nullptr) {
         free(name);
         return STENCIL_ERROR_NO_MEMORY;
@@ -178,7 +178,7 @@ int parse_invocation(const char* text, expression_t* container, stencil_t* stenc
             return STENCIL_ERROR_INTERNAL_ERROR;
     }
 
-    expression_t* record = _grow(container, as_macro ? ET_MACRO : ET_REGEX);
+    expression_t* record = add_child(container, as_macro ? ET_MACRO : ET_REGEX);
     if (record == nullptr) return STENCIL_ERROR_NO_MEMORY;
     char* name = strndup(text, name_length);
     if (name == nullptr) return STENCIL_ERROR_NO_MEMORY;

@@ -7,21 +7,21 @@ int DefineSplice::open(stencil_t* stencil, const char*& p, char** target) {
     const size_t at = static_cast<size_t>(p - text_);
     if (begun_) return report_syntax_error(stencil, text_, at + 1, at, SE_ILLEGAL_CHARACTER);
     begun_ = true;
-    if (_make_str(target, piece_, p) != 0) return STENCIL_ERROR_NO_MEMORY;
+    if (append_text(target, piece_, p) != 0) return STENCIL_ERROR_NO_MEMORY;
     p += 3;
     piece_ = p;
     return 0;
 }
 
 int DefineSplice::close(stencil_t* stencil, const char*& p, char** target) {
-    int r = splice_define(stencil, text_, piece_, p, out_text(name_), target);
+    int r = splice_define(stencil, text_, piece_, p, OutText(name_), target);
     if (r < 0) return r;
     piece_ = ++p;
     return 0;
 }
 
 int DefineSplice::finish(const char* end, char** target) {
-    return _make_str(target, piece_, end) != 0 ? STENCIL_ERROR_NO_MEMORY : 0;
+    return append_text(target, piece_, end) != 0 ? STENCIL_ERROR_NO_MEMORY : 0;
 }
 
 namespace {

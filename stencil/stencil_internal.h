@@ -95,7 +95,7 @@ typedef struct macro {
     struct macro* caller;  // the invocation around this one while its body runs; not owned
 } macro_t;
 
-// A child is created as its concrete record (_grow), linked as an
+// A child is created as its concrete record (add_child), linked as an
 // expression_t* and cast back by `type`: the common header must open every
 // concrete record.
 static_assert(offsetof(literal_t, expression) == 0, "a literal must open with its expression");
@@ -180,8 +180,8 @@ int first_nonwhitespace_char(const char* text, int multi_line, stencil_t* stenci
 int first_whitespace_char(const char* text, int multi_line, stencil_t* stencil);
 int fill_in_literal(literal_t* literal, const char* start, const char* end);
 // Appends a zero-filled record of `kind` (its type set) to the container.
-expression_t* _grow(expression_t* container, expression_type_t kind);
-int _make_str(char** str, const char* start, const char* end);
+expression_t* add_child(expression_t* container, expression_type_t kind);
+int append_text(char** str, const char* start, const char* end);
 int next_substring(const char* text, const char* prefix);
 // The `]` that ends a define splice in a property name or a pattern: extends
 // the define name by [piece, close), looks it up and appends its value to

@@ -18,7 +18,7 @@ namespace {
 thread_local string_buffer_t grab_scratch;
 
 // The value of an absent grab: distinct from the scratch buffer, read-only.
-const char kNoGrab[] = "";
+const char NO_GRAB[] = "";
 
 bool append(string_buffer_t* sb, const char* text) {
     return string_buffer_append_string(sb, text) >= 0;
@@ -61,21 +61,21 @@ const char* get_grab(int grab, const regex_context_t* context) {
         owner = owner->prev;
     }
     if (owner == nullptr) {
-        return kNoGrab;
+        return NO_GRAB;
     }
     const int local = grab - owner->regex->grab_start;
     if (local > owner->regex->grabs) {
-        return kNoGrab;
+        return NO_GRAB;
     }
     const property_list_node_t* node = owner->match;
     if (node == nullptr || node->matches == nullptr || node->info == nullptr ||
         node->info->wern == nullptr) {
-        return kNoGrab;
+        return NO_GRAB;
     }
     const regmatch_t& m = node->matches[local];
     // A group that took no part in the match has -1 offsets.
     if (m.rm_so < 0 || m.rm_eo < m.rm_so) {
-        return kNoGrab;
+        return NO_GRAB;
     }
     string_buffer_clear(&grab_scratch);
     const char* wern = node->info->wern;
@@ -112,7 +112,7 @@ const char* get_macro_expansion(const char** text, macro_t* macro) {
         return nullptr;
     }
     *text += best_length;
-    return macro->args[best] != nullptr ? macro->args[best] : kNoGrab;
+    return macro->args[best] != nullptr ? macro->args[best] : NO_GRAB;
 }
 
 namespace {

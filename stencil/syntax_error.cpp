@@ -13,7 +13,7 @@ namespace {
 
 // Indexed by syntax_error_t. Format strings; codes 6 and 8 take the offending
 // character before the text.
-const char* const messages[] = {
+const char* const MESSAGES[] = {
     "Regular expression \"%s\" does not close all submatches\n",
     "Regular expression \"%s\" does not terminate with a ')' character\n",
     "Expression \"%s\" does not terminate with a '}' character\n",
@@ -33,7 +33,7 @@ const char* const messages[] = {
     "\"%s\" is a regular expression, but was invoked as a macro\n",
     "\"%s\" is a macro, but was invoked as a regular expression\n",
 };
-constexpr unsigned MESSAGE_COUNT = sizeof(messages) / sizeof(messages[0]);
+constexpr unsigned MESSAGE_COUNT = sizeof(MESSAGES) / sizeof(MESSAGES[0]);
 
 }  // namespace
 
@@ -99,7 +99,7 @@ void display_syntax_error(const stencil_syntax_error_t* error) {
                 error->error_line);
         return;
     }
-    const char* format = gettext(messages[code]);
+    const char* format = gettext(MESSAGES[code]);
     if (error->err == SE_BAD_TRANSFORM || error->err == SE_ILLEGAL_CHARACTER)
         fprintf(stderr, format, error->error_line[error->error_location], error->error_line);
     else

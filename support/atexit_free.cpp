@@ -32,7 +32,7 @@ static void free_list(void) {
     }
 }
 
-void _atexit_free(void* memory, void** pointer) {
+void atexit_free_register(void* memory, void** pointer) {
     pthread_mutex_lock(&to_free_mutex);
     if (atexit_registered == 0) {
         (void)std::atexit(free_list);
@@ -52,6 +52,6 @@ void _atexit_free(void* memory, void** pointer) {
     pthread_mutex_unlock(&to_free_mutex);
 }
 
-void atexit_free_at(void** pointer) { _atexit_free(nullptr, pointer); }
+void atexit_free_at(void** pointer) { atexit_free_register(nullptr, pointer); }
 
 const free_list_t* atexit_free_list_state(void) { return &to_free; }

@@ -110,7 +110,7 @@ char* defines_walk_next(defines_t* /*defines*/, pkx_avl_walk_t* walk) {
     return entry->macro;
 }
 
-int defines_for_each(defines_t* defines, defines_visit visit, void* context) {
+int defines_for_each(defines_t* defines, defines_visit_fn visit, void* context) {
     pkx_avl_walk_t* walk = pkx_avl_walk_start(defines->entries, 1);
     if (walk == nullptr) return -1;
     while (auto* entry = static_cast<defines_entry_t*>(pkx_avl_walk_next(walk)))

@@ -73,7 +73,7 @@ typedef struct free_list {
 // Registers memory (freed as it is) when it is not null, otherwise pointer
 // (whatever *pointer holds at exit is freed). Counted even past the last
 // slot, where it is dropped.
-void _atexit_free(void* memory, void** pointer);
+void atexit_free_register(void* memory, void** pointer);
 // The list itself, for tests of the slot accounting. Read it only while no
 // other thread registers.
 const free_list_t* atexit_free_list_state(void);
@@ -116,6 +116,5 @@ int regex_within_budget(const char* pattern);
 // The budget in bytes that the next scope (or base) takes: half of the stack
 // the thread may use (the stack size limit for the main thread, at most
 // 512 MiB; the thread's own stack otherwise), unless stack_guard_set_budget
-// set one. 0 there restores the default; for tests.
+// (stack_guard.h) set one.
 size_t stack_guard_budget();
-void stack_guard_set_budget(size_t bytes);

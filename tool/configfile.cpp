@@ -89,9 +89,9 @@ namespace {
 // Reads one group's properties. One buffer serves the whole run:
 // "<group>/" stays in front, and only the property name behind it is
 // rewritten for each read.
-class group_reader {
+class GroupReader {
   public:
-    group_reader(repository_t* repository, char* property_path, size_t wern_limit)
+    GroupReader(repository_t* repository, char* property_path, size_t wern_limit)
         : repository_(repository), property_path_(property_path), wern_limit_(wern_limit) {}
 
     // Puts "<group>/" in front. False when the name leaves no room for one.
@@ -121,7 +121,7 @@ class group_reader {
 
 // The output a group describes: path, stencil, mode, owner and group.
 // KELVO_SUCCESS, or KELVO_QRMERR after the message.
-int describe_group(group_reader& reader, ConfigfileGroup* described) {
+int describe_group(GroupReader& reader, ConfigfileGroup* described) {
     const char* mode_text = nullptr;
     if (reader.read("path", 0, &described->output_file) != 0 ||
         reader.read("stencil", 0, &described->input_file) != 0 ||
@@ -144,8 +144,8 @@ int describe_group(group_reader& reader, ConfigfileGroup* described) {
 // One group of the walk: read its description, then visit it, with its
 // defines when the walk asks for them. Returns the walk's status after the
 // group; a disabled group (*disabled) returns status_before unchanged.
-int walk_group(repository_t* repository, defines_t** defines, const ConfigfileWalk& walk,
-               const char* group, group_reader& reader, int status_before, bool* disabled) {
+int walk_group(repository_t* repository, DefinesTable& defines, const ConfigfileWalk& walk,
+               const char* group, GroupReader& reader, int status_before, bool* disabled) {
     // Strings below are borrowed from the repository view, which outlives
     // the walk. Each read resets its variable, so nothing carries over from
     // an earlier group or from -O and -g.
@@ -160,19 +160,18 @@ int walk_group(repository_t* repository, defines_t** defines, const ConfigfileWa
     if (*disabled) return status_before;
 
     if (describe_group(reader, &described) != KELVO_SUCCESS) return KELVO_QRMERR;
-    if (!walk.with_defines) return walk.visit(described, *defines, walk.context);
+    if (!walk.with_defines) return walk.visit(described, defines.get(), walk.context);
     // A failed add leaves the table as it is, also for the next group.
-    if (add_configfile_defines(*defines, repository, group) != 0) return KELVO_QRMERR;
-    int status = walk.visit(described, *defines, walk.context);
-    defines_destroy(*defines);
-    *defines = defines_create();
-    if (*defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
+    if (add_configfile_defines(defines.get(), repository, group) != 0) return KELVO_QRMERR;
+    int status = walk.visit(described, defines.get(), walk.context);
+    defines.reset(defines_create());
+    if (!defines) die(KELVO_SYSERR, gettext("Out of memory\n"));
     return status;
 }
 
 }  // namespace
 
-int walk_configfiles(repository_t* repository, defines_t** defines, ConfigfileWalk& walk) {
+int walk_configfiles(repository_t* repository, ConfigfileWalk& walk) {
     int status = KELVO_SUCCESS;
     walk.failed = 0;
     ssize_t limit = hgx_limit(HGX_LIMIT_WERN_LENGTH);
@@ -182,7 +181,9 @@ int walk_configfiles(repository_t* repository, defines_t** defines, ConfigfileWa
     const size_t wern_limit = static_cast<size_t>(limit);
     HeapText buffer = alloc_text(wern_limit + 1);
     if (!buffer) die(KELVO_SYSERR, gettext("Out of memory\n"));
-    group_reader reader(repository, buffer.get(), wern_limit);
+    GroupReader reader(repository, buffer.get(), wern_limit);
+    DefinesTable defines(defines_create());
+    if (!defines) die(KELVO_SYSERR, gettext("Out of memory\n"));
 
     // Ascending order of group names.
     PropertyList group_list(repository_get_pgs_by_type(repository, "configfile"));
@@ -210,9 +211,9 @@ int apply_group(const ConfigfileGroup& group, defines_t* defines, void* context)
 
 }  // namespace
 
-int run_configfiles(repository_t* repository, defines_t** defines, const ConfigfileRun& run) {
+int run_configfiles(repository_t* repository, const ConfigfileRun& run) {
     std::pair<repository_t*, const ConfigfileRun*> context{repository, &run};
     // An undo needs no defines: the group's are not even read.
     ConfigfileWalk walk{!run.undo, run.stop_on_error, apply_group, &context, 0};
-    return walk_configfiles(repository, defines, walk);
+    return walk_configfiles(repository, walk);
 }

@@ -56,7 +56,7 @@ int mkdirp(const char* path, mode_t mode) {
     return mkdir(p.c_str(), mode) == 0 ? 0 : -1;
 }
 
-int host_privilege_acquire(host_privilege privilege) {
+int host_privilege_acquire(HostPrivilege privilege) {
     // sys_mount needs CAP_SYS_ADMIN on Linux; file_dac_write is what
     // CAP_DAC_OVERRIDE grants.
     cap_value_t value = privilege == HOST_PRIV_SYS_MOUNT ? CAP_SYS_ADMIN : CAP_DAC_OVERRIDE;

@@ -26,13 +26,13 @@ extern "C" size_t strlcat(char* dst, const char* src, size_t size);
 int mkdirp(const char* path, mode_t mode);
 
 // The privileges that -L needs.
-enum host_privilege {
+enum HostPrivilege {
     HOST_PRIV_SYS_MOUNT,       // mount and unmount
     HOST_PRIV_FILE_DAC_WRITE,  // write files regardless of their permission bits
 };
 // Raises the capability behind the privilege into the effective set. 0, or
 // -1 with errno set (EPERM when the permitted set does not hold it).
-int host_privilege_acquire(host_privilege privilege);
+int host_privilege_acquire(HostPrivilege privilege);
 
 // Decodes the octal escapes (\040 and the like) of a /proc/self/mountinfo
 // path field.

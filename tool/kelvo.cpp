@@ -64,13 +64,14 @@ void take_lofs_options(const char* argument, char** options, ssize_t* len) {
 
 void set_program_name(char* argv0) { prog_name = basename(argv0); }
 
-repository_t* open_instance_view(const char* wern) {
+InstanceView open_instance_view(const char* wern) {
     repository_t* repository = nullptr;
     int status = repository_create(wern, nullptr, &repository);
+    InstanceView view(repository);
     if (status == REPOSITORY_NO_MEMORY) die(KELVO_SYSERR, gettext("Out of memory\n"));
     if (status != REPOSITORY_SUCCESS)
         die(KELVO_QRMERR, gettext("Unable to get properties for %s"), wern);
-    return repository;
+    return view;
 }
 
 int finish_standard_output(const char* prog) {
@@ -272,7 +273,7 @@ namespace {
 
 // What the command line asks for. The texts point into argv, which outlives
 // the run; lofs_options is owned by lofs_storage.
-struct command_line {
+struct CommandLine {
     const char* instance_wern = getenv("QRM_WERN");
     const char* input_file = nullptr;
     const char* output_file = nullptr;
@@ -292,7 +293,7 @@ struct command_line {
 
 // Reads the options into *cl and the -D defines into defines. False on an
 // option getopt refused (it has said why); dies on a bad option argument.
-bool parse_options(int argc, char** argv, defines_t* defines, command_line* cl) {
+bool parse_options(int argc, char** argv, defines_t* defines, CommandLine* cl) {
     // "+": options end at the first word that is none, so a stray word stays
     // where it is and is refused below instead of being moved past the
     // options. getopt's own diagnostics stay on.
@@ -361,7 +362,7 @@ bool parse_options(int argc, char** argv, defines_t* defines, command_line* cl) 
 }
 
 // Refuses a command line whose options do not go together.
-void check_options(const command_line& cl, defines_t* defines) {
+void check_options(const CommandLine& cl, defines_t* defines) {
     // The first check that holds ends the run; their order decides which
     // message a command line with several faults gets.
     if (cl.all_configfiles && defines_count(defines) > 0)
@@ -382,7 +383,7 @@ void check_options(const command_line& cl, defines_t* defines) {
 }
 
 // Runs what cl asks for on the instance's view; returns the exit status.
-int run_command(const command_line& cl, repository_t* repository, defines_t** defines) {
+int run_command(const CommandLine& cl, repository_t* repository, defines_t* defines) {
     // Whatever the run creates has no permission bits until it is given
     // them; nothing resets the mask.
     umask(0777);
@@ -390,10 +391,10 @@ int run_command(const command_line& cl, repository_t* repository, defines_t** de
     if (cl.all_configfiles) {
         ConfigfileRun run{cl.root_prefix, cl.stencil_dir, cl.lofs_options, cl.lofs_options_len,
                           cl.create_dirs, cl.list_mode,   cl.undo,         cl.stop_on_error};
-        return run_configfiles(repository, defines, run);
+        return run_configfiles(repository, run);
     }
     if (cl.undo) return undo_file(cl.output_file, cl.root_prefix, cl.lofs_options != nullptr);
-    return apply_stencil(repository, *defines, cl.input_file, cl.output_file, cl.root_prefix,
+    return apply_stencil(repository, defines, cl.input_file, cl.output_file, cl.root_prefix,
                          cl.stencil_dir, cl.output_mode, cl.owner_name, cl.group_name,
                          cl.lofs_options, cl.lofs_options_len, cl.create_dirs, cl.list_mode);
 }
@@ -401,22 +402,18 @@ int run_command(const command_line& cl, repository_t* repository, defines_t** de
 }  // namespace
 
 int kelvo_main(int argc, char** argv) {
-    command_line cl;
+    CommandLine cl;
     set_program_name(argv[0]);
 
-    defines_t* defines = defines_create();
-    if (defines == nullptr) die(KELVO_SYSERR, gettext("Out of memory\n"));
-    if (!parse_options(argc, argv, defines, &cl)) {
-        defines_destroy(defines);
+    DefinesTable defines(defines_create());
+    if (!defines) die(KELVO_SYSERR, gettext("Out of memory\n"));
+    if (!parse_options(argc, argv, defines.get(), &cl)) {
         usage(stderr);
         return KELVO_USAGE;
     }
     if (optind < argc) die(KELVO_USAGE, gettext("Illegal argument -- %s\n"), argv[optind]);
-    check_options(cl, defines);
+    check_options(cl, defines.get());
 
-    repository_t* repository = open_instance_view(cl.instance_wern);
-    int status = run_command(cl, repository, &defines);
-    repository_destroy(repository);
-    defines_destroy(defines);
-    return status;
+    InstanceView repository = open_instance_view(cl.instance_wern);
+    return run_command(cl, repository.get(), defines.get());
 }

@@ -13,8 +13,13 @@
 #include <cstdio>
 
 #include "defines.h"
+#include "owned.h"
 #include "repository.h"
 #include "stencil.h"
+
+// Owners of a define table and of an instance's view.
+using DefinesTable = Owned<defines_t, defines_destroy>;
+using InstanceView = Owned<repository_t, repository_destroy>;
 
 // Exit statuses. The underlying type is int because a failed undo delivers -1
 // through the same variable (seen by the parent as 255).
@@ -70,8 +75,9 @@ kelvo_error_t apply_stencil(repository_t* repository, defines_t* defines, const 
                             int create_dirs, int list_mode);
 
 // The view of the instance `wern`, for every program that reads it as kelvo
-// does; ends the process with kelvo's messages when it cannot be had.
-repository_t* open_instance_view(const char* wern);
+// does, owned by the caller; ends the process with kelvo's messages when it
+// cannot be had.
+InstanceView open_instance_view(const char* wern);
 
 // Flushes standard output at the end of a run: 0, or -1 after saying on
 // standard error that the output could not be written.
@@ -96,10 +102,10 @@ const char* stencil_path(const char* input_file, const char* stencil_dir, char (
 // What delivering a text to a file would do, found by reading alone: the
 // file is created, rewritten, or left wholly alone because it holds the
 // text already. Only a rewritten or created file gets mode and owner.
-enum delivery_action { DELIVERY_UNCHANGED, DELIVERY_CREATE, DELIVERY_REWRITE };
+enum DeliveryAction { DELIVERY_UNCHANGED, DELIVERY_CREATE, DELIVERY_REWRITE };
 struct DeliveryPlan {
     char output_path[1024];  // "<root_prefix>/<output_file>", or output_file
-    delivery_action action;
+    DeliveryAction action;
     struct stat current;  // the file as found; set unless action is DELIVERY_CREATE
 };
 // Fills *plan for output_file below root_prefix (null: none). KELVO_SUCCESS,
@@ -125,8 +131,8 @@ kelvo_error_t resolve_owner(const char* owner_name, const char* group_name, uid_
 
 // Configfile mode: one output per property group of type "configfile", in
 // ascending order of group names. Returns the run's status. The run variables
-// named in the configfile convention are overwritten for each group; defines
-// is replaced by a fresh table after each applied group, hence the pointer.
+// named in the configfile convention are overwritten for each group; the
+// defines are walk_configfiles' own.
 struct ConfigfileRun {
     const char* root_prefix;
     const char* stencil_dir;
@@ -137,7 +143,7 @@ struct ConfigfileRun {
     int undo;
     int stop_on_error;
 };
-int run_configfiles(repository_t* repository, defines_t** defines, const ConfigfileRun& run);
+int run_configfiles(repository_t* repository, const ConfigfileRun& run);
 
 // One configfile group as read from the instance; strings are borrowed from
 // the repository view.
@@ -151,23 +157,24 @@ struct ConfigfileGroup {
 };
 // What is done with each group that is enabled and well described: returns
 // the group's status. `defines` holds the group's defines unless the walk
-// leaves them out.
-typedef int (*configfile_visit)(const ConfigfileGroup& group, defines_t* defines, void* context);
+// leaves them out; the walk owns it.
+typedef int (*ConfigfileVisit)(const ConfigfileGroup& group, defines_t* defines, void* context);
 // The walk under run_configfiles, for every program that handles the groups
 // as kelvo does: groups in ascending name order, a bad description reported
 // with kelvo's messages (status KELVO_QRMERR), with_defines adds the group's
-// defines before the visit and gives *defines a fresh table after it. With
+// defines to the walk's table before the visit and starts a fresh table
+// after it (a group whose defines fail leaves the table as it is). With
 // stop_on_error, the first failing group ends the process. Returns the
 // status of the last group that set one; `failed` receives the number of
 // groups that ended with another status than KELVO_SUCCESS.
 struct ConfigfileWalk {
     int with_defines;
     int stop_on_error;
-    configfile_visit visit;
+    ConfigfileVisit visit;
     void* context;
     int failed;
 };
-int walk_configfiles(repository_t* repository, defines_t** defines, ConfigfileWalk& walk);
+int walk_configfiles(repository_t* repository, ConfigfileWalk& walk);
 
 // Reads the single-valued property `name` of the group whose name, plus "/",
 // stands at the start of property_path. 0 (value or null when optional and

@@ -15,7 +15,7 @@ namespace {
 
 template <typename T>
 T* create(hgx_handle_t* handle) {
-    static_assert(is_object<T>);
+    static_assert(IS_OBJECT<T>);
     if (!handle) {
         set_error(HGX_ERROR_INVALID_ARGUMENT);
         return nullptr;

@@ -53,8 +53,8 @@ bool valid_utf8(std::string_view s) {
             if ((cc & 0xC0) != 0x80) return false;
             cp = (cp << 6) | (cc & 0x3F);
         }
-        static const uint32_t min[] = {0, 0x80, 0x800, 0x10000};
-        if (cp < min[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
+        static const uint32_t MIN_OF_LENGTH[] = {0, 0x80, 0x800, 0x10000};
+        if (cp < MIN_OF_LENGTH[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
         i += n + 1;
     }
     return true;
@@ -203,13 +203,16 @@ const char* type_reason(hgx_type_t type, std::string_view v) {
 }  // namespace
 
 int hgx_value_check(hgx_type_t type, std::string_view v, const char** why) {
-    const char* reason = nullptr;
-    if (v.size() > VALUE_LIMIT)
-        reason = "is longer than 4096 bytes";
-    else if (v.find('\0') != std::string_view::npos)
-        reason = "holds a NUL byte";
-    else
-        reason = type_reason(type, v);
-    if (why) *why = reason;
-    return reason ? fail(HGX_ERROR_INVALID_VALUE) : 0;
+    if (why) *why = nullptr;
+    return guarded(-1, [&]() -> int {
+        const char* reason = nullptr;
+        if (v.size() > VALUE_LIMIT)
+            reason = "is longer than 4096 bytes";
+        else if (v.find('\0') != std::string_view::npos)
+            reason = "holds a NUL byte";
+        else
+            reason = type_reason(type, v);
+        if (why) *why = reason;
+        return reason ? fail(HGX_ERROR_INVALID_VALUE) : 0;
+    });
 }

@@ -190,10 +190,10 @@ int64_t as_int(const json& j) {
     return 0;
 }
 
-// A random name for a generation or a commit: 16 hex digits, so that two
-// writers never pick the same one.
 }  // namespace
 
+// A random name for a generation or a commit: 16 hex digits, so that two
+// writers never pick the same one.
 std::string fresh_id() {
     static std::mt19937_64 rng(
         std::random_device{}() ^

@@ -1,7 +1,8 @@
-// Internals of libhgx shared by its read side (hgx.cpp), its write side
-// (hgx_write.cpp) and its stores: the store seam, the composed view, wern
-// syntax and the thread's last error. The stores themselves are
-// hgx_sqlite.cpp (a file) and hgx_etcd.cpp (an etcd cluster).
+// Internals of libhgx shared by its read side (hgx_objects.h and the files
+// it serves), its write side (hgx_write.cpp, hgx_check.cpp) and its stores:
+// the store seam, the composed view, wern syntax and the thread's last
+// error (hgx_store.cpp). The stores themselves are hgx_sqlite.cpp (a file)
+// and hgx_etcd*.cpp (an etcd cluster).
 #pragma once
 
 #include <cstdint>

@@ -120,10 +120,10 @@ namespace hgx_detail {
 // made and destroyed as its own type; a record outside that family would be
 // read through a layout it does not have.
 template <typename T>
-constexpr bool is_object = std::is_base_of_v<hgx_object, T> && !std::is_polymorphic_v<T>;
-static_assert(is_object<hgx_scope> && is_object<hgx_service> && is_object<hgx_instance> &&
-              is_object<hgx_snapshot> && is_object<hgx_propertygroup> && is_object<hgx_property> &&
-              is_object<hgx_value> && is_object<hgx_iter>);
+constexpr bool IS_OBJECT = std::is_base_of_v<hgx_object, T> && !std::is_polymorphic_v<T>;
+static_assert(IS_OBJECT<hgx_scope> && IS_OBJECT<hgx_service> && IS_OBJECT<hgx_instance> &&
+              IS_OBJECT<hgx_snapshot> && IS_OBJECT<hgx_propertygroup> && IS_OBJECT<hgx_property> &&
+              IS_OBJECT<hgx_value> && IS_OBJECT<hgx_iter>);
 
 // Checks that an object is usable as a parent or source: not null, of a bound
 // handle, set.

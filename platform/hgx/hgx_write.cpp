@@ -13,13 +13,20 @@
 using namespace hgx_detail;
 
 // A writer owns its store, opened for writing: one transaction from its
-// opening to its commit.
+// opening to its commit. source is the store's, kept for hgx_writer_source.
 struct hgx_writer {
     std::unique_ptr<Store> store;
-    bool committed = false;
+    std::string source;
 };
 
 namespace {
+
+// A writer for an opened store (null stays null).
+hgx_writer_t* make_writer(std::unique_ptr<Store> s) {
+    if (!s) return nullptr;
+    std::string source = s->source();
+    return new hgx_writer{std::move(s), std::move(source)};
+}
 
 int owner_kind(const hgx_owner& o) {
     switch (o.kind) {
@@ -34,21 +41,21 @@ int owner_kind(const hgx_owner& o) {
 
 }  // namespace
 
-std::string hgx_values_blob(const std::vector<std::string>& values) {
-    std::string blob;
-    for (const std::string& v : values) {
-        blob += v;
-        blob += '\0';
-    }
-    return blob;
+int hgx_values_blob(const std::vector<std::string>& values, std::string* blob) {
+    return guarded(-1, [&]() -> int {
+        blob->clear();
+        for (const std::string& v : values) {
+            *blob += v;
+            *blob += '\0';
+        }
+        return 0;
+    });
 }
 
 hgx_writer_t* hgx_writer_open(const char* path, bool create, std::string* message) {
     return guarded<hgx_writer_t*>(nullptr, [&]() -> hgx_writer_t* {
-        std::unique_ptr<Store> s =
-            open_store(path ? path : "", create ? OpenMode::CREATE : OpenMode::WRITE, message);
-        if (!s) return nullptr;
-        return new hgx_writer{std::move(s)};
+        return make_writer(
+            open_store(path ? path : "", create ? OpenMode::CREATE : OpenMode::WRITE, message));
     });
 }
 
@@ -56,12 +63,9 @@ hgx_writer_t* hgx_writer_create(const char* path, unsigned mode, std::string* me
     if ((mode & ~0777u) != 0) return fail(HGX_ERROR_INVALID_ARGUMENT), nullptr;
     return guarded<hgx_writer_t*>(nullptr, [&]() -> hgx_writer_t* {
         std::string where = path ? path : "";
-        std::unique_ptr<Store> s =
-            is_cluster_url(where)
-                ? open_store(where, OpenMode::CREATE, message)
-                : open_file_store(where, OpenMode::CREATE, message, static_cast<int>(mode));
-        if (!s) return nullptr;
-        return new hgx_writer{std::move(s)};
+        return make_writer(is_cluster_url(where) ? open_store(where, OpenMode::CREATE, message)
+                                                 : open_file_store(where, OpenMode::CREATE, message,
+                                                                   static_cast<int>(mode)));
     });
 }
 
@@ -71,20 +75,12 @@ hgx_writer_t* hgx_reader_open(const char* path, std::string* message) {
 
 int hgx_writer_commit(hgx_writer_t* w) {
     if (!w || !w->store) return fail(HGX_ERROR_INVALID_ARGUMENT);
-    return guarded(-1, [&]() -> int {
-        if (w->store->commit() < 0) return -1;
-        w->committed = true;
-        return 0;
-    });
+    return guarded(-1, [&]() -> int { return w->store->commit() < 0 ? -1 : 0; });
 }
 
 int hgx_writer_begin(hgx_writer_t* w) {
-    if (!w || !w->store || !w->committed) return fail(HGX_ERROR_INVALID_ARGUMENT);
-    return guarded(-1, [&]() -> int {
-        if (w->store->begin() < 0) return -1;
-        w->committed = false;
-        return 0;
-    });
+    if (!w || !w->store) return fail(HGX_ERROR_INVALID_ARGUMENT);
+    return guarded(-1, [&]() -> int { return w->store->begin(); });
 }
 
 int hgx_writer_set_durable(hgx_writer_t* w, bool durable) {
@@ -397,7 +393,9 @@ int hgx_writer_set_property(hgx_writer_t* w, const hgx_owner& pg, std::string_vi
             return fail(HGX_ERROR_INVALID_ARGUMENT);
         for (const std::string& v : values)
             if (hgx_value_check(type, v) < 0) return -1;
-        return w->store->put_prop(pg.id, name, type, hgx_values_blob(values), true);
+        std::string blob;
+        if (hgx_values_blob(values, &blob) < 0) return -1;
+        return w->store->put_prop(pg.id, name, type, blob, true);
     });
 }
 
@@ -461,13 +459,11 @@ int hgx_writer_services(hgx_writer_t* w, std::vector<std::string>* out) {
 
 hgx_writer_t* hgx_reader_open_at(const char* url, int64_t revision, std::string* message) {
     return guarded<hgx_writer_t*>(nullptr, [&]() -> hgx_writer_t* {
-        std::unique_ptr<Store> s = open_store(url ? url : "", OpenMode::COPY, message, revision);
-        if (!s) return nullptr;
-        return new hgx_writer{std::move(s)};
+        return make_writer(open_store(url ? url : "", OpenMode::COPY, message, revision));
     });
 }
 
-std::string hgx_writer_source(const hgx_writer_t* w) { return w->store->source(); }
+const char* hgx_writer_source(const hgx_writer_t* w) { return w->source.c_str(); }
 int64_t hgx_writer_revision(const hgx_writer_t* w) { return w->store->revision(); }
 
 int hgx_writer_changes(hgx_writer_t* w, std::vector<std::pair<std::string, std::string>>* out,

@@ -33,5 +33,5 @@ char* defines_walk_next(defines_t* defines, pkx_avl_walk_t* walk);
 // Calls visit with each define's name and value (owned by the table), in
 // ascending name order; visit must not change the table. 0, or -1 when the
 // walk could not be started (exhausted memory).
-typedef void (*defines_visit)(const char* name, const char* value, void* context);
-int defines_for_each(defines_t* defines, defines_visit visit, void* context);
+typedef void (*defines_visit_fn)(const char* name, const char* value, void* context);
+int defines_for_each(defines_t* defines, defines_visit_fn visit, void* context);

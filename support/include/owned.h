@@ -1,7 +1,7 @@
 // Owners of what the project's C-style interfaces hand out, so that every
 // module frees them the same way: heap text and records from malloc, and
 // any object with a create/destroy pair. (libhgx's objects have their own
-// owners in HgxPtr.h, beside the library's interface.)
+// owners in hgx_ptr.h, beside the library's interface.)
 #pragma once
 
 #include <cstddef>
@@ -34,17 +34,17 @@ template <typename T, void (*Destroy)(T*)>
 using Owned = std::unique_ptr<T, Destroyer<T, Destroy>>;
 
 // Lets a function that takes heap text through a char** parameter (to fill,
-// grow or replace it) work on a HeapText: f(..., out_text(text)). The
+// grow or replace it) work on a HeapText: f(..., OutText(text)). The
 // function sees what text held; whatever it leaves there, on success or
 // failure, is owned by text again once the call's full expression ends.
 // text must outlive that expression, and nothing else may touch it before
 // the expression ends.
-class out_text {
+class OutText {
   public:
-    explicit out_text(HeapText& owner) : owner_(owner), raw_(owner.release()) {}
-    out_text(const out_text&) = delete;
-    out_text& operator=(const out_text&) = delete;
-    ~out_text() { owner_.reset(raw_); }
+    explicit OutText(HeapText& owner) : owner_(owner), raw_(owner.release()) {}
+    OutText(const OutText&) = delete;
+    OutText& operator=(const OutText&) = delete;
+    ~OutText() { owner_.reset(raw_); }
     operator char**() noexcept { return &raw_; }
 
   private:

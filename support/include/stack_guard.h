@@ -10,6 +10,8 @@
 // other half to whatever the recursion calls at its deepest point.
 #pragma once
 
+#include <cstddef>
+
 // Makes the frame of its owner the base from which use is measured, for as
 // long as it lives, and reads the budget afresh. An inner scope while one is
 // active changes nothing. Per thread.
@@ -28,3 +30,8 @@ bool stack_exhausted();
 // began, so that a failure some caller passed over as harmless is still
 // reported at the end.
 bool stack_guard_tripped();
+
+// For tests of the layers that recurse: the budget in bytes that the next
+// scope (or base) takes instead of half of the thread's stack; 0 restores
+// that default. Per thread.
+void stack_guard_set_budget(size_t bytes);

@@ -84,14 +84,14 @@ namespace {
 // fixture that started the cluster wrote its endpoint (or why there is none)
 // to the file that KELVO_TEST_ETCD_FILE names.
 const std::string& cluster_endpoint() {
-    static const std::string endpoint = [] {
+    static const std::string ENDPOINT = [] {
         const char* file = getenv("KELVO_TEST_ETCD_FILE");
         if (!file || !*file) return std::string();
         std::string text = read_file(file);
         while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
         return text;
     }();
-    return endpoint;
+    return ENDPOINT;
 }
 
 // Skips every test of a second pass whose cluster could not be started
@@ -103,7 +103,7 @@ class ClusterPass : public ::testing::Environment {
         if (e.rfind("skip:", 0) == 0) GTEST_SKIP() << e;
     }
 };
-[[maybe_unused]] const auto* const cluster_pass =
+[[maybe_unused]] const auto* const CLUSTER_PASS =
     ::testing::AddGlobalTestEnvironment(new ClusterPass);
 
 }  // namespace
@@ -114,9 +114,9 @@ bool on_cluster() {
 }
 
 std::string repository_for(const std::string& path) {
-    constexpr std::string_view db = ".db";
-    if (!on_cluster() || path.empty() || path[0] != '/' || path.size() < db.size() ||
-        path.compare(path.size() - db.size(), db.size(), db) != 0)
+    constexpr std::string_view DB_SUFFIX = ".db";
+    if (!on_cluster() || path.empty() || path[0] != '/' || path.size() < DB_SUFFIX.size() ||
+        path.compare(path.size() - DB_SUFFIX.size(), DB_SUFFIX.size(), DB_SUFFIX) != 0)
         return path;
     // Scratch directories are unique, and so each test's prefix.
     return "etcd://" + cluster_endpoint() + "/t" + path;

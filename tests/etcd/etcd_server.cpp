@@ -244,13 +244,35 @@ void EtcdServer::restart_member(int m) {
     if (launch(m, true)) wait_ready(&why);
 }
 
+namespace {
+
+// Whether the process is stopped, by its state in /proc.
+bool stopped(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    size_t end = line.rfind(')');
+    return end != std::string::npos && end + 2 < line.size() && line[end + 2] == 'T';
+}
+
+// A signal is delivered some time after kill() returns: a test that goes on
+// at once could still be answered by the member it meant to hang.
+void stop_or_continue(pid_t pid, bool frozen) {
+    kill(pid, frozen ? SIGSTOP : SIGCONT);
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (stopped(pid) != frozen && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+}  // namespace
+
 void EtcdServer::freeze(bool frozen) {
     for (const Member& me : members_)
-        if (me.pid > 0) kill(me.pid, frozen ? SIGSTOP : SIGCONT);
+        if (me.pid > 0) stop_or_continue(me.pid, frozen);
 }
 
 void EtcdServer::freeze_member(int m, bool frozen) {
-    if (members_[m].pid > 0) kill(members_[m].pid, frozen ? SIGSTOP : SIGCONT);
+    if (members_[m].pid > 0) stop_or_continue(members_[m].pid, frozen);
 }
 
 void EtcdServer::detach() {

@@ -44,8 +44,8 @@ void evaluate(stencil_t* stencil, repository_t* repository, stencil_output_mode_
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::ensure_repository();
-    static const int null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    static const int empty_fd = memfd_create("empty", MFD_CLOEXEC);
+    static const int NULL_FD = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    static const int EMPTY_FD = memfd_create("empty", MFD_CLOEXEC);
     int fd = memory_file(data, size);
     if (fd < 0) return 0;
     char path[64];
@@ -60,8 +60,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (loaded == STENCIL_SUCCESS) {
         repository_t* repository = nullptr;
         if (repository_create(fuzz::INSTANCE, nullptr, &repository) == REPOSITORY_SUCCESS) {
-            evaluate(stencil, repository, STENCIL_OUTPUT_NORMAL, null_fd, empty_fd);
-            evaluate(stencil, repository, STENCIL_OUTPUT_LIST_PROPERTIES, null_fd, empty_fd);
+            evaluate(stencil, repository, STENCIL_OUTPUT_NORMAL, NULL_FD, EMPTY_FD);
+            evaluate(stencil, repository, STENCIL_OUTPUT_LIST_PROPERTIES, NULL_FD, EMPTY_FD);
             repository_destroy(repository);
         }
     } else if (loaded == STENCIL_ERROR_SYNTAX && stencil != nullptr) {

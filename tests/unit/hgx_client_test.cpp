@@ -185,11 +185,11 @@ TEST_F(Client, DecodeWernForms) {
     constexpr int IO = HGX_DECODE_INSTANCE_ONLY, SO = HGX_DECODE_SERVICE_ONLY;
     constexpr int NF = HGX_ERROR_NOT_FOUND, INV = HGX_ERROR_INVALID_ARGUMENT,
                   CV = HGX_ERROR_CONSTRAINT_VIOLATED;
-    const std::string P = "wrn:/net/foo/:properties/", IP = "wrn:/net/foo:default/:properties/";
-    const std::string cfg = P + "config", tls = P + "config/tls", icfg = IP + "config";
-    const std::string ishared = IP + "shared_only", itls = IP + "config/tls",
-                      idual = IP + "config/dual";
-    const std::string port = P + "config/port", cert = tls + "/cert", isvc = IP + "config/svconly";
+    const std::string sp = "wrn:/net/foo/:properties/", ip = "wrn:/net/foo:default/:properties/";
+    const std::string cfg = sp + "config", tls = sp + "config/tls", icfg = ip + "config";
+    const std::string ishared = ip + "shared_only", itls = ip + "config/tls",
+                      idual = ip + "config/dual";
+    const std::string port = sp + "config/port", cert = tls + "/cert", isvc = ip + "config/svconly";
     const std::string icert = itls + "/cert", iinner = idual + "/inner";
     const DecodeCase cases[] = {
         {"wrn:/net/foo", 0, 0},

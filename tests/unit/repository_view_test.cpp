@@ -15,7 +15,7 @@
 
 namespace {
 
-const char* MANIFEST = R"({
+const char* const MANIFEST = R"({
   "services": {
     "net/foo": {
       "groups": {

@@ -11,7 +11,6 @@
 #include "hgxrepo.h"
 #include "stack_guard.h"
 #include "stencil_internal.h"
-#include "support_internal.h"
 #include "unit_util.h"
 
 namespace {

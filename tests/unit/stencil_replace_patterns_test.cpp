@@ -19,7 +19,7 @@ struct Case {
     const char* result;
 };
 
-const Case kCases[] = {
+const Case CASES[] = {
     {"foobar", "o", "0", 0, "f0obar"},
     {"foobar", "o", "0", 1, "f00bar"},
     {"foobar", "#f", "X", 0, "Xoobar"},
@@ -82,7 +82,7 @@ void PrintTo(const Case& c, std::ostream* os) {
     *os << "'" << c.source << "' '" << c.pattern << "' all " << c.all;
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, ReplacePatterns, ::testing::ValuesIn(kCases),
+INSTANTIATE_TEST_SUITE_P(Table, ReplacePatterns, ::testing::ValuesIn(CASES),
                          [](const ::testing::TestParamInfo<Case>& info) {
                              return "row" + std::to_string(info.index);
                          });

@@ -31,7 +31,7 @@ TEST(SupportAtexit, SlotAccounting) {
                   for (int i = 0; i < FREE_LIST_SLOTS - 1; i++) atexit_free_at(&vars[i]);
                   // A block given by address takes the 256th, last, slot.
                   void* block = std::malloc(8);
-                  _atexit_free(block, nullptr);
+                  atexit_free_register(block, nullptr);
                   if (list->nodes_used != FREE_LIST_SLOTS) return 2;
                   const free_node_t& last = list->nodes[FREE_LIST_SLOTS - 1];
                   if (last.type != VOID_PTR || last.pointer.void_ptr != block) return 3;

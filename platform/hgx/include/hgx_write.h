@@ -60,12 +60,14 @@ bool hgx_valid_service_name(std::string_view name);
 // 0 when the value fits the type (and the value length limit), else -1 with
 // HGX_ERROR_INVALID_VALUE; *why (if given) receives a short reason, a static
 // text to put after the value in a message ("is not a host name"), or null
-// when the value fits.
+// when the value fits. -1 with HGX_ERROR_NO_MEMORY (*why null) when the
+// check itself ran out of memory.
 int hgx_value_check(hgx_type_t type, std::string_view value, const char** why = nullptr);
 
 // Values as stored: each followed by a NUL byte, so that an empty list and a
-// list of one empty value differ.
-std::string hgx_values_blob(const std::vector<std::string>& values);
+// list of one empty value differ. 0 with *blob replaced, or -1 with
+// HGX_ERROR_NO_MEMORY (*blob then unspecified).
+int hgx_values_blob(const std::vector<std::string>& values, std::string* blob);
 
 // Opens the file and begins the write transaction. Where the file does not
 // exist and create is set, the writer builds it (mode 0644 under the umask)
@@ -179,9 +181,10 @@ int hgx_writer_copy_service(hgx_writer_t* to, hgx_writer_t* from, std::string_vi
 // A reader takes as long as its reading takes while the cluster answers:
 // only a silent member ends a request.
 hgx_writer_t* hgx_reader_open_at(const char* url, int64_t revision, std::string* message);
-// The cluster and prefix the repository comes from ("" for a file), and the
-// revision it was read at (0 for a file).
-std::string hgx_writer_source(const hgx_writer_t* w);
+// The cluster and prefix the repository comes from ("" for a file), owned
+// by the writer for its life, and the revision it was read at (0 for a
+// file).
+const char* hgx_writer_source(const hgx_writer_t* w);
 int64_t hgx_writer_revision(const hgx_writer_t* w);
 // What the commit that made a cluster's state changed: 0 with *all set
 // where it cannot be told (a file, a commit that changed very much, or a

@@ -1,6 +1,7 @@
 // hgxrepo sync: a host's local repository file kept as a mirror of a
 // repository in an etcd cluster, so that kelvo reads a file that always
 // holds a state the cluster really had, and never waits on the network.
+// Private to hgxrepo: hgxrepo_main runs it for "hgxrepo sync".
 #pragma once
 
 #include <string>

@@ -1,5 +1,7 @@
 // The manifest: hgxrepo's JSON description of services, read into plain
 // records with every name, type and value checked, and written back out.
+// Private to hgxrepo (and its fuzz target); std::bad_alloc from here stops
+// at hgxrepo.h's functions.
 #pragma once
 
 #include <string>
