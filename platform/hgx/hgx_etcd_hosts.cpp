@@ -24,9 +24,9 @@ int64_t integer(const json& j) {
 }
 
 const json& field(const json& j, const char* name) {
-    static const json none;
+    static const json NONE;
     auto it = j.is_object() ? j.find(name) : j.end();
-    return j.is_object() && it != j.end() ? *it : none;
+    return j.is_object() && it != j.end() ? *it : NONE;
 }
 
 // The repository's last commit as of revision at (0: now): 1 with *out set,
