@@ -229,7 +229,9 @@ void Reporter::loop() {
             }
             // Woken by an update or a stop too, and then the next time is
             // reckoned again.
-            Clock::time_point until = status_ ? renew_at : Clock::time_point::max();
+            // An hour stands for never: the largest time point overflows
+            // some waits.
+            Clock::time_point until = status_ ? renew_at : Clock::now() + std::chrono::hours(1);
             if (changed_ && tell_at < until) until = tell_at;
             wake_.wait_until(lock, until);
         }
