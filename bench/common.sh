@@ -109,10 +109,10 @@ make_repo() {
 # shell, optionally behind NAME=VALUE settings of its environment), with the
 # commands run in turn so that the machine's load falls on all of them alike
 # (bench/spawn_time.cpp), BENCH_RUNS runs each (default 500 here). Prints the
-# median and fastest run of each and its median processor time, and its
-# median over the first command's; with SECOND_REF=N also over the Nth's.
-# The medians go into $MEDIAN_1, $MEDIAN_2, ... and the processor times into
-# $CPU_1, $CPU_2, ...
+# median and fastest run of each, its median processor time and page faults,
+# and its median over the first command's; with SECOND_REF=N also over the
+# Nth's. The medians go into $MEDIAN_1, $MEDIAN_2, ..., the processor times
+# into $CPU_1, $CPU_2, ... and the page faults into $FAULTS_1, ...
 side_by_side() {
     timer=$BUILD/bench/spawn_time
     [ -x "$timer" ] || { echo "bench: $timer is missing; build first (make build)" >&2; exit 1; }
@@ -133,13 +133,13 @@ side_by_side() {
         ref2=$(sed -n "${SECOND_REF}p" "$WORK/labels")
     fi
     i=1
-    while read -r median mean fastest cpu; do
+    while read -r median mean fastest cpu faults; do
         label=$(sed -n "${i}p" "$WORK/labels")
-        line=$(printf '  %-36s %7.3f ms (fastest %6.3f, cpu %6.3f)  = %s x %s' \
-            "$label" "$median" "$fastest" "$cpu" "$(ratio "$median" "$first")" "$ref1")
+        line=$(printf '  %-36s %7.3f ms (fastest %6.3f, cpu %6.3f, %4d faults)  = %s x %s' \
+            "$label" "$median" "$fastest" "$cpu" "$faults" "$(ratio "$median" "$first")" "$ref1")
         [ -n "$second" ] && line="$line, $(ratio "$median" "$second") x $ref2"
         printf '%s\n' "$line"
-        eval "MEDIAN_$i=$median CPU_$i=$cpu"
+        eval "MEDIAN_$i=$median CPU_$i=$cpu FAULTS_$i=$faults"
         i=$((i + 1))
     done <"$WORK/figures"
 }

@@ -7,7 +7,9 @@
 # kelvo is. kelvo reads only the instance it runs for, so the figures should
 # barely move with the size of the repository. Then the system calls that
 # write, counted with strace: none for a run whose output file is
-# unchanged, and one write() for a file made anew.
+# unchanged, and one write() for a file made anew. Beside the times, each
+# program's page faults, relocations and instructions: what kelvo costs
+# beyond the floor.
 #
 #   sh bench/startup.sh [BUILD_DIR]
 # The 1M repository is generated and imported once (that takes a while) and
@@ -49,6 +51,27 @@ for size in 10000 1000000; do
     fi
     side_by_side "$@"
     [ -n "$INSTALLED" ] || echo "  (no installed kelvo on PATH; KELVO_INSTALLED names one)"
+done
+
+# Where a run goes beyond the floor: the dynamic loader's relocations (for
+# every object it loads) and the instructions run (valgrind, where installed).
+echo "one run each, repository of 1,000,000 properties: relocations (symbol + relative), instructions"
+for program in static floor kelvo; do
+    case $program in
+        static) label="floor, static"; cmd="$FLOOR_STATIC $REPO_DB config p1" ;;
+        floor) label="floor, linked as kelvo"; cmd="$FLOOR $REPO_DB config p1" ;;
+        kelvo) label="kelvo"; cmd="$KELVO $args -o $OUT" ;;
+    esac
+    [ "$program" = static ] && [ ! -x "$FLOOR_STATIC" ] && continue
+    relocations=$(LD_DEBUG=statistics $cmd 2>&1 >/dev/null |
+        awk '/final number of relocations:/ { s = $NF } /number of relative relocations:/ { r += $NF }
+             END { printf "%d + %d", s, r }')
+    instructions="(valgrind is not installed)"
+    if command -v valgrind >/dev/null 2>&1; then
+        instructions=$(valgrind --tool=callgrind --callgrind-out-file=/dev/null $cmd 2>&1 >/dev/null |
+            sed -n 's/.*Collected : *\([0-9]*\).*/\1/p' | awk '{ printf "%.2f M", $1 / 1e6 }')
+    fi
+    printf '  %-36s %-14s %s\n' "$label" "$relocations" "$instructions"
 done
 
 echo "system calls that write or change a file, in one run (strace):"

@@ -82,7 +82,7 @@ if command -v strace >/dev/null 2>&1; then
     done
     # The mirror (not strace) is stopped, so that strace ends with it.
     rm -f "$WORK/sync.pid"
-    strace -f -qq -e trace=connect,openat -o "$WORK/sync-strace.txt" \
+    strace -f -qq -e trace=connect,openat,sendto -o "$WORK/sync-strace.txt" \
         sh -c 'echo $$ >"$0"; exec "$@"' "$WORK/sync.pid" "$HGXREPO" -r "$MIRROR" sync "$URL" \
         2>/dev/null &
     TRACER=$!
@@ -93,6 +93,11 @@ if command -v strace >/dev/null 2>&1; then
     opens=$(grep -c "openat([^,]*, \"$MIRROR\"," "$WORK/sync-strace.txt" || true)
     printf '  while applying %d revisions: %d connections, %d opens of the mirror file (strace)\n' \
         "$M" "$connects" "$opens"
+    # The watch's stream keeps a connection to itself; every other request
+    # of the mirror's life shares the connections kept by its client.
+    requests=$(grep -c 'sendto(.*"POST /v3/' "$WORK/sync-strace.txt" || true)
+    watches=$(grep -c 'sendto(.*"POST /v3/watch' "$WORK/sync-strace.txt" || true)
+    printf '  %d requests over those connections, %d of them a watch\n' "$requests" "$watches"
 fi
 
 start_sync

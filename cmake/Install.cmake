@@ -3,7 +3,8 @@
 #   share/man/man1/                       their pages, title line carrying the version
 #   share/doc/kelvo/                      README.md, the guides, examples/ (scripts
 #                                         keep their run bit)
-#   lib/kelvo/hgx-etcd.so                 the etcd store's client, when built
+#   lib/kelvo/hgx-etcd.so                 the etcd store's client, when built,
+#   lib/kelvo/hgx-etcd-tls.so             and its client for etcds:// (libcurl)
 #   share/bash-completion/completions/    hgxrepo; kelvo, kelvo-diff, kelvo-lint,
 #                                         kelvo-apply (one file under each name)
 #   /lib/wrn/stencils, /var/lib/hgx       kelvo's default stencil directory and

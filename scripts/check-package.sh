@@ -14,8 +14,8 @@ fail() {
 
 DEB=$(ls "$BUILD"/deb/kelvo_*.deb 2>/dev/null | head -n 1)
 [ -n "$DEB" ] || fail "no package in $BUILD/deb (run: make deb)"
-# The etcd store links libcurl; the package must say so.
-if dpkg-deb -c "$DEB" | grep -q '/usr/lib/kelvo/hgx-etcd\.so$'; then
+# The etcd store's client for etcds:// links libcurl; the package must say so.
+if dpkg-deb -c "$DEB" | grep -q '/usr/lib/kelvo/hgx-etcd-tls\.so$'; then
     dpkg-deb -f "$DEB" Depends | grep -q 'libcurl4' ||
         fail "$DEB ships the etcd store but does not depend on libcurl4"
 fi

@@ -176,7 +176,8 @@ const char* hgx_detail::error_text(hgx_error_t code) {
         case HGX_ERROR_CLUSTER_SCHEMA:
             return "The etcd prefix holds a repository of another schema version";
         case HGX_ERROR_CLUSTER_CLIENT:
-            return "The etcd client module hgx-etcd.so cannot be loaded";
+            return "The etcd client module (hgx-etcd.so, or hgx-etcd-tls.so for etcds://) cannot "
+                   "be loaded";
         case HGX_ERROR_BAD_URL:
             return "Malformed etcd URL; the form is etcd[s]://HOST:PORT[,HOST:PORT]...[/PREFIX]";
         case HGX_ERROR_CONFLICT:

@@ -1,7 +1,9 @@
 // The network client of the etcd store, as a C interface between libhgx and
-// the shared object hgx-etcd.so that implements it with libcurl. libhgx
-// opens that object only when a repository is named by an etcd URL, so that
-// a program reading a file never loads libcurl or TLS.
+// the shared objects that implement it: hgx-etcd.so over plain sockets for
+// etcd://, hgx-etcd-tls.so through libcurl for etcds://. libhgx opens one
+// only when a repository is named by an etcd URL, so that a program reading
+// a file loads neither, and one reading a plain cluster never loads libcurl
+// or TLS.
 //
 // The interface speaks HTTP to etcd's v3 JSON gateway and knows nothing of
 // repositories: it sends request bodies, hands back response bodies, moves
@@ -89,8 +91,10 @@ struct hgx_etcd_client_api {
     // authentication enabled then takes no token). The caller owns the
     // client and ends it with close().
     void* (*open)(const hgx_etcd_options* options, int* status, char* error, size_t error_size);
-    // Ends a client and its connections; accepts null. No reply body is
-    // tied to the client: bodies outlive it until released.
+    // Ends a client; accepts null. Its idle connections stay open for the
+    // process's next client of the same members, and its token for the next
+    // of the same user. No reply body is tied to the client: bodies outlive
+    // it until released.
     void (*close)(void* client);
 
     // POSTs a JSON body to a gateway path ("/v3/kv/range") and fills reply.
@@ -116,7 +120,7 @@ struct hgx_etcd_client_api {
     int (*stream)(void* client, const hgx_etcd_stream* stream, char* error, size_t error_size);
 };
 
-// The one symbol of hgx-etcd.so: the table of the client's functions, static
-// for the life of the loaded object; never null.
+// The one symbol of either object: the table of the client's functions,
+// static for the life of the loaded object; never null.
 const hgx_etcd_client_api* hgx_etcd_client(void);
 }

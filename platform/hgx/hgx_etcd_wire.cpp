@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cctype>
 #include <cstdlib>
@@ -18,35 +19,46 @@ namespace {
 
 // ---- the client module ---------------------------------------------------------
 
-std::string module_path_beside_program() {
+// The client modules: plain HTTP over sockets, and HTTPS through libcurl,
+// which a process loads only for a cluster named by etcds://.
+constexpr const char* MODULE = "hgx-etcd.so";
+constexpr const char* TLS_MODULE = "hgx-etcd-tls.so";
+
+std::string module_path_beside_program(const char* name) {
     char exe[4096];
     ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
     if (n <= 0) return "";
     std::string dir(exe, static_cast<size_t>(n));
     dir.resize(dir.rfind('/'));
-    return dir + "/../lib/kelvo/hgx-etcd.so";
+    return dir + "/../lib/kelvo/" + name;
 }
 
-// The client interface of hgx-etcd.so, loaded on first use and kept for the
-// life of the process (libcurl's global state is not torn down). Looked for
-// in $HGX_ETCD_MODULE, beside the program (../lib/kelvo/), then where it is
-// installed.
-const hgx_etcd_client_api* client_module(std::string* why) {
-    static const hgx_etcd_client_api* api = nullptr;
-    static std::string failure;
+// The client interface of hgx-etcd.so, or with tls of hgx-etcd-tls.so,
+// loaded on first use and kept for the life of the process (libcurl's
+// global state is not torn down, connections are kept for reuse). Looked
+// for in $HGX_ETCD_MODULE (the TLS module beside the file it names), beside
+// the program (../lib/kelvo/), then where it is installed.
+const hgx_etcd_client_api* client_module(bool tls, std::string* why) {
+    static const hgx_etcd_client_api* apis[2] = {nullptr, nullptr};
+    const hgx_etcd_client_api*& api = apis[tls];
+    const char* name = tls ? TLS_MODULE : MODULE;
+    std::string failure;
     if (api) return api;
     std::vector<std::string> candidates;
-    if (const char* env = std::getenv("HGX_ETCD_MODULE"); env && *env) candidates.push_back(env);
-    candidates.push_back(module_path_beside_program());
+    if (const char* env = std::getenv("HGX_ETCD_MODULE"); env && *env) {
+        std::string named = env;
+        if (tls) named = named.substr(0, named.rfind('/') + 1) + name;
+        candidates.push_back(named);
+    }
+    candidates.push_back(module_path_beside_program(name));
 #ifdef HGX_MODULE_DIR
-    candidates.push_back(HGX_MODULE_DIR "/hgx-etcd.so");
+    candidates.push_back(std::string(HGX_MODULE_DIR "/") + name);
 #endif
-    failure.clear();
     for (const std::string& path : candidates) {
         if (path.empty() || access(path.c_str(), R_OK) != 0) continue;
-        // Lazy: a function of libcurl's dependency tree is bound when first
-        // called, not all of them at load (libraries linked to bind at once
-        // still do).
+        // Lazy: a function of the TLS module's dependency tree (libcurl's)
+        // is bound when first called, not all of them at load (libraries
+        // linked to bind at once still do).
         void* so = dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL);
         if (!so) {
             failure = dlerror();
@@ -59,7 +71,7 @@ const hgx_etcd_client_api* client_module(std::string* why) {
         failure = path + ": not a client of this version";
         dlclose(so);
     }
-    *why = failure.empty() ? "hgx-etcd.so not found" : failure;
+    *why = failure.empty() ? std::string(name) + " not found" : failure;
     return nullptr;
 }
 
@@ -148,20 +160,32 @@ std::string b64(std::string_view in) {
     return out;
 }
 
+namespace {
+// The value of each base64 digit, 64 for any other byte: every document a
+// run reads comes through here, a lookup per byte.
+constexpr std::array<uint8_t, 256> B64_VALUES = [] {
+    std::array<uint8_t, 256> v{};
+    v.fill(64);
+    for (uint8_t i = 0; i < 64; ++i) v[static_cast<uint8_t>(B64[i])] = i;
+    return v;
+}();
+}  // namespace
+
 // false for text that is not base64.
 bool unb64(std::string_view in, std::string* out) {
     out->clear();
+    out->reserve(in.size() / 4 * 3 + 3);
     uint32_t acc = 0;
     int bits = 0;
     for (char c : in) {
         if (c == '=') break;
-        const char* p = std::strchr(B64, c);
-        if (!p || !c) return false;
-        acc = acc << 6 | static_cast<uint32_t>(p - B64);
+        uint8_t value = B64_VALUES[static_cast<uint8_t>(c)];
+        if (value == 64) return false;
+        acc = acc << 6 | value;
         bits += 6;
         if (bits >= 8) {
             bits -= 8;
-            *out += static_cast<char>((acc >> bits) & 0xff);
+            out->push_back(static_cast<char>((acc >> bits) & 0xff));
         }
     }
     return true;
@@ -353,7 +377,7 @@ json delete_prefix_op(const std::string& prefix) {
 int connect(const std::string& url, long call_ms, bool budget, ClusterUrl* u,
             std::unique_ptr<Cluster>* out, std::string* detail) {
     if (parse_url(url, u) < 0) return fail(HGX_ERROR_BAD_URL);
-    const hgx_etcd_client_api* api = client_module(detail);
+    const hgx_etcd_client_api* api = client_module(u->tls, detail);
     if (!api) return fail(HGX_ERROR_CLUSTER_CLIENT);
     auto env = [](const char* name) -> const char* {
         const char* v = std::getenv(name);

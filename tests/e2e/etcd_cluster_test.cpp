@@ -609,9 +609,10 @@ TEST_F(EtcdCluster, KeysOfWritersThatDiedAreRemovedByTheNextWriter) {
     EXPECT_EQ(after, clean);
 }
 
-// A run on a file must not pay for the cluster's client: the dynamic linker
-// is asked to list every object it loads.
-TEST(EtcdClient, IsLoadedOnlyForAClusterUrl) {
+// A run on a file must not pay for the cluster's client, nor one on a plain
+// cluster for libcurl and TLS: the dynamic linker is asked to list every
+// object it loads.
+TEST(EtcdClient, IsLoadedOnlyForAClusterUrlAndLibcurlOnlyForTls) {
     e2e::TempDir dir;
     const std::string file = dir / "a.db";
     e2e::make_repository(file, generation(0, 1));
@@ -622,6 +623,11 @@ TEST(EtcdClient, IsLoadedOnlyForAClusterUrl) {
     r = e2e::kelvo("etcd://127.0.0.1:1/x", {"-f", WERN}, "", {{"LD_DEBUG", "files"}});
     EXPECT_EQ(r.status, 3);
     EXPECT_NE(r.err.find("hgx-etcd.so"), std::string::npos);
+    EXPECT_EQ(r.err.find("libcurl"), std::string::npos);
+    r = e2e::kelvo("etcds://127.0.0.1:1/x", {"-f", WERN}, "", {{"LD_DEBUG", "files"}});
+    EXPECT_EQ(r.status, 3);
+    EXPECT_NE(r.err.find("hgx-etcd-tls.so"), std::string::npos);
+    EXPECT_NE(r.err.find("libcurl"), std::string::npos);
 }
 
 }  // namespace

@@ -1,10 +1,11 @@
 // Starts or stops the etcd that a whole test run shares, for CTest's
-// fixtures: `etcd_fixture start DIR [MEMBERS]` starts one member (or
+// fixtures: `etcd_fixture start DIR [MEMBERS [tls]]` starts one member (or
 // MEMBERS) with its data below DIR and writes DIR/endpoint (the members'
 // host:port, comma-separated) and DIR/pid (their process ids, one a line,
-// in the same order); `etcd_fixture stop DIR` stops them by those process
-// ids and removes DIR. Where etcd is missing outside CI, the endpoint file
-// says why, and the tests that need it skip.
+// in the same order); with tls the members speak only TLS and ask for a
+// client certificate: DIR/data/ca.pem, client.pem and client.key.
+// `etcd_fixture stop DIR` stops them by those process ids and removes DIR. Where etcd is missing
+// outside CI, the endpoint file says why, and the tests that need it skip.
 #include <signal.h>
 #include <sys/wait.h>
 
@@ -17,8 +18,8 @@
 #include "etcd_server.h"
 
 int main(int argc, char** argv) {
-    if (argc != 3 && argc != 4) {
-        std::fprintf(stderr, "usage: etcd_fixture start|stop DIR [MEMBERS]\n");
+    if (argc < 3 || argc > 5 || (argc == 5 && std::string(argv[4]) != "tls")) {
+        std::fprintf(stderr, "usage: etcd_fixture start|stop DIR [MEMBERS [tls]]\n");
         return 2;
     }
     std::string verb = argv[1], dir = argv[2];
@@ -41,7 +42,8 @@ int main(int argc, char** argv) {
     std::string why;
     etcd_testing::Options options;
     options.dir = dir + "/data";
-    if (argc == 4) options.members = std::atoi(argv[3]);
+    if (argc >= 4) options.members = std::atoi(argv[3]);
+    options.tls = argc == 5;
     if (!server.start(options, &why)) {
         std::fprintf(stderr, "etcd_fixture: %s\n", why.c_str());
         std::ofstream(dir + "/endpoint") << "skip: " << why << '\n';

@@ -8,7 +8,7 @@ build=$1
 seconds=$2
 shift 2
 here=$(cd "$(dirname "$0")" && pwd)
-targets=${*:-"stencil manifest wern"}
+targets=${*:-"stencil manifest wern hgx_http"}
 status=0
 mkdir -p "$build/fuzz-findings"
 for t in $targets; do

@@ -49,7 +49,8 @@ done
 # The etcd store is there when the build made it.
 if [ -e "$BUILD/lib/kelvo/hgx-etcd.so" ]; then
     expected="$expected
-/usr/lib/kelvo/hgx-etcd.so"
+/usr/lib/kelvo/hgx-etcd.so
+/usr/lib/kelvo/hgx-etcd-tls.so"
 fi
 # Files, and directories that hold nothing.
 actual=$(cd "$D" && find . \( -type f -o -type d -empty \) | sed 's#^\.##' |

@@ -1,0 +1,344 @@
+// The lean etcd client of hgx-etcd.so, linked in: HTTP as a real etcd's
+// gateway speaks it (lengths, chunks, a watch's stream), connections kept
+// from client to client, and what a member that does not speak it right
+// gets: refused answers, broken connections, silence. The reader of
+// answers is checked against malformed and oversized ones in any pieces.
+#include "../hgx_etcd_client.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "etcd_gtest.h"
+#include "http.h"
+
+namespace {
+
+using hgx_client::ResponseReader;
+
+struct Read {
+    ResponseReader::State state;
+    std::string body;
+    bool reusable;
+};
+
+// Feeds text in pieces of at most `piece` bytes, as a socket might give it.
+Read read_in_pieces(const std::string& text, size_t piece) {
+    ResponseReader r;
+    r.reset();
+    for (size_t at = 0; at < text.size() && r.state() == ResponseReader::MORE; at += piece) {
+        size_t used = 0;
+        r.feed(text.data() + at, std::min(piece, text.size() - at), &used);
+    }
+    return {r.state(), r.body(), r.reusable()};
+}
+
+TEST(HttpReader, TakesWellFormedAnswersAndRefusesTheRest) {
+    const std::string ok = "HTTP/1.1 200 OK\r\n";
+    struct Case {
+        const char* name;
+        std::string text;
+        ResponseReader::State state;
+        std::string body;
+        bool reusable;
+    } cases[] = {
+        {"length", ok + "Content-Length: 5\r\n\r\nhello", ResponseReader::COMPLETE, "hello", true},
+        {"chunks",
+         ok + "Transfer-Encoding: Chunked\r\n\r\n3;x=y\r\nhel\r\n2\r\nlo\r\n0\r\nT: 1\r\n\r\n",
+         ResponseReader::COMPLETE, "hello", true},
+        {"interim", "HTTP/1.1 100 Continue\r\n\r\n" + ok + "Content-Length: 0\r\n\r\n",
+         ResponseReader::COMPLETE, "", true},
+        {"close", ok + "Connection: keep-alive, Close\r\nContent-Length: 2\r\n\r\nok",
+         ResponseReader::COMPLETE, "ok", false},
+        {"1.0", "HTTP/1.0 200 OK\r\nContent-Length: 2\r\n\r\nok", ResponseReader::COMPLETE, "ok",
+         false},
+        {"no content", "HTTP/1.1 204 No Content\r\n\r\n", ResponseReader::COMPLETE, "", true},
+        {"unfinished", ok + "Content-Length: 5\r\n\r\nhel", ResponseReader::MORE, "hel", false},
+        {"not http", "SSH-2.0-OpenSSH_9.2\r\n", ResponseReader::MALFORMED, "", false},
+        {"bare newlines", "HTTP/1.1 200 OK\nContent-Length: 0\n\n", ResponseReader::MALFORMED, "",
+         false},
+        {"short status", "HTTP/1.1 20 OK\r\n\r\n", ResponseReader::MALFORMED, "", false},
+        {"switching", "HTTP/1.1 101 Switching\r\n\r\n", ResponseReader::MALFORMED, "", false},
+        {"no length", ok + "\r\nbody", ResponseReader::MALFORMED, "", false},
+        {"two lengths", ok + "Content-Length: 1\r\nContent-Length: 1\r\n\r\nx",
+         ResponseReader::MALFORMED, "", false},
+        {"length and chunks", ok + "Content-Length: 1\r\nTransfer-Encoding: chunked\r\n\r\n",
+         ResponseReader::MALFORMED, "", false},
+        {"other coding", ok + "Transfer-Encoding: gzip, chunked\r\n\r\n", ResponseReader::MALFORMED,
+         "", false},
+        {"signed length", ok + "Content-Length: +5\r\n\r\nhello", ResponseReader::MALFORMED, "",
+         false},
+        {"folded header", ok + "X: a\r\n b\r\nContent-Length: 0\r\n\r\n", ResponseReader::MALFORMED,
+         "", false},
+        {"control in value", ok + "X: a\x01z\r\nContent-Length: 0\r\n\r\n",
+         ResponseReader::MALFORMED, "", false},
+        {"chunk overrun", ok + "Transfer-Encoding: chunked\r\n\r\n3\r\nhello\r\n0\r\n\r\n",
+         ResponseReader::MALFORMED, "hel", false},
+        {"chunk size", ok + "Transfer-Encoding: chunked\r\n\r\n zz\r\n", ResponseReader::MALFORMED,
+         "", false},
+        {"long line", ok + "X: " + std::string(9000, 'a') + "\r\n\r\n", ResponseReader::TOO_LARGE,
+         "", false},
+        {"long head",
+         ok +
+             [] {
+                 std::string h;
+                 for (int i = 0; i < 1000; ++i)
+                     h += "X-" + std::to_string(i) + ": " + std::string(80, 'a') + "\r\n";
+                 return h;
+             }(),
+         ResponseReader::TOO_LARGE, "", false},
+        {"huge length", ok + "Content-Length: 2000000000\r\n\r\n", ResponseReader::TOO_LARGE, "",
+         false},
+        {"huge chunk", ok + "Transfer-Encoding: chunked\r\n\r\nffffffffffffffff\r\n",
+         ResponseReader::TOO_LARGE, "", false},
+    };
+    for (const Case& c : cases)
+        for (size_t piece : {c.text.size(), size_t{1}, size_t{7}}) {
+            Read r = read_in_pieces(c.text, piece);
+            EXPECT_EQ(r.state, c.state) << c.name << ", pieces of " << piece;
+            EXPECT_EQ(r.body, c.body) << c.name << ", pieces of " << piece;
+            EXPECT_EQ(r.reusable, c.reusable) << c.name << ", pieces of " << piece;
+        }
+}
+
+TEST(HttpReader, HandsAStreamToItsSinkUntilItSaysStop) {
+    std::string got;
+    auto sink = [](void* p, const char* data, size_t size) {
+        auto* s = static_cast<std::string*>(p);
+        s->append(data, size);
+        return s->find("stop") == std::string::npos;
+    };
+    const std::string text =
+        "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n6\r\nline1\n\r\n5\r\nstop\n\r\n";
+    ResponseReader r;
+    r.reset(sink, &got);
+    size_t used = 0;
+    EXPECT_EQ(r.feed(text.data(), text.size(), &used), ResponseReader::STOPPED);
+    EXPECT_EQ(got, "line1\nstop\n");
+    EXPECT_TRUE(r.body().empty());
+}
+
+// A member on loopback that answers each request with the next of its
+// canned answers, and closes the connection after each answer when told
+// to; an empty answer is none at all (the member hangs). Counts the
+// connections it accepted.
+class FakeMember {
+  public:
+    explicit FakeMember(std::vector<std::string> answers, bool close_after = false)
+        : answers_(std::move(answers)), close_after_(close_after) {
+        listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof a;
+        if (bind(listener_, reinterpret_cast<sockaddr*>(&a), size) != 0 ||
+            listen(listener_, 8) != 0 ||
+            getsockname(listener_, reinterpret_cast<sockaddr*>(&a), &size) != 0)
+            ADD_FAILURE() << "no loopback socket";
+        port_ = ntohs(a.sin_port);
+        acceptor_ = std::thread([this] { accept_all(); });
+    }
+    ~FakeMember() {
+        stopping_ = true;
+        shutdown(listener_, SHUT_RDWR);
+        acceptor_.join();
+        {
+            std::lock_guard<std::mutex> hold(lock_);
+            for (int fd : open_) shutdown(fd, SHUT_RDWR);
+        }
+        for (std::thread& t : connections_) t.join();
+        for (int fd : open_) close(fd);
+        close(listener_);
+    }
+    std::string endpoint() const { return "127.0.0.1:" + std::to_string(port_); }
+    int accepted() const { return static_cast<int>(accepted_); }
+
+  private:
+    void accept_all() {
+        while (!stopping_) {
+            int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd < 0) return;
+            ++accepted_;
+            std::lock_guard<std::mutex> hold(lock_);
+            open_.push_back(fd);
+            connections_.emplace_back([this, fd] { serve(fd); });
+        }
+    }
+    // Requests on one connection: a head to its blank line, then its body.
+    void serve(int fd) {
+        std::string in;
+        char buffer[4096];
+        while (true) {
+            size_t head = in.find("\r\n\r\n");
+            if (head != std::string::npos) {
+                size_t at = in.find("Content-Length: ");
+                size_t length = at < head ? std::stoul(in.substr(at + 16)) : 0;
+                if (in.size() >= head + 4 + length) {
+                    in.erase(0, head + 4 + length);
+                    size_t n = next_++;
+                    std::string answer = n < answers_.size() ? answers_[n] : "";
+                    if (answer.empty()) continue;  // hangs: the client gives up
+                    if (send(fd, answer.data(), answer.size(), MSG_NOSIGNAL) < 0 || close_after_)
+                        break;
+                    continue;
+                }
+            }
+            ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+            if (n <= 0) break;
+            in.append(buffer, static_cast<size_t>(n));
+        }
+        shutdown(fd, SHUT_RDWR);  // closed when the member goes
+    }
+
+    std::vector<std::string> answers_;
+    bool close_after_;
+    int listener_ = -1, port_ = 0;
+    std::atomic<bool> stopping_{false};
+    std::atomic<int> accepted_{0};
+    std::atomic<size_t> next_{0};
+    std::mutex lock_;
+    std::vector<int> open_;
+    std::vector<std::thread> connections_;
+    std::thread acceptor_;
+};
+
+struct Posted {
+    int status;
+    long http;
+    std::string body, error;
+};
+
+// One client of the endpoints for the requests, one POST each; the client's
+// open failing is a status like the others.
+std::vector<Posted> post(const std::string& endpoints, std::vector<std::string> bodies,
+                         long timeout_ms = 5000, const char* path = "/v3/kv/range") {
+    const hgx_etcd_client_api* api = hgx_etcd_client();
+    hgx_etcd_options o{endpoints.c_str(), 0, nullptr, nullptr, nullptr, nullptr, nullptr};
+    int status = 0;
+    char error[512] = "";
+    void* c = api->open(&o, &status, error, sizeof error);
+    std::vector<Posted> out;
+    if (!c) return {{status, 0, "", error}};
+    for (const std::string& body : bodies) {
+        hgx_etcd_reply r{0, nullptr, 0};
+        error[0] = '\0';
+        int s = api->post(c, path, body.data(), body.size(), timeout_ms, HGX_ETCD_READ, &r, error,
+                          sizeof error);
+        out.push_back({s, r.http_status, r.body ? std::string(r.body, r.size) : "", error});
+        api->release(&r);
+    }
+    api->close(c);
+    return out;
+}
+
+const std::string ANSWER = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}";
+
+TEST(LeanClient, ClientsInTurnShareOneConnectionAndReplaceOneTheMemberClosed) {
+    {
+        FakeMember m({ANSWER, ANSWER, ANSWER});
+        for (const Posted& p : post(m.endpoint(), {"{}"})) EXPECT_EQ(p.body, "{}") << p.error;
+        for (const Posted& p : post(m.endpoint(), {"{}", "{}"})) EXPECT_EQ(p.body, "{}") << p.error;
+        EXPECT_EQ(m.accepted(), 1);
+    }
+    FakeMember m({ANSWER, ANSWER}, true);
+    for (const Posted& p : post(m.endpoint(), {"{}", "{}"})) EXPECT_EQ(p.body, "{}") << p.error;
+    EXPECT_EQ(m.accepted(), 2);
+}
+
+TEST(LeanClient, AMemberThatDoesNotAnswerRightFailsTheCallWithWhatWentWrong) {
+    struct Case {
+        const char* name;
+        std::string answer;
+        int status;
+        const char* error;
+    } cases[] = {
+        {"no length", "HTTP/1.1 200 OK\r\n\r\n{}", HGX_ETCD_UNREACHABLE, "not the HTTP expected"},
+        {"cut short", "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n{}", HGX_ETCD_UNREACHABLE,
+         "the connection broke"},
+        {"too large", "HTTP/1.1 200 OK\r\nX: " + std::string(10000, 'x') + "\r\n",
+         HGX_ETCD_UNREACHABLE, "larger than allowed"},
+        {"silent", "", HGX_ETCD_TIMEOUT, ""},
+    };
+    for (const Case& c : cases) {
+        FakeMember m({c.answer}, true);
+        std::vector<Posted> p = post(m.endpoint(), {"{}"}, 500);
+        EXPECT_EQ(p[0].status, c.status) << c.name;
+        EXPECT_NE(p[0].error.find(c.error), std::string::npos) << c.name << ": " << p[0].error;
+    }
+    // A port nobody listens on; the descriptor is closed before the call.
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof a;
+    bind(fd, reinterpret_cast<sockaddr*>(&a), size);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &size);
+    close(fd);
+    std::vector<Posted> p = post("127.0.0.1:" + std::to_string(ntohs(a.sin_port)), {"{}"});
+    EXPECT_EQ(p[0].status, HGX_ETCD_UNREACHABLE);
+    EXPECT_NE(p[0].error.find("Connection refused"), std::string::npos) << p[0].error;
+}
+
+TEST(LeanClient, SpeaksToARealEtcdInLengthsChunksAndAStream) {
+    etcd_testing::EtcdServer server;
+    ETCD_START_OR_SKIP(server, etcd_testing::Options{});
+    const std::string big(200000, 'v');
+    std::vector<Posted> p = post(server.endpoints(),
+                                 {"{\"key\":\"" + etcd_testing::b64("k/big") + "\",\"value\":\"" +
+                                      etcd_testing::b64(big) + "\"}",
+                                  "{\"key\":\"" + etcd_testing::b64("k/small") + "\",\"value\":\"" +
+                                      etcd_testing::b64("s") + "\"}"},
+                                 5000, "/v3/kv/put");
+    for (const Posted& r : p) ASSERT_EQ(r.http, 200) << r.body << r.error;
+    // Above a few kilobytes the gateway sends chunks.
+    p = post(server.endpoints(), {"{\"key\":\"" + etcd_testing::b64("k/") + "\",\"range_end\":\"" +
+                                      etcd_testing::b64("k0") + "\"}",
+                                  "{\"key\":\"" + etcd_testing::b64("k/small") + "\"}"});
+    ASSERT_EQ(p[0].http, 200) << p[0].error;
+    EXPECT_NE(p[0].body.find(etcd_testing::b64(big)), std::string::npos);
+    EXPECT_NE(p[1].body.find("\"count\":\"1\""), std::string::npos) << p[1].body;
+
+    // A watch from the first revision hands on both puts as they stream in.
+    struct Seen {
+        std::string text;
+    } seen;
+    const std::string body = "{\"create_request\":{\"key\":\"" + etcd_testing::b64("k/") +
+                             "\",\"range_end\":\"" + etcd_testing::b64("k0") +
+                             "\",\"start_revision\":\"1\"}}";
+    hgx_etcd_stream s{};
+    s.path = "/v3/watch";
+    s.body = body.data();
+    s.size = body.size();
+    s.probe_path = "/v3/kv/range";
+    s.probe_body = "{}";
+    s.probe_size = 2;
+    s.idle_ms = 1500;
+    s.on_data = [](void* p, const char* data, size_t size) {
+        auto* seen = static_cast<Seen*>(p);
+        seen->text.append(data, size);
+        return seen->text.find(etcd_testing::b64("k/small")) == std::string::npos ? 1 : 0;
+    };
+    s.keep_going = [](void*) { return 1; };
+    s.context = &seen;
+    const std::string endpoints = server.endpoints();
+    hgx_etcd_options o{endpoints.c_str(), 0, nullptr, nullptr, nullptr, nullptr, nullptr};
+    int status = 0;
+    char error[512] = "";
+    const hgx_etcd_client_api* api = hgx_etcd_client();
+    void* c = api->open(&o, &status, error, sizeof error);
+    ASSERT_NE(c, nullptr) << error;
+    EXPECT_EQ(api->stream(c, &s, error, sizeof error), HGX_ETCD_STOPPED) << error;
+    EXPECT_NE(seen.text.find(etcd_testing::b64(big)), std::string::npos);
+    api->close(c);
+}
+
+}  // namespace
