@@ -250,6 +250,9 @@ void Reporter::tell(const MirrorState& s, bool status) {
     }
     notify_systemd("STATUS=" + systemd_status(s, o_.url));
     if (!status) return;
+    // The key's client comes with the first state told, which follows the
+    // mirror's own first reading of the cluster: the client module is
+    // loaded by then, and this thread never loads it beside the other.
     std::string message;
     if (!key_) key_.reset(hgx_status_key_open(o_.url.c_str(), host_, ttl_, &message));
     if (!key_) {

@@ -266,7 +266,7 @@ typedef struct hgx_status_key hgx_status_key_t;
 // The status key of host `name` in the cluster at url, kept by this process
 // with a client of its own: written under an etcd lease of ttl seconds, so
 // that the key goes when its keeper stops renewing the lease (a host that
-// dies disappears). Nothing is sent before the first put. Null with
+// dies disappears). Nothing of the key is sent before the first put. Null with
 // HGX_ERROR_INVALID_ARGUMENT for a url that is no cluster's, a name that is
 // not a valid name, or a ttl below 2; or with the client's failure; a line
 // for the user in *message. The caller owns the key and ends it with
