@@ -598,6 +598,21 @@ class EtcdFleet : public ::testing::Test {
         return std::make_unique<Sync>(args, log, 0, creds(user));
     }
     std::string list(const std::string& mirror) { return hgxrepo({"-r", mirror, "list"}).out; }
+    // The fleet of examples/fleet.json with etcd's authentication on, and
+    // the users web01 and web02, each granted its own instance and status key.
+    void with_host_users() {
+        for (const char* user : {"web01", "web02"})
+            server.post(
+                0, "/v3/auth/user/add",
+                std::string("{\"name\":\"") + user + "\",\"password\":\"" + user + "-pw\"}");
+        ASSERT_TRUE(server.enable_auth("root-pw"));
+        const std::string fleet = e2e::read_file(e2e::source_dir() + "/examples/fleet.json");
+        ASSERT_EQ(as("root", {"import", "-"}, fleet).status, 0);
+        for (const std::string user : {"web01", "web02"}) {
+            e2e::Result g = as("root", {"grant", user, "--host", user, FLEET + ":" + user});
+            ASSERT_EQ(g.status, 0) << g.err;
+        }
+    }
     // What the command was told since the last look.
     std::string told() {
         std::string t = e2e::exists(seen) ? e2e::read_file(seen) : "";
@@ -611,18 +626,7 @@ class EtcdFleet : public ::testing::Test {
 };
 
 TEST_F(EtcdFleet, AHostUserReadsItsOwnInstanceAndNothingOfAnotherHost) {
-    for (const char* user : {"web01", "web02"})
-        server.post(0, "/v3/auth/user/add",
-                    std::string("{\"name\":\"") + user + "\",\"password\":\"" + user + "-pw\"}");
-    ASSERT_TRUE(server.enable_auth("root-pw"));
-    ASSERT_EQ(
-        as("root", {"import", "-"}, e2e::read_file(e2e::source_dir() + "/examples/fleet.json"))
-            .status,
-        0);
-    for (const std::string user : {"web01", "web02"}) {
-        e2e::Result g = as("root", {"grant", user, "--host", user, FLEET + ":" + user});
-        ASSERT_EQ(g.status, 0) << g.err;
-    }
+    ASSERT_NO_FATAL_FAILURE(with_host_users());
 
     // A's mirror follows its instance, and kelvo reads it there and in the cluster.
     const std::string mirror = dir / "web01.db";
@@ -835,16 +839,7 @@ std::string metric(const std::string& text, const std::string& name) {
 }
 
 TEST_F(EtcdFleet, HostsTellWhereEveryMirrorStandsAndADeadOneGoes) {
-    for (const char* user : {"web01", "web02"})
-        server.post(0, "/v3/auth/user/add",
-                    std::string("{\"name\":\"") + user + "\",\"password\":\"" + user + "-pw\"}");
-    ASSERT_TRUE(server.enable_auth("root-pw"));
-    ASSERT_EQ(
-        as("root", {"import", "-"}, e2e::read_file(e2e::source_dir() + "/examples/fleet.json"))
-            .status,
-        0);
-    for (const std::string user : {"web01", "web02"})
-        ASSERT_EQ(as("root", {"grant", user, "--host", user, FLEET + ":" + user}).status, 0);
+    ASSERT_NO_FATAL_FAILURE(with_host_users());
     // Host 1's command waits for the test; host 2's fails. Each writes its
     // own status key with its own user, under a short lease.
     const std::string release = dir / "release", metrics = dir / "web01.prom";
