@@ -40,7 +40,8 @@ const char USAGE[] =
     "       hgxrepo [-r FILE] copy [--force] TARGET\n"
     "       hgxrepo [-r FILE] diff WERN\n"
     "       hgxrepo [-r FILE] sync [--once] [--service PATTERN]... [--instance PATTERN]... "
-    "[--exec COMMAND] [--mode MODE] URL\n"
+    "[--exec COMMAND] [--splay SECONDS] [--mode MODE] [--host NAME] [--metrics FILE] URL\n"
+    "       hgxrepo -r URL hosts [--behind SECONDS] [--failed] [--json]\n"
     "       hgxrepo -r URL grant USER [--host NAME] WERN...\n"
     "       hgxrepo -r URL upgrade\n"
     "       hgxrepo help\n"
@@ -110,6 +111,16 @@ unsigned parse_file_mode(const std::string& text) {
     return static_cast<unsigned>(mode);
 }
 
+// A number of seconds from 0 to a day.
+unsigned parse_seconds(const char* option, const std::string& text) {
+    unsigned long n = std::strtoul(text.c_str(), nullptr, 10);
+    if (text.empty() || text.size() > 5 ||
+        text.find_first_not_of("0123456789") != std::string::npos || n > 86400)
+        throw Usage{std::string(option) + " " + manifest::quote(text) +
+                    ": a number of seconds from 0 to 86400"};
+    return static_cast<unsigned>(n);
+}
+
 int cmd_sync(const Invocation& inv) {
     const std::vector<std::string>& words = inv.words;
     SyncOptions o;
@@ -125,6 +136,15 @@ int cmd_sync(const Invocation& inv) {
             o.mode = parse_file_mode(words[++k]);
         } else if (words[k] == "--instance" && k + 1 < words.size()) {
             o.instances.push_back(words[++k]);
+        } else if (words[k] == "--host" && k + 1 < words.size()) {
+            o.host = words[++k];
+            if (!hgx_valid_name(o.host))
+                throw Usage{"--host " + manifest::quote(o.host) + ": not a valid host name"};
+        } else if (words[k] == "--metrics" && k + 1 < words.size()) {
+            o.metrics = words[++k];
+            if (o.metrics.empty()) throw Usage{"--metrics needs a FILE"};
+        } else if (words[k] == "--splay" && k + 1 < words.size()) {
+            o.splay = parse_seconds("--splay", words[++k]);
         } else {
             throw Usage{"unknown option " + manifest::quote(words[k])};
         }
@@ -151,6 +171,7 @@ constexpr Command COMMANDS[] = {
     {"get", cmd_get, false},           {"copy", cmd_copy, false},
     {"diff", cmd_diff, false},         {"sync", cmd_sync, false},
     {"grant", cmd_grant, false},       {"upgrade", cmd_upgrade, false},
+    {"hosts", cmd_hosts, false},
 };
 
 const Command* find_command(const std::string& name) {

@@ -164,9 +164,11 @@ CommandFn cmd_import, cmd_setprop, cmd_delprop, cmd_addpg, cmd_delpg, cmd_delete
     cmd_copy;
 
 // The commands that care for a repository in an etcd cluster: grant (an
-// etcd user's role that reads some instances and nothing else) and upgrade
-// (a prefix of an older layout converted in one switch).
-CommandFn cmd_grant, cmd_upgrade;
+// etcd user's role that reads some instances and nothing else), upgrade
+// (a prefix of an older layout converted in one switch) and hosts (where
+// every host's mirror stands; status 1 where one is at fault by its
+// options).
+CommandFn cmd_grant, cmd_upgrade, cmd_hosts;
 
 // The commands that read it, to standard output: export (as a manifest),
 // list (every service and instance), show (a line per group and property,

@@ -93,13 +93,17 @@ int EtcdStore::open(bool create, int64_t at) {
     if (cluster_->range(k_.head(), "", at, &head, &revision_, &message_) < 0) return -1;
     if (at) revision_ = at;
     if (head.empty()) {
-        // Nothing at all below the prefix: room for a new repository.
-        int64_t count = 0;
+        // Nothing below the prefix but hosts' status (a mirror may start
+        // before the first import): room for a new repository.
+        int64_t count = 0, hosts = 0;
         const std::string& p = k_.prefix();
+        const std::string h = k_.host("");
         if (cluster_->range(p, range_end(p), revision_, nullptr, nullptr, &message_, true, &count) <
-            0)
+                0 ||
+            (count && cluster_->range(h, range_end(h), revision_, nullptr, nullptr, &message_, true,
+                                      &hosts) < 0))
             return -1;
-        if (count) return fail(HGX_ERROR_CLUSTER_FOREIGN);
+        if (count > hosts) return fail(HGX_ERROR_CLUSTER_FOREIGN);
         if (!create) return fail(HGX_ERROR_CLUSTER_NO_REPOSITORY);
         epoch_ = fresh_id();
         listed_ = true;

@@ -3,6 +3,7 @@
 // and moves the pointers that name them (hgx_etcd_store.h tells how).
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <optional>
 
 #include "hgx_etcd_store.h"
@@ -543,8 +544,13 @@ json EtcdStore::head_compare() const {
 
 namespace {
 
+// The head names the commit and when it was made, by the writer's clock:
+// how long a host has been behind is counted from it (hgx_commit_after).
 json head_value(const std::string& er, const std::string& w) {
-    return {{"schema", CLUSTER_SCHEMA}, {"epoch", er}, {"commit", w}};
+    return {{"schema", CLUSTER_SCHEMA},
+            {"epoch", er},
+            {"commit", w},
+            {"time", static_cast<int64_t>(std::time(nullptr))}};
 }
 
 size_t ops_bytes(const std::vector<json>& ops) {

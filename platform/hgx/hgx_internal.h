@@ -136,6 +136,15 @@ class Store {
     // first; then the whole work may be done again on a new store). The
     // store is not used for changes after it.
     virtual int commit() = 0;
+    // Starts the next transaction of a store whose last one committed: 0,
+    // or -1 (HGX_ERROR_INVALID_ARGUMENT for a store that cannot, or did not
+    // commit).
+    virtual int begin() { return fail(HGX_ERROR_INVALID_ARGUMENT); }
+    // Whether a commit waits until it is on the disk (the default): not
+    // durable, a power loss may take back the last commits whole, never
+    // part of one. 0, or -1 (HGX_ERROR_INVALID_ARGUMENT where the store
+    // has no such choice).
+    virtual int set_durable(bool) { return fail(HGX_ERROR_INVALID_ARGUMENT); }
 
     // A store's own records beside the repository (a mirror keeps where it
     // comes from and how far it got): 1 with *value set, 0 none, -1 failure.

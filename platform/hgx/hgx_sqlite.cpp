@@ -267,6 +267,21 @@ class SqliteStore final : public Store {
         committed_ = true;
         return 0;
     }
+    // SQLite takes the level of syncing between transactions only: it is
+    // set as the next one begins.
+    int set_durable(bool durable) override {
+        durable_ = durable;
+        return 0;
+    }
+    int begin() override {
+        if (!committed_ || db_ == nullptr) return fail(HGX_ERROR_INVALID_ARGUMENT);
+        if (exec(db_, durable_ ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL") !=
+                SQLITE_OK ||
+            exec(db_, "BEGIN IMMEDIATE") != SQLITE_OK)
+            return fail_store();
+        committed_ = false;
+        return 0;
+    }
 
   private:
     // A statement for the given SQL text, prepared once, reset, with the
@@ -295,6 +310,7 @@ class SqliteStore final : public Store {
     std::string temp_;  // the temporary file this store creates path from, or empty
     int temp_fd_;       // open on temp_, holding its lock, while temp_ is set
     bool committed_ = false;
+    bool durable_ = true;
     std::unordered_map<const char*, sqlite3_stmt*> cache_;
 };
 
@@ -353,12 +369,21 @@ int SqliteStore::publish() {
     }
     // The -wal and -shm files that every writer leaves (see open_for_writing),
     // made now by a first read of the file under its name; they take the
-    // file's mode. Reads after the commit go through this connection.
+    // file's mode. Reads after the commit, and the transactions that begin()
+    // starts, go through this connection, set up as open_for_writing sets
+    // up a writer's.
     if (sqlite3_open_v2(path_.c_str(), &db_, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
         int persist = 1;
         sqlite3_file_control(db_, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
+        sqlite3_busy_timeout(db_, 10000);
+        exec(db_, "PRAGMA journal_size_limit=0");
+        exec(db_, "PRAGMA cache_size=-262144");
+        exec(db_, "PRAGMA temp_store=MEMORY");
         int version = 0;
         pragma_int(db_, "PRAGMA user_version", &version);
+    } else {
+        sqlite3_close_v2(db_);
+        db_ = nullptr;
     }
     return 0;
 }

@@ -2,6 +2,7 @@
 // the repository is kept in.
 #include "hgx_write.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <new>
@@ -75,6 +76,16 @@ hgx_writer_t* hgx_reader_open(const char* path, std::string* message) {
 int hgx_writer_commit(hgx_writer_t* w) {
     if (!w || !w->store) return fail(HGX_ERROR_INVALID_ARGUMENT);
     return guarded(-1, [&]() -> int { return w->store->commit() < 0 ? -1 : 0; });
+}
+
+int hgx_writer_begin(hgx_writer_t* w) {
+    if (!w || !w->store) return fail(HGX_ERROR_INVALID_ARGUMENT);
+    return guarded(-1, [&]() -> int { return w->store->begin(); });
+}
+
+int hgx_writer_set_durable(hgx_writer_t* w, bool durable) {
+    if (!w || !w->store) return fail(HGX_ERROR_INVALID_ARGUMENT);
+    return guarded(-1, [&]() -> int { return w->store->set_durable(durable); });
 }
 
 void hgx_writer_close(hgx_writer_t* w) { delete w; }
@@ -586,18 +597,49 @@ class TextSink final : public GroupSink {
 
 namespace {
 
-// The text of one instance of a service, as hgx_writer_instance_texts.
+// The text of what kelvo reads of one instance of a service, as
+// hgx_writer_instance_texts tells: the walk kelvo's view makes of it,
+// group by group.
 int instance_text(Store& s, int64_t service, const Row& in, std::string* text) {
     text->clear();
     TextSink sink(text);
-    std::vector<ComposedPg> top;
-    if (composed_top(s, service, in.id, &top) < 0 || walk_groups(s, top, sink, 0) < 0) return -1;
-    std::vector<Row> snaps;
-    if (s.snapshots(in.id, &snaps) < 0) return -1;
-    for (const Row& sn : snaps) {
-        add_text(text, sn.name);
-        if (own_pgs(s, OWNER_SNAPSHOT, sn.id, &top) < 0 || walk_groups(s, top, sink, 0) < 0)
+    Row running;
+    int snapshot = s.snapshot_by_name(in.id, "running", &running);
+    std::vector<ComposedPg> top, live;
+    if (snapshot < 0 || own_pgs(s, snapshot ? OWNER_SNAPSHOT : OWNER_INSTANCE,
+                                snapshot ? running.id : in.id, &top) < 0)
+        return -1;
+    *text += snapshot ? 'S' : 'L';
+    for (const ComposedPg& g : top) {
+        if (g.name == "general") {
+            if (live.empty() && composed_top(s, service, in.id, &live) < 0) return -1;
+            auto it = std::find_if(live.begin(), live.end(),
+                                   [](const ComposedPg& c) { return c.name == "general"; });
+            if (it == live.end()) {
+                *text += '!';  // kelvo cannot read it
+                continue;
+            }
+            if (walk_groups(s, {*it}, sink, 0) < 0) return -1;
+            continue;
+        }
+        // A snapshot's groups are its own all the way down.
+        if (snapshot) {
+            if (walk_groups(s, {g}, sink, 0) < 0) return -1;
+            continue;
+        }
+        // An instance's own group: its own properties, and its nested
+        // groups composed with those of the service's group at its place.
+        int64_t token = sink.group(0, g);
+        std::vector<Row> props;
+        if (s.props(g.inst, &props) < 0) return -1;
+        for (const Row& p : props) sink.property(token, p);
+        Row at;
+        int found = s.pg_by_name(OWNER_SERVICE, service, g.name, &at);
+        std::vector<ComposedPg> children;
+        if (found < 0 || composed_children(s, g.inst, found ? at.id : 0, &children) < 0 ||
+            walk_groups(s, children, sink, token) < 0)
             return -1;
+        sink.end(token);
     }
     return 0;
 }

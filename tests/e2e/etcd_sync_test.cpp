@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -62,9 +64,10 @@ class Sync {
         if (pid_ > 0) stop();
     }
     pid_t pid() const { return pid_; }
-    // SIGTERM, and the exit status (128 + signal when killed).
-    int stop() {
-        kill(pid_, SIGTERM);
+    // SIGTERM (or another signal), and the exit status (128 + signal when
+    // killed).
+    int stop(int signal = SIGTERM) {
+        kill(pid_, signal);
         int status = 0;
         waitpid(pid_, &status, 0);
         pid_ = -1;
@@ -595,6 +598,21 @@ class EtcdFleet : public ::testing::Test {
         return std::make_unique<Sync>(args, log, 0, creds(user));
     }
     std::string list(const std::string& mirror) { return hgxrepo({"-r", mirror, "list"}).out; }
+    // The fleet of examples/fleet.json with etcd's authentication on, and
+    // the users web01 and web02, each granted its own instance and status key.
+    void with_host_users() {
+        for (const char* user : {"web01", "web02"})
+            server.post(
+                0, "/v3/auth/user/add",
+                std::string("{\"name\":\"") + user + "\",\"password\":\"" + user + "-pw\"}");
+        ASSERT_TRUE(server.enable_auth("root-pw"));
+        const std::string fleet = e2e::read_file(e2e::source_dir() + "/examples/fleet.json");
+        ASSERT_EQ(as("root", {"import", "-"}, fleet).status, 0);
+        for (const std::string user : {"web01", "web02"}) {
+            e2e::Result g = as("root", {"grant", user, "--host", user, FLEET + ":" + user});
+            ASSERT_EQ(g.status, 0) << g.err;
+        }
+    }
     // What the command was told since the last look.
     std::string told() {
         std::string t = e2e::exists(seen) ? e2e::read_file(seen) : "";
@@ -608,18 +626,7 @@ class EtcdFleet : public ::testing::Test {
 };
 
 TEST_F(EtcdFleet, AHostUserReadsItsOwnInstanceAndNothingOfAnotherHost) {
-    for (const char* user : {"web01", "web02"})
-        server.post(0, "/v3/auth/user/add",
-                    std::string("{\"name\":\"") + user + "\",\"password\":\"" + user + "-pw\"}");
-    ASSERT_TRUE(server.enable_auth("root-pw"));
-    ASSERT_EQ(
-        as("root", {"import", "-"}, e2e::read_file(e2e::source_dir() + "/examples/fleet.json"))
-            .status,
-        0);
-    for (const std::string user : {"web01", "web02"}) {
-        e2e::Result g = as("root", {"grant", user, "--host", user, FLEET + ":" + user});
-        ASSERT_EQ(g.status, 0) << g.err;
-    }
+    ASSERT_NO_FATAL_FAILURE(with_host_users());
 
     // A's mirror follows its instance, and kelvo reads it there and in the cluster.
     const std::string mirror = dir / "web01.db";
@@ -814,6 +821,166 @@ TEST_F(EtcdFleet, ABigServiceIsCopiedWholeOnABusyHost) {
     ASSERT_EQ(r.status, 0) << r.err;
     std::string listed = list(dir / "mirror.db");
     EXPECT_EQ(std::count(listed.begin(), listed.end(), '\n'), hosts + 1);
+}
+
+// ---- what the mirror tells of itself, and what its command is given --------
+
+// The mirror's file's own record of the revision it holds.
+std::string revision_of(const std::string& mirror) {
+    e2e::Run r;
+    r.args = {"sqlite3", mirror, "select value from mirror where key = 'revision'"};
+    return e2e::run(r).out;
+}
+
+// The value of a metric in a metrics file's text, "" where it is missing.
+std::string metric(const std::string& text, const std::string& name) {
+    std::smatch m;
+    return std::regex_search(text, m, std::regex("\n" + name + " ([0-9]+)\n")) ? m[1].str() : "";
+}
+
+TEST_F(EtcdFleet, HostsTellWhereEveryMirrorStandsAndADeadOneGoes) {
+    ASSERT_NO_FATAL_FAILURE(with_host_users());
+    // Host 1's command waits for the test; host 2's fails. Each writes its
+    // own status key with its own user, under a short lease.
+    const std::string release = dir / "release", metrics = dir / "web01.prom";
+    const std::string ttl = "3";
+    auto env = [&](const std::string& user) {
+        auto e = creds(user);
+        e.emplace("HGX_SYNC_STATUS_TTL", ttl);
+        return e;
+    };
+    const std::string one = dir / "web01.db", two = dir / "web02.db";
+    Sync first({"-r", one, "sync", "--host", "web01", "--metrics", metrics, "--exec",
+                "until [ -e " + release + " ]; do sleep 0.05; done", url},
+               log, 0, env("web01"));
+    Sync second({"-r", two, "sync", "--host", "web02", "--exec", "exit 4", url}, log, 0,
+                env("web02"));
+    auto hosts = [&](std::vector<std::string> args = {}) {
+        args.insert(args.begin(), "hosts");
+        return as("root", args);
+    };
+    auto row = [](const std::string& name, const std::string& out) {
+        std::smatch m;
+        std::regex line("(^|\n)" + name +
+                        " +([0-9-]+) +([0-9-]+) +([0-9-]+) +([0-9-]+) +[0-9-]+\n");
+        return std::regex_search(out, m, line) ? m[2].str() + " " + m[3].str() + " " + m[5].str()
+                                               : "";
+    };
+    // Both copied; the second's command failed.
+    ASSERT_TRUE(eventually([&] {
+        return row("web02", hosts().out).find(" 4") != std::string::npos;
+    })) << hosts().out
+        << e2e::read_file(log);
+    ASSERT_TRUE(eventually([&] { return !row("web01", hosts().out).empty(); }));
+    std::string out = hosts().out;
+    EXPECT_EQ(row("web01", out), revision_of(one).substr(0, revision_of(one).size() - 1) + " 0 -");
+    EXPECT_EQ(row("web02", out), revision_of(two).substr(0, revision_of(two).size() - 1) + " 0 4");
+    e2e::Result failed = hosts({"--failed"});
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_EQ(failed.err, "hgxrepo: web02: the command failed (status 4) for revision " +
+                              revision_of(two).substr(0, revision_of(two).size() - 1) + "\n");
+    EXPECT_EQ(hosts({"--behind", "0"}).status, 0) << hosts({"--behind", "0"}).err;
+
+    // A change reaches the second host; the first is held by its command.
+    ASSERT_EQ(
+        as("root", {"setprop", "--snapshot", FLEET + "/:properties/config/user", "nobody"}).status,
+        0);
+    ASSERT_TRUE(
+        eventually([&] { return kelvo(two, FLEET + ":web02") == "web02.example.org nobody\n"; }));
+    std::this_thread::sleep_for(1100ms);
+    e2e::Result behind = hosts({"--behind", "0", "--json"});
+    EXPECT_EQ(behind.status, 1);
+    EXPECT_NE(behind.err.find("hgxrepo: web01: 1 revisions and "), std::string::npos) << behind.err;
+    EXPECT_EQ(behind.err.find("web02"), std::string::npos) << behind.err;
+    EXPECT_NE(behind.out.find("\"revisions\":1"), std::string::npos) << behind.out;
+    EXPECT_EQ(hosts({"--behind", "3600"}).status, 0);
+    e2e::write_file(release, "");
+    ASSERT_TRUE(eventually([&] { return hosts({"--behind", "0"}).status == 0; })) << hosts().out;
+
+    // The metrics file is in the exposition format, at the mirror's revision.
+    ASSERT_TRUE(eventually([&] {
+        return metric(e2e::read_file(metrics), "hgx_mirror_command_runs_total") == "2";
+    })) << e2e::read_file(metrics);
+    e2e::Run check;
+    check.args = {"promtool", "check", "metrics"};
+    check.input = e2e::read_file(metrics);
+    e2e::Result promtool = e2e::run(check);
+    EXPECT_EQ(promtool.status, 0) << promtool.out << promtool.err;
+    EXPECT_EQ(metric(check.input, "hgx_mirror_revision") + "\n", revision_of(one));
+    EXPECT_EQ(metric(check.input, "hgx_mirror_connected"), "1");
+
+    // A name written by hand is shown on one line, escaped.
+    e2e::Result put = e2e::etcdctl(server.endpoints(),
+                                   {"--user", "root:root-pw", "put", "fleet/hosts/x\ny", "{}"});
+    ASSERT_EQ(put.status, 0) << put.err;
+    EXPECT_NE(hosts().out.find("\nx\\ny "), std::string::npos) << hosts().out;
+
+    // A mirror killed outright leaves with its lease; one stopped leaves at once.
+    EXPECT_EQ(first.stop(SIGKILL), 128 + SIGKILL);
+    EXPECT_FALSE(row("web01", hosts().out).empty());
+    ASSERT_TRUE(eventually([&] { return row("web01", hosts().out).empty(); })) << hosts().out;
+    EXPECT_EQ(second.stop(), 0);
+    EXPECT_TRUE(row("web02", hosts().out).empty()) << hosts().out;
+}
+
+TEST_F(EtcdSync, TheCommandSeesTheMirrorAndOnlyInstancesWhoseViewChanged) {
+    const std::string seen = dir / "changed";
+    auto sync = start_sync({"--splay", "1", "--exec",
+                            "printf '%s %s--\\n' \"$HGX_REPOSITORY\" \"$HGX_CHANGED\" >> " + seen});
+    ASSERT_TRUE(eventually([&] { return e2e::exists(seen); })) << e2e::read_file(log);
+    const std::string prefix = mirror + " ";
+    EXPECT_EQ(e2e::read_file(seen), prefix + "wrn:/app/db:default\nwrn:/app/web:default\n--\n");
+    std::remove(seen.c_str());
+    // What kelvo does not read of the instance: the live groups beside its
+    // snapshot, a group general that the snapshot does not have.
+    const std::string pg = WERN + "/:properties/";
+    ASSERT_EQ(cluster({"setprop", pg + "config/p0", "live"}).status, 0);
+    ASSERT_EQ(cluster({"addpg", pg + "general", "framework"}).status, 0);
+    // What it reads: a new snapshot, and the group general always live.
+    ASSERT_EQ(cluster({"snapshot", WERN}).status, 0);
+    ASSERT_TRUE(eventually([&] { return e2e::exists(seen); }));
+    EXPECT_EQ(e2e::read_file(seen), prefix + WERN + "\n--\n");
+    std::remove(seen.c_str());
+    ASSERT_EQ(cluster({"setprop", pg + "general/enabled", "-t", "boolean", "false"}).status, 0);
+    ASSERT_TRUE(eventually([&] { return e2e::exists(seen); }));
+    EXPECT_EQ(e2e::read_file(seen), prefix + WERN + "\n--\n");
+    // A mirror file removed under the mirror is copied whole at the next revision.
+    for (const char* suffix : {"", "-wal", "-shm"}) std::remove((mirror + suffix).c_str());
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 5)).status, 0);
+    ASSERT_TRUE(eventually([&] { return value() == "g5\n"; })) << e2e::read_file(log);
+    EXPECT_TRUE(mirrored());
+    EXPECT_EQ(sync->stop(), 0);
+}
+
+// systemd (Type=notify) hears READY=1 once the mirror holds a copy.
+TEST_F(EtcdSync, TellsSystemdWhenTheFirstCopyIsThere) {
+    const std::string path = dir / "notify";
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    ASSERT_LT(path.size(), sizeof addr.sun_path);
+    std::strcpy(addr.sun_path, path.c_str());
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    timeval wait{30, 0};  // a bound against a hang
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    Sync sync({"-r", mirror, "sync", url}, log, 0, {{"NOTIFY_SOCKET", path}});
+    std::string messages, at_ready;
+    while (messages.find("READY=1") == std::string::npos) {
+        char buf[4096];
+        ssize_t n = recv(fd, buf, sizeof buf, 0);
+        ASSERT_GT(n, 0) << messages << e2e::read_file(log);
+        messages.append(buf, static_cast<size_t>(n)).push_back('|');
+    }
+    at_ready = value();
+    EXPECT_EQ(at_ready, "g0\n");
+    EXPECT_EQ(sync.stop(), 0);
+    char buf[4096];
+    ssize_t n;
+    while ((n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0)
+        messages.append(buf, static_cast<size_t>(n));
+    close(fd);
+    EXPECT_NE(messages.find("STATUS=following " + url), std::string::npos) << messages;
+    EXPECT_NE(messages.find("STOPPING=1"), std::string::npos) << messages;
 }
 
 }  // namespace

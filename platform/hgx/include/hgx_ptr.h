@@ -1,6 +1,7 @@
 // Owners for libhgx objects: HgxPtr<T> is a std::unique_ptr that releases
 // the object with the destroy function of its kind (hgx_writer_close for a
-// writer), so that every exit of a caller releases what it created.
+// writer, hgx_status_key_close for a host's status key), so that every exit
+// of a caller releases what it created.
 //
 //   HgxPtr<hgx_handle_t> handle(hgx_handle_create(HGX_VERSION));
 //   HgxPtr<hgx_iter_t> iter(hgx_iter_create(handle.get()));
@@ -27,6 +28,7 @@ struct HgxDeleter {
     void operator()(hgx_value_t* p) const { hgx_value_destroy(p); }
     void operator()(hgx_iter_t* p) const { hgx_iter_destroy(p); }
     void operator()(hgx_writer_t* p) const { hgx_writer_close(p); }
+    void operator()(hgx_status_key_t* p) const { hgx_status_key_close(p); }
 };
 
 template <typename T>

@@ -92,6 +92,20 @@ hgx_writer_t* hgx_writer_create(const char* path, unsigned mode, std::string* me
 // state of it for the writer's life; changes fail, commit is never needed.
 // Null on failure, with a line for the user in *message.
 hgx_writer_t* hgx_reader_open(const char* path, std::string* message);
+// Starts the next transaction on a writer of a file whose last one committed,
+// so that one writer (one open of the file) serves a process's successive
+// transactions: 0, or -1 with HGX_ERROR_INVALID_ARGUMENT for a writer that
+// did not commit, a reader or a cluster, or the store's failure (the writer
+// is then only good for closing).
+int hgx_writer_begin(hgx_writer_t* w);
+// Whether the commits of a writer of a file wait until they are on the disk,
+// as they do unless told otherwise. Not durable, a power loss or a crash of
+// the system may take back the last commits, each whole, never a part of
+// one: for a copy whose source keeps every state (a mirror of a cluster).
+// Takes effect from the next transaction (hgx_writer_begin) on. 0, or -1
+// with HGX_ERROR_INVALID_ARGUMENT for a cluster (whose durability is its
+// own).
+int hgx_writer_set_durable(hgx_writer_t* w, bool durable);
 // Makes every change of the writer visible at once and returns 0; -1 with
 // HGX_ERROR_INVALID_ARGUMENT for a null writer, HGX_ERROR_CONFLICT (a
 // cluster) or the store's failure, and
@@ -223,15 +237,77 @@ int hgx_grant(const char* url, const std::string& user, const std::string& host,
 // get gives 1 with *value set, 0 where there is none, -1 on failure.
 int hgx_writer_meta_get(hgx_writer_t* w, std::string_view key, std::string* value);
 int hgx_writer_meta_set(hgx_writer_t* w, std::string_view key, std::string_view value);
-// For each instance of the service, a text that differs whenever what kelvo
-// could read for it differs: its current composed view and its snapshots.
-// An absent service gives no instances.
+// For each instance of the service, a text that differs exactly when what
+// kelvo reads of the instance differs: its snapshot "running" where it has
+// one, else its own groups (their nested groups composed with the
+// service's), and in either case the group "general" of its current
+// composed view in place of the one the view holds. Other snapshots, and a
+// change of a group that the view does not show, leave it as it was. An
+// absent service gives no instances.
 int hgx_writer_instance_texts(hgx_writer_t* w, std::string_view service,
                               std::map<std::string, std::string>* out);
 // The same for one instance: 1 with *text set, 0 where there is no such
 // service or instance, -1 on failure.
 int hgx_writer_instance_text(hgx_writer_t* w, std::string_view service, std::string_view instance,
                              std::string* text);
+// ---- a host's status in a cluster ------------------------------------------
+// What hgxrepo sync keeps of its host below a cluster's prefix (the key
+// P/hosts/NAME), and what hgxrepo hosts reads of every host.
+
+// The last commit of a repository in a cluster as of some revision.
+struct hgx_commit_info {
+    int64_t revision = 0;  // the etcd revision that made it
+    int64_t number = 0;    // how many commits the repository has had, this one included
+    int64_t time = 0;      // when it was made (seconds since the epoch); 0: not recorded
+};
+
+typedef struct hgx_status_key hgx_status_key_t;
+
+// The status key of host `name` in the cluster at url, kept by this process
+// with a client of its own: written under an etcd lease of ttl seconds, so
+// that the key goes when its keeper stops renewing the lease (a host that
+// dies disappears). Nothing of the key is sent before the first put. Null with
+// HGX_ERROR_INVALID_ARGUMENT for a url that is no cluster's, a name that is
+// not a valid name, or a ttl below 2; or with the client's failure; a line
+// for the user in *message. The caller owns the key and ends it with
+// hgx_status_key_close. One thread at a time uses a key.
+hgx_status_key_t* hgx_status_key_open(const char* url, std::string_view name, int ttl,
+                                      std::string* message);
+// Writes record on the key under its lease, granting a lease first where
+// the key holds none or the cluster let it lapse: 0, or -1 with the error set
+// and hgx_status_key_message saying what failed.
+int hgx_status_key_put(hgx_status_key_t* k, std::string_view record);
+// Renews the lease, and where the cluster let it lapse meanwhile writes the
+// last record again under a new one: 0 (also before the first put, when
+// there is nothing to renew), or -1 as put.
+int hgx_status_key_renew(hgx_status_key_t* k);
+// The last commit of the repository as of revision (0: now), read by the
+// key's client: 1 with *commit set, 0 where the prefix holds no repository
+// then, -1 as put (HGX_ERROR_REVISION_COMPACTED for a revision compacted
+// away).
+int hgx_status_key_commit(hgx_status_key_t* k, int64_t revision, hgx_commit_info* commit);
+// The store's text for the key's last failure, or ""; owned by the key.
+const char* hgx_status_key_message(const hgx_status_key_t* k);
+// Revokes the lease, so that the key goes at once, and ends the client;
+// accepts null. Waits for the cluster a few seconds at most.
+void hgx_status_key_close(hgx_status_key_t* k);
+
+// Every host's status record below the prefix of the cluster at url, by the
+// host's name as its key holds it (any bytes; records as written, not
+// checked), and the repository's last commit, both as of one revision: 0
+// with *records replaced and *head set (head->revision 0 where there is no
+// repository), or -1 with the error set and a line for the user in *message.
+int hgx_hosts_read(const char* url, std::map<std::string, std::string>* records,
+                   hgx_commit_info* head, std::string* message);
+// The repository's last commit now: 1 with *last set, 0 where the prefix
+// holds no repository, -1 as hgx_hosts_read.
+int hgx_last_commit(const char* url, hgx_commit_info* last, std::string* message);
+// The first commit of the repository after revision `after`: 1 with *next
+// set, 0 where there is none, -1 as hgx_hosts_read. Where the cluster has
+// compacted away the revisions just after `after`, the first commit it
+// still knows of stands for it.
+int hgx_commit_after(const char* url, int64_t after, hgx_commit_info* next, std::string* message);
+
 // Follows a cluster's commits from the one after revision `after`, calling
 // on_commit(revision) for each in order, until on_commit or keep_going (asked
 // about once a second) says stop: then 0. -1 with hgx_error() set and
