@@ -79,8 +79,9 @@ struct CompanionCommandLine {
 bool parse_companion_command_line(int argc, char** argv, CompanionCommandLine& line);
 
 // The view of the instance wern into *view, owned by the caller.
-// KELVO_SUCCESS, or KELVO_QRMERR / KELVO_SYSERR after kelvo's message
-// (*view then holds nothing).
+// KELVO_SUCCESS, or after kelvo's message KELVO_QRMERR (the repository or
+// the instance could not be had) or KELVO_SYSERR (no memory), each with
+// KELVO_ENDS_RUN; *view then holds nothing.
 kelvo_error_t open_instance_view(const char* wern, InstanceView* view);
 
 // Flushes standard output at the end of a run: 0, or -1 after saying on
