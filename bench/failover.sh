@@ -75,4 +75,4 @@ start_sync
 caught_up 4 >/dev/null
 kill -KILL "$FIRST"
 echo "  member 1, watched, killed: $(caught_up 5) ms"
-echo "  \"lost the cluster\" logged: $(grep -c "lost the cluster" "$WORK/failover-sync.log" || true) times"
+echo "  \"lost the cluster\" logged: $(grep -c "lost the cluster" "$SYNC_LOG" || true) times"
