@@ -27,9 +27,8 @@
 #include <string_view>
 #include <vector>
 
-#include "host.h"
-#include "kelvo.h"
 #include "kelvo_lint.h"
+#include "kelvo_tool.h"
 
 extern char** environ;
 
@@ -510,6 +509,7 @@ int strict_check(const Options& o, repository_t* repository) {
     const int failed = lint_configfiles(
         repository, o.stencil_dir != nullptr ? o.stencil_dir : KELVO_DEFAULT_STENCIL_DIR,
         &findings);
+    if (failed < 0) return KELVO_APPLY_KELVO_FAILED;  // reported; the run cannot go on
     if (failed > 0) {
         fprintf(stderr, gettext("%s: the stencils of %s could not be evaluated; nothing applied\n"),
                 o.prog, o.wern);
@@ -522,61 +522,37 @@ int strict_check(const Options& o, repository_t* repository) {
     return KELVO_APPLY_STRICT;
 }
 
+enum { DRY_RUN = 256, STRICT };
+
+bool take_option(int option, const char*, void* context) {
+    auto* o = static_cast<Options*>(context);
+    if (option == 'x') o->stop_on_error = true;
+    if (option == DRY_RUN) o->dry_run = true;
+    if (option == STRICT) o->strict = true;
+    return true;
+}
+
 }  // namespace
 
 int kelvo_apply_main(int argc, char** argv) {
     Options o;
     o.kelvo = kelvo_beside_program(argv[0]);
-    set_program_name(argv[0]);
-    o.prog = basename(argv[0]);
-    o.wern = getenv("QRM_WERN");
-
-    enum { DRY_RUN = 256, STRICT };
     static const struct option LONG_OPTIONS[] = {{"dry-run", no_argument, nullptr, DRY_RUN},
                                                  {"strict", no_argument, nullptr, STRICT},
                                                  {nullptr, 0, nullptr, 0}};
-    int c;
-    while ((c = getopt_long(argc, argv, "+f:R:S:x", LONG_OPTIONS, nullptr)) != -1) {
-        switch (c) {
-            case 'f':
-                o.wern = optarg;
-                break;
-            case 'R':
-                o.root_prefix = optarg;
-                break;
-            case 'S':
-                o.stencil_dir = optarg;
-                break;
-            case 'x':
-                o.stop_on_error = true;
-                break;
-            case DRY_RUN:
-                o.dry_run = true;
-                break;
-            case STRICT:
-                o.strict = true;
-                break;
-            default:
-                print_usage(stderr, o.prog);
-                return KELVO_APPLY_USAGE;
-        }
-    }
-    // kelvo's texts where kelvo refuses the same.
-    const char* refusal = nullptr;
-    if (optind < argc)
-        fprintf(stderr, gettext("%s: Illegal argument -- %s\n"), o.prog, refusal = argv[optind]);
-    else if (o.wern == nullptr)
-        fprintf(stderr, gettext("%s: No WERN (use -f)\n"), refusal = o.prog);
-    if (refusal != nullptr) {
-        print_usage(stderr, o.prog);
-        return KELVO_APPLY_USAGE;
-    }
+    CompanionCommandLine line{"+f:R:S:x", LONG_OPTIONS, print_usage, take_option, nullptr, &o};
+    if (!parse_companion_command_line(argc, argv, line)) return KELVO_APPLY_USAGE;
+    o.prog = line.prog;
+    o.wern = line.wern;
+    o.root_prefix = line.root_prefix;
+    o.stencil_dir = line.stencil_dir;
 
-    InstanceView repository = open_instance_view(o.wern);
+    InstanceView repository;
+    if (open_instance_view(o.wern, &repository) != KELVO_SUCCESS) return KELVO_APPLY_KELVO_FAILED;
     std::vector<Group> groups;
     Collect collect{&o, repository.get(), &groups};
     ConfigfileWalk walk{0, 0, collect_group, &collect, 0};
-    walk_configfiles(repository.get(), walk);
+    if (ends_run(walk_configfiles(repository.get(), walk))) return KELVO_APPLY_KELVO_FAILED;
     int status = KELVO_APPLY_DONE;
     if (walk.failed > 0) {
         fprintf(stderr,

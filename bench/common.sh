@@ -11,6 +11,9 @@
 #   gen_manifest TOTAL OUT              the start-up benchmarks' repository
 #   side_by_side LABEL CMD ...          commands timed in turn, medians side by side
 #   count_writes LABEL PROGRAM ARG...   the write system calls of one run
+#   start_etcd NAME [MEMBERS]           a cluster of the tests' fixture, stopped on exit
+#   start_sync / stop_sync              a mirror of URL in MIRROR, in the background
+#   now_ms                              the clock, in milliseconds
 # and STENCIL_DIR with small.stencil, their stencil.
 
 . "$(dirname "$0")/../scripts/binaries.sh"
@@ -204,3 +207,35 @@ hosts $%{config/p3:,,}
 $%/config/p(4[0-9])/ {opt$%1 = $%{config/p$%1}
 }
 STENCIL
+
+# start_etcd NAME [MEMBERS]: an etcd cluster on 127.0.0.1 started by the
+# tests' fixture in WORK/etcd-NAME (ETCD_DIR), ENDPOINT its first member's
+# address. On exit the mirror of start_sync and every process in PIDS are
+# ended first, then the cluster.
+start_etcd() {
+    FIXTURE=$BUILD/tests/etcd_fixture
+    [ -x "$FIXTURE" ] || { echo "bench: $FIXTURE is not built (it comes with the tests)" >&2; exit 1; }
+    ETCD_DIR=$WORK/etcd-$1
+    SYNC_PID=""
+    PIDS=""
+    "$FIXTURE" start "$ETCD_DIR" ${2:-} >/dev/null || { echo "bench: etcd did not start" >&2; exit 1; }
+    trap stop_etcd EXIT
+    trap 'exit 1' INT TERM
+    ENDPOINT=$(cat "$ETCD_DIR/endpoint")
+}
+stop_etcd() {
+    if [ -n "$SYNC_PID" ]; then kill "$SYNC_PID" 2>/dev/null && wait "$SYNC_PID" 2>/dev/null; fi
+    for p in $PIDS; do kill "$p" 2>/dev/null || true; done
+    for p in $PIDS; do wait "$p" 2>/dev/null || true; done
+    "$FIXTURE" stop "$ETCD_DIR"
+}
+
+# start_sync: hgxrepo sync of URL into MIRROR in the background (SYNC_PID),
+# its messages appended to SYNC_LOG (default: none); stop_sync ends it.
+start_sync() {
+    "$HGXREPO" -r "$MIRROR" sync "$URL" 2>>"${SYNC_LOG:-/dev/null}" &
+    SYNC_PID=$!
+}
+stop_sync() { kill "$SYNC_PID"; wait "$SYNC_PID" || true; SYNC_PID=""; }
+
+now_ms() { echo $(( $(date +%s%N) / 1000000 )); }

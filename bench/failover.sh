@@ -11,24 +11,12 @@
 set -eu
 . "$(dirname "$0")/common.sh"
 
-FIXTURE=$BUILD/tests/etcd_fixture
-[ -x "$FIXTURE" ] || { echo "bench: $FIXTURE is not built (it comes with the tests)" >&2; exit 1; }
-ETCD_DIR=$WORK/etcd-failover
+start_etcd failover 3
 MIRROR=$WORK/failover-mirror.db
-SYNC_PID=""
-"$FIXTURE" start "$ETCD_DIR" 3 >/dev/null || { echo "bench: etcd did not start" >&2; exit 1; }
-cleanup() {
-    [ -n "$SYNC_PID" ] && kill "$SYNC_PID" 2>/dev/null && wait "$SYNC_PID" 2>/dev/null
-    "$FIXTURE" stop "$ETCD_DIR"
-}
-trap cleanup EXIT
-trap 'exit 1' INT TERM
-URL=etcd://$(cat "$ETCD_DIR/endpoint")/bench-failover
+URL=etcd://$ENDPOINT/bench-failover
 FIRST=$(head -n 1 "$ETCD_DIR/pid")
 WERN=wrn:/bench/failover:default
 rm -f "$MIRROR" "$MIRROR-wal" "$MIRROR-shm"
-
-now_ms() { echo $(( $(date +%s%N) / 1000000 )); }
 # generation GEN: the instance with p0 = gGEN
 generation() {
     echo "{\"services\": {\"bench/failover\": {\"instances\": {\"default\": {\"groups\": {\"config\": {\"properties\": {\"p0\": \"g$1\"}}}}}}}}" |
@@ -73,12 +61,8 @@ caught_up() {
     echo $((t1 - t0))
 }
 # A mirror's watch starts on member 1, the first the URL names.
-start_sync() {
-    "$HGXREPO" -r "$MIRROR" sync "$URL" 2>>"$WORK/failover-sync.log" &
-    SYNC_PID=$!
-}
-stop_sync() { kill "$SYNC_PID"; wait "$SYNC_PID" || true; SYNC_PID=""; }
-: > "$WORK/failover-sync.log"
+SYNC_LOG=$WORK/failover-sync.log
+: > "$SYNC_LOG"
 start_sync
 caught_up 1 >/dev/null
 echo "from a write to the mirror (the write included)"
@@ -91,4 +75,4 @@ start_sync
 caught_up 4 >/dev/null
 kill -KILL "$FIRST"
 echo "  member 1, watched, killed: $(caught_up 5) ms"
-echo "  \"lost the cluster\" logged: $(grep -c "lost the cluster" "$WORK/failover-sync.log" || true) times"
+echo "  \"lost the cluster\" logged: $(grep -c "lost the cluster" "$SYNC_LOG" || true) times"

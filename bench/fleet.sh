@@ -14,27 +14,14 @@
 set -eu
 . "$(dirname "$0")/common.sh"
 
-FIXTURE=$BUILD/tests/etcd_fixture
-[ -x "$FIXTURE" ] || { echo "bench: $FIXTURE is not built (it comes with the tests)" >&2; exit 1; }
 command -v etcdctl >/dev/null || { echo "bench: etcdctl is missing (etcd-client)" >&2; exit 1; }
-ETCD_DIR=$WORK/etcd-fleet
+start_etcd fleet
 FLEET_DIR=$WORK/fleet
-PIDS=""
-cleanup() {
-    for p in $PIDS; do kill "$p" 2>/dev/null || true; done
-    for p in $PIDS; do wait "$p" 2>/dev/null || true; done
-    "$FIXTURE" stop "$ETCD_DIR"
-}
-"$FIXTURE" start "$ETCD_DIR" >/dev/null || { echo "bench: etcd did not start" >&2; exit 1; }
-trap cleanup EXIT
-trap 'exit 1' INT TERM
-ENDPOINT=$(cat "$ETCD_DIR/endpoint")
 URL=etcd://$ENDPOINT/bench-fleet
 rm -rf "$FLEET_DIR"
 mkdir -p "$FLEET_DIR"
 HOSTS=${FLEET_HOSTS:-10000}
 
-now_ms() { echo $(( $(date +%s%N) / 1000000 )); }
 revision() {
     ETCDCTL_API=3 etcdctl --endpoints="$ENDPOINT" get nothing -w json |
         sed 's/.*"revision":\([0-9]*\).*/\1/'

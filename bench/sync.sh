@@ -11,22 +11,10 @@
 set -eu
 . "$(dirname "$0")/common.sh"
 
-FIXTURE=$BUILD/tests/etcd_fixture
-[ -x "$FIXTURE" ] || { echo "bench: $FIXTURE is not built (it comes with the tests)" >&2; exit 1; }
-ETCD_DIR=$WORK/etcd-sync
+start_etcd sync
 MIRROR=$WORK/mirror.db
-SYNC_PID=""
-"$FIXTURE" start "$ETCD_DIR" >/dev/null || { echo "bench: etcd did not start" >&2; exit 1; }
-cleanup() {
-    [ -n "$SYNC_PID" ] && kill "$SYNC_PID" 2>/dev/null && wait "$SYNC_PID" 2>/dev/null
-    "$FIXTURE" stop "$ETCD_DIR"
-}
-trap cleanup EXIT
-trap 'exit 1' INT TERM
-URL=etcd://$(cat "$ETCD_DIR/endpoint")/bench-sync
+URL=etcd://$ENDPOINT/bench-sync
 rm -f "$MIRROR" "$MIRROR-wal" "$MIRROR-shm"
-
-now_ms() { echo $(( $(date +%s%N) / 1000000 )); }
 
 # instance COUNT GEN: a manifest of wrn:/bench/sync:default with COUNT
 # properties of generation GEN.
@@ -42,11 +30,6 @@ $(instance 10 0)
 EOF_M
 "$HGXREPO" -r "$MIRROR" sync --once "$URL" 2>/dev/null
 
-start_sync() {
-    "$HGXREPO" -r "$MIRROR" sync "$URL" 2>/dev/null &
-    SYNC_PID=$!
-}
-stop_sync() { kill "$SYNC_PID"; wait "$SYNC_PID" || true; SYNC_PID=""; }
 # mirrored VALUE: the mirror's p0 reads VALUE
 mirrored() {
     [ "$(HGX_REPOSITORY=$MIRROR "$KELVO" -f wrn:/bench/sync:default 2>/dev/null <<'S'

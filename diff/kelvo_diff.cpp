@@ -3,7 +3,6 @@
 #include "kelvo_diff.h"
 
 #include <fcntl.h>
-#include <getopt.h>
 #include <grp.h>
 #include <libgen.h>
 #include <libintl.h>
@@ -16,8 +15,7 @@
 #include <cstring>
 #include <memory>
 
-#include "host.h"
-#include "kelvo.h"
+#include "kelvo_tool.h"
 #include "line_diff.h"
 #include "owned.h"
 
@@ -102,7 +100,10 @@ int show_group(const ConfigfileGroup& group, defines_t* defines, void* context) 
     if (status != KELVO_SUCCESS) return status;
 
     HeapText text(stencil_output_buffer_text(output.get()));
-    if (!text) die(KELVO_SYSERR, gettext("Out of memory\n"));
+    if (!text) {
+        fprintf(stderr, gettext("%s: Out of memory\n"), run->prog);
+        return KELVO_SYSERR | KELVO_ENDS_RUN;
+    }
     std::string old_text;
     const bool created = plan.action == DELIVERY_CREATE;
     if (!created && !read_whole(run->root_prefix, group.output_file, plan.output_path, &old_text)) {
@@ -153,49 +154,18 @@ std::string change_header(const struct stat* current, mode_t mode, uid_t uid, gi
 }
 
 int kelvo_diff_main(int argc, char** argv) {
-    set_program_name(argv[0]);
-    const char* prog = basename(argv[0]);
-    const char* instance_wern = getenv("QRM_WERN");
-    const char* root_prefix = nullptr;
-    const char* stencil_dir = KELVO_DEFAULT_STENCIL_DIR;
+    CompanionCommandLine line{"+f:R:S:", nullptr, print_usage, nullptr, nullptr, nullptr};
+    line.stencil_dir = KELVO_DEFAULT_STENCIL_DIR;
+    if (!parse_companion_command_line(argc, argv, line)) return KELVO_DIFF_USAGE;
 
-    int c;
-    while ((c = getopt(argc, argv, "+f:R:S:")) != -1) {
-        switch (c) {
-            case 'f':
-                instance_wern = optarg;
-                break;
-            case 'R':
-                root_prefix = optarg;
-                break;
-            case 'S':
-                stencil_dir = optarg;
-                break;
-            default:
-                print_usage(stderr, prog);
-                return KELVO_DIFF_USAGE;
-        }
-    }
-    const char* refused = nullptr;
-    if (optind < argc) {
-        fprintf(stderr, gettext("%s: Illegal argument -- %s\n"), prog, argv[optind]);
-        refused = argv[optind];
-    } else if (instance_wern == nullptr) {
-        fprintf(stderr, gettext("%s: No WERN (use -f)\n"), prog);
-        refused = "";
-    }
-    if (refused != nullptr) {
-        print_usage(stderr, prog);
-        return KELVO_DIFF_USAGE;
-    }
-
-    InstanceView repository = open_instance_view(instance_wern);
-    DiffRun run{repository.get(), root_prefix, stencil_dir, prog};
+    InstanceView repository;
+    if (open_instance_view(line.wern, &repository) != KELVO_SUCCESS) return KELVO_DIFF_ERROR;
+    DiffRun run{repository.get(), line.root_prefix, line.stencil_dir, line.prog};
     ConfigfileWalk walk{1, 0, show_group, &run, 0};
-    walk_configfiles(repository.get(), walk);
+    const int status = walk_configfiles(repository.get(), walk);
     repository.reset();
 
-    if (finish_standard_output(prog) != 0) return KELVO_DIFF_ERROR;
-    if (walk.failed > 0) return KELVO_DIFF_ERROR;
+    if (finish_standard_output(line.prog) != 0) return KELVO_DIFF_ERROR;
+    if (walk.failed > 0 || ends_run(status)) return KELVO_DIFF_ERROR;
     return run.changes > 0 ? KELVO_DIFF_CHANGES : KELVO_DIFF_SAME;
 }

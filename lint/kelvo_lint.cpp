@@ -2,7 +2,6 @@
 // the stencil evaluated with an observer instead of delivered.
 #include "kelvo_lint.h"
 
-#include <getopt.h>
 #include <libgen.h>
 #include <libintl.h>
 
@@ -15,7 +14,7 @@
 #include <string>
 #include <utility>
 
-#include "kelvo.h"
+#include "kelvo_tool.h"
 #include "owned.h"
 
 void ReferenceFindings::observe(const stencil_reference_t* reference, void* context) {
@@ -94,10 +93,12 @@ void check_define(const char* name, const char* value, void* context) {
     std::string warning = cut_define_warning(check->where + name, value);
     if (!warning.empty()) check->run->findings->push_back(warning);
 }
-void check_defines(LintRun& run, defines_t* defines, std::string where) {
+// KELVO_SUCCESS, or KELVO_SYSERR | KELVO_ENDS_RUN after the message.
+int check_defines(LintRun& run, defines_t* defines, std::string where) {
     DefineCheck check{&run, std::move(where)};
-    if (defines_for_each(defines, check_define, &check) != 0)
-        die(KELVO_SYSERR, gettext("Out of memory\n"));
+    if (defines_for_each(defines, check_define, &check) == 0) return KELVO_SUCCESS;
+    fprintf(stderr, gettext("Out of memory\n"));
+    return KELVO_SYSERR | KELVO_ENDS_RUN;
 }
 
 // Evaluates one stencil and adds "stencil:line: name" per finding.
@@ -117,8 +118,8 @@ int lint_stencil(LintRun& run, defines_t* defines, const char* input_file) {
 
 int lint_group(const ConfigfileGroup& group, defines_t* defines, void* context) {
     LintRun& run = *static_cast<LintRun*>(context);
-    check_defines(run, defines, std::string(group.name) + "/defines/");
-    return lint_stencil(run, defines, group.input_file);
+    const int checked = check_defines(run, defines, std::string(group.name) + "/defines/");
+    return checked != KELVO_SUCCESS ? checked : lint_stencil(run, defines, group.input_file);
 }
 
 // -D as kelvo takes it: "name=value", cut at the first "=", each name once.
@@ -131,7 +132,37 @@ bool add_define(defines_t* defines, const char* prog, const char* argument) {
         return false;
     }
     name.resize(equals);
-    return add_single_define(defines, name.data(), argument + equals + 1) == 0;
+    return add_single_define(defines, name.data(), argument + equals + 1) == SUPPORT_SUCCESS;
+}
+
+// What the command line asks for beside kelvo's shared options.
+struct LintOptions {
+    DefinesTable defines{defines_create()};
+    const char* input_file = nullptr;
+    const char* prog = nullptr;
+    int all_configfiles = 0;
+};
+
+bool take_option(int option, const char* argument, void* context) {
+    auto* o = static_cast<LintOptions*>(context);
+    if (option == 'a') o->all_configfiles = 1;
+    if (option == 'i') o->input_file = argument;
+    return option != 'D' || add_define(o->defines.get(), o->prog, argument);
+}
+
+// kelvo's texts where kelvo refuses the same; the order is kelvo's.
+const char* refusal(const void* context, int after_wern) {
+    const auto* o = static_cast<const LintOptions*>(context);
+    if (after_wern) {
+        if (!o->all_configfiles && o->input_file == nullptr)
+            return gettext("%s: Option -i or -a is required\n");
+        return nullptr;
+    }
+    if (o->all_configfiles && defines_count(o->defines.get()) > 0)
+        return gettext("%s: Option -a cannot be present with -D\n");
+    if (o->all_configfiles && o->input_file != nullptr)
+        return gettext("%s: Option -a cannot be present with -i or -o\n");
+    return nullptr;
 }
 
 }  // namespace
@@ -140,75 +171,39 @@ int lint_configfiles(repository_t* repository, const char* stencil_dir,
                      std::vector<std::string>* findings) {
     LintRun run{repository, stencil_dir, findings};
     ConfigfileWalk walk{1, 0, lint_group, &run, 0};
-    walk_configfiles(repository, walk);
+    if (ends_run(walk_configfiles(repository, walk))) return -1;
     return walk.failed;
 }
 
 int kelvo_lint_main(int argc, char** argv) {
-    set_program_name(argv[0]);
-    const char* prog = basename(argv[0]);
-    const char* instance_wern = getenv("QRM_WERN");
-    const char* input_file = nullptr;
-    const char* stencil_dir = KELVO_DEFAULT_STENCIL_DIR;
-    int all_configfiles = 0;
-    DefinesTable defines(defines_create());
-    if (!defines) die(KELVO_SYSERR, gettext("Out of memory\n"));
-
-    int c;
-    while ((c = getopt(argc, argv, "+aD:f:i:S:")) != -1) {
-        switch (c) {
-            case 'a':
-                all_configfiles = 1;
-                break;
-            case 'D':
-                if (add_define(defines.get(), prog, optarg)) break;
-                print_usage(stderr, prog);
-                return KELVO_LINT_USAGE;
-            case 'f':
-                instance_wern = optarg;
-                break;
-            case 'i':
-                input_file = optarg;
-                break;
-            case 'S':
-                stencil_dir = optarg;
-                break;
-            default:
-                print_usage(stderr, prog);
-                return KELVO_LINT_USAGE;
-        }
+    LintOptions o;
+    o.prog = basename(argv[0]);
+    if (!o.defines) {
+        fprintf(stderr, gettext("%s: Out of memory\n"), o.prog);
+        return KELVO_LINT_ERROR;
     }
-    // kelvo's texts where kelvo refuses the same; the order is kelvo's.
-    const char* refusal = nullptr;
-    if (optind < argc)
-        fprintf(stderr, gettext("%s: Illegal argument -- %s\n"), prog, refusal = argv[optind]);
-    else if (all_configfiles && defines_count(defines.get()) > 0)
-        fprintf(stderr, gettext("%s: Option -a cannot be present with -D\n"), refusal = prog);
-    else if (all_configfiles && input_file != nullptr)
-        fprintf(stderr, gettext("%s: Option -a cannot be present with -i or -o\n"), refusal = prog);
-    else if (instance_wern == nullptr)
-        fprintf(stderr, gettext("%s: No WERN (use -f)\n"), refusal = prog);
-    else if (!all_configfiles && input_file == nullptr)
-        fprintf(stderr, gettext("%s: Option -i or -a is required\n"), refusal = prog);
-    if (refusal != nullptr) {
-        print_usage(stderr, prog);
-        return KELVO_LINT_USAGE;
-    }
+    CompanionCommandLine line{"+aD:f:i:S:", nullptr, print_usage, take_option, refusal, &o};
+    line.stencil_dir = KELVO_DEFAULT_STENCIL_DIR;
+    if (!parse_companion_command_line(argc, argv, line)) return KELVO_LINT_USAGE;
 
-    InstanceView repository = open_instance_view(instance_wern);
+    InstanceView repository;
+    if (open_instance_view(line.wern, &repository) != KELVO_SUCCESS) return KELVO_LINT_ERROR;
     std::vector<std::string> findings;
     int failed = 0;
-    if (all_configfiles) {
-        failed = lint_configfiles(repository.get(), stencil_dir, &findings);
+    if (o.all_configfiles) {
+        failed = lint_configfiles(repository.get(), line.stencil_dir, &findings);
     } else {
-        LintRun run{repository.get(), stencil_dir, &findings};
-        check_defines(run, defines.get(), "-D ");
-        failed = lint_stencil(run, defines.get(), input_file) != KELVO_SUCCESS;
+        LintRun run{repository.get(), line.stencil_dir, &findings};
+        int status = check_defines(run, o.defines.get(), "-D ");
+        if (status == KELVO_SUCCESS) status = lint_stencil(run, o.defines.get(), o.input_file);
+        failed = ends_run(status) ? -1 : status != KELVO_SUCCESS;
     }
     repository.reset();
+    // A run that could not go on shows nothing of what it found before.
+    if (failed < 0) return KELVO_LINT_ERROR;
 
-    for (const std::string& line : findings) printf("%s\n", line.c_str());
-    if (finish_standard_output(prog) != 0) return KELVO_LINT_ERROR;
+    for (const std::string& line_found : findings) printf("%s\n", line_found.c_str());
+    if (finish_standard_output(line.prog) != 0) return KELVO_LINT_ERROR;
     if (failed > 0) return KELVO_LINT_ERROR;
     return findings.empty() ? KELVO_LINT_CLEAN : KELVO_LINT_FINDINGS;
 }

@@ -24,7 +24,8 @@ int kelvo_lint_main(int argc, char** argv);
 // appends "stencil:line: name" to *findings for each reported reference,
 // and a line for each define whose value a "}" cuts short.
 // Returns the number of groups that could not be evaluated, each reported
-// on standard error with kelvo's message.
+// on standard error with kelvo's message, or -1 when the run cannot go on
+// (the repository failed under an evaluation; reported).
 int lint_configfiles(repository_t* repository, const char* stencil_dir,
                      std::vector<std::string>* findings);
 

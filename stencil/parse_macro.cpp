@@ -118,11 +118,11 @@ int parse_macro(const char* text, expression_t* expression, stencil_t* stencil) 
     if (r < 0) return r;
     const char* close = p + r;
     if (*close == '\0') return unterminated_at(stencil, text, close);
-    int added = dictionary_add(stencil->dictionary, macro->name, macro);
-    if (added == -1)
+    support_result_t added = dictionary_add(stencil->dictionary, macro->name, macro);
+    if (added == SUPPORT_EXISTS)
         return report_syntax_error(stencil, text, static_cast<size_t>(close - text) + 1, 0,
                                    SE_DUPLICATE_MACRO_NAME);
-    if (added != 0) return STENCIL_ERROR_NO_MEMORY;
+    if (added != SUPPORT_SUCCESS) return STENCIL_ERROR_NO_MEMORY;
     return static_cast<int>(close + 1 - text);
 }
 

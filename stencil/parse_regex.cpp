@@ -117,11 +117,11 @@ int parse_regex(const char* text, expression_t* expression, stencil_t* stencil) 
 
     // The name comes into being at the closing `}`: unknown in its own body.
     if (match->name != nullptr) {
-        int added = dictionary_add(stencil->dictionary, match->name, match);
-        if (added == -1)
+        support_result_t added = dictionary_add(stencil->dictionary, match->name, match);
+        if (added == SUPPORT_EXISTS)
             return report_syntax_error(stencil, text, static_cast<size_t>(close - text) + 1, 0,
                                        SE_DUPLICATE_REGEX_NAME);
-        if (added != 0) return STENCIL_ERROR_NO_MEMORY;
+        if (added != SUPPORT_SUCCESS) return STENCIL_ERROR_NO_MEMORY;
     }
     return static_cast<int>(close + 1 - text);
 }

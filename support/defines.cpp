@@ -60,27 +60,27 @@ void defines_destroy(defines_t* defines) {
     std::free(defines);
 }
 
-int defines_add(defines_t* defines, const char* name, const char* value) {
+support_result_t defines_add(defines_t* defines, const char* name, const char* value) {
     defines_entry_t key{};
     key.name = name;
     pkx_avl_index_t where = 0;
-    if (pkx_avl_find(defines->entries, &key, nullptr, &where) != nullptr) return -1;
+    if (pkx_avl_find(defines->entries, &key, nullptr, &where) != nullptr) return SUPPORT_EXISTS;
 
     // "$%define " + name + " {" + value + "}" + NUL
     size_t size = std::strlen(name) + std::strlen(value) + 13;
     auto* entry = static_cast<defines_entry_t*>(pkx_zalloc(sizeof(defines_entry_t)));
-    if (entry == nullptr) return -2;
+    if (entry == nullptr) return SUPPORT_NO_MEMORY;
     entry->name = strdup(name);
     entry->value = strdup(value);
     entry->macro = static_cast<char*>(std::malloc(size));
     if (entry->name == nullptr || entry->value == nullptr || entry->macro == nullptr ||
         std::snprintf(entry->macro, size, "$%%define %s {%s}", name, value) < 0) {
         free_entry(entry);
-        return -2;
+        return SUPPORT_NO_MEMORY;
     }
     pkx_avl_node_init(entry, entry, pool.pool);
     pkx_avl_insert(defines->entries, entry, where);
-    return 0;
+    return SUPPORT_SUCCESS;
 }
 
 int defines_count(defines_t* defines) {

@@ -54,22 +54,22 @@ void dictionary_destroy(dictionary_t* dictionary) {
     std::free(dictionary);
 }
 
-int dictionary_add(dictionary_t* dictionary, const char* name, void* entry) {
+support_result_t dictionary_add(dictionary_t* dictionary, const char* name, void* entry) {
     dictionary_entry_t key{};
     key.name = name;
     pkx_avl_index_t where = 0;
-    if (pkx_avl_find(dictionary->entries, &key, nullptr, &where) != nullptr) return -1;
+    if (pkx_avl_find(dictionary->entries, &key, nullptr, &where) != nullptr) return SUPPORT_EXISTS;
     auto* node = static_cast<dictionary_entry_t*>(pkx_zalloc(sizeof(dictionary_entry_t)));
-    if (node == nullptr) return -2;
+    if (node == nullptr) return SUPPORT_NO_MEMORY;
     node->name = strdup(name);
     node->entry = entry;
     if (node->name == nullptr) {
         std::free(node);
-        return -2;
+        return SUPPORT_NO_MEMORY;
     }
     pkx_avl_node_init(node, node, pool.pool);
     pkx_avl_insert(dictionary->entries, node, where);
-    return 0;
+    return SUPPORT_SUCCESS;
 }
 
 void* dictionary_find(dictionary_t* dictionary, const char* name) {

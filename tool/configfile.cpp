@@ -39,6 +39,11 @@ bool parse_group_mode(const char* output_file, const char* mode_text, mode_t* mo
     return true;
 }
 
+int out_of_memory() {
+    report(KELVO_SYSERR, gettext("Out of memory\n"));
+    return -1;
+}
+
 }  // namespace
 
 int get_single_property(repository_t* repository, const char* name, char* property_path,
@@ -66,7 +71,7 @@ int add_configfile_defines(defines_t* defines, repository_t* repository, const c
     // is taken, also those of other groups whose names end in <group>.
     size_t size = strlen(group) + strlen("defines/*") + 2;
     HeapText pattern = alloc_text(size);
-    if (!pattern) die(KELVO_SYSERR, gettext("Out of memory\n"));
+    if (!pattern) return out_of_memory();
     snprintf(pattern.get(), size, "%s/defines/*", group);
 
     PropertyList list(repository_match_properties(repository, pattern.get(), 0));
@@ -76,10 +81,10 @@ int add_configfile_defines(defines_t* defines, repository_t* repository, const c
         // passed over silently.
         if (node->info->num_values != 1) continue;
         HeapText name_copy(strdup(node->info->wern));
-        if (!name_copy) die(KELVO_SYSERR, gettext("Out of memory\n"));
+        if (!name_copy) return out_of_memory();
         char* slash = strrchr(name_copy.get(), '/');
         char* name = slash != nullptr ? slash + 1 : name_copy.get();
-        if (add_single_define(defines, name, node->info->values[0]) != 0) failed = 1;
+        if (add_single_define(defines, name, node->info->values[0]) != SUPPORT_SUCCESS) failed = 1;
     }
     return failed;
 }
@@ -162,10 +167,12 @@ int walk_group(repository_t* repository, DefinesTable& defines, const Configfile
     if (describe_group(reader, &described) != KELVO_SUCCESS) return KELVO_QRMERR;
     if (!walk.with_defines) return walk.visit(described, defines.get(), walk.context);
     // A failed add leaves the table as it is, also for the next group.
-    if (add_configfile_defines(defines.get(), repository, group) != 0) return KELVO_QRMERR;
+    const int added = add_configfile_defines(defines.get(), repository, group);
+    if (added < 0) return KELVO_SYSERR | KELVO_ENDS_RUN;
+    if (added != 0) return KELVO_QRMERR;
     int status = walk.visit(described, defines.get(), walk.context);
     defines.reset(defines_create());
-    if (!defines) die(KELVO_SYSERR, gettext("Out of memory\n"));
+    if (!defines && !ends_run(status)) return report(KELVO_SYSERR, gettext("Out of memory\n"));
     return status;
 }
 
@@ -176,14 +183,13 @@ int walk_configfiles(repository_t* repository, ConfigfileWalk& walk) {
     walk.failed = 0;
     ssize_t limit = hgx_limit(HGX_LIMIT_WERN_LENGTH);
     if (limit <= 0)
-        die(KELVO_QRMERR, gettext("Unable to get properties for %s"),
-            repository_get_wern(repository));
+        return report(KELVO_QRMERR, gettext("Unable to get properties for %s"),
+                      repository_get_wern(repository));
     const size_t wern_limit = static_cast<size_t>(limit);
     HeapText buffer = alloc_text(wern_limit + 1);
-    if (!buffer) die(KELVO_SYSERR, gettext("Out of memory\n"));
-    GroupReader reader(repository, buffer.get(), wern_limit);
     DefinesTable defines(defines_create());
-    if (!defines) die(KELVO_SYSERR, gettext("Out of memory\n"));
+    if (!buffer || !defines) return report(KELVO_SYSERR, gettext("Out of memory\n"));
+    GroupReader reader(repository, buffer.get(), wern_limit);
 
     // Ascending order of group names.
     PropertyList group_list(repository_get_pgs_by_type(repository, "configfile"));
@@ -191,8 +197,7 @@ int walk_configfiles(repository_t* repository, ConfigfileWalk& walk) {
         bool disabled = false;
         status = walk_group(repository, defines, walk, node->info->wern, reader, status, &disabled);
         if (status != KELVO_SUCCESS && !disabled) ++walk.failed;
-        if (status != KELVO_SUCCESS && walk.stop_on_error)
-            die(static_cast<kelvo_error_t>(status), gettext("kelvo terminated\n"));
+        if (ends_run(status) || (status != KELVO_SUCCESS && walk.stop_on_error)) return status;
     }
     return status;
 }
@@ -204,9 +209,10 @@ int apply_group(const ConfigfileGroup& group, defines_t* defines, void* context)
     const auto* run = static_cast<const std::pair<repository_t*, const ConfigfileRun*>*>(context);
     const ConfigfileRun& r = *run->second;
     if (r.undo) return undo_file(group.output_file, r.root_prefix, r.lofs_options != nullptr);
-    return apply_stencil(run->first, defines, group.input_file, group.output_file, r.root_prefix,
-                         r.stencil_dir, group.mode, group.owner_name, group.group_name,
-                         r.lofs_options, r.lofs_options_len, r.create_dirs, r.list_mode);
+    const StencilJob job{group.input_file,   group.output_file, r.root_prefix,    r.stencil_dir,
+                         group.mode,         group.owner_name,  group.group_name, r.lofs_options,
+                         r.lofs_options_len, r.create_dirs,     r.list_mode};
+    return apply_stencil(run->first, defines, job);
 }
 
 }  // namespace
@@ -215,5 +221,9 @@ int run_configfiles(repository_t* repository, const ConfigfileRun& run) {
     std::pair<repository_t*, const ConfigfileRun*> context{repository, &run};
     // An undo needs no defines: the group's are not even read.
     ConfigfileWalk walk{!run.undo, run.stop_on_error, apply_group, &context, 0};
-    return walk_configfiles(repository, walk);
+    const int status = walk_configfiles(repository, walk);
+    // -x: the first failing group ends the run, after the group's message.
+    if (run.stop_on_error && status != KELVO_SUCCESS && !ends_run(status))
+        return report(static_cast<kelvo_error_t>(status), gettext("kelvo terminated\n"));
+    return status;
 }

@@ -100,9 +100,7 @@ class FileDelivery {
     FileDelivery(const FileDelivery&) = delete;
     FileDelivery& operator=(const FileDelivery&) = delete;
 
-    kelvo_error_t deliver(stencil_output_buffer_t* output, mode_t mode, const char* owner_name,
-                          const char* group_name, char* lofs_options, ssize_t lofs_options_len,
-                          int create_dirs) {
+    kelvo_error_t deliver(stencil_output_buffer_t* output, const StencilJob& job) {
         // Compare first: a file that already holds the text gets no write, no
         // mode, no owner and no mount, and keeps its times.
         DeliveryPlan plan;
@@ -111,18 +109,22 @@ class FileDelivery {
         if (planned != KELVO_SUCCESS) return planned;
         if (plan.action == DELIVERY_UNCHANGED) return succeed();
 
-        if (create_dirs) make_directories();
-        if (!write_text(output, mode)) return KELVO_SYSERR;
-        if (!set_mode_and_owner(mode, owner_name, group_name)) return KELVO_SYSERR;
+        if (job.create_dirs && !make_directories())
+            return report(KELVO_SYSERR,
+                          gettext("Failed to create intermediate directories at %s: %s\n"),
+                          directory_of_output(), strerror(errno));
+        if (!write_text(output, job.mode)) return KELVO_SYSERR;
+        if (!set_mode_and_owner(job.mode, job.owner_name, job.group_name)) return KELVO_SYSERR;
         close(fd_);
         fd_ = -1;
 
         // The file below the prefix is shown at the path without it. A mount
         // left by an earlier run goes first; no mount is tried after a
         // failed unmount.
-        if (lofs_options != nullptr) {
+        if (job.lofs_options != nullptr) {
             if (file_unmount(output_file_) != 0) return KELVO_SYSERR;
-            if (mount_written(lofs_options, lofs_options_len, mode) != 0) return KELVO_SYSERR;
+            if (mount_written(job.lofs_options, job.lofs_options_len, job.mode) != 0)
+                return KELVO_SYSERR;
         }
         return succeed();
     }
@@ -208,22 +210,28 @@ class FileDelivery {
         return true;
     }
     // dirname may change its argument, so it gets a copy. The directory that
-    // exists already (EEXIST) is the common case, not a failure.
-    void make_directories() {
-        char copy[sizeof output_path_];
-        memcpy(copy, output_path_, sizeof copy);
-        const char* directory = dirname(copy);
+    // exists already (EEXIST) is the common case, not a failure. False with
+    // errno set.
+    bool make_directories() const {
         char below[sizeof output_path_];
         strlcpy(below, place(), sizeof below);
-        if (root_.make_directories(dirname(below), 0755) != 0 && errno != EEXIST)
-            die(KELVO_SYSERR, gettext("Failed to create intermediate directories at %s: %s\n"),
-                directory, strerror(errno));
+        return root_.make_directories(dirname(below), 0755) == 0 || errno == EEXIST;
+    }
+    // The directory of the output path, as the message of a failed
+    // make_directories names it; errno is kept.
+    const char* directory_of_output() {
+        const int saved = errno;
+        memcpy(directory_, output_path_, sizeof directory_);
+        const char* directory = dirname(directory_);
+        errno = saved;
+        return directory;
     }
 
     const char* output_file_;
     const char* root_prefix_;
     OutputRoot root_;
     char output_path_[1024];
+    char directory_[1024];
     int fd_ = -1;
     bool written_ = false;    // the open for writing succeeded
     bool succeeded_ = false;  // the call ends with KELVO_SUCCESS
@@ -317,11 +325,7 @@ kelvo_error_t resolve_owner(const char* owner_name, const char* group_name, uid_
     }
     return KELVO_SUCCESS;
 }
-kelvo_error_t deliver_to_file(stencil_output_buffer_t* output, const char* output_file,
-                              const char* root_prefix, mode_t mode, const char* owner_name,
-                              const char* group_name, char* lofs_options, ssize_t lofs_options_len,
-                              int create_dirs) {
-    FileDelivery delivery(output_file, root_prefix);
-    return delivery.deliver(output, mode, owner_name, group_name, lofs_options, lofs_options_len,
-                            create_dirs);
+kelvo_error_t deliver_to_file(stencil_output_buffer_t* output, const StencilJob& job) {
+    FileDelivery delivery(job.output_file, job.root_prefix);
+    return delivery.deliver(output, job);
 }

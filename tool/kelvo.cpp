@@ -64,14 +64,14 @@ void take_lofs_options(const char* argument, char** options, ssize_t* len) {
 
 void set_program_name(char* argv0) { prog_name = basename(argv0); }
 
-InstanceView open_instance_view(const char* wern) {
+kelvo_error_t open_instance_view(const char* wern, InstanceView* view) {
     repository_t* repository = nullptr;
     int status = repository_create(wern, nullptr, &repository);
-    InstanceView view(repository);
-    if (status == REPOSITORY_NO_MEMORY) die(KELVO_SYSERR, gettext("Out of memory\n"));
-    if (status != REPOSITORY_SUCCESS)
-        die(KELVO_QRMERR, gettext("Unable to get properties for %s"), wern);
-    return view;
+    view->reset(repository);
+    if (status == REPOSITORY_SUCCESS) return KELVO_SUCCESS;
+    view->reset();
+    if (status == REPOSITORY_NO_MEMORY) return report(KELVO_SYSERR, gettext("Out of memory\n"));
+    return report(KELVO_QRMERR, gettext("Unable to get properties for %s"), wern);
 }
 
 int finish_standard_output(const char* prog) {
@@ -114,7 +114,9 @@ void usage(FILE* stream) {
             0644u, KELVO_DEFAULT_STENCIL_DIR);
 }
 
-void vdie(kelvo_error_t status, const char* format, va_list args) {
+namespace {
+
+kelvo_error_t vreport(kelvo_error_t status, const char* format, va_list args) {
     // Printing may change both; the suffix must tell the failure's cause.
     int saved_errno = errno;
     hgx_error_t saved_hgx = hgx_error();
@@ -130,27 +132,43 @@ void vdie(kelvo_error_t status, const char* format, va_list args) {
         else
             fputs("\n", stderr);
     }
-    exit(status);
+    return static_cast<kelvo_error_t>(status | KELVO_ENDS_RUN);
+}
+
+// A repository that failed under a query after binding (a cluster lost or
+// hung, a compacted revision) ends the run as one that could not bind, with
+// the view's wern. Nothing of the stencil that met it has been written;
+// outputs of earlier configfile groups stay as delivered.
+kelvo_error_t report_repository_failure(repository_t* repository) {
+    fprintf(stderr, "%s: ", prog_name);
+    fprintf(stderr, gettext("Unable to get properties for %s"), repository_get_wern(repository));
+    fprintf(stderr, ": %s\n", hgx_strerror(repository_failure(repository)));
+    return static_cast<kelvo_error_t>(KELVO_QRMERR | KELVO_ENDS_RUN);
+}
+
+}  // namespace
+
+kelvo_error_t report(kelvo_error_t status, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    kelvo_error_t reported = vreport(status, format, args);
+    va_end(args);
+    return reported;
 }
 
 void die(kelvo_error_t status, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    vdie(status, format, args);
+    vreport(status, format, args);
+    va_end(args);
+    exit(status);
 }
 
-void die_repository_failure(repository_t* repository) {
-    fprintf(stderr, "%s: ", prog_name);
-    fprintf(stderr, gettext("Unable to get properties for %s"), repository_get_wern(repository));
-    fprintf(stderr, ": %s\n", hgx_strerror(repository_failure(repository)));
-    exit(KELVO_QRMERR);
-}
-
-int add_single_define(defines_t* defines, char* name, const char* value) {
-    int result = defines_add(defines, name, value);
-    if (result == -2)
+support_result_t add_single_define(defines_t* defines, char* name, const char* value) {
+    support_result_t result = defines_add(defines, name, value);
+    if (result == SUPPORT_NO_MEMORY)
         fprintf(stderr, gettext("Out of memory\n"));
-    else if (result == -1)
+    else if (result == SUPPORT_EXISTS)
         fprintf(stderr, gettext("Invalid define: %s already exists\n"), name);
     return result;
 }
@@ -163,7 +181,7 @@ void add_optarg_define(defines_t* defines, char* argument) {
     // No line end: errno's text follows, whatever errno holds here.
     if (equals == nullptr) die(KELVO_SYSERR, gettext("Invalid -D argument: %s"), argument);
     *equals = '\0';
-    if (add_single_define(defines, copy.get(), equals + 1) != 0) exit(1);
+    if (add_single_define(defines, copy.get(), equals + 1) != SUPPORT_SUCCESS) exit(1);
 }
 
 kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines, const char* input_file,
@@ -211,7 +229,7 @@ kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines, con
             fprintf(stderr, gettext("Out of memory\n"));
             return KELVO_SYSERR;
         default:
-            die(KELVO_SYSERR, gettext("Unhandled error in stencil_load: %d\n"), result);
+            return report(KELVO_SYSERR, gettext("Unhandled error in stencil_load: %d\n"), result);
     }
 
     stencil_output_buffer_t* raw_output = nullptr;
@@ -229,33 +247,29 @@ kelvo_error_t evaluate_stencil(repository_t* repository, defines_t* defines, con
             fprintf(stderr, gettext("QRM_METHOD is not defined in the environment\n"));
             return KELVO_SYSERR;
         case STENCIL_ERROR_INTERNAL_ERROR:
-            die(KELVO_SYSERR, gettext("stencil_apply: Internal error\n"));
+            return report(KELVO_SYSERR, gettext("stencil_apply: Internal error\n"));
         case STENCIL_ERROR_NO_MEMORY:
             fprintf(stderr, gettext("Out of memory\n"));
             return KELVO_SYSERR;
         case STENCIL_ERROR_REPOSITORY:
-            die_repository_failure(repository);
+            return report_repository_failure(repository);
         default:
-            die(KELVO_SYSERR, gettext("Unhandled error in stencil_apply: %d\n"), result);
+            return report(KELVO_SYSERR, gettext("Unhandled error in stencil_apply: %d\n"), result);
     }
 
     *text = output.release();
     return KELVO_SUCCESS;
 }
 
-kelvo_error_t apply_stencil(repository_t* repository, defines_t* defines, const char* input_file,
-                            const char* output_file, const char* root_prefix,
-                            const char* stencil_dir, mode_t mode, const char* owner_name,
-                            const char* group_name, char* lofs_options, ssize_t lofs_options_len,
-                            int create_dirs, int list_mode) {
+kelvo_error_t apply_stencil(repository_t* repository, defines_t* defines, const StencilJob& job) {
     stencil_output_buffer_t* raw_output = nullptr;
-    kelvo_error_t evaluated =
-        evaluate_stencil(repository, defines, input_file, stencil_dir, list_mode, &raw_output);
+    kelvo_error_t evaluated = evaluate_stencil(repository, defines, job.input_file, job.stencil_dir,
+                                               job.list_mode, &raw_output);
     // Nothing reads the output tree after the delivery; it goes with the call.
     Owned<stencil_output_buffer_t, stencil_output_buffer_destroy> output(raw_output);
     if (evaluated != KELVO_SUCCESS) return evaluated;
 
-    if (output_file == nullptr) {
+    if (job.output_file == nullptr) {
         // Standard output: no compare, no mode, no owner, no close.
         stencil_error_t result = stencil_output_buffer_emit(output.get(), 1);
         if (result != STENCIL_SUCCESS) {
@@ -265,8 +279,7 @@ kelvo_error_t apply_stencil(repository_t* repository, defines_t* defines, const 
         return KELVO_SUCCESS;
     }
 
-    return deliver_to_file(output.get(), output_file, root_prefix, mode, owner_name, group_name,
-                           lofs_options, lofs_options_len, create_dirs);
+    return deliver_to_file(output.get(), job);
 }
 
 namespace {
@@ -394,9 +407,10 @@ int run_command(const CommandLine& cl, repository_t* repository, defines_t* defi
         return run_configfiles(repository, run);
     }
     if (cl.undo) return undo_file(cl.output_file, cl.root_prefix, cl.lofs_options != nullptr);
-    return apply_stencil(repository, defines, cl.input_file, cl.output_file, cl.root_prefix,
-                         cl.stencil_dir, cl.output_mode, cl.owner_name, cl.group_name,
-                         cl.lofs_options, cl.lofs_options_len, cl.create_dirs, cl.list_mode);
+    const StencilJob job{cl.input_file,       cl.output_file, cl.root_prefix, cl.stencil_dir,
+                         cl.output_mode,      cl.owner_name,  cl.group_name,  cl.lofs_options,
+                         cl.lofs_options_len, cl.create_dirs, cl.list_mode};
+    return apply_stencil(repository, defines, job);
 }
 
 }  // namespace
@@ -414,6 +428,8 @@ int kelvo_main(int argc, char** argv) {
     if (optind < argc) die(KELVO_USAGE, gettext("Illegal argument -- %s\n"), argv[optind]);
     check_options(cl, defines.get());
 
-    InstanceView repository = open_instance_view(cl.instance_wern);
-    return run_command(cl, repository.get(), defines.get());
+    InstanceView repository;
+    const kelvo_error_t opened = open_instance_view(cl.instance_wern, &repository);
+    if (opened != KELVO_SUCCESS) return exit_status(opened);
+    return exit_status(run_command(cl, repository.get(), defines.get()));
 }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <new>
@@ -48,15 +49,20 @@ inline int fail(hgx_error_t code) {
     return -1;
 }
 
-// Runs the body of an API call. The store's C++ containers may throw
-// std::bad_alloc; nothing may cross the C interface, so an exhausted heap
-// becomes HGX_ERROR_NO_MEMORY and the call's failure value.
+// Runs the body of an API call. Nothing may cross the C interface: an
+// exhausted heap becomes HGX_ERROR_NO_MEMORY, and any other exception of the
+// standard library (a checked accessor such as .at() meeting an id or a
+// document the store does not hold, a JSON value of another type than read)
+// HGX_ERROR_INTERNAL, each with the call's failure value.
 template <typename R, typename F>
 R guarded(R failure, F&& body) {
     try {
         return body();
     } catch (const std::bad_alloc&) {
         set_error(HGX_ERROR_NO_MEMORY);
+        return failure;
+    } catch (const std::exception&) {
+        set_error(HGX_ERROR_INTERNAL);
         return failure;
     }
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "pkx.h"
+#include "support_result.h"
 
 // A table; its layout is the module's own. Every function below but
 // defines_create and defines_destroy requires a live table from
@@ -16,9 +17,9 @@ typedef struct defines defines_t;
 defines_t* defines_create(void);
 // Releases the table and every text it handed out. Null is ignored.
 void defines_destroy(defines_t* defines);
-// Copies name and value in. 0 added; -1 the name exists already (table
-// unchanged); -2 out of memory (table unchanged).
-int defines_add(defines_t* defines, const char* name, const char* value);
+// Copies name and value in: SUPPORT_SUCCESS, SUPPORT_EXISTS or
+// SUPPORT_NO_MEMORY (the table unchanged in both).
+support_result_t defines_add(defines_t* defines, const char* name, const char* value);
 // The number of defines in the table.
 int defines_count(defines_t* defines);
 // The value of name, owned by the table; null when it is not there.

@@ -4,6 +4,7 @@
 // prefix holds a repository of another schema.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -95,6 +96,29 @@ TEST_F(HgxEtcd, AnotherSchemaOrSomethingElseBelowThePrefixIsRefused) {
         EXPECT_EQ(hgx_writer_open(url.c_str(), true, &message), nullptr) << c.head;
         EXPECT_NE(message.find(hgx_strerror(c.code)), std::string::npos) << message;
     }
+}
+
+// Every key of a service's documents and pointers overwritten with what no
+// writer makes: reading the service fails with a code, never a crash.
+TEST_F(HgxEtcd, AMalformedDocumentIsAnErrorCode) {
+    add_service("a");
+    const std::string ctl = "ETCDCTL_API=3 etcdctl --endpoints=" + server.endpoints() + " ";
+    std::unique_ptr<FILE, int (*)(FILE*)> keys(
+        popen((ctl + "get --prefix unit/o/ --keys-only").c_str(), "r"), pclose);
+    ASSERT_NE(keys, nullptr);
+    char line[512];
+    int overwritten = 0;
+    while (fgets(line, sizeof line, keys.get()) != nullptr) {
+        std::string key(line);
+        while (!key.empty() && (key.back() == '\n' || key.back() == '\r')) key.pop_back();
+        if (key.empty()) continue;
+        server.post(0, "/v3/kv/put",
+                    "{\"key\":\"" + etcd_testing::b64(key) + "\",\"value\":\"" +
+                        etcd_testing::b64("{\"doc\":5}") + "\"}");
+        ++overwritten;
+    }
+    ASSERT_GT(overwritten, 0);
+    EXPECT_NE(decode(bind().get(), "wrn:/a/default"), 0);
 }
 
 }  // namespace
