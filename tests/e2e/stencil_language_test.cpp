@@ -197,6 +197,17 @@ TEST_F(Stencil, NestedAndNamed) {
          "$%define sec /(.*)/ {$%1=$%{$%1};}$%/(net)/ {$%[sec:^$%1\\//]}", "host=h1;port=80;"},
         {"replacement on pattern and names",
          "$%define sec /cfg/(o.*)/ {$%1=$%{cfg/$%1}}$%[sec:'cfg/config]", "one=solo"},
+        {"a section in a macro body ignores the invocation's grabs",
+         "$%define m {$%/net/(.*)/ {<$%1|$%2>}}$%/(net)/ {$%[m]}", "<host|$%2><port|$%2>"},
+        {"a copy numbers its grabs afresh, its body builds on them",
+         "$%define s /net/(p.*)/ {[$%1]}$%define r /(n)(e)t/ {$%/$%1$%2t/(h.*)/ {$%1$%3}$%[s]}"
+         "$%/(c)(o)nfig/ {$%[r]}",
+         "nhost[port]"},
+        {"definitions in a macro body are invocable after it ran",
+         "$%define o {$%define i a {I$%a}$%define r /net/(h.*)/ {R$%1}}$%[o]|$%[i 2]|$%[r]",
+         "IRhost|I2|Rhost"},
+        {"an invoked section in a macro body keeps its transform",
+         "$%define r /(.*)/ {$%1;}$%define m {$%[r:^net\\//]}$%[m]$%[m]", "host;port;host;port;"},
         {"replacement inside a prefix and suffix",
          "$%define inner /(q)/ {$%{aXa}}$%define outer /(q)/ {$%[inner:'a/b]}"
          "$%[outer:^pa\\//_s]",
