@@ -42,20 +42,18 @@ TEST_P(ParseError, RecordsOneError) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Property, ParseError,
-    testing::Values(ErrorCase{"$%{a", SE_UNTERMINATED_SECTION, "a", 1, 0},
-                    ErrorCase{"$%{a\nb}", SE_UNTERMINATED_SECTION, "a\n", 1, 1},
-                    ErrorCase{"x\n$%{a}\n\n$%{b", SE_UNTERMINATED_SECTION, "b", 1, 3},
-                    ErrorCase{"a\\\n$%{b", SE_UNTERMINATED_SECTION, "b", 1, 1},
-                    ErrorCase{"$%{a:}\n", SE_UNTERMINATED_SECTION, "a:}\n", 3, 1},
-                    ErrorCase{"$%{a$%[b]c$%[d]}", SE_ILLEGAL_CHARACTER, "a$%[b]c$", 7, 0},
-                    ErrorCase{"$%{n$%[zz]x}", SE_MACRO_NOT_FOUND, "n$%[zz]", 6, 0},
-                    ErrorCase{"$%{a:,x\ny", SE_UNTERMINATED_SECTION, "a:,x\ny", 6, 1},
-                    ErrorCase{"$%{a:?x/y", SE_UNTERMINATED_SECTION, "a:?x/y", 6, 0}));
-
-INSTANTIATE_TEST_SUITE_P(
-    Section, ParseError,
+    Stencil, ParseError,
     testing::Values(
+        ErrorCase{"$%{a", SE_UNTERMINATED_SECTION, "a", 1, 0},
+        ErrorCase{"$%{a\nb}", SE_UNTERMINATED_SECTION, "a\n", 1, 1},
+        ErrorCase{"x\n$%{a}\n\n$%{b", SE_UNTERMINATED_SECTION, "b", 1, 3},
+        ErrorCase{"a\\\n$%{b", SE_UNTERMINATED_SECTION, "b", 1, 1},
+        ErrorCase{"$%{a:}\n", SE_UNTERMINATED_SECTION, "a:}\n", 3, 1},
+        ErrorCase{"$%{a$%[b]c$%[d]}", SE_ILLEGAL_CHARACTER, "a$%[b]c$", 7, 0},
+        ErrorCase{"$%{n$%[zz]x}", SE_MACRO_NOT_FOUND, "n$%[zz]", 6, 0},
+        ErrorCase{"$%{a:,x\ny", SE_UNTERMINATED_SECTION, "a:,x\ny", 6, 1},
+        ErrorCase{"$%{a:?x/y", SE_UNTERMINATED_SECTION, "a:?x/y", 6, 0},
+        // Sections.
         ErrorCase{"$%/a", SE_UNTERMINATED_SECTION, "a", 1, 0},
         ErrorCase{"$%/a\n{x}", SE_UNTERMINATED_SECTION, "a\n", 1, 1},
         // The look-ahead behind a `/` crosses the newline, finds
@@ -72,11 +70,8 @@ INSTANTIATE_TEST_SUITE_P(
         ErrorCase{"$%[r:^a", SE_UNTERMINATED_SECTION, "^a", 2, 0},
         ErrorCase{"$%[r:^a/b", SE_UNTERMINATED_SECTION, "^a/b", 4, 0},
         ErrorCase{"$%[zz:^a]", SE_REGEX_NOT_FOUND, "zz", 0, 0},
-        ErrorCase{"$%define m {a}$%[m:]", SE_REGEX_IS_MACRO, "m", 0, 0}));
-
-INSTANTIATE_TEST_SUITE_P(
-    Macro, ParseError,
-    testing::Values(
+        ErrorCase{"$%define m {a}$%[m:]", SE_REGEX_IS_MACRO, "m", 0, 0},
+        // Definitions and invocations.
         ErrorCase{"$%define m {a}\n$%define m {b}", SE_DUPLICATE_MACRO_NAME, "{b}", 0, 1},
         ErrorCase{"$%define r /p/{a}$%define r {b}", SE_DUPLICATE_MACRO_NAME, "{b}", 0, 0},
         ErrorCase{"$%define b {y}", SE_DUPLICATE_MACRO_NAME, "{y}", 0, 0},

@@ -1,5 +1,5 @@
-// The tool's own host helpers: bounded copies, directory creation, the
-// mount table reader and the -L option string.
+// The tool's own host helpers: the mount table reader, the -L option
+// string, undo paths and outputs kept below the root.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -17,43 +17,6 @@
 #include "unit_util.h"
 
 namespace {
-
-TEST(ToolHost, StrlcpyAndStrlcat) {
-    char buf[8];
-    EXPECT_EQ(strlcpy(buf, "abc", sizeof buf), 3u);
-    EXPECT_STREQ(buf, "abc");
-    EXPECT_EQ(strlcpy(buf, "abcdefghij", sizeof buf), 10u);
-    EXPECT_STREQ(buf, "abcdefg");
-    EXPECT_EQ(strlcpy(buf, "xyz", 0), 3u);  // nothing written
-    EXPECT_STREQ(buf, "abcdefg");
-
-    strlcpy(buf, "ab", sizeof buf);
-    EXPECT_EQ(strlcat(buf, "cd", sizeof buf), 4u);
-    EXPECT_STREQ(buf, "abcd");
-    EXPECT_EQ(strlcat(buf, "efghij", sizeof buf), 10u);
-    EXPECT_STREQ(buf, "abcdefg");
-    // A full buffer reports its size plus what could not be added.
-    EXPECT_EQ(strlcat(buf, "xy", 4), 6u);
-    EXPECT_STREQ(buf, "abcdefg");
-}
-
-TEST(ToolHost, Mkdirp) {
-    unit::TempDir dir;
-    const std::string& base = dir.path();
-    std::string deep = base + "/a//b/c/";
-    EXPECT_EQ(mkdirp(deep.c_str(), 0755), 0);
-    struct stat st;
-    ASSERT_EQ(stat((base + "/a/b/c").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    errno = 0;
-    EXPECT_NE(mkdirp((base + "/a/b/c").c_str(), 0755), 0);
-    EXPECT_EQ(errno, EEXIST);
-    // A file in the way is a real failure.
-    unit::write_file(dir / "f", "");
-    errno = 0;
-    EXPECT_NE(mkdirp((dir / "f/x").c_str(), 0755), 0);
-    EXPECT_EQ(errno, ENOTDIR);
-}
 
 TEST(ToolHost, MountinfoPaths) {
     EXPECT_EQ(mountinfo_unescape("/a\\040b\\011c\\134d"), "/a b\tc\\d");
