@@ -89,6 +89,39 @@ TEST_F(KelvoDelivery, UnchangedFileIsLeftWhollyAlone) {
     EXPECT_EQ(after.st_ino, before.st_ino);
 }
 
+// The output is compared with the file whole, across pages and across the
+// pieces a stencil is made of: only the same text leaves the file alone.
+TEST_F(KelvoDelivery, OnlyTheSameTextLeavesTheFileAlone) {
+    const std::string page = std::string(static_cast<size_t>(getpagesize()) - 5, 'p') + "8080\n";
+    const struct {
+        std::string file, text;  // "8080" in text comes from the property
+        bool same;
+    } cases[] = {
+        {"a8080b\n", "a8080b\n", true},
+        {page, page, true},
+        {page + page, page + page, true},
+        {page, page.substr(0, page.size() - 1), false},
+        {page, page + "q", false},
+        {"a8080b\n", "a8080", false},
+        {"a8080", "a8080b\n", false},
+        {"a8O80b\n", "a8080b\n", false},
+        {"", "8080\n", false},
+    };
+    const std::string out = dir / "out.conf";
+    for (const auto& c : cases) {
+        std::string stencil = c.text;
+        for (size_t at; (at = stencil.find("8080")) != std::string::npos;)
+            stencil.replace(at, 4, "$%{config/port}");
+        e2e::write_file(stencils + "/s", stencil);
+        e2e::write_file(out, c.file);
+        struct timespec old_times[2] = {{1000000, 0}, {1000000, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, out.c_str(), old_times, 0), 0);
+        EXPECT_EQ(whole(run({"-o", out})), Whole(0, "", "")) << c.text.size();
+        EXPECT_EQ(e2e::read_file(out), c.text);
+        EXPECT_EQ(stat_of(out).st_mtim.tv_sec == 1000000, c.same) << c.text.size();
+    }
+}
+
 TEST_F(KelvoDelivery, ChangedFileRewrittenInPlace) {
     const std::string out = dir / "out.conf";
     // Longer than the new text, so a missing truncation shows.
