@@ -33,24 +33,18 @@ struct stat stat_of(const std::string& path) {
     return st;
 }
 
-class KelvoDelivery : public ::testing::Test {
+class KelvoDelivery : public e2e::ProgramTest {
   protected:
     void SetUp() override {
-        repo = dir / "repo.db";
+        ProgramTest::SetUp();
         e2e::make_repository(repo, MANIFEST);
-        stencils = dir / "stencils";
-        ASSERT_EQ(mkdir(stencils.c_str(), 0755), 0);
         e2e::write_file(stencils + "/s", "port=$%{config/port}\n");
-        root = dir / "root";
-        ASSERT_EQ(mkdir(root.c_str(), 0755), 0);
     }
     e2e::Result run(const std::vector<std::string>& extra) {
         std::vector<std::string> args = {"-f", WERN, "-S", stencils, "-i", "s"};
         args.insert(args.end(), extra.begin(), extra.end());
         return e2e::kelvo(repo, args);
     }
-    e2e::TempDir dir;
-    std::string repo, stencils, root;
 };
 
 TEST_F(KelvoDelivery, NewFileGetsTextModeOwnerAndGroup) {
@@ -179,7 +173,6 @@ TEST_F(KelvoDelivery, OpenFailures) {
 }
 
 TEST_F(KelvoDelivery, RootPrefixAndListMode) {
-    ASSERT_EQ(mkdir((root + "/etc").c_str(), 0755), 0);
     EXPECT_EQ(whole(run({"-o", "/etc/x.conf", "-R", root, "-l", "-m", "600"})), Whole(0, "", ""));
     EXPECT_EQ(e2e::read_file(root + "/etc/x.conf"), "config/port\n");
     EXPECT_EQ(stat_of(root + "/etc/x.conf").st_mode & 07777, 0600u);

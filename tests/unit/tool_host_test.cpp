@@ -1,5 +1,5 @@
-// The tool's own host helpers: the mount table reader, the -L option
-// string, undo paths and outputs kept below the root.
+// The tool's own host helpers: the mount table reader, and outputs kept
+// below the root (with openat2 and with the walk for older kernels).
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -44,32 +44,6 @@ TEST(ToolHost, MountinfoPaths) {
     EXPECT_EQ(host_is_mount_point(mountinfo_unescape(mount_point).c_str()), 1) << first;
     unit::TempDir dir;
     EXPECT_EQ(host_is_mount_point(dir.path().c_str()), 0);
-}
-
-TEST(ToolHost, LofsOptionString) {
-    ssize_t len = 0;
-    char* options = lofs_options_create("ro", &len);
-    ASSERT_NE(options, nullptr);
-    EXPECT_STREQ(options, "xatrr,nosuid,ro");
-    EXPECT_EQ(len, 25);
-    free(options);
-    options = lofs_options_create("", &len);
-    EXPECT_STREQ(options, "xatrr,nosuid,");
-    EXPECT_EQ(len, 23);
-    free(options);
-}
-
-TEST(ToolHost, UndoBuildsPathBelowPrefix) {
-    unit::TempDir dir;
-    const std::string& base = dir.path();
-    const std::string file = dir / "f";
-    unit::write_file(file, "");
-    // "/f" below the prefix gives base + "//f": the same file.
-    EXPECT_EQ(undo_file("/f", base.c_str(), 0), 0);
-    EXPECT_NE(access(file.c_str(), F_OK), 0);
-    EXPECT_EQ(undo_file("/f", base.c_str(), 0), -1);
-    // A relative mount point is refused before anything is unlinked.
-    EXPECT_EQ(undo_file("f", base.c_str(), 1), -1);
 }
 
 // Names below a root resolve as though the root were "/", with openat2 and
