@@ -1,14 +1,16 @@
 # Entry points for a fresh Debian machine:
-#   make demo   installs what is missing, builds, and runs kelvo on examples/
-#   make check  installs what is missing, builds (Release, GCC), runs every
-#               test, then the same tests built with AddressSanitizer and
-#               UBSan (Debug, clang); warnings are errors in both
+#   make demo          installs what is missing, builds, and runs kelvo on examples/
+#   make check         installs what is missing, builds (Release, GCC), runs every
+#                      test, then the same tests built with AddressSanitizer and
+#                      UBSan (Debug, clang); warnings are errors in both
 #   make check-chroot  runs the Release build's tests again in a bare chroot
-# demo and check share one configuration of BUILD (warnings are errors
-# there too), so that "make demo" then "make check" compiles nothing twice.
+#   make format-check  formatting, the layers of docs/architecture.md, names
 #   make install       builds and installs below PREFIX (cmake --install)
 #   make deb           builds the Debian package into BUILD/deb
 #   make check-package installs that package and runs the demo with it
+#   make fuzz          runs each libFuzzer target for FUZZ_SECONDS
+# demo and check share one configuration of BUILD (warnings are errors
+# there too), so that "make demo" then "make check" compiles nothing twice.
 # install and deb check for missing dependencies instead of installing them.
 BUILD      ?= build
 ASAN_BUILD ?= build-asan

@@ -16,9 +16,13 @@ missing=""
 
 # The package names of Build-Depends, one line per dependency, alternatives
 # separated by "|", without versions, architectures and build profiles.
+# "make install" compiles the tests (it shares the build of "make check")
+# but runs none, so the programs only the tests run (those marked
+# <!nocheck> that are no library) are not asked of it.
 build_depends() {
     sed -n '/^Build-Depends:/,/^[^ ]/{ s/^Build-Depends://; /^[A-Z]/d; p; }' "$SRC/debian/control" |
         tr '\n' ' ' | tr ',' '\n' |
+        awk -v mode="$MODE" 'mode != "install" || !/<!nocheck>/ || /gtest|googletest/' |
         sed 's/([^)]*)//g; s/\[[^]]*\]//g; s/<[^>]*>//g; s/:[a-z0-9]*//g; s/[[:space:]]//g' |
         grep -v '^$'
 }
