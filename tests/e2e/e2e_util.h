@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <map>
 #include <optional>
@@ -112,6 +113,19 @@ class RepositoryTest : public ::testing::Test {
 
   private:
     std::string manifest_;
+};
+
+// A scratch directory holding the paths a run of the programs uses: the
+// repository (made by the test), a stencil directory, and a root prefix
+// with its etc/.
+class ProgramTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        for (const std::string& d : {stencils, root, root + "/etc"})
+            ASSERT_EQ(mkdir(d.c_str(), 0755), 0) << d;
+    }
+    TempDir dir;
+    std::string repo = dir / "repo.db", stencils = dir / "stencils", root = dir / "root";
 };
 
 // A manifest of one service whose instance "default" has a group "config"

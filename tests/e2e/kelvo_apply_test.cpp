@@ -29,17 +29,11 @@ struct Group {
     std::string name, file, stencil, extra;
 };
 
-class KelvoApply : public ::testing::Test {
+class KelvoApply : public e2e::ProgramTest {
   protected:
     void SetUp() override {
-        repo = dir / "repo.db";
-        stencils = dir / "stencils";
-        root = dir / "root";
-        log = dir / "log";
-        // Staged paths with a blank and a quote: a check must get them quoted.
-        tmp = dir / "st age's";
-        for (const std::string& d : {stencils, root, root + "/etc", tmp})
-            ASSERT_EQ(mkdir(d.c_str(), 0755), 0);
+        ProgramTest::SetUp();
+        ASSERT_EQ(mkdir(tmp.c_str(), 0755), 0);
         e2e::write_file(stencils + "/s", "port=$%{config/port}\n");
         e2e::write_file(stencils + "/t", "fixed\n");
     }
@@ -74,8 +68,8 @@ class KelvoApply : public ::testing::Test {
     }
     std::string path(const std::string& name) { return root + "//etc/" + name; }
 
-    e2e::TempDir dir;
-    std::string repo, stencils, root, log, tmp;
+    // Staged paths with a blank and a quote: a check must get them quoted.
+    std::string log = dir / "log", tmp = dir / "st age's";
 };
 
 TEST_F(KelvoApply, PassingChecksApplyAndEachReloadRunsOnceAfterAChange) {

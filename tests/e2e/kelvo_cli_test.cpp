@@ -44,13 +44,11 @@ const std::string USAGE =
 using e2e::whole;
 using e2e::Whole;
 
-class KelvoCli : public ::testing::Test {
+class KelvoCli : public e2e::ProgramTest {
   protected:
     void SetUp() override {
-        repo = dir / "repo.db";
+        ProgramTest::SetUp();
         e2e::make_repository(repo, MANIFEST);
-        stencils = dir / "stencils";
-        ASSERT_EQ(mkdir(stencils.c_str(), 0755), 0);
     }
     e2e::Result run(const std::vector<std::string>& args, const std::string& input = "",
                     std::map<std::string, std::optional<std::string>> env = {}) {
@@ -69,9 +67,6 @@ class KelvoCli : public ::testing::Test {
     static bool cannot_drop(const e2e::Result& r) {
         return r.status == 127 || r.err.find("setpriv:") != std::string::npos;
     }
-    e2e::TempDir dir;
-    std::string repo;
-    std::string stencils;
 };
 
 struct UsageCase {

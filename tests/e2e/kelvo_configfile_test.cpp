@@ -17,12 +17,10 @@ const char* const WERN = "wrn:/net/foo:default";
 using e2e::whole;
 using e2e::Whole;
 
-class KelvoConfigfile : public ::testing::Test {
+class KelvoConfigfile : public e2e::ProgramTest {
   protected:
     void SetUp() override {
-        repo = dir / "repo.db";
-        stencils = dir / "stencils";
-        ASSERT_EQ(mkdir(stencils.c_str(), 0755), 0);
+        ProgramTest::SetUp();
         e2e::write_file(stencils + "/s", "port=$%{config/port}\n");
     }
     // groups: the JSON members of the instance's "groups" object, beside the
@@ -50,8 +48,6 @@ class KelvoConfigfile : public ::testing::Test {
         args.insert(args.end(), extra.begin(), extra.end());
         return e2e::kelvo(repo, args);
     }
-    e2e::TempDir dir;
-    std::string repo, stencils;
 };
 
 TEST_F(KelvoConfigfile, EachGroupWritesItsFile) {

@@ -33,24 +33,18 @@ struct stat stat_of(const std::string& path) {
     return st;
 }
 
-class KelvoDelivery : public ::testing::Test {
+class KelvoDelivery : public e2e::ProgramTest {
   protected:
     void SetUp() override {
-        repo = dir / "repo.db";
+        ProgramTest::SetUp();
         e2e::make_repository(repo, MANIFEST);
-        stencils = dir / "stencils";
-        ASSERT_EQ(mkdir(stencils.c_str(), 0755), 0);
         e2e::write_file(stencils + "/s", "port=$%{config/port}\n");
-        root = dir / "root";
-        ASSERT_EQ(mkdir(root.c_str(), 0755), 0);
     }
     e2e::Result run(const std::vector<std::string>& extra) {
         std::vector<std::string> args = {"-f", WERN, "-S", stencils, "-i", "s"};
         args.insert(args.end(), extra.begin(), extra.end());
         return e2e::kelvo(repo, args);
     }
-    e2e::TempDir dir;
-    std::string repo, stencils, root;
 };
 
 TEST_F(KelvoDelivery, NewFileGetsTextModeOwnerAndGroup) {
@@ -87,6 +81,39 @@ TEST_F(KelvoDelivery, UnchangedFileIsLeftWhollyAlone) {
     EXPECT_EQ(after.st_gid, before.st_gid);
     EXPECT_EQ(after.st_mtim.tv_sec, 1000000);
     EXPECT_EQ(after.st_ino, before.st_ino);
+}
+
+// The output is compared with the file whole, across pages and across the
+// pieces a stencil is made of: only the same text leaves the file alone.
+TEST_F(KelvoDelivery, OnlyTheSameTextLeavesTheFileAlone) {
+    const std::string page = std::string(static_cast<size_t>(getpagesize()) - 5, 'p') + "8080\n";
+    const struct {
+        std::string file, text;  // "8080" in text comes from the property
+        bool same;
+    } cases[] = {
+        {"a8080b\n", "a8080b\n", true},
+        {page, page, true},
+        {page + page, page + page, true},
+        {page + "q", page, false},
+        {page, page + "q", false},
+        {"a8080b\nmore", "a8080b\n", false},
+        {"a8080", "a8080b\n", false},
+        {"a8O80b\n", "a8080b\n", false},
+        {"", "8080\n", false},
+    };
+    const std::string out = dir / "out.conf";
+    for (const auto& c : cases) {
+        std::string stencil = c.text;
+        for (size_t at; (at = stencil.find("8080")) != std::string::npos;)
+            stencil.replace(at, 4, "$%{config/port}");
+        e2e::write_file(stencils + "/s", stencil);
+        e2e::write_file(out, c.file);
+        struct timespec old_times[2] = {{1000000, 0}, {1000000, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, out.c_str(), old_times, 0), 0);
+        EXPECT_EQ(whole(run({"-o", out})), Whole(0, "", "")) << c.text.size();
+        EXPECT_EQ(e2e::read_file(out), c.text);
+        EXPECT_EQ(stat_of(out).st_mtim.tv_sec == 1000000, c.same) << c.text.size();
+    }
 }
 
 TEST_F(KelvoDelivery, ChangedFileRewrittenInPlace) {
@@ -146,7 +173,6 @@ TEST_F(KelvoDelivery, OpenFailures) {
 }
 
 TEST_F(KelvoDelivery, RootPrefixAndListMode) {
-    ASSERT_EQ(mkdir((root + "/etc").c_str(), 0755), 0);
     EXPECT_EQ(whole(run({"-o", "/etc/x.conf", "-R", root, "-l", "-m", "600"})), Whole(0, "", ""));
     EXPECT_EQ(e2e::read_file(root + "/etc/x.conf"), "config/port\n");
     EXPECT_EQ(stat_of(root + "/etc/x.conf").st_mode & 07777, 0600u);
@@ -283,96 +309,92 @@ class KelvoMount : public KelvoDelivery {
                          << r.status << "): " << r.err;
     }
     // Runs a shell script in one private mount namespace, so that later
-    // commands see the mounts of earlier ones. $K is kelvo.
-    e2e::Result script(const std::string& text) {
+    // commands see the mounts of earlier ones. $K is kelvo, $T a directory
+    // of the script's own, holding "plain", a file on the test's file system.
+    e2e::Result script(const std::string& text, const std::string& t) {
         e2e::Run r;
         r.wrapper = e2e::private_mount_namespace(dir.path());
         // The written files lie below the prefix at the test directory's path.
-        r.args = {"sh", "-c", "mkdir -p $R$T || exit 99\n" + text};
+        r.args = {"sh", "-c", "mkdir -p $R$T $T && echo kept >$T/plain || exit 99\n" + text};
         r.env = {{"HGX_REPOSITORY", repo}, {"QRM_WERN", WERN}, {"K", e2e::kelvo_bin()},
-                 {"S", stencils},          {"R", root},        {"T", dir.path()}};
+                 {"S", stencils},          {"R", root},        {"T", t}};
         return e2e::run(r);
     }
 };
 
-TEST_F(KelvoMount, WrittenFileShowsAtItsPath) {
-    // The mount point does not exist: an empty file is made for it.
-    e2e::Result r = script(
-        "$K -S $S -i s -o $T/m.conf -R $R -L ro || exit 9\n"
-        "cat $T/m.conf\n"
-        "grep -c \" $T/m.conf \" /proc/self/mountinfo\n"
-        "grep \" $T/m.conf \" /proc/self/mountinfo | grep -q ' ro,' && echo readonly\n");
-    EXPECT_EQ(whole(r), Whole(0, "port=8080\n1\nreadonly\n", ""));
-}
-
-TEST_F(KelvoMount, ChangedContentRemountsUnchangedTouchesNothing) {
-    // After each run, the access mode of every mount on the path. The later
-    // runs ask for "rw": an unchanged run must leave the "ro" mount as it
-    // is, a changed one must replace it.
-    e2e::Result r = script(
-        "modes() { grep \" $T/m.conf \" /proc/self/mountinfo | cut -d' ' -f6 | cut -d, -f1"
-        " | tr '\\n' ' '; echo; }\n"
-        "$K -S $S -i s -o $T/m.conf -R $R -L ro || exit 9\n"
-        "modes\n"
-        "$K -S $S -i s -o $T/m.conf -R $R -L rw || exit 8\n"
-        "modes\n"
-        "echo 'changed=$%{config/port}' > $S/s\n"
-        "$K -S $S -i s -o $T/m.conf -R $R -L rw || exit 7\n"
-        "modes\n"
-        "cat $T/m.conf\n");
-    EXPECT_EQ(whole(r), Whole(0, "ro \nro \nrw \nchanged=8080\n", ""));
-}
-
-TEST_F(KelvoMount, UndoWithAndWithoutMountFlag) {
-    e2e::write_file(dir / "plain", "kept\n");
-    e2e::Result r = script(
-        "$K -S $S -i s -o $T/m.conf -R $R -L ro || exit 9\n"
-        // Without -L the mount stays and only the file below the prefix goes.
-        "$K -u -o $T/m.conf -R $R; echo undo=$?\n"
-        "grep -c \" $T/m.conf \" /proc/self/mountinfo\n"
-        "test -e $R$T/m.conf || echo gone\n"
-        "$K -S $S -i s -o $T/m.conf -R $R -L ro || exit 8\n"
-        "$K -u -o $T/m.conf -R $R -L ro; echo undo=$?\n"
-        "grep -c \" $T/m.conf \" /proc/self/mountinfo\n"
-        "test -e $T/m.conf && echo mount-point-stays\n"
-        // A path on an ordinary file system: nothing to unmount.
-        "mkdir -p $R$T && cp $T/plain $R$T/plain\n"
-        "$K -u -o $T/plain -R $R -L ro; echo undo=$?\n"
-        // Nothing there at all: -1, seen as 255, and no message.
-        "$K -u -o $T/none -R $R -L ro; echo undo=$?\n");
-    EXPECT_EQ(whole(r),
-              Whole(0, "undo=0\n1\ngone\nundo=0\n0\nmount-point-stays\nundo=0\nundo=255\n", ""));
-}
-
-TEST_F(KelvoMount, RelativePathRefusedAndFileRemoved) {
-    ASSERT_EQ(mkdir((root + "/rel").c_str(), 0755), 0);
-    e2e::Result r = script("cd $T && $K -S $S -i s -o rel/m.conf -R $R -L ro\n");
-    EXPECT_EQ(whole(r), Whole(1, "", "Mount point is not an absolute path: rel/m.conf\n"));
-    EXPECT_FALSE(e2e::exists(root + "/rel/m.conf"));
-}
-
-TEST_F(KelvoMount, DirectoriesAndMountStayBelowTheRoot) {
-    // $R$T/lnk leads to $T/outside: inside the root that is $R$T/outside,
-    // where -p makes its directories and whose file is mounted; the real
-    // $T/outside gets nothing.
-    e2e::Result r = script(
-        "mkdir -p $T/outside $R$T $T/lnk/sub && ln -s $T/outside $R$T/lnk || exit 99\n"
-        "$K -S $S -i s -o $T/lnk/sub/m.conf -R $R -L ro -p || exit 9\n"
-        "cat $T/lnk/sub/m.conf $R$T/outside/sub/m.conf\n"
-        "test -e $T/outside/sub && echo escaped\n"
-        "$K -u -o $T/lnk/sub/m.conf -R $R -L ro; echo undo=$?\n"
-        "test -e $R$T/outside/sub/m.conf || echo gone\n");
-    EXPECT_EQ(whole(r), Whole(0, "port=8080\nport=8080\nundo=0\ngone\n", ""));
-}
-
-TEST_F(KelvoMount, CreatesIntermediateDirectories) {
-    e2e::Result r = script(
-        "mkdir $T/deep\n"
-        "$K -S $S -i s -o $T/deep/m.conf -R $R -L rw -p || exit 9\n"
-        "test -f $R$T/deep/m.conf && echo written\n"
+TEST_F(KelvoMount, Scripts) {
+    const struct {
+        const char* name;
+        std::string script;
+        Whole expected;
+    } cases[] = {
+        // The mount point does not exist: an empty file is made for it.
+        {"written file shows at its path",
+         "$K -S $S -i s -o $T/m.conf -R $R -L ro || exit 9\n"
+         "cat $T/m.conf\n"
+         "grep -c \" $T/m.conf \" /proc/self/mountinfo\n"
+         "grep \" $T/m.conf \" /proc/self/mountinfo | grep -q ' ro,' && echo readonly\n",
+         {0, "port=8080\n1\nreadonly\n", ""}},
+        // The later runs ask for "rw": an unchanged run leaves the "ro"
+        // mount as it is, a changed one replaces it.
+        {"changed content remounts, unchanged touches nothing",
+         "modes() { grep \" $T/m.conf \" /proc/self/mountinfo | cut -d' ' -f6 | cut -d, -f1"
+         " | tr '\\n' ' '; echo; }\n"
+         "$K -S $S -i s -o $T/m.conf -R $R -L ro || exit 9\n"
+         "modes\n"
+         "$K -S $S -i s -o $T/m.conf -R $R -L rw || exit 8\n"
+         "modes\n"
+         "echo 'changed=$%{config/port}' > $S/s\n"
+         "$K -S $S -i s -o $T/m.conf -R $R -L rw || exit 7\n"
+         "modes\n"
+         "cat $T/m.conf\n",
+         {0, "ro \nro \nrw \nchanged=8080\n", ""}},
+        {"undo with and without -L",
+         "$K -S $S -i s -o $T/m.conf -R $R -L ro || exit 9\n"
+         // Without -L the mount stays and only the file below the prefix goes.
+         "$K -u -o $T/m.conf -R $R; echo undo=$?\n"
+         "grep -c \" $T/m.conf \" /proc/self/mountinfo\n"
+         "test -e $R$T/m.conf || echo gone\n"
+         "$K -S $S -i s -o $T/m.conf -R $R -L ro || exit 8\n"
+         "$K -u -o $T/m.conf -R $R -L ro; echo undo=$?\n"
+         "grep -c \" $T/m.conf \" /proc/self/mountinfo\n"
+         "test -e $T/m.conf && echo mount-point-stays\n"
+         // A path on an ordinary file system: nothing to unmount.
+         "mkdir -p $R$T && cp $T/plain $R$T/plain\n"
+         "$K -u -o $T/plain -R $R -L ro; echo undo=$?\n"
+         // Nothing there at all: -1, seen as 255, and no message.
+         "$K -u -o $T/none -R $R -L ro; echo undo=$?\n",
+         {0, "undo=0\n1\ngone\nundo=0\n0\nmount-point-stays\nundo=0\nundo=255\n", ""}},
+        {"relative path refused and file removed",
+         "mkdir -p $R$T/rel && cd $T && $K -S $S -i s -o rel/m.conf -R $R$T -L ro; st=$?\n"
+         "test -e $R$T/rel/m.conf && echo left\n"
+         "exit $st\n",
+         {1, "", "Mount point is not an absolute path: rel/m.conf\n"}},
+        // $R$T/lnk leads to $T/outside: inside the root that is
+        // $R$T/outside, where -p makes its directories and whose file is
+        // mounted; the real $T/outside gets nothing.
+        {"directories and mount stay below the root",
+         "mkdir -p $T/outside $R$T $T/lnk/sub && ln -s $T/outside $R$T/lnk || exit 99\n"
+         "$K -S $S -i s -o $T/lnk/sub/m.conf -R $R -L ro -p || exit 9\n"
+         "cat $T/lnk/sub/m.conf $R$T/outside/sub/m.conf\n"
+         "test -e $T/outside/sub && echo escaped\n"
+         "$K -u -o $T/lnk/sub/m.conf -R $R -L ro; echo undo=$?\n"
+         "test -e $R$T/outside/sub/m.conf || echo gone\n",
+         {0, "port=8080\nport=8080\nundo=0\ngone\n", ""}},
         // Again, now that the directories exist.
-        "$K -S $S -i s -o $T/deep/n.conf -R $R -L rw -p && echo again\n");
-    EXPECT_EQ(whole(r), Whole(0, "written\nagain\n", ""));
+        {"creates intermediate directories",
+         "mkdir $T/deep\n"
+         "$K -S $S -i s -o $T/deep/m.conf -R $R -L rw -p || exit 9\n"
+         "test -f $R$T/deep/m.conf && echo written\n"
+         "$K -S $S -i s -o $T/deep/n.conf -R $R -L rw -p && echo again\n",
+         {0, "written\nagain\n", ""}},
+    };
+    int k = 0;
+    for (const auto& c : cases) {
+        e2e::write_file(stencils + "/s", "port=$%{config/port}\n");
+        EXPECT_EQ(whole(script(c.script, dir / ("run" + std::to_string(k++)))), c.expected)
+            << c.name;
+    }
 }
 
 }  // namespace

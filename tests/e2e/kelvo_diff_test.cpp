@@ -37,15 +37,10 @@ std::string tree_of(const std::string& dir) {
     return out;
 }
 
-class KelvoDiff : public ::testing::Test {
+class KelvoDiff : public e2e::ProgramTest {
   protected:
     void SetUp() override {
-        repo = dir / "repo.db";
-        stencils = dir / "stencils";
-        root = dir / "root";
-        ASSERT_EQ(mkdir(stencils.c_str(), 0755), 0);
-        ASSERT_EQ(mkdir(root.c_str(), 0755), 0);
-        ASSERT_EQ(mkdir((root + "/etc").c_str(), 0755), 0);
+        ProgramTest::SetUp();
         e2e::write_file(stencils + "/foo", "# foo\nport=$%{config/port}\nend\n");
     }
     e2e::Result diff(const std::vector<std::string>& args) {
@@ -53,9 +48,6 @@ class KelvoDiff : public ::testing::Test {
     }
     e2e::Result diff() { return diff({"-f", WERN, "-R", root, "-S", stencils}); }
     e2e::Result kelvo() { return e2e::kelvo(repo, {"-a", "-f", WERN, "-R", root, "-S", stencils}); }
-
-    e2e::TempDir dir;
-    std::string repo, stencils, root;
 };
 
 TEST_F(KelvoDiff, NewFileShowsModeAndContentAndWritesNothing) {

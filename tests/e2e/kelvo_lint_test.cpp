@@ -66,13 +66,11 @@ std::vector<std::pair<int, std::string>> guide_examples(const std::string& text)
     return examples;
 }
 
-class KelvoLint : public ::testing::Test {
+class KelvoLint : public e2e::ProgramTest {
   protected:
     void SetUp() override {
-        repo = dir / "repo.db";
-        stencils = dir / "stencils";
+        ProgramTest::SetUp();
         e2e::make_repository(repo, MANIFEST);
-        ASSERT_EQ(mkdir(stencils.c_str(), 0755), 0);
     }
     e2e::Result lint(const std::vector<std::string>& args) {
         return e2e::program(e2e::kelvo_lint_bin(), repo, args);
@@ -81,8 +79,6 @@ class KelvoLint : public ::testing::Test {
         e2e::write_file(stencils + "/s", text);
         return lint({"-f", WERN, "-S", stencils, "-i", "s"});
     }
-    e2e::TempDir dir;
-    std::string repo, stencils;
 };
 
 TEST_F(KelvoLint, ReportsWhatNamesNothingWithItsLine) {

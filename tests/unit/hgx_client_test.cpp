@@ -1,5 +1,5 @@
 // The repository client against real repository files built with the
-// library's writer: wern decoding, composed views, snapshots, iteration,
+// library's writer: wern decoding, composed views, snapshots,
 // read consistency while another process writes, and bind failures.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -376,54 +376,6 @@ std::vector<std::string> service_names(hgx_handle_t* h) {
     hgx_iter_destroy(it);
     hgx_scope_destroy(scope);
     return names;
-}
-
-TEST_F(Client, IterationOrderEndsAndRestarts) {
-    EXPECT_EQ(service_names(h), (std::vector<std::string>{"Zed", "a", "net/bar", "net/foo"}));
-
-    hgx_service_t* s = hgx_service_create(h);
-    hgx_instance_t* inst = hgx_instance_create(h);
-    hgx_propertygroup_t* g = hgx_pg_create(h);
-    hgx_iter_t* it = hgx_iter_create(h);
-    char buf[1100];
-    ASSERT_EQ(hgx_handle_decode_wern(h, "wrn:/net/foo", nullptr, s, nullptr, nullptr, nullptr,
-                                     HGX_DECODE_SERVICE_ONLY),
-              0);
-    ASSERT_EQ(hgx_iter_service_instances(it, s), 0);
-    std::vector<std::string> names;
-    while (hgx_iter_next_instance(it, inst) == 1) {
-        ASSERT_GT(hgx_instance_to_wern(inst, buf, sizeof buf), 0);
-        names.push_back(buf);
-    }
-    EXPECT_EQ(names, (std::vector<std::string>{"wrn:/net/foo:default", "wrn:/net/foo:other"}));
-
-    // The same iterator restarts on a walk of another kind, and refuses a
-    // step of the wrong kind.
-    ASSERT_EQ(hgx_iter_service_pgs(it, s), 0);
-    EXPECT_EQ(hgx_iter_next_instance(it, inst), -1);
-    EXPECT_EQ(hgx_error(), HGX_ERROR_TYPE_MISMATCH);
-    names.clear();
-    while (hgx_iter_next_pg(it, g) == 1) {
-        ASSERT_GT(hgx_pg_to_wern(g, buf, sizeof buf), 0);
-        names.push_back(buf);
-    }
-    EXPECT_EQ(names, (std::vector<std::string>{"wrn:/net/foo/:properties/config",
-                                               "wrn:/net/foo/:properties/general",
-                                               "wrn:/net/foo/:properties/shared_only"}));
-    // An instance without groups: the walk ends at once.
-    ASSERT_EQ(hgx_handle_decode_wern(h, "wrn:/net/foo:other", nullptr, nullptr, inst, nullptr,
-                                     nullptr, 0),
-              0);
-    ASSERT_EQ(hgx_iter_instance_pgs(it, inst), 0);
-    EXPECT_EQ(hgx_iter_next_pg(it, g), 0);
-
-    // A short buffer gets a cut, terminated text and the whole length.
-    EXPECT_EQ(hgx_service_to_wern(s, buf, 5), 12);
-    EXPECT_STREQ(buf, "wrn:");
-    hgx_iter_destroy(it);
-    hgx_pg_destroy(g);
-    hgx_instance_destroy(inst);
-    hgx_service_destroy(s);
 }
 
 TEST_F(Client, BoundHandleKeepsItsStateWhileAnotherProcessWrites) {

@@ -1,5 +1,5 @@
-// The tool's own host helpers: bounded copies, directory creation, the
-// mount table reader and the -L option string.
+// The tool's own host helpers: the mount table reader, and outputs kept
+// below the root (with openat2 and with the walk for older kernels).
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -17,43 +17,6 @@
 #include "unit_util.h"
 
 namespace {
-
-TEST(ToolHost, StrlcpyAndStrlcat) {
-    char buf[8];
-    EXPECT_EQ(strlcpy(buf, "abc", sizeof buf), 3u);
-    EXPECT_STREQ(buf, "abc");
-    EXPECT_EQ(strlcpy(buf, "abcdefghij", sizeof buf), 10u);
-    EXPECT_STREQ(buf, "abcdefg");
-    EXPECT_EQ(strlcpy(buf, "xyz", 0), 3u);  // nothing written
-    EXPECT_STREQ(buf, "abcdefg");
-
-    strlcpy(buf, "ab", sizeof buf);
-    EXPECT_EQ(strlcat(buf, "cd", sizeof buf), 4u);
-    EXPECT_STREQ(buf, "abcd");
-    EXPECT_EQ(strlcat(buf, "efghij", sizeof buf), 10u);
-    EXPECT_STREQ(buf, "abcdefg");
-    // A full buffer reports its size plus what could not be added.
-    EXPECT_EQ(strlcat(buf, "xy", 4), 6u);
-    EXPECT_STREQ(buf, "abcdefg");
-}
-
-TEST(ToolHost, Mkdirp) {
-    unit::TempDir dir;
-    const std::string& base = dir.path();
-    std::string deep = base + "/a//b/c/";
-    EXPECT_EQ(mkdirp(deep.c_str(), 0755), 0);
-    struct stat st;
-    ASSERT_EQ(stat((base + "/a/b/c").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    errno = 0;
-    EXPECT_NE(mkdirp((base + "/a/b/c").c_str(), 0755), 0);
-    EXPECT_EQ(errno, EEXIST);
-    // A file in the way is a real failure.
-    unit::write_file(dir / "f", "");
-    errno = 0;
-    EXPECT_NE(mkdirp((dir / "f/x").c_str(), 0755), 0);
-    EXPECT_EQ(errno, ENOTDIR);
-}
 
 TEST(ToolHost, MountinfoPaths) {
     EXPECT_EQ(mountinfo_unescape("/a\\040b\\011c\\134d"), "/a b\tc\\d");
@@ -81,32 +44,6 @@ TEST(ToolHost, MountinfoPaths) {
     EXPECT_EQ(host_is_mount_point(mountinfo_unescape(mount_point).c_str()), 1) << first;
     unit::TempDir dir;
     EXPECT_EQ(host_is_mount_point(dir.path().c_str()), 0);
-}
-
-TEST(ToolHost, LofsOptionString) {
-    ssize_t len = 0;
-    char* options = lofs_options_create("ro", &len);
-    ASSERT_NE(options, nullptr);
-    EXPECT_STREQ(options, "xatrr,nosuid,ro");
-    EXPECT_EQ(len, 25);
-    free(options);
-    options = lofs_options_create("", &len);
-    EXPECT_STREQ(options, "xatrr,nosuid,");
-    EXPECT_EQ(len, 23);
-    free(options);
-}
-
-TEST(ToolHost, UndoBuildsPathBelowPrefix) {
-    unit::TempDir dir;
-    const std::string& base = dir.path();
-    const std::string file = dir / "f";
-    unit::write_file(file, "");
-    // "/f" below the prefix gives base + "//f": the same file.
-    EXPECT_EQ(undo_file("/f", base.c_str(), 0), 0);
-    EXPECT_NE(access(file.c_str(), F_OK), 0);
-    EXPECT_EQ(undo_file("/f", base.c_str(), 0), -1);
-    // A relative mount point is refused before anything is unlinked.
-    EXPECT_EQ(undo_file("f", base.c_str(), 1), -1);
 }
 
 // Names below a root resolve as though the root were "/", with openat2 and
