@@ -248,11 +248,12 @@ Result program(const char* bin, const std::string& repository, const std::vector
     return run(r);
 }
 
-Result hgxrepo(const std::vector<std::string>& args, const std::string& input) {
+Result hgxrepo(const std::vector<std::string>& args, const std::string& input, const Env& env) {
     Run r;
     r.args = {hgxrepo_bin()};
     r.args.insert(r.args.end(), args.begin(), args.end());
     r.input = input;
+    r.env = env;
     return run(r);
 }
 

@@ -352,6 +352,28 @@ int EtcdServer::leader() const {
     return -1;
 }
 
+void EtcdServer::put(const std::string& key, const std::string& value) const {
+    post(0, "/v3/kv/put", "{\"key\":\"" + b64(key) + "\",\"value\":\"" + b64(value) + "\"}");
+}
+
+void EtcdServer::compact() const {
+    std::string status = post(0, "/v3/kv/range", "{\"key\":\"AA==\"}");
+    size_t at = status.find("\"revision\":\"") + 12;
+    post(0, "/v3/kv/compaction",
+         "{\"revision\":\"" + status.substr(at, status.find('"', at) - at) +
+             "\",\"physical\":true}");
+}
+
+long EtcdServer::count(const std::string& prefix) const {
+    std::string end = prefix;
+    end.back() = static_cast<char>(end.back() + 1);
+    std::string r = post(
+        0, "/v3/kv/range",
+        "{\"key\":\"" + b64(prefix) + "\",\"range_end\":\"" + b64(end) + "\",\"count_only\":true}");
+    size_t at = r.find("\"count\":\"");
+    return at == std::string::npos ? 0 : std::stol(r.substr(at + 9));
+}
+
 bool EtcdServer::enable_auth(const std::string& password) {
     post(0, "/v3/auth/role/add", "{\"name\":\"root\"}");
     post(0, "/v3/auth/user/add", "{\"name\":\"root\",\"password\":\"" + password + "\"}");
