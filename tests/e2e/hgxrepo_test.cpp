@@ -20,33 +20,12 @@ using e2e::read_file;
 using e2e::TempDir;
 using e2e::write_file;
 
-const char MANIFEST[] = R"({
-  "services": {
-    "net/foo": {
-      "groups": {
-        "general": { "type": "framework", "properties": { "enabled": true } },
-        "config": { "properties": { "port": 80, "base": "s" } }
-      },
-      "instances": {
-        "default": {
-          "groups": {
-            "config": {
-              "type": "application",
-              "properties": {
-                "port": 8080,
-                "hosts": ["a.example", "b.example"],
-                "mode": { "type": "astring", "values": ["0644"] },
-                "empty": []
-              },
-              "groups": { "tls": { "properties": { "on": false } } }
-            }
-          }
-        }
-      }
-    },
-    "other": {}
-  }
-})";
+const char MANIFEST[] = R"({"services": {"net/foo": {"groups": {"general": {"type": "framework",
+    "properties": {"enabled": true}}, "config": {"properties": {"port": 80, "base": "s"}}},
+    "instances": {"default": {"groups": {"config": {"type": "application",
+    "properties": {"port": 8080, "hosts": ["a.example", "b.example"],
+    "mode": {"type": "astring", "values": ["0644"]}, "empty": []},
+    "groups": {"tls": {"properties": {"on": false}}}}}}}}, "other": {}}})";
 
 // Status, standard output and standard error as one text.
 std::string whole_of(const e2e::Result& r) {

@@ -511,44 +511,27 @@ TEST(Writer, RedoesAFileThatHoldsNothingAndRefusesAForeignOne) {
 TEST(Writer, RefusesValuesThatDoNotFitTheirType) {
     struct {
         hgx_type_t type;
-        const char* value;
-        bool ok;
+        std::vector<const char*> good, bad;
     } cases[] = {
-        {HGX_TYPE_BOOLEAN, "true", true},
-        {HGX_TYPE_BOOLEAN, "yes", false},
-        {HGX_TYPE_COUNT, "18446744073709551615", true},
-        {HGX_TYPE_COUNT, "18446744073709551616", false},
-        {HGX_TYPE_COUNT, "-1", false},
-        {HGX_TYPE_COUNT, "", false},
-        {HGX_TYPE_INTEGER, "-9223372036854775808", true},
-        {HGX_TYPE_INTEGER, "9223372036854775808", false},
-        {HGX_TYPE_INTEGER, "1x", false},
-        {HGX_TYPE_NET_ADDRESS_V4, "10.1.2.3", true},
-        {HGX_TYPE_NET_ADDRESS_V4, "10.1.2.0/24", true},
-        {HGX_TYPE_NET_ADDRESS_V4, "10.1.2", false},
-        {HGX_TYPE_NET_ADDRESS_V4, "::1", false},
-        {HGX_TYPE_NET_ADDRESS_V6, "::1", true},
-        {HGX_TYPE_NET_ADDRESS_V6, "fe80::/129", false},
-        {HGX_TYPE_NET_ADDRESS, "10.0.0.1", true},
-        {HGX_TYPE_NET_ADDRESS, "host", false},
-        {HGX_TYPE_HOSTNAME, "a-b.example.", true},
-        {HGX_TYPE_HOSTNAME, "-a.example", false},
-        {HGX_TYPE_USTRING, "\xc3\xa9", true},
-        {HGX_TYPE_USTRING, "\xc3", false},
-        {HGX_TYPE_OPAQUE, "0aFf", true},
-        {HGX_TYPE_OPAQUE, "0a0", false},
-        {HGX_TYPE_TIME, "12.5", true},
-        {HGX_TYPE_TIME, "12.", false},
-        {HGX_TYPE_WERN, "wrn:/a:b", true},
-        {HGX_TYPE_WERN, "wrn:a", false},
-        {HGX_TYPE_URI, "https://x/", true},
-        {HGX_TYPE_URI, "//x", false},
-        {HGX_TYPE_ASTRING, "anything at all", true},
+        {HGX_TYPE_BOOLEAN, {"true"}, {"yes"}},
+        {HGX_TYPE_COUNT, {"18446744073709551615"}, {"18446744073709551616", "-1", ""}},
+        {HGX_TYPE_INTEGER, {"-9223372036854775808"}, {"9223372036854775808", "1x"}},
+        {HGX_TYPE_NET_ADDRESS_V4, {"10.1.2.3", "10.1.2.0/24"}, {"10.1.2", "::1"}},
+        {HGX_TYPE_NET_ADDRESS_V6, {"::1"}, {"fe80::/129"}},
+        {HGX_TYPE_NET_ADDRESS, {"10.0.0.1"}, {"host"}},
+        {HGX_TYPE_HOSTNAME, {"a-b.example."}, {"-a.example"}},
+        {HGX_TYPE_USTRING, {"\xc3\xa9"}, {"\xc3"}},
+        {HGX_TYPE_OPAQUE, {"0aFf"}, {"0a0"}},
+        {HGX_TYPE_TIME, {"12.5"}, {"12."}},
+        {HGX_TYPE_WERN, {"wrn:/a:b"}, {"wrn:a"}},
+        {HGX_TYPE_URI, {"https://x/"}, {"//x"}},
+        {HGX_TYPE_ASTRING, {"anything at all"}, {}},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(hgx_type_to_string(c.type)) + " " + c.value);
-        EXPECT_EQ(hgx_value_check(c.type, c.value) == 0, c.ok);
-        if (!c.ok) {
+        for (const char* v : c.good)
+            EXPECT_EQ(hgx_value_check(c.type, v), 0) << hgx_type_to_string(c.type) << " " << v;
+        for (const char* v : c.bad) {
+            EXPECT_EQ(hgx_value_check(c.type, v), -1) << hgx_type_to_string(c.type) << " " << v;
             EXPECT_EQ(hgx_error(), HGX_ERROR_INVALID_VALUE);
         }
     }
