@@ -190,12 +190,10 @@ Result etcdctl(const std::string& endpoints, const std::vector<std::string>& arg
 }
 
 void make_repository(const std::string& path, const std::string& manifest_json, bool snapshot) {
-    Run r;
-    r.args = {hgxrepo_bin(), "-r", path, "import"};
-    if (!snapshot) r.args.push_back("--no-snapshot");
-    r.args.push_back("-");
-    r.input = manifest_json;
-    Result res = run(r);
+    Result res =
+        hgxrepo(snapshot ? std::vector<std::string>{"-r", path, "import", "-"}
+                         : std::vector<std::string>{"-r", path, "import", "--no-snapshot", "-"},
+                manifest_json);
     if (res.status != 0)
         ADD_FAILURE() << "hgxrepo import failed (" << res.status << "): " << res.err;
 }
@@ -228,56 +226,32 @@ Result hgxrepo(const std::vector<std::string>& args, const std::string& input, c
     return run(r);
 }
 
+// Written to a stream: GCC 12 at -O3 takes "literal" + std::string&& for an
+// overlapping copy (-Wrestrict).
 std::string generation_manifest(const std::string& service, int gen, int count) {
-    // Appended piece by piece: GCC 12 at -O3 takes "literal" + std::string&&
-    // for an overlapping copy (-Wrestrict).
-    std::string m = "{\"services\": {\"";
-    m += service;
-    m += "\": {\"instances\": {\"default\": {\"groups\": {\"config\": {\"properties\": {";
-    for (int i = 0; i < count; ++i) {
-        if (i) m += ',';
-        m += "\"p";
-        m += std::to_string(i);
-        m += "\": \"g";
-        m += std::to_string(gen);
-        m += '"';
-    }
-    m += "}}}}}}}}";
-    return m;
+    std::ostringstream m;
+    m << "{\"services\": {\"" << service
+      << "\": {\"instances\": {\"default\": {\"groups\": {\"config\": {\"properties\": {";
+    for (int i = 0; i < count; ++i) m << (i ? ",\"p" : "\"p") << i << "\": \"g" << gen << '"';
+    m << "}}}}}}}}";
+    return m.str();
 }
 
 std::string fleet_manifest(const std::string& service, int instances, int count, int gen) {
-    // Appended piece by piece, as generation_manifest.
-    std::string m = "{\"services\": {\"";
-    m += service;
-    m += "\": {\"groups\": {\"config\": {\"properties\": {";
-    for (int i = 0; i < count; ++i) {
-        m += i ? ", \"d" : "\"d";
-        m += std::to_string(i);
-        m += "\": \"default\"";
-    }
-    m += "}}}, \"instances\": {";
+    std::ostringstream m;
+    m << "{\"services\": {\"" << service << "\": {\"groups\": {\"config\": {\"properties\": {";
+    for (int i = 0; i < count; ++i) m << (i ? ", \"d" : "\"d") << i << "\": \"default\"";
+    m << "}}}, \"instances\": {";
     for (int k = 0; k < instances; ++k) {
         char host[16];
         std::snprintf(host, sizeof host, "host%05d", k);
-        m += k ? ", \"" : "\"";
-        m += host;
-        m += "\": {\"groups\": {\"config\": {\"properties\": {";
-        for (int i = 0; i < count; ++i) {
-            m += i ? ", \"p" : "\"p";
-            m += std::to_string(i);
-            m += "\": \"g";
-            m += std::to_string(gen);
-            m += '-';
-            m += host;
-            m += '-';
-            m += std::to_string(i);
-            m += '"';
-        }
-        m += "}}}}";
+        m << (k ? ", \"" : "\"") << host << "\": {\"groups\": {\"config\": {\"properties\": {";
+        for (int i = 0; i < count; ++i)
+            m << (i ? ", \"p" : "\"p") << i << "\": \"g" << gen << '-' << host << '-' << i << '"';
+        m << "}}}}";
     }
-    m += "}}}}";
-    return m;
+    m << "}}}}";
+    return m.str();
 }
 
 std::string generation_stencil(int count) {
