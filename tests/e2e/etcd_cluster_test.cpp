@@ -540,14 +540,17 @@ TEST_F(EtcdCluster, KeysOfWritersThatDiedAreRemovedByTheNextWriter) {
     const long clean = count("kelvo/");
     int caught = 0;
     for (int gen = 1; gen <= 20; ++gen) {
+        // A group of its own, so that the hgxrepo it runs is killed with it.
         pid_t pid = fork();
         if (pid == 0) {
+            setpgid(0, 0);
             int null = open("/dev/null", O_RDWR);
             dup2(null, 1);
             dup2(null, 2);
             e2e::Result r = repo({"import", "-"}, e2e::fleet_manifest("fleet/web", 1000, 5, gen));
             _exit(r.status);
         }
+        setpgid(pid, pid);
         // Killed as soon as it has written something of its commit.
         auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (count("kelvo/t/") == 0 && std::chrono::steady_clock::now() < until)
