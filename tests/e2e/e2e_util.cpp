@@ -16,6 +16,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 extern char** environ;
 
@@ -26,59 +27,29 @@ namespace {
 // Pumps input into the child's stdin while draining its stdout and stderr,
 // so that neither side blocks on a full pipe.
 void pump(int in_fd, const std::string& input, int out_fd, int err_fd, Result& res) {
+    int fds[3] = {in_fd, out_fd, err_fd};
+    std::string* sinks[3] = {nullptr, &res.out, &res.err};
     size_t written = 0;
-    if (input.empty()) {
-        close(in_fd);
-        in_fd = -1;
-    }
+    if (input.empty()) close(std::exchange(fds[0], -1));
     char buf[65536];
-    while (out_fd >= 0 || err_fd >= 0) {
-        pollfd fds[3];
-        int n = 0;
-        int idx_in = -1, idx_out = -1, idx_err = -1;
-        if (in_fd >= 0) {
-            fds[n] = {in_fd, POLLOUT, 0};
-            idx_in = n++;
-        }
-        if (out_fd >= 0) {
-            fds[n] = {out_fd, POLLIN, 0};
-            idx_out = n++;
-        }
-        if (err_fd >= 0) {
-            fds[n] = {err_fd, POLLIN, 0};
-            idx_err = n++;
-        }
-        if (poll(fds, n, -1) < 0) {
+    while (fds[1] >= 0 || fds[2] >= 0) {
+        pollfd p[3];  // poll passes over the closed ones (-1)
+        for (int i = 0; i < 3; ++i) p[i] = {fds[i], static_cast<short>(i ? POLLIN : POLLOUT), 0};
+        if (poll(p, 3, -1) < 0) {
             if (errno == EINTR) continue;
             throw std::runtime_error("poll failed");
         }
-        if (idx_in >= 0 && fds[idx_in].revents) {
-            ssize_t w = write(in_fd, input.data() + written, input.size() - written);
-            if (w > 0) written += static_cast<size_t>(w);
-            if (w < 0 || written == input.size()) {
-                close(in_fd);
-                in_fd = -1;
-            }
+        for (int i = 0; i < 3; ++i) {
+            if (fds[i] < 0 || !p[i].revents) continue;
+            ssize_t n = i ? read(fds[i], buf, sizeof buf)
+                          : write(fds[0], input.data() + written, input.size() - written);
+            if (n > 0 && i) sinks[i]->append(buf, static_cast<size_t>(n));
+            if (n > 0 && !i) written += static_cast<size_t>(n);
+            if (n <= 0 || (!i && written == input.size())) close(std::exchange(fds[i], -1));
         }
-        auto drain = [&](int idx, int& fd, std::string& sink) {
-            if (idx < 0 || !fds[idx].revents) return;
-            ssize_t r = read(fd, buf, sizeof buf);
-            if (r > 0) {
-                sink.append(buf, static_cast<size_t>(r));
-            } else {
-                close(fd);
-                fd = -1;
-            }
-        };
-        drain(idx_out, out_fd, res.out);
-        drain(idx_err, err_fd, res.err);
     }
-    if (in_fd >= 0) close(in_fd);
+    if (fds[0] >= 0) close(fds[0]);
 }
-
-}  // namespace
-
-namespace {
 
 // On the second pass of these tests the repositories live in etcd: the
 // fixture that started the cluster wrote its endpoint (or why there is none)
@@ -219,12 +190,10 @@ Result etcdctl(const std::string& endpoints, const std::vector<std::string>& arg
 }
 
 void make_repository(const std::string& path, const std::string& manifest_json, bool snapshot) {
-    Run r;
-    r.args = {hgxrepo_bin(), "-r", path, "import"};
-    if (!snapshot) r.args.push_back("--no-snapshot");
-    r.args.push_back("-");
-    r.input = manifest_json;
-    Result res = run(r);
+    Result res =
+        hgxrepo(snapshot ? std::vector<std::string>{"-r", path, "import", "-"}
+                         : std::vector<std::string>{"-r", path, "import", "--no-snapshot", "-"},
+                manifest_json);
     if (res.status != 0)
         ADD_FAILURE() << "hgxrepo import failed (" << res.status << "): " << res.err;
 }
@@ -248,64 +217,41 @@ Result program(const char* bin, const std::string& repository, const std::vector
     return run(r);
 }
 
-Result hgxrepo(const std::vector<std::string>& args, const std::string& input) {
+Result hgxrepo(const std::vector<std::string>& args, const std::string& input, const Env& env) {
     Run r;
     r.args = {hgxrepo_bin()};
     r.args.insert(r.args.end(), args.begin(), args.end());
     r.input = input;
+    r.env = env;
     return run(r);
 }
 
+// Written to a stream: GCC 12 at -O3 takes "literal" + std::string&& for an
+// overlapping copy (-Wrestrict).
 std::string generation_manifest(const std::string& service, int gen, int count) {
-    // Appended piece by piece: GCC 12 at -O3 takes "literal" + std::string&&
-    // for an overlapping copy (-Wrestrict).
-    std::string m = "{\"services\": {\"";
-    m += service;
-    m += "\": {\"instances\": {\"default\": {\"groups\": {\"config\": {\"properties\": {";
-    for (int i = 0; i < count; ++i) {
-        if (i) m += ',';
-        m += "\"p";
-        m += std::to_string(i);
-        m += "\": \"g";
-        m += std::to_string(gen);
-        m += '"';
-    }
-    m += "}}}}}}}}";
-    return m;
+    std::ostringstream m;
+    m << "{\"services\": {\"" << service
+      << "\": {\"instances\": {\"default\": {\"groups\": {\"config\": {\"properties\": {";
+    for (int i = 0; i < count; ++i) m << (i ? ",\"p" : "\"p") << i << "\": \"g" << gen << '"';
+    m << "}}}}}}}}";
+    return m.str();
 }
 
 std::string fleet_manifest(const std::string& service, int instances, int count, int gen) {
-    // Appended piece by piece, as generation_manifest.
-    std::string m = "{\"services\": {\"";
-    m += service;
-    m += "\": {\"groups\": {\"config\": {\"properties\": {";
-    for (int i = 0; i < count; ++i) {
-        m += i ? ", \"d" : "\"d";
-        m += std::to_string(i);
-        m += "\": \"default\"";
-    }
-    m += "}}}, \"instances\": {";
+    std::ostringstream m;
+    m << "{\"services\": {\"" << service << "\": {\"groups\": {\"config\": {\"properties\": {";
+    for (int i = 0; i < count; ++i) m << (i ? ", \"d" : "\"d") << i << "\": \"default\"";
+    m << "}}}, \"instances\": {";
     for (int k = 0; k < instances; ++k) {
         char host[16];
         std::snprintf(host, sizeof host, "host%05d", k);
-        m += k ? ", \"" : "\"";
-        m += host;
-        m += "\": {\"groups\": {\"config\": {\"properties\": {";
-        for (int i = 0; i < count; ++i) {
-            m += i ? ", \"p" : "\"p";
-            m += std::to_string(i);
-            m += "\": \"g";
-            m += std::to_string(gen);
-            m += '-';
-            m += host;
-            m += '-';
-            m += std::to_string(i);
-            m += '"';
-        }
-        m += "}}}}";
+        m << (k ? ", \"" : "\"") << host << "\": {\"groups\": {\"config\": {\"properties\": {";
+        for (int i = 0; i < count; ++i)
+            m << (i ? ", \"p" : "\"p") << i << "\": \"g" << gen << '-' << host << '-' << i << '"';
+        m << "}}}}";
     }
-    m += "}}}}";
-    return m;
+    m << "}}}}";
+    return m.str();
 }
 
 std::string generation_stencil(int count) {

@@ -89,7 +89,10 @@ Result program(const char* bin, const std::string& repository, const std::vector
                const std::string& input = "",
                std::map<std::string, std::optional<std::string>> env = {});
 
-Result hgxrepo(const std::vector<std::string>& args, const std::string& input = "");
+using Env = std::map<std::string, std::optional<std::string>>;
+// hgxrepo with the arguments (argv[0] added), env as in Run.
+Result hgxrepo(const std::vector<std::string>& args, const std::string& input = "",
+               const Env& env = {});
 
 // etcd's own command-line client on the members at endpoints ("host:port,...").
 Result etcdctl(const std::string& endpoints, const std::vector<std::string>& args,

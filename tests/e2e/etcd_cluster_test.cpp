@@ -45,12 +45,12 @@ class EtcdCluster : public ::testing::Test {
         url = server.url("kelvo");
         return !IsSkipped() && !HasFatalFailure();
     }
-    e2e::Result repo(std::vector<std::string> args, const std::string& input = "") {
+    e2e::Result repo(std::vector<std::string> args, const std::string& input = "",
+                     const e2e::Env& env = {}) {
         args.insert(args.begin(), {"-r", url});
-        return hgxrepo(args, input);
+        return hgxrepo(args, input, env);
     }
-    e2e::Result kelvo(const std::string& stencil,
-                      std::map<std::string, std::optional<std::string>> env = {}) {
+    e2e::Result kelvo(const std::string& stencil, e2e::Env env = {}) {
         return e2e::kelvo(url, {"-f", WERN}, stencil, std::move(env));
     }
 
@@ -203,11 +203,7 @@ class LostAfterBinding : public EtcdCluster {
     // A new revision, then a compaction up to it: the run's revision is gone.
     void compact() {
         ASSERT_EQ(repo({"setprop", "--snapshot", Y + "/:properties/c/v", "new"}).status, 0);
-        std::string status = server.post(0, "/v3/kv/range", "{\"key\":\"AA==\"}");
-        size_t at = status.find("\"revision\":\"") + 12;
-        server.post(0, "/v3/kv/compaction",
-                    "{\"revision\":\"" + status.substr(at, status.find('"', at) - at) +
-                        "\",\"physical\":true}");
+        server.compact();
     }
 
     e2e::Whole lost(const char* text) const {
@@ -283,15 +279,13 @@ TEST_F(EtcdCluster, TlsWithClientCertificates) {
     etcd_testing::Options tls;
     tls.tls = true;
     if (!start(tls)) return;
-    std::map<std::string, std::optional<std::string>> certs = {
-        {"HGX_ETCD_CACERT", server.ca()},
-        {"HGX_ETCD_CERT", server.client_cert()},
-        {"HGX_ETCD_KEY", server.client_key()}};
-    e2e::Run import;
-    import.args = {e2e::hgxrepo_bin(), "-r", url, "import", "-"};
-    import.input = generation(7, 2);
-    import.env = certs;
-    e2e::Result r = e2e::run(import);
+    auto certs_of = [](const etcd_testing::EtcdServer& s) {
+        return e2e::Env{{"HGX_ETCD_CACERT", s.ca()},
+                        {"HGX_ETCD_CERT", s.client_cert()},
+                        {"HGX_ETCD_KEY", s.client_key()}};
+    };
+    const e2e::Env certs = certs_of(server);
+    e2e::Result r = repo({"import", "-"}, generation(7, 2), certs);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(e2e::whole(kelvo("$%{config/p1}\n", certs)), e2e::Whole(0, "g7\n", ""));
 
@@ -303,7 +297,7 @@ TEST_F(EtcdCluster, TlsWithClientCertificates) {
     e2e::TempDir dir;
     struct Case {
         const char* name;
-        std::map<std::string, std::optional<std::string>> env;
+        e2e::Env env;
         std::string says;
     } cases[] = {
         {"unreadable CA file",
@@ -321,10 +315,7 @@ TEST_F(EtcdCluster, TlsWithClientCertificates) {
         SCOPED_TRACE(c.name);
         auto env = certs;
         for (const auto& [k, v] : c.env) env[k] = v;
-        e2e::Run list;
-        list.args = {e2e::hgxrepo_bin(), "-r", url, "list"};
-        list.env = env;
-        EXPECT_EQ(e2e::whole(e2e::run(list)),
+        EXPECT_EQ(e2e::whole(repo({"list"}, "", env)),
                   e2e::Whole(1, "", "hgxrepo: " + url + ": " + text + c.says + "\n"));
         EXPECT_EQ(e2e::whole(kelvo("$%{config/p1}\n", env)),
                   e2e::Whole(
@@ -337,13 +328,8 @@ TEST_F(EtcdCluster, TlsWithClientCertificates) {
     tls.tls_names = "DNS:elsewhere.invalid";
     [&] { ETCD_START_OR_SKIP(elsewhere, tls); }();
     if (IsSkipped() || HasFatalFailure()) return;
-    e2e::Run list;
-    list.args = {e2e::hgxrepo_bin(), "-r", elsewhere.url("kelvo"), "list"};
-    list.env = {{"HGX_ETCD_CACERT", elsewhere.ca()},
-                {"HGX_ETCD_CERT", elsewhere.client_cert()},
-                {"HGX_ETCD_KEY", elsewhere.client_key()}};
     const std::string there = "127.0.0.1:" + std::to_string(elsewhere.client_port(0));
-    EXPECT_EQ(e2e::whole(e2e::run(list)),
+    EXPECT_EQ(e2e::whole(hgxrepo({"-r", elsewhere.url("kelvo"), "list"}, "", certs_of(elsewhere))),
               e2e::Whole(1, "",
                          "hgxrepo: " + elsewhere.url("kelvo") + ": " + text + there +
                              ": the member's certificate does not name the host 127.0.0.1\n"));
@@ -352,13 +338,8 @@ TEST_F(EtcdCluster, TlsWithClientCertificates) {
 TEST_F(EtcdCluster, CredentialsAreCheckedAndWrongOnesRefused) {
     if (!start()) return;
     ASSERT_TRUE(server.enable_auth("secret"));
-    std::map<std::string, std::optional<std::string>> right = {{"HGX_ETCD_USER", "root"},
-                                                               {"HGX_ETCD_PASSWORD", "secret"}};
-    e2e::Run import;
-    import.args = {e2e::hgxrepo_bin(), "-r", url, "import", "-"};
-    import.input = generation(3, 2);
-    import.env = right;
-    e2e::Result r = e2e::run(import);
+    const e2e::Env right = {{"HGX_ETCD_USER", "root"}, {"HGX_ETCD_PASSWORD", "secret"}};
+    e2e::Result r = repo({"import", "-"}, generation(3, 2), right);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n", right)), e2e::Whole(0, "g3\n", ""));
     const std::string refused =
@@ -395,14 +376,10 @@ TEST_F(EtcdCluster, AUserWhoMayNotDoSomethingIsToldSo) {
     const std::string text =
         "The etcd user (HGX_ETCD_USER) is not permitted to do this in the repository";
     auto as = [](const char* user) {
-        return std::map<std::string, std::optional<std::string>>{
-            {"HGX_ETCD_USER", user}, {"HGX_ETCD_PASSWORD", std::string("pw") + user}};
+        return e2e::Env{{"HGX_ETCD_USER", user}, {"HGX_ETCD_PASSWORD", std::string("pw") + user}};
     };
     auto setprop = [&](const char* user) {
-        e2e::Run r;
-        r.args = {e2e::hgxrepo_bin(), "-r", url, "setprop", WERN + "/:properties/config/p0", "x"};
-        r.env = as(user);
-        return e2e::whole(e2e::run(r));
+        return e2e::whole(repo({"setprop", WERN + "/:properties/config/p0", "x"}, "", as(user)));
     };
     EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n", as("reader"))), e2e::Whole(0, "g3\n", ""));
     EXPECT_EQ(setprop("reader"),
@@ -440,9 +417,7 @@ TEST_F(EtcdCluster, BadInputIsRefusedAndLeavesTheClusterAsItWas) {
     }
 
     // A prefix that holds something else is neither read nor written.
-    server.post(0, "/v3/kv/put",
-                "{\"key\":\"" + etcd_testing::b64("other/config") + "\",\"value\":\"" +
-                    etcd_testing::b64("x") + "\"}");
+    server.put("other/config", "x");
     for (const char* cmd : {"list", "import"}) {
         std::vector<std::string> args = {"-r", "etcd://" + server.endpoints() + "/other", cmd};
         if (std::string(cmd) == "import") args.push_back("-");
@@ -560,27 +535,22 @@ TEST_F(EtcdCluster, ALargeCommitAndSmallOnesRacingAllLand) {
 // one clean commit leaves it.
 TEST_F(EtcdCluster, KeysOfWritersThatDiedAreRemovedByTheNextWriter) {
     if (!start()) return;
-    auto count = [&](const std::string& from) {
-        std::string r =
-            server.post(0, "/v3/kv/range",
-                        "{\"key\":\"" + etcd_testing::b64(from) + "\",\"range_end\":\"" +
-                            etcd_testing::b64(from.substr(0, from.size() - 1) + "0") +
-                            "\",\"count_only\":true}");
-        size_t at = r.find("\"count\":\"");
-        return at == std::string::npos ? 0 : std::stol(r.substr(at + 9));
-    };
+    auto count = [&](const std::string& prefix) { return server.count(prefix); };
     ASSERT_EQ(repo({"import", "-"}, e2e::fleet_manifest("fleet/web", 1000, 5, 0)).status, 0);
     const long clean = count("kelvo/");
     int caught = 0;
     for (int gen = 1; gen <= 20; ++gen) {
+        // A group of its own, so that the hgxrepo it runs is killed with it.
         pid_t pid = fork();
         if (pid == 0) {
+            setpgid(0, 0);
             int null = open("/dev/null", O_RDWR);
             dup2(null, 1);
             dup2(null, 2);
             e2e::Result r = repo({"import", "-"}, e2e::fleet_manifest("fleet/web", 1000, 5, gen));
             _exit(r.status);
         }
+        setpgid(pid, pid);
         // Killed as soon as it has written something of its commit.
         auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (count("kelvo/t/") == 0 && std::chrono::steady_clock::now() < until)

@@ -20,33 +20,12 @@ using e2e::read_file;
 using e2e::TempDir;
 using e2e::write_file;
 
-const char MANIFEST[] = R"({
-  "services": {
-    "net/foo": {
-      "groups": {
-        "general": { "type": "framework", "properties": { "enabled": true } },
-        "config": { "properties": { "port": 80, "base": "s" } }
-      },
-      "instances": {
-        "default": {
-          "groups": {
-            "config": {
-              "type": "application",
-              "properties": {
-                "port": 8080,
-                "hosts": ["a.example", "b.example"],
-                "mode": { "type": "astring", "values": ["0644"] },
-                "empty": []
-              },
-              "groups": { "tls": { "properties": { "on": false } } }
-            }
-          }
-        }
-      }
-    },
-    "other": {}
-  }
-})";
+const char MANIFEST[] = R"({"services": {"net/foo": {"groups": {"general": {"type": "framework",
+    "properties": {"enabled": true}}, "config": {"properties": {"port": 80, "base": "s"}}},
+    "instances": {"default": {"groups": {"config": {"type": "application",
+    "properties": {"port": 8080, "hosts": ["a.example", "b.example"],
+    "mode": {"type": "astring", "values": ["0644"]}, "empty": []},
+    "groups": {"tls": {"properties": {"on": false}}}}}}}}, "other": {}}})";
 
 // Status, standard output and standard error as one text.
 std::string whole_of(const e2e::Result& r) {
@@ -249,13 +228,8 @@ TEST_F(Hgxrepo, OversizedManifestIsRefusedAtOnce) {
     refused({"import", big}, big + ": 67108865 bytes, more than the limit of 67108864 bytes");
     refused({"import", "/dev/zero"}, "/dev/zero: more than the limit of 67108864 bytes");
     e2e::Run r;
-    r.args = {"timeout",
-              "120",
-              "sh",
-              "-c",
-              "exec \"$0\" -r \"$1\" import - </dev/zero",
-              e2e::hgxrepo_bin(),
-              e2e::repository_for(repo)};
+    const std::string zeros = "exec \"$0\" -r \"$1\" import - </dev/zero";
+    r.args = {"timeout", "120", "sh", "-c", zeros, e2e::hgxrepo_bin(), e2e::repository_for(repo)};
     EXPECT_EQ(
         e2e::whole(e2e::run(r)),
         e2e::Whole(1, "",
@@ -295,15 +269,15 @@ TEST_F(Hgxrepo, TextThatForgesLinesIsEscaped) {
 }
 
 TEST_F(Hgxrepo, EditingCommandsAndSnapshots) {
-    ASSERT_EQ(run({"setprop", "wrn:/net/foo:default/:properties/config/port", "9090"}).status, 0);
-    ASSERT_EQ(
-        run({"setprop", "wrn:/net/foo:default/:properties/config/list", "-t", "integer", "-1", "2"})
-            .status,
-        0);
-    ASSERT_EQ(run({"addpg", "wrn:/net/foo:default/:properties/config/cf", "configfile"}).status, 0);
-    ASSERT_EQ(run({"setprop", "wrn:/net/foo:default/:properties/config/cf/path"}).status, 0);
-    ASSERT_EQ(run({"delprop", "wrn:/net/foo:default/:properties/config/hosts"}).status, 0);
-    ASSERT_EQ(run({"delpg", "wrn:/net/foo:default/:properties/config/tls"}).status, 0);
+    const std::string c = "wrn:/net/foo:default/:properties/config";
+    for (const std::vector<std::string>& edit :
+         {std::vector<std::string>{"setprop", c + "/port", "9090"},
+          {"setprop", c + "/list", "-t", "integer", "-1", "2"},
+          {"addpg", c + "/cf", "configfile"},
+          {"setprop", c + "/cf/path"},
+          {"delprop", c + "/hosts"},
+          {"delpg", c + "/tls"}})
+        ASSERT_EQ(run(edit).status, 0) << edit[1];
 
     e2e::Result show = run({"show", "wrn:/net/foo:default"});
     ASSERT_EQ(show.status, 0) << show.err;

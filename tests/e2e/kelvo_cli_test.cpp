@@ -14,11 +14,8 @@ namespace {
 
 const char* const WERN = "wrn:/net/foo:default";
 
-const char* const MANIFEST = R"({
-  "services": { "net/foo": { "instances": { "default": { "groups": {
-    "config": { "properties": { "port": 8080, "name": "alpha" } }
-  } } } } }
-})";
+const char* const MANIFEST = R"({"services": {"net/foo": {"instances": {"default": {"groups": {
+    "config": {"properties": {"port": 8080, "name": "alpha"}}}}}}}})";
 
 // Written out here rather than taken from the program, so that a change of
 // the text shows.

@@ -15,42 +15,15 @@
 
 namespace {
 
-constexpr char MANIFEST[] = R"({
-  "services": {
-    "net/foo": {
-      "instances": {
-        "default": {
-          "groups": {
-            "config": {
-              "properties": {
-                "a": ["x", "y"],
-                "one": "solo",
-                "t": true,
-                "f": false,
-                "T": {"type": "astring", "values": ["TRUE"]},
-                "tf": {"type": "astring", "values": ["true", "false"]},
-                "ft": {"type": "astring", "values": ["false", "true"]},
-                "blank": "",
-                "empty": [],
-                "port": 8080
-              }
-            },
-            "g": {"type": "application"},
-            "net": {"properties": {"host": "h1", "port": "80"}},
-            "pa": {"properties": {"q_s": "Q", "bXa_s": "deep", "aXa_s": "wrong"}}
-          }
-        }
-      }
-    },
-    "net/bar": {
-      "instances": {
-        "default": {
-          "groups": {"cfg": {"properties": {"x": "bar-x", "y": "bar-y"}}}
-        }
-      }
-    }
-  }
-})";
+constexpr char MANIFEST[] = R"({"services": {"net/foo": {"instances": {"default": {"groups": {
+    "config": {"properties": {"a": ["x", "y"], "one": "solo", "t": true, "f": false,
+    "T": {"type": "astring", "values": ["TRUE"]},
+    "tf": {"type": "astring", "values": ["true", "false"]}, "ft": {"type": "astring",
+    "values": ["false", "true"]}, "blank": "", "empty": [], "port": 8080}},
+    "g": {"type": "application"}, "net": {"properties": {"host": "h1", "port": "80"}},
+    "pa": {"properties": {"q_s": "Q", "bXa_s": "deep", "aXa_s": "wrong"}}}}}},
+    "net/bar": {"instances": {"default": {"groups": {"cfg": {"properties": {"x": "bar-x",
+    "y": "bar-y"}}}}}}}})";
 
 constexpr char WERN[] = "wrn:/net/foo:default";
 

@@ -35,34 +35,26 @@ int free_port() {
     return port;
 }
 
-bool on_path(const char* program) {
-    const char* path = std::getenv("PATH");
-    std::string p = path ? path : "/usr/bin:/bin";
-    size_t start = 0;
-    while (start <= p.size()) {
-        size_t colon = p.find(':', start);
-        std::string dir = p.substr(start, colon == std::string::npos ? colon : colon - start);
-        if (access((dir + "/" + program).c_str(), X_OK) == 0) return true;
-        if (colon == std::string::npos) break;
-        start = colon + 1;
-    }
-    return false;
-}
-
-int run_quietly(const std::vector<std::string>& argv) {
+// A child running argv with its standard streams on /dev/null; -1 when
+// none could be made.
+pid_t spawn(const std::vector<std::string>& argv) {
     pid_t pid = fork();
     if (pid == 0) {
-        int null = open("/dev/null", O_WRONLY);
-        dup2(null, 1);
-        dup2(null, 2);
+        int null = open("/dev/null", O_RDWR);
+        for (int fd : {0, 1, 2}) dup2(null, fd);
         std::vector<char*> args;
         for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
         args.push_back(nullptr);
         execvp(args[0], args.data());
         _exit(127);
     }
+    return pid;
+}
+
+int run_quietly(const std::vector<std::string>& argv) {
     int status = 0;
-    waitpid(pid, &status, 0);
+    pid_t pid = spawn(argv);
+    if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
@@ -150,26 +142,13 @@ bool EtcdServer::launch(int m, bool existing) {
         argv.push_back("--trusted-ca-file=" + dir_ + "/ca.pem");
         argv.push_back("--client-cert-auth");
     }
-    pid_t pid = fork();
-    if (pid < 0) return false;
-    if (pid == 0) {
-        int null = open("/dev/null", O_RDWR);
-        dup2(null, 0);
-        dup2(null, 1);
-        dup2(null, 2);
-        std::vector<char*> args;
-        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execvp("etcd", args.data());
-        _exit(127);
-    }
-    me.pid = pid;
-    return true;
+    me.pid = spawn(argv);
+    return me.pid > 0;
 }
 
 bool EtcdServer::start(const Options& options, std::string* why) {
     options_ = options;
-    if (!on_path("etcd")) {
+    if (run_quietly({"sh", "-c", "command -v etcd"}) != 0) {
         *why = "etcd is not installed (Debian package etcd-server)";
         return false;
     }
@@ -350,6 +329,28 @@ int EtcdServer::leader() const {
         if (!lead.empty() && lead == me) return static_cast<int>(m);
     }
     return -1;
+}
+
+void EtcdServer::put(const std::string& key, const std::string& value) const {
+    post(0, "/v3/kv/put", "{\"key\":\"" + b64(key) + "\",\"value\":\"" + b64(value) + "\"}");
+}
+
+void EtcdServer::compact() const {
+    std::string status = post(0, "/v3/kv/range", "{\"key\":\"AA==\"}");
+    size_t at = status.find("\"revision\":\"") + 12;
+    post(0, "/v3/kv/compaction",
+         "{\"revision\":\"" + status.substr(at, status.find('"', at) - at) +
+             "\",\"physical\":true}");
+}
+
+long EtcdServer::count(const std::string& prefix) const {
+    std::string end = prefix;
+    end.back() = static_cast<char>(end.back() + 1);
+    std::string r = post(
+        0, "/v3/kv/range",
+        "{\"key\":\"" + b64(prefix) + "\",\"range_end\":\"" + b64(end) + "\",\"count_only\":true}");
+    size_t at = r.find("\"count\":\"");
+    return at == std::string::npos ? 0 : std::stol(r.substr(at + 9));
 }
 
 bool EtcdServer::enable_auth(const std::string& password) {

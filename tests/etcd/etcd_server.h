@@ -57,6 +57,12 @@ class EtcdServer {
     // A plain HTTP POST to a member's gateway (no TLS); the response body,
     // or "" when it could not be sent.
     std::string post(int member, const std::string& path, const std::string& body) const;
+    // Writes a key through the gateway (key and value given plainly).
+    void put(const std::string& key, const std::string& value) const;
+    // Compacts the history up to the current revision, physically.
+    void compact() const;
+    // How many keys start with prefix (0 when none, or no answer).
+    long count(const std::string& prefix) const;
     // Creates the user root with the password and turns authentication on.
     bool enable_auth(const std::string& password);
 

@@ -43,63 +43,47 @@ Read read_in_pieces(const std::string& text, size_t piece) {
 }
 
 TEST(HttpReader, TakesWellFormedAnswersAndRefusesTheRest) {
-    const std::string ok = "HTTP/1.1 200 OK\r\n";
+    const std::string ok = "HTTP/1.1 200 OK\r\n", te = ok + "Transfer-Encoding: ";
+    constexpr auto DONE = ResponseReader::COMPLETE, BAD = ResponseReader::MALFORMED,
+                   BIG = ResponseReader::TOO_LARGE;
+    std::string long_head = ok;
+    for (int i = 0; i < 1000; ++i)
+        long_head += "X-" + std::to_string(i) + ": " + std::string(80, 'a') + "\r\n";
     struct Case {
         const char* name;
-        std::string text;
         ResponseReader::State state;
         std::string body;
         bool reusable;
+        std::string text;
     } cases[] = {
-        {"length", ok + "Content-Length: 5\r\n\r\nhello", ResponseReader::COMPLETE, "hello", true},
-        {"chunks",
-         ok + "Transfer-Encoding: Chunked\r\n\r\n3;x=y\r\nhel\r\n2\r\nlo\r\n0\r\nT: 1\r\n\r\n",
-         ResponseReader::COMPLETE, "hello", true},
-        {"interim", "HTTP/1.1 100 Continue\r\n\r\n" + ok + "Content-Length: 0\r\n\r\n",
-         ResponseReader::COMPLETE, "", true},
-        {"close", ok + "Connection: keep-alive, Close\r\nContent-Length: 2\r\n\r\nok",
-         ResponseReader::COMPLETE, "ok", false},
-        {"1.0", "HTTP/1.0 200 OK\r\nContent-Length: 2\r\n\r\nok", ResponseReader::COMPLETE, "ok",
-         false},
-        {"no content", "HTTP/1.1 204 No Content\r\n\r\n", ResponseReader::COMPLETE, "", true},
-        {"unfinished", ok + "Content-Length: 5\r\n\r\nhel", ResponseReader::MORE, "hel", false},
-        {"not http", "SSH-2.0-OpenSSH_9.2\r\n", ResponseReader::MALFORMED, "", false},
-        {"bare newlines", "HTTP/1.1 200 OK\nContent-Length: 0\n\n", ResponseReader::MALFORMED, "",
-         false},
-        {"short status", "HTTP/1.1 20 OK\r\n\r\n", ResponseReader::MALFORMED, "", false},
-        {"switching", "HTTP/1.1 101 Switching\r\n\r\n", ResponseReader::MALFORMED, "", false},
-        {"no length", ok + "\r\nbody", ResponseReader::MALFORMED, "", false},
-        {"two lengths", ok + "Content-Length: 1\r\nContent-Length: 1\r\n\r\nx",
-         ResponseReader::MALFORMED, "", false},
-        {"length and chunks", ok + "Content-Length: 1\r\nTransfer-Encoding: chunked\r\n\r\n",
-         ResponseReader::MALFORMED, "", false},
-        {"other coding", ok + "Transfer-Encoding: gzip, chunked\r\n\r\n", ResponseReader::MALFORMED,
-         "", false},
-        {"signed length", ok + "Content-Length: +5\r\n\r\nhello", ResponseReader::MALFORMED, "",
-         false},
-        {"folded header", ok + "X: a\r\n b\r\nContent-Length: 0\r\n\r\n", ResponseReader::MALFORMED,
-         "", false},
-        {"control in value", ok + "X: a\x01z\r\nContent-Length: 0\r\n\r\n",
-         ResponseReader::MALFORMED, "", false},
-        {"chunk overrun", ok + "Transfer-Encoding: chunked\r\n\r\n3\r\nhello\r\n0\r\n\r\n",
-         ResponseReader::MALFORMED, "hel", false},
-        {"chunk size", ok + "Transfer-Encoding: chunked\r\n\r\n zz\r\n", ResponseReader::MALFORMED,
-         "", false},
-        {"long line", ok + "X: " + std::string(9000, 'a') + "\r\n\r\n", ResponseReader::TOO_LARGE,
-         "", false},
-        {"long head",
-         ok +
-             [] {
-                 std::string h;
-                 for (int i = 0; i < 1000; ++i)
-                     h += "X-" + std::to_string(i) + ": " + std::string(80, 'a') + "\r\n";
-                 return h;
-             }(),
-         ResponseReader::TOO_LARGE, "", false},
-        {"huge length", ok + "Content-Length: 2000000000\r\n\r\n", ResponseReader::TOO_LARGE, "",
-         false},
-        {"huge chunk", ok + "Transfer-Encoding: chunked\r\n\r\nffffffffffffffff\r\n",
-         ResponseReader::TOO_LARGE, "", false},
+        {"length", DONE, "hello", true, ok + "Content-Length: 5\r\n\r\nhello"},
+        {"chunks", DONE, "hello", true,
+         ok + "Transfer-Encoding: Chunked\r\n\r\n3;x=y\r\nhel\r\n2\r\nlo\r\n0\r\nT: 1\r\n\r\n"},
+        {"interim", DONE, "", true,
+         "HTTP/1.1 100 Continue\r\n\r\n" + ok + "Content-Length: 0\r\n\r\n"},
+        {"close", DONE, "ok", false,
+         ok + "Connection: keep-alive, Close\r\nContent-Length: 2\r\n\r\nok"},
+        {"1.0", DONE, "ok", false, "HTTP/1.0 200 OK\r\nContent-Length: 2\r\n\r\nok"},
+        {"no content", DONE, "", true, "HTTP/1.1 204 No Content\r\n\r\n"},
+        {"unfinished", ResponseReader::MORE, "hel", false, ok + "Content-Length: 5\r\n\r\nhel"},
+        {"not http", BAD, "", false, "SSH-2.0-OpenSSH_9.2\r\n"},
+        {"bare newlines", BAD, "", false, "HTTP/1.1 200 OK\nContent-Length: 0\n\n"},
+        {"short status", BAD, "", false, "HTTP/1.1 20 OK\r\n\r\n"},
+        {"switching", BAD, "", false, "HTTP/1.1 101 Switching\r\n\r\n"},
+        {"no length", BAD, "", false, ok + "\r\nbody"},
+        {"two lengths", BAD, "", false, ok + "Content-Length: 1\r\nContent-Length: 1\r\n\r\nx"},
+        {"length and chunks", BAD, "", false,
+         ok + "Content-Length: 1\r\nTransfer-Encoding: chunked\r\n\r\n"},
+        {"other coding", BAD, "", false, te + "gzip, chunked\r\n\r\n"},
+        {"signed length", BAD, "", false, ok + "Content-Length: +5\r\n\r\nhello"},
+        {"folded header", BAD, "", false, ok + "X: a\r\n b\r\nContent-Length: 0\r\n\r\n"},
+        {"control in value", BAD, "", false, ok + "X: a\x01z\r\nContent-Length: 0\r\n\r\n"},
+        {"chunk overrun", BAD, "hel", false, te + "chunked\r\n\r\n3\r\nhello\r\n0\r\n\r\n"},
+        {"chunk size", BAD, "", false, te + "chunked\r\n\r\n zz\r\n"},
+        {"long line", BIG, "", false, ok + "X: " + std::string(9000, 'a') + "\r\n\r\n"},
+        {"long head", BIG, "", false, long_head},
+        {"huge length", BIG, "", false, ok + "Content-Length: 2000000000\r\n\r\n"},
+        {"huge chunk", BIG, "", false, te + "chunked\r\n\r\nffffffffffffffff\r\n"},
     };
     for (const Case& c : cases)
         for (size_t piece : {c.text.size(), size_t{1}, size_t{7}}) {

@@ -68,10 +68,7 @@ TEST_F(HgxEtcd, ACompactedRevisionIsItsOwnError) {
     Handle h = bind();
     add_service("b");
     // Compact everything up to now: the handle's revision is gone.
-    std::string status = server.post(0, "/v3/kv/range", "{\"key\":\"AA==\"}");
-    size_t at = status.find("\"revision\":\"") + 12;
-    std::string now = status.substr(at, status.find('"', at) - at);
-    server.post(0, "/v3/kv/compaction", "{\"revision\":\"" + now + "\",\"physical\":true}");
+    server.compact();
     EXPECT_EQ(decode(h.get(), "wrn:/a"), HGX_ERROR_REVISION_COMPACTED);
     EXPECT_EQ(decode(bind().get(), "wrn:/a"), 0);
 }
@@ -86,9 +83,7 @@ TEST_F(HgxEtcd, AnotherSchemaOrSomethingElseBelowThePrefixIsRefused) {
         {"not json", HGX_ERROR_CLUSTER_FOREIGN},
     };
     for (const Case& c : cases) {
-        server.post(0, "/v3/kv/put",
-                    "{\"key\":\"" + etcd_testing::b64("unit/repository") + "\",\"value\":\"" +
-                        etcd_testing::b64(c.head) + "\"}");
+        server.put("unit/repository", c.head);
         Handle h(hgx_handle_create(HGX_VERSION));
         EXPECT_EQ(hgx_handle_bind_path(h.get(), url.c_str()), -1);
         EXPECT_EQ(hgx_error(), c.code) << c.head;
@@ -112,9 +107,7 @@ TEST_F(HgxEtcd, AMalformedDocumentIsAnErrorCode) {
         std::string key(line);
         while (!key.empty() && (key.back() == '\n' || key.back() == '\r')) key.pop_back();
         if (key.empty()) continue;
-        server.post(0, "/v3/kv/put",
-                    "{\"key\":\"" + etcd_testing::b64(key) + "\",\"value\":\"" +
-                        etcd_testing::b64("{\"doc\":5}") + "\"}");
+        server.put(key, "{\"doc\":5}");
         ++overwritten;
     }
     ASSERT_GT(overwritten, 0);

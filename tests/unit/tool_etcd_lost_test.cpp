@@ -36,10 +36,7 @@ TEST(RepositoryLost, ACompactedRevisionEndsTheRunANameThatNamesNothingDoesNot) {
     EXPECT_EQ(repository_failure(view), HGX_ERROR_NONE);
 
     import("two");
-    std::string status = server.post(0, "/v3/kv/range", "{\"key\":\"AA==\"}");
-    size_t at = status.find("\"revision\":\"") + 12;
-    server.post(0, "/v3/kv/compaction",
-                "{\"revision\":\"" + status.substr(at, status.find('"', at) - at) + "\"}");
+    server.compact();
     EXPECT_EQ(repository_match_properties(view, "^wrn:/a/y:default/:properties/c/v$", 0), nullptr);
     EXPECT_EQ(repository_failure(view), HGX_ERROR_REVISION_COMPACTED);
 
