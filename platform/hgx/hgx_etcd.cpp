@@ -68,13 +68,7 @@ int range_all(Cluster& c, const std::string& key, const std::string& end, int64_
                                : r.get<int64_t>();
         }
         size_t before = out->size();
-        if (reply.contains("kvs"))
-            for (const json& kv : reply["kvs"]) {
-                Kv k;
-                if (!unb64(kv.value("key", ""), &k.key) || !unb64(kv.value("value", ""), &k.value))
-                    return fail(HGX_ERROR_CONNECTION_BROKEN);
-                out->push_back(std::move(k));
-            }
+        if (append_kvs(reply, out) < 0) return -1;
         if (!reply.value("more", false) || out->size() == before) return 0;
         from = out->back().key;
         from += '\0';
