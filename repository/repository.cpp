@@ -245,7 +245,7 @@ const property_info_t* repository_get_property(repository_t* repository, const c
     return public_info(pull_into(repository, [&]() -> property_table_node_t* {
         if (hgx_handle_decode_wern(handle, name, scope.get(), service.get(), instance.get(),
                                    group.get(), property.get(), 0) != 0) {
-            if (is_store_failure(hgx_error())) store_failure = hgx_error();
+            repository_lost();
             return nullptr;
         }
         return add_prop(repository->other_props, view_pool.pool, name, property.get(), handle);

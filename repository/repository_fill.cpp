@@ -53,6 +53,8 @@ SharedPool view_pool{"repository_pool", sizeof(property_table_node_t), property_
 
 thread_local hgx_error_t store_failure = HGX_ERROR_NONE;
 
+namespace {
+
 bool is_store_failure(hgx_error_t code) {
     switch (code) {
         case HGX_ERROR_NONE:
@@ -68,16 +70,16 @@ bool is_store_failure(hgx_error_t code) {
     }
 }
 
-namespace {
+}  // namespace
 
-// Whether the client's last failure is one of the repository itself; such
-// a failure is kept in store_failure for the query that started the fill.
 bool repository_lost() {
     hgx_error_t code = hgx_error();
     if (!is_store_failure(code)) return false;
     store_failure = code;
     return true;
 }
+
+namespace {
 
 // A fill step whose call of the client failed.
 repository_error_t failed_call() {

@@ -74,11 +74,11 @@ inline property_info_t* public_info(property_table_node_t* node) {
     return node == nullptr ? nullptr : reinterpret_cast<property_info_t*>(&node->info);
 }
 
-// Whether a failure of the client is one of the repository itself (a
+// Whether the client's last failure is one of the repository itself (a
 // cluster away or hung, a compacted revision, a file that cannot be read),
 // as opposed to a name that names nothing or is not well-formed, or an
-// exhausted heap.
-bool is_store_failure(hgx_error_t code);
+// exhausted heap; such a failure is kept in store_failure.
+bool repository_lost();
 // The last failure of the repository itself that a fill of this thread met,
 // kept by the fills; a query clears it before a pull and reads it after.
 extern thread_local hgx_error_t store_failure;

@@ -29,25 +29,16 @@ struct LocalBuffer {
 };
 
 // A scratch buffer of one thread (a scratch result lasts until that
-// function's next call on the same thread). The thread owns its text: it is
-// freed when the thread ends, and for the main thread when the process
-// exits, once, whatever other threads used a buffer of the same name.
-struct ThreadScratch {
-    string_buffer_t sb{};
-
-    ThreadScratch() = default;
-    ThreadScratch(const ThreadScratch&) = delete;
-    ThreadScratch& operator=(const ThreadScratch&) = delete;
-    ~ThreadScratch() { string_buffer_free(&sb); }
-};
+// function's next call on the same thread): the same owner as a frame's
+// buffer, declared thread_local. The thread owns its text: it is freed when
+// the thread ends, and for the main thread when the process exits, once,
+// whatever other threads used a buffer of the same name.
+using ThreadScratch = LocalBuffer;
 
 // Sets up a thread's scratch buffer on its first use. 0, or -1 when it
 // cannot be created.
 inline int scratch_ready(ThreadScratch* scratch) {
-    if (string_buffer_get_str(&scratch->sb) != nullptr) {
-        return 0;
-    }
-    return string_buffer_init(&scratch->sb) != 0 ? -1 : 0;
+    return scratch->str() != nullptr || scratch->init() == 0 ? 0 : -1;
 }
 
 // Results are summed only for their sign; keep the sum from overflowing.

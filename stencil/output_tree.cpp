@@ -205,7 +205,12 @@ stencil_error_t stencil_output_buffer_emit(stencil_output_buffer_t* buffer, int 
 }
 
 char* stencil_output_buffer_text(const stencil_output_buffer_t* buffer) {
-    stencil_eval::LocalBuffer text;
-    if (text.init() != 0 || coalesce_buffer_chain_kernel(buffer, text.get()) < 0) return nullptr;
-    return text.take();
+    // Joined as emit joins it: measured first, then copied into one block.
+    size_t length = 0;
+    bool any = false;
+    if (buffer != nullptr) measure_text(buffer, &length, &any);
+    HeapText text(alloc_text(length + 1));
+    if (text == nullptr) return nullptr;
+    *(buffer != nullptr ? copy_text(buffer, text.get()) : text.get()) = '\0';
+    return text.release();
 }

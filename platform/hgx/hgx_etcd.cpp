@@ -68,13 +68,7 @@ int range_all(Cluster& c, const std::string& key, const std::string& end, int64_
                                : r.get<int64_t>();
         }
         size_t before = out->size();
-        if (reply.contains("kvs"))
-            for (const json& kv : reply["kvs"]) {
-                Kv k;
-                if (!unb64(kv.value("key", ""), &k.key) || !unb64(kv.value("value", ""), &k.value))
-                    return fail(HGX_ERROR_CONNECTION_BROKEN);
-                out->push_back(std::move(k));
-            }
+        if (append_kvs(reply, out) < 0) return -1;
         if (!reply.value("more", false) || out->size() == before) return 0;
         from = out->back().key;
         from += '\0';
@@ -155,7 +149,7 @@ int EtcdStore::services(std::vector<Row>* out) {
     if (!listed_) {
         std::string from = k_.services(epoch_);
         std::vector<Kv> kvs;
-        if (range_all(*cluster_, from, range_end(from), revision_, &kvs, &message_) < 0) return -1;
+        if (range_prefix(from, &kvs) < 0) return -1;
         for (const Kv& kv : kvs) {
             std::string name = kv.key.substr(from.size());
             if (service_ids_.count(name) || gone_.count(name)) continue;
@@ -246,7 +240,7 @@ int EtcdStore::list_instances(int64_t service) {
     if (s.listed) return 0;
     std::string from = k_.instances(s.ptr.es);
     std::vector<Kv> kvs;
-    if (range_all(*cluster_, from, range_end(from), revision_, &kvs, &message_) < 0) return -1;
+    if (range_prefix(from, &kvs) < 0) return -1;
     for (const Kv& kv : kvs) {
         std::string name = kv.key.substr(from.size());
         if (s.instances.count(name) || s.gone.count(name)) continue;
@@ -301,7 +295,7 @@ int EtcdStore::load_bulk(int64_t service) {
     ServiceEntry& s = services_.at(service);
     std::string base = k_.whole_service(s.name);
     std::vector<Kv> kvs;
-    if (range_all(*cluster_, base, range_end(base), revision_, &kvs, &message_) < 0) return -1;
+    if (range_prefix(base, &kvs) < 0) return -1;
     std::map<std::string, std::vector<Kv>> by_owner;  // "" the service's own keys
     for (Kv& kv : kvs) {
         std::string rest = kv.key.substr(base.size());

@@ -132,12 +132,12 @@ int EtcdStore::load_legacy(const json& head) {
     if (epoch == head.end() || !epoch->is_string()) return fail(HGX_ERROR_CLUSTER_FOREIGN);
     std::string from = k_.prefix() + "e/" + epoch->get<std::string>() + "/";
     std::vector<Kv> pointers;
-    if (range_all(*cluster_, from, range_end(from), revision_, &pointers, &message_) < 0) return -1;
+    if (range_prefix(from, &pointers) < 0) return -1;
     for (const Kv& pointer : pointers) {
         std::string name = pointer.key.substr(from.size());
         std::string base = k_.prefix() + "d/" + pointer.value + "/";
         std::vector<Kv> kvs;
-        if (range_all(*cluster_, base, range_end(base), revision_, &kvs, &message_) < 0) return -1;
+        if (range_prefix(base, &kvs) < 0) return -1;
         Doc own;
         if (!valid_service_name(name)) return broken("a service name is malformed: " + name);
         if (read_doc(kvs, base + "s", &own) < 0) return -1;

@@ -280,7 +280,7 @@ int EtcdStore::instance_pointers(const std::string& service, const std::string& 
                                  std::map<std::string, InstancePointer>* out) {
     std::string from = k_.instances(es);
     std::vector<Kv> kvs;
-    if (range_all(*cluster_, from, range_end(from), revision_, &kvs, &message_) < 0) return -1;
+    if (range_prefix(from, &kvs) < 0) return -1;
     out->clear();
     for (const Kv& kv : kvs)
         if (!decode_pointer(kv.value, &(*out)[kv.key.substr(from.size())]))
@@ -492,7 +492,7 @@ int EtcdStore::finish_plan(Plan* p) {
     if (exists_) {
         std::string from = k_.services(epoch_);
         std::vector<Kv> kvs;
-        if (range_all(*cluster_, from, range_end(from), revision_, &kvs, &message_) < 0) return -1;
+        if (range_prefix(from, &kvs) < 0) return -1;
         for (const Kv& kv : kvs) {
             std::string name = kv.key.substr(from.size());
             if (!decode_pointer(kv.value, &all[name]))

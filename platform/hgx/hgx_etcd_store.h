@@ -240,6 +240,10 @@ class EtcdStore final : public Store {
     int range(const std::string& key, const std::string& end, std::vector<Kv>* out) {
         return cluster_->range(key, end, revision_, out, nullptr, &message_);
     }
+    // Every key below prefix at the store's revision, read page by page.
+    int range_prefix(const std::string& prefix, std::vector<Kv>* out) {
+        return range_all(*cluster_, prefix, range_end(prefix), revision_, out, &message_);
+    }
     int64_t new_id() { return ++last_id_; }
     Children& pg_children(int kind, int64_t owner) { return pgs_by_owner_[{kind, owner}]; }
     int broken(const std::string& what);

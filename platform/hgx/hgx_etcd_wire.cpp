@@ -387,14 +387,19 @@ int Cluster::range(const std::string& key, const std::string& end, int64_t at, s
     if (count) *count = reply.contains("count") ? as_int(reply["count"]) : 0;
     if (out) {
         out->clear();
-        if (reply.contains("kvs"))
-            for (const json& kv : reply["kvs"]) {
-                Kv k;
-                if (!unb64(kv.value("key", ""), &k.key) || !unb64(kv.value("value", ""), &k.value))
-                    return fail(HGX_ERROR_CONNECTION_BROKEN);
-                k.mod_revision = kv.contains("mod_revision") ? as_int(kv["mod_revision"]) : 0;
-                out->push_back(std::move(k));
-            }
+        return append_kvs(reply, out);
+    }
+    return 0;
+}
+
+int append_kvs(const json& reply, std::vector<Kv>* out) {
+    if (!reply.contains("kvs")) return 0;
+    for (const json& kv : reply["kvs"]) {
+        Kv k;
+        if (!unb64(kv.value("key", ""), &k.key) || !unb64(kv.value("value", ""), &k.value))
+            return fail(HGX_ERROR_CONNECTION_BROKEN);
+        k.mod_revision = kv.contains("mod_revision") ? as_int(kv["mod_revision"]) : 0;
+        out->push_back(std::move(k));
     }
     return 0;
 }

@@ -76,6 +76,19 @@ const char* const SCHEMA_SQL =
 
 int exec(sqlite3* db, const char* sql) { return sqlite3_exec(db, sql, nullptr, nullptr, nullptr); }
 
+// The settings of every connection that writes a repository in WAL mode. The
+// -wal and -shm files stay when the writer closes (the log cut to nothing),
+// created like the file itself: a reader that cannot create files in the
+// directory, such as another user reading a repository that root wrote,
+// needs them to read a WAL database.
+void set_up_wal_writer(sqlite3* db) {
+    int persist = 1;
+    sqlite3_file_control(db, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
+    exec(db, "PRAGMA journal_size_limit=0");
+    exec(db, "PRAGMA cache_size=-262144");
+    exec(db, "PRAGMA temp_store=MEMORY");
+}
+
 // The schema of a new repository, with its version; run inside the
 // transaction that makes it.
 std::string schema_sql() {
@@ -367,18 +380,13 @@ int SqliteStore::publish() {
         fsync(dfd);
         close(dfd);
     }
-    // The -wal and -shm files that every writer leaves (see open_for_writing),
+    // The -wal and -shm files that every writer leaves (set_up_wal_writer),
     // made now by a first read of the file under its name; they take the
     // file's mode. Reads after the commit, and the transactions that begin()
-    // starts, go through this connection, set up as open_for_writing sets
-    // up a writer's.
+    // starts, go through this connection, set up as any writer's.
     if (sqlite3_open_v2(path_.c_str(), &db_, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
-        int persist = 1;
-        sqlite3_file_control(db_, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
         sqlite3_busy_timeout(db_, 10000);
-        exec(db_, "PRAGMA journal_size_limit=0");
-        exec(db_, "PRAGMA cache_size=-262144");
-        exec(db_, "PRAGMA temp_store=MEMORY");
+        set_up_wal_writer(db_);
         int version = 0;
         pragma_int(db_, "PRAGMA user_version", &version);
     } else {
@@ -793,15 +801,7 @@ std::unique_ptr<Store> open_for_writing(const std::string& file, bool create, in
     // WAL, so that readers holding their snapshot and this writer do not
     // block each other.
     if (exec(db, "PRAGMA journal_mode=WAL") != SQLITE_OK) return db_refuse(sqlite3_errcode(db));
-    // The -wal and -shm files stay when the writer closes (the log cut to
-    // nothing), created like the file itself: a reader that cannot create
-    // files in the directory, such as another user reading a repository that
-    // root wrote, needs them to read a WAL database.
-    int persist = 1;
-    sqlite3_file_control(db, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
-    exec(db, "PRAGMA journal_size_limit=0");
-    exec(db, "PRAGMA cache_size=-262144");
-    exec(db, "PRAGMA temp_store=MEMORY");
+    set_up_wal_writer(db);
     if (exec(db, "BEGIN IMMEDIATE") != SQLITE_OK) return db_refuse(sqlite3_errcode(db));
     // Whether the file is new is decided under the write lock: of two
     // writers that found it empty, the second finds the first one's schema.
