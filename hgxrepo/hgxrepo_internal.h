@@ -12,6 +12,7 @@
 #include <chrono>
 #include <random>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -55,6 +56,10 @@ struct Invocation {
 // first word missing (as the command's usage line calls it) or the first
 // one too many.
 void arity(const Invocation& inv, size_t min, size_t max);
+
+// Whether words starts with flag (an option a command takes in front of its
+// words); if so the flag is taken out of words.
+bool take_flag(std::vector<std::string>& words, std::string_view flag);
 
 // s with its control bytes escaped (manifest::escape, backslashes left as
 // they are: the texts a message quotes are escaped already), so that a

@@ -304,8 +304,7 @@ void copy_repository(const std::string& path, const std::string& target, bool fo
 
 int cmd_copy(const Invocation& inv) {
     Invocation rest = inv;
-    const bool force = !rest.words.empty() && rest.words[0] == "--force";
-    if (force) rest.words.erase(rest.words.begin());
+    const bool force = take_flag(rest.words, "--force");
     arity(rest, 1, 1);
     const std::string& target = rest.words[0];
     return committed(target, [&] { copy_repository(inv.path, target, force); });
