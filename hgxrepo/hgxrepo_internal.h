@@ -79,6 +79,9 @@ using Scope = HgxPtr<hgx_scope_t>;
 
 // The library's text for its last error.
 std::string lib_error();
+// The writer's own text for its last failure (a store's words, such as the
+// cluster's), else lib_error().
+std::string writer_error(hgx_writer_t* w);
 
 // "cannot WHAT: " and the library's text.
 std::string failed_to(const char* what);
