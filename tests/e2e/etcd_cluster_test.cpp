@@ -90,26 +90,6 @@ TEST_F(EtcdCluster, EveryRunSeesOneGenerationWhileImportsRewriteTheInstance) {
     EXPECT_GT(seen.size(), 1u) << "the runs should have seen the imports land";
 }
 
-TEST_F(EtcdCluster, RacingWritersBothLand) {
-    if (!start()) return;
-    ASSERT_EQ(repo({"import", "-"}, generation(0, 2)).status, 0);
-    std::vector<std::thread> writers;
-    std::atomic<int> failed{0};
-    for (int i = 0; i < 8; ++i)
-        writers.emplace_back([&, i] {
-            std::string n = std::to_string(i);
-            e2e::Result r = repo({"setprop", WERN + "/:properties/config/w" + n, "v" + n});
-            if (r.status != 0) ++failed;
-        });
-    for (auto& t : writers) t.join();
-    EXPECT_EQ(failed.load(), 0);
-    std::string shown = repo({"show", WERN}).out;
-    for (int i = 0; i < 8; ++i)
-        EXPECT_NE(shown.find("config/w" + std::to_string(i) + " astring \"v" + std::to_string(i)),
-                  std::string::npos)
-            << shown;
-}
-
 TEST_F(EtcdCluster, AStoppedOrHangingClusterEndsTheRunWithStatusThree) {
     if (!start()) return;
     ASSERT_EQ(repo({"import", "-"}, generation(0, 2)).status, 0);
@@ -335,25 +315,10 @@ TEST_F(EtcdCluster, TlsWithClientCertificates) {
                              ": the member's certificate does not name the host 127.0.0.1\n"));
 }
 
-TEST_F(EtcdCluster, CredentialsAreCheckedAndWrongOnesRefused) {
-    if (!start()) return;
-    ASSERT_TRUE(server.enable_auth("secret"));
-    const e2e::Env right = {{"HGX_ETCD_USER", "root"}, {"HGX_ETCD_PASSWORD", "secret"}};
-    e2e::Result r = repo({"import", "-"}, generation(3, 2), right);
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n", right)), e2e::Whole(0, "g3\n", ""));
-    const std::string refused =
-        "kelvo: Unable to get properties for " + WERN +
-        ": The etcd cluster refused the credentials (HGX_ETCD_USER, HGX_ETCD_PASSWORD)\n";
-    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n",
-                               {{"HGX_ETCD_USER", "root"}, {"HGX_ETCD_PASSWORD", "wrong"}})),
-              e2e::Whole(3, "", refused));
-    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n")), e2e::Whole(3, "", refused));
-}
-
-// A user whose password is right but whose roles do not reach the prefix,
-// or reach it for reading only, is told so, apart from refused credentials.
-TEST_F(EtcdCluster, AUserWhoMayNotDoSomethingIsToldSo) {
+// Wrong or no credentials are refused. A user whose password is right but
+// whose roles do not reach the prefix, or reach it for reading only, is
+// told so, apart from refused credentials.
+TEST_F(EtcdCluster, CredentialsAreCheckedAndWhatAUserMayNotDoIsToldSo) {
     if (!start()) return;
     ASSERT_EQ(repo({"import", "-"}, generation(3, 2)).status, 0);
     const std::string endpoints = server.endpoints();
@@ -388,9 +353,21 @@ TEST_F(EtcdCluster, AUserWhoMayNotDoSomethingIsToldSo) {
         e2e::whole(kelvo("$%{config/p0}\n", as("stranger"))),
         e2e::Whole(3, "", "kelvo: Unable to get properties for " + WERN + ": " + text + "\n"));
     EXPECT_EQ(setprop("stranger"), e2e::Whole(1, "", "hgxrepo: " + url + ": " + text + "\n"));
+
+    const e2e::Env right = {{"HGX_ETCD_USER", "root"}, {"HGX_ETCD_PASSWORD", "secret"}};
+    e2e::Result r = repo({"import", "-"}, generation(4, 2), right);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n", right)), e2e::Whole(0, "g4\n", ""));
+    const std::string refused =
+        "kelvo: Unable to get properties for " + WERN +
+        ": The etcd cluster refused the credentials (HGX_ETCD_USER, HGX_ETCD_PASSWORD)\n";
+    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n",
+                               {{"HGX_ETCD_USER", "root"}, {"HGX_ETCD_PASSWORD", "wrong"}})),
+              e2e::Whole(3, "", refused));
+    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n")), e2e::Whole(3, "", refused));
 }
 
-TEST_F(EtcdCluster, BadInputIsRefusedAndLeavesTheClusterAsItWas) {
+TEST_F(EtcdCluster, BadInputIsRefusedAndAWholeRepositoryIsCopiedToAFileAndBack) {
     if (!start()) return;
     ASSERT_EQ(repo({"import", "-"}, generation(1, 2)).status, 0);
     const std::string before = repo({"export"}).out;
@@ -435,10 +412,8 @@ TEST_F(EtcdCluster, BadInputIsRefusedAndLeavesTheClusterAsItWas) {
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("Too large for one etcd request"), std::string::npos) << r.err;
     EXPECT_EQ(repo({"export"}).out, before);
-}
 
-TEST_F(EtcdCluster, CopiesAWholeRepositoryToAFileAndBack) {
-    if (!start()) return;
+    // A whole repository copied to the cluster and back to a file.
     e2e::TempDir dir;
     const std::string file = dir / "a.db", back = dir / "b.db";
     const std::string manifest = e2e::read_file(e2e::source_dir() + "/examples/services.json");
@@ -503,13 +478,29 @@ TEST_F(EtcdCluster, CommitsOfEverySizeGiveWhatTheyGiveAFile) {
     }
 }
 
-// A large commit (every snapshot of a service anew) races small ones on
-// single instances: every one lands, none undoes another.
-TEST_F(EtcdCluster, ALargeCommitAndSmallOnesRacingAllLand) {
+// Writers race on one instance, then a large commit (every snapshot of a
+// service anew) races small ones on single instances: every one lands,
+// none undoes another.
+TEST_F(EtcdCluster, RacingWritersAllLand) {
     if (!start()) return;
-    ASSERT_EQ(repo({"import", "-"}, e2e::fleet_manifest("fleet/web", 300, 5, 0)).status, 0);
+    ASSERT_EQ(repo({"import", "-"}, generation(0, 2)).status, 0);
     std::vector<std::thread> writers;
     std::atomic<int> failed{0};
+    for (int i = 0; i < 8; ++i)
+        writers.emplace_back([&, i] {
+            std::string n = std::to_string(i);
+            if (repo({"setprop", WERN + "/:properties/config/w" + n, "v" + n}).status) ++failed;
+        });
+    for (auto& t : writers) t.join();
+    EXPECT_EQ(failed.load(), 0);
+    std::string shown = repo({"show", WERN}).out;
+    for (int i = 0; i < 8; ++i)
+        EXPECT_NE(shown.find(numbered("config/w", i) + numbered(" astring \"v", i)),
+                  std::string::npos)
+            << shown;
+
+    ASSERT_EQ(repo({"import", "-"}, e2e::fleet_manifest("fleet/web", 300, 5, 0)).status, 0);
+    writers.clear();
     writers.emplace_back([&] {
         if (repo({"snapshot", "wrn:/fleet/web", "later"}).status != 0) ++failed;
     });

@@ -201,28 +201,19 @@ TEST(KelvoLintShipped, DemoAndGuideAreClean) {
 
 // Refused as kelvo refuses, with kelvo's texts, and nothing written.
 TEST_F(KelvoLint, BadInput) {
-    auto first_line = [](const e2e::Result& r) { return r.err.substr(0, r.err.find('\n')); };
-    e2e::Result r = lint({"-i", "s"});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(first_line(r), "kelvo-lint: No WERN (use -f)");
-    r = lint({"-f", WERN, "-a", "-D", "a=b"});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(first_line(r), "kelvo-lint: Option -a cannot be present with -D");
-    r = lint({"-f", WERN, "-D", "a", "-i", "s"});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(first_line(r), "kelvo-lint: Invalid -D argument: a");
-    r = lint({"-f", WERN, "-D", "a=1", "-D", "a=2", "-i", "s"});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(first_line(r), "Invalid define: a already exists");
-    r = lint({"-i", "s"});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(first_line(r), "kelvo-lint: No WERN (use -f)");
-    r = lint({"-f", WERN, "-a", "-i", "s"});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(first_line(r), "kelvo-lint: Option -a cannot be present with -i or -o");
-    r = lint({"-f", WERN});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(first_line(r), "kelvo-lint: Option -i or -a is required");
+    const std::pair<std::vector<std::string>, const char*> usage_errors[] = {
+        {{"-i", "s"}, "kelvo-lint: No WERN (use -f)"},
+        {{"-f", WERN, "-a", "-D", "a=b"}, "kelvo-lint: Option -a cannot be present with -D"},
+        {{"-f", WERN, "-D", "a", "-i", "s"}, "kelvo-lint: Invalid -D argument: a"},
+        {{"-f", WERN, "-D", "a=1", "-D", "a=2", "-i", "s"}, "Invalid define: a already exists"},
+        {{"-f", WERN, "-a", "-i", "s"}, "kelvo-lint: Option -a cannot be present with -i or -o"},
+        {{"-f", WERN}, "kelvo-lint: Option -i or -a is required"},
+    };
+    for (const auto& [args, says] : usage_errors) {
+        e2e::Result r = lint(args);
+        EXPECT_EQ(r.status, 2) << says;
+        EXPECT_EQ(r.err.substr(0, r.err.find('\n')), says);
+    }
     EXPECT_EQ(whole(lint({"-f", "wrn:/net/foo:nope", "-i", "s"})),
               (Whole{3, "",
                      "kelvo-lint: Unable to get properties for wrn:/net/foo:nope: "
