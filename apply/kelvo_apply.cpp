@@ -219,20 +219,13 @@ struct FileState {
     std::string content;
 };
 
-struct Descriptor {
-    int fd;
-    ~Descriptor() {
-        if (fd >= 0) close(fd);
-    }
-};
-
 // Reads path into *state (a missing file is a state too). False after a
 // message when it cannot be read or is no regular file.
 bool read_state(const char* prog, const std::string& path, FileState* state) {
     *state = FileState{};
-    Descriptor file{open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
-    if (file.fd < 0 && errno == ENOENT) return true;
-    if (file.fd < 0 || fstat(file.fd, &state->st) != 0) {
+    FileDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (file.get() < 0 && errno == ENOENT) return true;
+    if (file.get() < 0 || fstat(file.get(), &state->st) != 0) {
         fprintf(stderr, gettext("%s: cannot read %s: %s\n"), prog, path.c_str(), strerror(errno));
         return false;
     }
@@ -242,7 +235,7 @@ bool read_state(const char* prog, const std::string& path, FileState* state) {
     }
     char buffer[8192];
     ssize_t n;
-    while ((n = read(file.fd, buffer, sizeof buffer)) != 0) {
+    while ((n = read(file.get(), buffer, sizeof buffer)) != 0) {
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
             fprintf(stderr, gettext("%s: cannot read %s: %s\n"), prog, path.c_str(),
@@ -271,19 +264,19 @@ bool put_back(const char* prog, const std::string& path, const FileState& before
     if (!before.exists) {
         ok = unlink(path.c_str()) == 0 || errno == ENOENT;
     } else {
-        Descriptor file{open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)};
-        ok = file.fd >= 0;
+        FileDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+        ok = file.get() >= 0;
         for (size_t done = 0; ok && done < before.content.size();) {
             const ssize_t n =
-                write(file.fd, before.content.data() + done, before.content.size() - done);
+                write(file.get(), before.content.data() + done, before.content.size() - done);
             if (n > 0) done += static_cast<size_t>(n);
             ok = n > 0 || (n < 0 && errno == EINTR);
         }
         struct stat now {};
-        ok = ok && fstat(file.fd, &now) == 0;
+        ok = ok && fstat(file.get(), &now) == 0;
         if (ok && (now.st_uid != before.st.st_uid || now.st_gid != before.st.st_gid))
-            ok = fchown(file.fd, before.st.st_uid, before.st.st_gid) == 0;
-        ok = ok && fchmod(file.fd, before.st.st_mode & 07777) == 0;
+            ok = fchown(file.get(), before.st.st_uid, before.st.st_gid) == 0;
+        ok = ok && fchmod(file.get(), before.st.st_mode & 07777) == 0;
     }
     if (!ok)
         fprintf(stderr, gettext("%s: could not put back %s: %s\n"), prog, path.c_str(),

@@ -53,19 +53,16 @@ std::string group_name_of(gid_t gid) {
 bool read_whole(const char* root_prefix, const char* output_file, const char* path,
                 std::string* text) {
     OutputRoot root(root_prefix);
-    int fd = root.open_file(root.below_root() ? output_file : path,
-                            O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) return false;
+    FileDescriptor fd(root.open_file(root.below_root() ? output_file : path,
+                                     O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (fd.get() < 0) return false;
     char buf[65536];
     ssize_t n;
-    while ((n = read(fd, buf, sizeof buf)) != 0) {
+    while ((n = read(fd.get(), buf, sizeof buf)) != 0) {
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) break;
         text->append(buf, static_cast<size_t>(n));
     }
-    int saved = errno;
-    close(fd);
-    errno = saved;
     return n == 0;
 }
 

@@ -250,10 +250,7 @@ int run(const std::vector<std::string>& args, std::string* command_word) {
     inv.words.assign(args.begin() + static_cast<std::ptrdiff_t>(i), args.end());
     inv.path = repository_path(file_option);
     // "--snapshot" may stand in front of the wern.
-    if (!inv.words.empty() && inv.words[0] == "--snapshot") {
-        inv.snapshot = true;
-        inv.words.erase(inv.words.begin());
-    }
+    inv.snapshot = take_flag(inv.words, "--snapshot");
     const Command* command = find_command(name);
     if (command) *command_word = name;
     if (command && asks_for_help(inv.words)) {
@@ -281,6 +278,12 @@ void arity(const Invocation& inv, size_t min, size_t max) {
     }
     if (given > max)
         throw Usage{inv.command + ": unexpected argument " + manifest::quote(inv.words[max])};
+}
+
+bool take_flag(std::vector<std::string>& words, std::string_view flag) {
+    if (words.empty() || words[0] != flag) return false;
+    words.erase(words.begin());
+    return true;
 }
 
 }  // namespace hgxrepo

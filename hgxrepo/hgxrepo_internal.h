@@ -12,6 +12,7 @@
 #include <chrono>
 #include <random>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -56,6 +57,10 @@ struct Invocation {
 // one too many.
 void arity(const Invocation& inv, size_t min, size_t max);
 
+// Whether words starts with flag (an option a command takes in front of its
+// words); if so the flag is taken out of words.
+bool take_flag(std::vector<std::string>& words, std::string_view flag);
+
 // s with its control bytes escaped (manifest::escape, backslashes left as
 // they are: the texts a message quotes are escaped already), so that a
 // message stays one line whatever a name or value held.
@@ -74,6 +79,9 @@ using Scope = HgxPtr<hgx_scope_t>;
 
 // The library's text for its last error.
 std::string lib_error();
+// The writer's own text for its last failure (a store's words, such as the
+// cluster's), else lib_error().
+std::string writer_error(hgx_writer_t* w);
 
 // "cannot WHAT: " and the library's text.
 std::string failed_to(const char* what);

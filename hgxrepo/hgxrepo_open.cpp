@@ -60,9 +60,13 @@ Writer open_writer(const std::string& path, bool create) {
     return w;
 }
 
-void write_failed(hgx_writer_t* w, const std::string& path) {
+std::string writer_error(hgx_writer_t* w) {
     std::string detail = hgx_writer_message(w);
-    throw Failure{path + ": cannot write: " + (detail.empty() ? lib_error() : detail)};
+    return detail.empty() ? lib_error() : detail;
+}
+
+void write_failed(hgx_writer_t* w, const std::string& path) {
+    throw Failure{path + ": cannot write: " + writer_error(w)};
 }
 
 void commit(hgx_writer_t* w, const std::string& path) {

@@ -418,9 +418,8 @@ std::string json_text(const json& doc, const std::string& path) {
 // or with --json one JSON document. An instance shows its composed view, or
 // the snapshot given.
 int cmd_show(const Invocation& inv) {
-    const bool as_json = !inv.words.empty() && inv.words[0] == "--json";
     Invocation rest = inv;
-    if (as_json) rest.words.erase(rest.words.begin());
+    const bool as_json = take_flag(rest.words, "--json");
     arity(rest, 1, 2);
     const std::string& wern = rest.words[0];
     const std::string* snapshot = rest.words.size() > 1 ? &rest.words[1] : nullptr;
@@ -465,9 +464,8 @@ int cmd_show(const Invocation& inv) {
 // The values of one property of the current view (an instance's composed
 // one), one a line, escaped; with -0 as they are, each ended by a NUL byte.
 int cmd_get(const Invocation& inv) {
-    const bool nul = !inv.words.empty() && inv.words[0] == "-0";
     Invocation rest = inv;
-    if (nul) rest.words.erase(rest.words.begin());
+    const bool nul = take_flag(rest.words, "-0");
     arity(rest, 1, 1);
     const std::string& wern = rest.words[0];
     hgx_wern_parts parts;

@@ -291,11 +291,9 @@ void copy_repository(const std::string& path, const std::string& target, bool fo
     }
     for (const std::string& name : names)
         if (hgx_writer_copy_service(w.get(), from.get(), name) < 0) {
-            std::string detail = hgx_writer_message(w.get());
             // A name the copy refuses is named by its message alone.
             std::string what = hgx_valid_service_name(name) ? " wrn:/" + name : "";
-            throw Failure{target + ": cannot copy" + what + ": " +
-                          (detail.empty() ? lib_error() : detail)};
+            throw Failure{target + ": cannot copy" + what + ": " + writer_error(w.get())};
         }
     commit(w.get(), target);
 }
@@ -304,8 +302,7 @@ void copy_repository(const std::string& path, const std::string& target, bool fo
 
 int cmd_copy(const Invocation& inv) {
     Invocation rest = inv;
-    const bool force = !rest.words.empty() && rest.words[0] == "--force";
-    if (force) rest.words.erase(rest.words.begin());
+    const bool force = take_flag(rest.words, "--force");
     arity(rest, 1, 1);
     const std::string& target = rest.words[0];
     return committed(target, [&] { copy_repository(inv.path, target, force); });

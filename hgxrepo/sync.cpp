@@ -120,7 +120,6 @@ void Mirror::applied(const Applied& a) {
     if (!run_command(o_, a.changed, a.revision, &run)) return;
     ++state_.command_runs;
     if (run.status != 0) ++state_.command_failures;
-    state_.command_ran = true;
     state_.last_command = run;
     tell();
 }

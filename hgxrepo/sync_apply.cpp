@@ -17,16 +17,13 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "hgxrepo_internal.h"
 #include "manifest.h"
 #include "sync_internal.h"
 
 namespace hgxrepo::sync {
 
 namespace {
-
-using Writer = HgxPtr<hgx_writer_t>;
-
-std::string lib_error() { return hgx_strerror(hgx_error()); }
 
 bool any_matches(const std::vector<std::unique_ptr<Pattern>>& ps, const std::string& s) {
     for (const auto& p : ps)
@@ -347,16 +344,14 @@ bool Replica::copy_failed(hgx_writer_t* file, hgx_writer_t* c, const Part& part,
         what += ' ';
         what += part.second.empty() ? service_wern(part.first) : wern_of(part);
     }
-    std::string detail = hgx_writer_message(file);
-    a->why = what + ": " + (detail.empty() ? lib_error() : detail);
+    a->why = what + ": " + writer_error(file);
     return false;
 }
 
 bool Replica::write_failed(hgx_writer_t* file, const std::string& what, Applied* a) {
     a->outcome = Outcome::FILE;
     a->error = hgx_error();
-    std::string detail = hgx_writer_message(file);
-    a->why = what + ": " + (detail.empty() ? lib_error() : detail);
+    a->why = what + ": " + writer_error(file);
     return false;
 }
 

@@ -191,8 +191,7 @@ struct MirrorState {
     int64_t copy_time = 0;          // when the last whole copy was made (0: none yet)
     bool connected = false;
     int64_t command_runs = 0, command_failures = 0;
-    bool command_ran = false;  // last_command tells of a run
-    CommandRun last_command;
+    CommandRun last_command;  // meaningful once command_runs > 0
 };
 
 // Tells the mirror's state to whoever listens: the host's status key in the

@@ -145,7 +145,7 @@ int replace_file(const std::string& path, const std::string& text) {
 std::string status_record(const MirrorState& s, const std::string& host,
                           const hgx_commit_info& commit) {
     nlohmann::json command = nullptr;
-    if (s.command_ran)
+    if (s.command_runs > 0)
         command = {{"revision", s.last_command.revision},
                    {"time", s.last_command.time},
                    {"status", s.last_command.status}};

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "host.h"
 #include "kelvo.h"
@@ -52,27 +53,19 @@ enum class Existing { NONE, REGULAR, DIRECTORY, OTHER, FAILED };
 // runs no driver's open (a device's open may act on the device) and does not
 // wait for a FIFO's writer. REGULAR with *fd and *st set; FAILED with errno
 // set; NONE when there is no file yet.
-Existing open_existing(const OutputRoot& root, const char* path, int* fd, struct stat* st) {
-    *fd = -1;
-    int probe = root.open_file(path, O_PATH | O_CLOEXEC);
-    if (probe < 0) return errno == ENOENT ? Existing::NONE : Existing::FAILED;
-    int rc = fstat(probe, st);
-    int saved = errno;
-    close(probe);
-    errno = saved;
-    if (rc != 0) return Existing::FAILED;
+Existing open_existing(const OutputRoot& root, const char* path, FileDescriptor* fd,
+                       struct stat* st) {
+    FileDescriptor probe(root.open_file(path, O_PATH | O_CLOEXEC));
+    if (probe.get() < 0) return errno == ENOENT ? Existing::NONE : Existing::FAILED;
+    if (fstat(probe.get(), st) != 0) return Existing::FAILED;
     if (S_ISDIR(st->st_mode)) return Existing::DIRECTORY;
     if (!S_ISREG(st->st_mode)) return Existing::OTHER;
     // Opened again by its path; what stands there now is looked at again.
-    int opened = root.open_file(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (opened < 0) return errno == ENOENT ? Existing::NONE : Existing::FAILED;
-    rc = fstat(opened, st);
-    saved = errno;
-    if (rc != 0 || !S_ISREG(st->st_mode)) close(opened);
-    errno = saved;
-    if (rc != 0) return Existing::FAILED;
+    FileDescriptor opened(root.open_file(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (opened.get() < 0) return errno == ENOENT ? Existing::NONE : Existing::FAILED;
+    if (fstat(opened.get(), st) != 0) return Existing::FAILED;
     if (!S_ISREG(st->st_mode)) return S_ISDIR(st->st_mode) ? Existing::DIRECTORY : Existing::OTHER;
-    *fd = opened;
+    *fd = std::move(opened);
     return Existing::REGULAR;
 }
 
@@ -94,7 +87,6 @@ class FileDelivery {
     FileDelivery(const char* output_file, const char* root_prefix)
         : output_file_(output_file), root_prefix_(root_prefix), root_(root_prefix) {}
     ~FileDelivery() {
-        if (fd_ >= 0) close(fd_);
         if (written_ && !succeeded_) root_.unlink_file(place());
     }
     FileDelivery(const FileDelivery&) = delete;
@@ -115,8 +107,7 @@ class FileDelivery {
                           directory_of_output(), strerror(errno));
         if (!write_text(output, job.mode)) return KELVO_SYSERR;
         if (!set_mode_and_owner(job.mode, job.owner_name, job.group_name)) return KELVO_SYSERR;
-        close(fd_);
-        fd_ = -1;
+        fd_ = FileDescriptor();
 
         // The file below the prefix is shown at the path without it. A mount
         // left by an earlier run goes first; no mount is tried after a
@@ -138,14 +129,12 @@ class FileDelivery {
     int mount_written(const char* options, ssize_t options_len, mode_t mode) {
         if (!root_.below_root())
             return file_mount(output_path_, output_file_, options, options_len, mode);
-        int fd = root_.open_file(place(), O_PATH | O_CLOEXEC);
+        FileDescriptor fd(root_.open_file(place(), O_PATH | O_CLOEXEC));
         char source[64];
-        snprintf(source, sizeof source, "/proc/self/fd/%d", fd);
+        snprintf(source, sizeof source, "/proc/self/fd/%d", fd.get());
         // Without /proc (a bare chroot) the path is all there is to mount.
-        const char* from = fd >= 0 && access(source, F_OK) == 0 ? source : nullptr;
-        int rc = file_mount(output_path_, output_file_, options, options_len, mode, from);
-        if (fd >= 0) close(fd);
-        return rc;
+        const char* from = fd.get() >= 0 && access(source, F_OK) == 0 ? source : nullptr;
+        return file_mount(output_path_, output_file_, options, options_len, mode, from);
     }
 
     kelvo_error_t succeed() {
@@ -158,24 +147,24 @@ class FileDelivery {
     bool write_text(stencil_output_buffer_t* output, mode_t mode) {
         // O_NONBLOCK: a FIFO put in the file's place since the compare makes
         // the open fail rather than wait for a reader.
-        fd_ = root_.open_file(
-            place(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode);
-        if (fd_ < 0 && errno == ENXIO) {
+        fd_ = FileDescriptor(root_.open_file(
+            place(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode));
+        if (fd_.get() < 0 && errno == ENXIO) {
             report_not_regular(output_path_);
             return false;
         }
-        if (fd_ < 0) {
+        if (fd_.get() < 0) {
             report_open_failure(errno, output_path_, true);
             return false;
         }
         struct stat st;
-        if (fstat(fd_, &st) == 0 && !S_ISREG(st.st_mode)) {
+        if (fstat(fd_.get(), &st) == 0 && !S_ISREG(st.st_mode)) {
             report_not_regular(output_path_);
             return false;  // not made here: left in place, unchanged
         }
         written_ = true;
 
-        stencil_error_t result = stencil_output_buffer_emit(output, fd_);
+        stencil_error_t result = stencil_output_buffer_emit(output, fd_.get());
         if (result != STENCIL_SUCCESS) {
             report_write_failure(result, output_path_);
             return false;
@@ -187,7 +176,7 @@ class FileDelivery {
     // the message.
     bool set_mode_and_owner(mode_t mode, const char* owner_name, const char* group_name) {
         int rc;
-        while ((rc = fchmod(fd_, mode)) != 0 && errno == EINTR) {
+        while ((rc = fchmod(fd_.get(), mode)) != 0 && errno == EINTR) {
         }
         if (rc != 0) {
             fprintf(stderr, gettext("Could not chmod output file: %s\n"), strerror(errno));
@@ -198,7 +187,7 @@ class FileDelivery {
         gid_t gid = static_cast<gid_t>(-1);
         if (resolve_owner(owner_name, group_name, &uid, &gid) != KELVO_SUCCESS) return false;
         if (uid == static_cast<uid_t>(-1) && gid == static_cast<gid_t>(-1)) return true;
-        while ((rc = fchown(fd_, uid, gid)) != 0 && errno == EINTR) {
+        while ((rc = fchown(fd_.get(), uid, gid)) != 0 && errno == EINTR) {
         }
         if (rc != 0) {
             // "Could now" is kept letter for letter, slip included: the
@@ -232,7 +221,7 @@ class FileDelivery {
     OutputRoot root_;
     char output_path_[1024];
     char directory_[1024];
-    int fd_ = -1;
+    FileDescriptor fd_;
     bool written_ = false;    // the open for writing succeeded
     bool succeeded_ = false;  // the call ends with KELVO_SUCCESS
 };
@@ -269,7 +258,7 @@ kelvo_error_t plan_in(const OutputRoot& root, stencil_output_buffer_t* output,
         return KELVO_SYSERR;
     }
 
-    int fd = -1;
+    FileDescriptor fd;
     switch (open_existing(root, place_of(root, output_file, output_path), &fd, &plan->current)) {
         case Existing::NONE:
             return KELVO_SUCCESS;
@@ -286,8 +275,7 @@ kelvo_error_t plan_in(const OutputRoot& root, stencil_output_buffer_t* output,
             return KELVO_SYSERR;
     }
     stencil_error_t error = STENCIL_SUCCESS;
-    int differs = stencil_output_buffer_cmp(output, fd, &error);
-    close(fd);
+    int differs = stencil_output_buffer_cmp(output, fd.get(), &error);
     // A comparison that could not read the file proves nothing; the file is
     // rewritten rather than trusted.
     plan->action = differs == 0 && error == STENCIL_SUCCESS ? DELIVERY_UNCHANGED : DELIVERY_REWRITE;

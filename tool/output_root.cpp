@@ -33,35 +33,6 @@ constexpr int MAX_LINKS = 40;
 
 bool walk_only = false;  // openat2 is missing here, or a test asked for the walk
 
-class Fd {
-  public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    Fd(Fd&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-    Fd& operator=(Fd&& other) noexcept {
-        if (this != &other) {
-            reset();
-            fd_ = other.fd_;
-            other.fd_ = -1;
-        }
-        return *this;
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() { reset(); }
-    int get() const { return fd_; }
-
-  private:
-    void reset() {
-        if (fd_ >= 0) {
-            int saved = errno;
-            close(fd_);
-            errno = saved;
-        }
-        fd_ = -1;
-    }
-    int fd_;
-};
-
 void split_into(std::string_view path, std::deque<std::string>* out, bool at_front) {
     std::vector<std::string> parts;
     size_t start = 0;
@@ -82,7 +53,7 @@ void split_into(std::string_view path, std::deque<std::string>* out, bool at_fro
 // component's name; an empty name when the path names a directory itself
 // ("/", "a/..", or a path that ends in "/").
 struct WalkEnd {
-    Fd dir;
+    FileDescriptor dir;
     std::string last;
 };
 
@@ -92,7 +63,7 @@ struct WalkEnd {
 // 0, or -1 with errno.
 int walk(int root_fd, std::string_view path, bool follow_last, bool create, mode_t mode,
          WalkEnd* end) {
-    std::vector<Fd> dirs;
+    std::vector<FileDescriptor> dirs;
     dirs.emplace_back(openat(root_fd, ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (dirs.back().get() < 0) return -1;
     std::deque<std::string> pending;
@@ -112,10 +83,11 @@ int walk(int root_fd, std::string_view path, bool follow_last, bool create, mode
             end->last = std::move(name);
             return 0;
         }
-        Fd fd(openat(dirs.back().get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        FileDescriptor fd(openat(dirs.back().get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
         if (fd.get() < 0 && errno == ENOENT && !last && create) {
             if (mkdirat(dirs.back().get(), name.c_str(), mode) != 0 && errno != EEXIST) return -1;
-            fd = Fd(openat(dirs.back().get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+            fd = FileDescriptor(
+                openat(dirs.back().get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
         }
         if (fd.get() < 0) {
             if (errno != ENOENT || !last) return -1;
@@ -190,12 +162,9 @@ void output_root_force_walk(bool on) { walk_only = on; }
 OutputRoot::OutputRoot(const char* root_prefix) {
     if (root_prefix == nullptr) return;
     // An empty prefix puts the file at "/" + name, as the path shown says.
-    fd_ = open(*root_prefix != '\0' ? root_prefix : "/", O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (fd_ < 0) error_ = errno;
-}
-
-OutputRoot::~OutputRoot() {
-    if (fd_ >= 0) close(fd_);
+    fd_ = FileDescriptor(
+        open(*root_prefix != '\0' ? root_prefix : "/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (fd_.get() < 0) error_ = errno;
 }
 
 bool OutputRoot::unusable() const {
@@ -208,14 +177,14 @@ int OutputRoot::open_file(const char* path, int flags, mode_t mode) const {
     if (!below_root()) return open(path, flags, mode);
     if (unusable()) return -1;
     // An empty name below the root is the root itself, as "<root>/" says.
-    return open_in_root(fd_, *path != '\0' ? path : ".", flags, mode);
+    return open_in_root(fd_.get(), *path != '\0' ? path : ".", flags, mode);
 }
 
 int OutputRoot::make_directories(const char* path, mode_t mode) const {
     if (!below_root()) return mkdirp(path, mode);
     if (unusable()) return -1;
     WalkEnd end;
-    if (walk(fd_, path, true, true, mode, &end) != 0) return -1;
+    if (walk(fd_.get(), path, true, true, mode, &end) != 0) return -1;
     if (end.last.empty()) {
         errno = EEXIST;
         return -1;
@@ -227,7 +196,7 @@ int OutputRoot::unlink_file(const char* path) const {
     if (!below_root()) return unlink(path);
     if (unusable()) return -1;
     WalkEnd end;
-    if (walk(fd_, path, false, false, 0, &end) != 0) return -1;
+    if (walk(fd_.get(), path, false, false, 0, &end) != 0) return -1;
     if (end.last.empty()) {
         errno = EISDIR;
         return -1;

@@ -9,7 +9,9 @@
 #include <getopt.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "defines.h"
@@ -170,6 +172,38 @@ int get_single_property(repository_t* repository, const char* name, char* proper
 // EEXIST when the whole path already existed as a directory.
 int mkdirp(const char* path, mode_t mode);
 
+// The owner of a file descriptor: closes it when it goes (-1: none), keeping
+// errno as it was, so that a failure's errno survives the clean-up on the
+// way out. Move-only.
+class FileDescriptor {
+  public:
+    explicit FileDescriptor(int fd = -1) : fd_(fd) {}
+    FileDescriptor(FileDescriptor&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+        if (this != &other) {
+            reset();
+            fd_ = other.fd_;
+            other.fd_ = -1;
+        }
+        return *this;
+    }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    ~FileDescriptor() { reset(); }
+    int get() const { return fd_; }
+
+  private:
+    void reset() {
+        if (fd_ >= 0) {
+            const int saved = errno;
+            close(fd_);
+            errno = saved;
+        }
+        fd_ = -1;
+    }
+    int fd_;
+};
+
 // The place output files lie in: below a root prefix, where every path is
 // resolved inside the root as though the root were "/" (".." stops at it; a
 // symbolic link, absolute or relative, is followed within it), or, without
@@ -181,11 +215,10 @@ class OutputRoot {
   public:
     // Null: no root prefix. An empty prefix is "/".
     explicit OutputRoot(const char* root_prefix);
-    ~OutputRoot();
     OutputRoot(const OutputRoot&) = delete;
     OutputRoot& operator=(const OutputRoot&) = delete;
 
-    bool below_root() const { return fd_ >= 0 || error_ != 0; }
+    bool below_root() const { return fd_.get() >= 0 || error_ != 0; }
     // open(2) of path: a descriptor the caller closes, or -1 with errno. The
     // last component is followed (within the root) unless flags hold
     // O_NOFOLLOW.
@@ -200,6 +233,6 @@ class OutputRoot {
   private:
     // True, with errno set, when the root could not be opened.
     bool unusable() const;
-    int fd_ = -1;
+    FileDescriptor fd_;
     int error_ = 0;  // errno of the root's open
 };
