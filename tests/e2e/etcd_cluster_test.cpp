@@ -239,11 +239,11 @@ TEST_F(EtcdCluster, RunsGoOnThroughTheOtherMembersWhenOneHangsOrTheLeaderDies) {
     if (!start(three)) return;
     ASSERT_EQ(repo({"import", "-"}, generation(0, 2)).status, 0);
     // The URL names the hung member first.
-    server.freeze_member(0, true);
+    server.freeze(true, 0);
     EXPECT_EQ(e2e::whole(repo({"setprop", "--snapshot", WERN + "/:properties/config/p0", "hung"})),
               e2e::Whole(0, "", ""));
     EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n")), e2e::Whole(0, "hung\n", ""));
-    server.freeze_member(0, false);
+    server.freeze(false, 0);
 
     int leader = server.leader();
     ASSERT_GE(leader, 0);

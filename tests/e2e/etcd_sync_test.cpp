@@ -347,7 +347,7 @@ TEST_F(EtcdSyncThree, FollowsTheClusterWhenTheWatchedMemberIsKilledOrHung) {
         SCOPED_TRACE(hung ? "hung" : "killed");
         auto sync = following();
         if (hung)
-            server.freeze_member(0, true);
+            server.freeze(true, 0);
         else
             server.kill_member(0);
         ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 2)).status, 0);
@@ -356,7 +356,7 @@ TEST_F(EtcdSyncThree, FollowsTheClusterWhenTheWatchedMemberIsKilledOrHung) {
         EXPECT_EQ(e2e::read_file(log).find("lost the cluster"), std::string::npos)
             << e2e::read_file(log);
         if (hung)
-            server.freeze_member(0, false);
+            server.freeze(false, 0);
         else
             server.restart_member(0);
         ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 0)).status, 0);

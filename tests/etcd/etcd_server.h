@@ -44,9 +44,8 @@ class EtcdServer {
     int leader() const;  // the member that leads, or -1
     void kill_member(int member);
     // SIGSTOP / SIGCONT: members that hang instead of refusing; every
-    // member, or one.
-    void freeze(bool frozen);
-    void freeze_member(int member, bool frozen);
+    // member (-1), or one.
+    void freeze(bool frozen, int member = -1);
     void restart_member(int member);
 
     // Certificates of a TLS cluster: CA, client certificate and key.
