@@ -33,39 +33,31 @@ std::string manifest(const std::string& service, int gen, int count = 3) {
     return e2e::generation_manifest(service, gen, count);
 }
 
-// hgxrepo sync in the background, its standard error kept in a file.
+// hgxrepo in the background, its standard error appended to log, with env
+// set and a limit on the size of the files it writes (as a full disk would
+// set one).
 class Sync {
   public:
-    // file_limit: a limit on the size of the files it writes (0: none), as a
-    // full disk would set one; env: variables set for it.
-    Sync(const std::vector<std::string>& args, const std::string& log, rlim_t file_limit = 0,
-         const e2e::Env& env = {}) {
-        pid_ = fork();
-        if (pid_ == 0) {
-            for (const auto& [name, value] : env) setenv(name.c_str(), value->c_str(), 1);
-            if (file_limit) {
-                signal(SIGXFSZ, SIG_IGN);             // a write past the limit fails instead
-                rlimit r{file_limit, RLIM_INFINITY};  // soft: lifted later without privilege
-                setrlimit(RLIMIT_FSIZE, &r);
-            }
-            int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-            dup2(fd, 2);
-            int null = open("/dev/null", O_RDWR);
-            dup2(null, 0);
-            dup2(null, 1);
-            std::vector<char*> argv = {const_cast<char*>(e2e::hgxrepo_bin())};
-            for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
+    Sync(const std::vector<std::string>& args, const std::string& log, const e2e::Env& env = {},
+         rlim_t file_limit = RLIM_INFINITY) {
+        if ((pid_ = fork()) != 0) return;
+        for (const auto& [name, value] : env) setenv(name.c_str(), value->c_str(), 1);
+        signal(SIGXFSZ, SIG_IGN);                 // a write past the limit fails instead
+        rlimit limit{file_limit, RLIM_INFINITY};  // soft: lifted later without privilege
+        setrlimit(RLIMIT_FSIZE, &limit);
+        dup2(open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644), 2);
+        for (int fd : {0, 1}) dup2(open("/dev/null", O_RDWR), fd);
+        std::vector<char*> argv = {const_cast<char*>(e2e::hgxrepo_bin())};
+        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
     }
     ~Sync() {
         if (pid_ > 0) stop();
     }
     pid_t pid() const { return pid_; }
-    // SIGTERM (or another signal), and the exit status (128 + signal when
-    // killed).
+    // The exit status after the signal (128 + signal when killed).
     int stop(int signal = SIGTERM) {
         kill(pid_, signal);
         int status = 0;
@@ -142,21 +134,39 @@ class EtcdSync : public ::testing::Test {
     std::string url, mirror, log, seen;
 };
 
+// The command reads the mirror, and hears of the instances whose view
+// (what kelvo reads) changed.
 TEST_F(EtcdSync, FollowsTheClusterAndRunsTheCommandWithTheChangedInstances) {
-    auto sync = start_sync({"--exec", "printf '%s--\\n' \"$HGX_CHANGED\" >> " + seen});
-    ASSERT_TRUE(eventually([&] { return value() == "g0\n"; })) << e2e::read_file(log);
-    // The first copy changed both instances: the command heard of both.
-    EXPECT_EQ(told(seen, log), "wrn:/app/db:default\nwrn:/app/web:default\n--\n");
+    auto sync = start_sync({"--splay", "1", "--exec",
+                            "printf '%s %s--\\n' \"$HGX_REPOSITORY\" \"$HGX_CHANGED\" >> " + seen});
+    const std::string prefix = mirror + " ";
+    EXPECT_EQ(told(seen, log), prefix + "wrn:/app/db:default\nwrn:/app/web:default\n--\n");
     ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
     ASSERT_TRUE(eventually([&] { return value() == "g1\n"; })) << e2e::read_file(log);
-    EXPECT_EQ(told(seen, log), "wrn:/app/web:default\n--\n");
-    // A failing command is reported and the mirror goes on.
-    EXPECT_EQ(sync->stop(), 0);
-    auto failing = start_sync({"--exec", "exit 3"});
+    EXPECT_EQ(told(seen, log), prefix + WERN + "\n--\n");
+    // What kelvo does not read of the instance: the live groups beside its
+    // snapshot, a group general that the snapshot does not have.
+    const std::string pg = WERN + "/:properties/";
+    ASSERT_EQ(cluster({"setprop", pg + "config/p0", "live"}).status, 0);
+    ASSERT_EQ(cluster({"addpg", pg + "general", "framework"}).status, 0);
+    // What it reads: a new snapshot, and the group general always live.
+    ASSERT_EQ(cluster({"snapshot", WERN}).status, 0);
+    EXPECT_EQ(told(seen, log), prefix + WERN + "\n--\n");
+    ASSERT_EQ(cluster({"setprop", pg + "general/enabled", "-t", "boolean", "false"}).status, 0);
+    EXPECT_EQ(told(seen, log), prefix + WERN + "\n--\n");
+    // A mirror file removed under the mirror is copied whole at the next revision.
+    for (const char* suffix : {"", "-wal", "-shm"}) std::remove((mirror + suffix).c_str());
     ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 2)).status, 0);
-    ASSERT_TRUE(eventually([&] { return value() == "g2\n"; }));
+    ASSERT_TRUE(eventually([&] { return value() == "g2\n"; })) << e2e::read_file(log);
+    EXPECT_TRUE(mirrored());
+    EXPECT_EQ(sync->stop(), 0);
+
+    // A failing command is reported and the mirror goes on.
+    auto failing = start_sync({"--exec", "exit 3"});
     ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 3)).status, 0);
     ASSERT_TRUE(eventually([&] { return value() == "g3\n"; }));
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 4)).status, 0);
+    ASSERT_TRUE(eventually([&] { return value() == "g4\n"; }));
     EXPECT_EQ(failing->stop(), 0);
     EXPECT_NE(e2e::read_file(log).find("the command failed (status 3)"), std::string::npos);
 }
@@ -232,7 +242,7 @@ TEST_F(EtcdSync, EveryRunOnTheMirrorSeesOneGeneration) {
 
 TEST_F(EtcdSync, ARevisionThatCannotBeWrittenIsReportedAndTriedAgain) {
     ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
-    Sync sync({"-r", mirror, "sync", url}, log, 256 * 1024);
+    Sync sync({"-r", mirror, "sync", url}, log, {}, 256 * 1024);
     ASSERT_TRUE(
         eventually([&] { return e2e::read_file(log).find("resuming") != std::string::npos; }));
     // A revision far larger than the room left.
@@ -388,32 +398,6 @@ TEST_F(EtcdSyncThree, WithoutAMajorityItLogsOnceBacksOffAndCatchesUp) {
     EXPECT_EQ(lines_with(l, back), 1) << l;
 }
 
-TEST_F(EtcdSync, AFileThatIsNotItsMirrorIsRefusedAndLeftAlone) {
-    // Not a repository.
-    e2e::write_file(mirror, "some text\n");
-    e2e::Result r = hgxrepo({"-r", mirror, "sync", "--once", url});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(e2e::read_file(mirror), "some text\n");
-    std::remove(mirror.c_str());
-
-    // A repository of its own, no mirror.
-    e2e::make_repository(mirror, manifest("local/thing", 0));
-    r = hgxrepo({"-r", mirror, "sync", "--once", url});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("a repository that is no mirror"), std::string::npos) << r.err;
-    EXPECT_EQ(local({"list"}).out, "wrn:/local/thing\nwrn:/local/thing:default\n");
-    std::remove(mirror.c_str());
-
-    // The mirror of another prefix.
-    ASSERT_EQ(hgxrepo({"-r", server.url("other"), "import", "-"}, manifest("x/y", 0)).status, 0);
-    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", server.url("other")}).status, 0);
-    const std::string before = local({"export"}).out;
-    r = hgxrepo({"-r", mirror, "sync", "--once", url});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("prefix other, not"), std::string::npos) << r.err;
-    EXPECT_EQ(local({"export"}).out, before);
-}
-
 // While the mirror makes its first copy, kelvo on its file finds no
 // repository, or the finished copy: never a file half made.
 TEST_F(EtcdSync, DuringTheFirstCopyKelvoFindsNoRepositoryOrTheWholeCopy) {
@@ -440,14 +424,37 @@ TEST_F(EtcdSync, DuringTheFirstCopyKelvoFindsNoRepositoryOrTheWholeCopy) {
     EXPECT_EQ(sync->stop(), 0);
 }
 
-// Every command that writes refuses a mirror with one line and leaves it as
-// it was; sync alone writes it.
-TEST_F(EtcdSync, AMirrorIsWrittenBySyncAlone) {
+mode_t mode_of(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+// A copy once is the cluster exactly, or the services named. A mirror
+// holds what a password protects: its file and logs are its owner's alone
+// unless --mode says otherwise; an existing file keeps its mode. Every
+// command that writes refuses a mirror with one line: sync alone writes it.
+// A mirror copied to a cluster replaces all there: only a whole mirror, and
+// only with --force. A file that is not the mirror of this prefix is refused
+// and left alone.
+TEST_F(EtcdSync, OnceCopiesTheClusterOrTheServicesNamedAndOnlySyncWritesAMirror) {
+    const std::string wide = dir / "wide.db", part = dir / "part.db", other = dir / "other.db";
     ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
-    const std::string other = dir / "other.db", before = e2e::read_file(mirror);
+    EXPECT_EQ(local({"export"}).out, cluster({"export"}).out);
+    EXPECT_EQ(local({"show", WERN, "running"}).out, cluster({"show", WERN, "running"}).out);
+    EXPECT_EQ(value(), "g0\n");
+    ASSERT_EQ(hgxrepo({"-r", part, "sync", "--once", "--service", "app/w.*", url}).status, 0);
+    EXPECT_EQ(hgxrepo({"-r", part, "list"}).out, "wrn:/app/web\nwrn:/app/web:default\n");
+    ASSERT_EQ(hgxrepo({"-r", wide, "sync", "--once", "--mode", "0640", url}).status, 0);
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        EXPECT_EQ(mode_of(mirror + suffix), 0600u) << suffix;
+        EXPECT_EQ(mode_of(wide + suffix), 0640u) << suffix;
+    }
+    for (const char* bad : {"0644x", "1777", "-1", ""})
+        EXPECT_EQ(hgxrepo({"-r", wide, "sync", "--mode", bad, url}).status, 2) << bad;
+
+    const std::string before = e2e::read_file(mirror), prop = WERN + "/:properties/config/p0";
     e2e::make_repository(other, manifest("x/y", 0));
-    const std::string prop = WERN + "/:properties/config/p0";
-    const std::vector<std::vector<std::string>> commands = {
+    const std::vector<std::vector<std::string>> writes = {
         {"-r", mirror, "import", "-"},
         {"-r", mirror, "setprop", "--snapshot", prop, "x"},
         {"-r", mirror, "delprop", prop},
@@ -459,21 +466,12 @@ TEST_F(EtcdSync, AMirrorIsWrittenBySyncAlone) {
     };
     const e2e::Whole refused(
         1, "", "hgxrepo: " + mirror + " is the mirror of " + url + "; change the cluster\n");
-    for (const auto& c : commands) {
+    for (const auto& c : writes) {
         EXPECT_EQ(e2e::whole(hgxrepo(c, manifest("app/web", 7))), refused) << c[2];
         EXPECT_TRUE(e2e::read_file(mirror) == before) << c[2] << " changed the mirror";
     }
-    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
-    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
-    EXPECT_EQ(value(), "g1\n");
-}
 
-// A mirror copied to a cluster replaces all that is there: only a whole
-// mirror, and only with --force. A copy to a file is a copy like any.
-TEST_F(EtcdSync, ACopyFromAMirrorToAClusterTakesAWholeMirrorAndForce) {
-    const std::string part = dir / "part.db", target = server.url("target");
-    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
-    ASSERT_EQ(hgxrepo({"-r", part, "sync", "--once", "--service", "app/w.*", url}).status, 0);
+    const std::string target = server.url("target");
     ASSERT_EQ(hgxrepo({"-r", target, "import", "-"}, manifest("keep/me", 0)).status, 0);
     const std::string kept = hgxrepo({"-r", target, "list"}).out;
     struct Case {
@@ -497,36 +495,28 @@ TEST_F(EtcdSync, ACopyFromAMirrorToAClusterTakesAWholeMirrorAndForce) {
     EXPECT_EQ(local({"copy", "--force", target}).status, 0);
     EXPECT_EQ(hgxrepo({"-r", target, "export"}).out, local({"export"}).out);
     EXPECT_EQ(local({"copy", dir / "backup.db"}).status, 0);
-}
 
-mode_t mode_of(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
-}
-
-// A copy once is the cluster exactly, or the services named. A mirror
-// holds what a password protects: its file and logs are its owner's alone
-// unless --mode says otherwise; an existing file keeps its mode.
-TEST_F(EtcdSync, OnceCopiesTheClusterOrTheServicesNamedReadableByItsOwnerAlone) {
-    const std::string wide = dir / "wide.db", part = dir / "part.db";
-    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
-    EXPECT_EQ(local({"export"}).out, cluster({"export"}).out);
-    EXPECT_EQ(local({"show", WERN, "running"}).out, cluster({"show", WERN, "running"}).out);
-    EXPECT_EQ(value(), "g0\n");
-    ASSERT_EQ(hgxrepo({"-r", part, "sync", "--once", "--service", "app/w.*", url}).status, 0);
-    EXPECT_EQ(hgxrepo({"-r", part, "list"}).out, "wrn:/app/web\nwrn:/app/web:default\n");
-    ASSERT_EQ(hgxrepo({"-r", wide, "sync", "--once", "--mode", "0640", url}).status, 0);
-    for (const char* suffix : {"", "-wal", "-shm"}) {
-        EXPECT_EQ(mode_of(mirror + suffix), 0600u) << suffix;
-        EXPECT_EQ(mode_of(wide + suffix), 0640u) << suffix;
-    }
     ASSERT_EQ(chmod(mirror.c_str(), 0640), 0);
     ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
     ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
     EXPECT_EQ(value(), "g1\n");
     EXPECT_EQ(mode_of(mirror), 0640u);
-    for (const char* bad : {"0644x", "1777", "-1", ""})
-        EXPECT_EQ(hgxrepo({"-r", wide, "sync", "--mode", bad, url}).status, 2) << bad;
+
+    // Not a repository; a repository of its own; the mirror of another prefix.
+    const std::string text = dir / "text.db", other_mirror = dir / "target.db";
+    e2e::write_file(text, "some text\n");
+    EXPECT_EQ(hgxrepo({"-r", text, "sync", "--once", url}).status, 1);
+    EXPECT_EQ(e2e::read_file(text), "some text\n");
+    e2e::Result r = hgxrepo({"-r", other, "sync", "--once", url});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("a repository that is no mirror"), std::string::npos) << r.err;
+    EXPECT_EQ(hgxrepo({"-r", other, "list"}).out, "wrn:/x/y\nwrn:/x/y:default\n");
+    ASSERT_EQ(hgxrepo({"-r", other_mirror, "sync", "--once", target}).status, 0);
+    const std::string held = hgxrepo({"-r", other_mirror, "export"}).out;
+    r = hgxrepo({"-r", other_mirror, "sync", "--once", url});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("prefix target, not"), std::string::npos) << r.err;
+    EXPECT_EQ(hgxrepo({"-r", other_mirror, "export"}).out, held);
 }
 
 // The command after a change reads the mirror: it gets none of the
@@ -584,7 +574,7 @@ class EtcdFleet : public ::testing::Test {
                                          "printf '%s--\\n' \"$HGX_CHANGED\" >> " + seen};
         args.insert(args.end(), options.begin(), options.end());
         args.push_back(where.empty() ? url : where);
-        return std::make_unique<Sync>(args, log, 0, creds(user));
+        return std::make_unique<Sync>(args, log, creds(user));
     }
     std::string list(const std::string& mirror) { return hgxrepo({"-r", mirror, "list"}).out; }
     // The fleet of examples/fleet.json with etcd's authentication on, and
@@ -825,9 +815,8 @@ TEST_F(EtcdFleet, HostsTellWhereEveryMirrorStandsAndADeadOneGoes) {
     const std::string one = dir / "web01.db", two = dir / "web02.db";
     Sync first({"-r", one, "sync", "--host", "web01", "--metrics", metrics, "--exec",
                 "until [ -e " + release + " ]; do sleep 0.05; done", url},
-               log, 0, env("web01"));
-    Sync second({"-r", two, "sync", "--host", "web02", "--exec", "exit 4", url}, log, 0,
-                env("web02"));
+               log, env("web01"));
+    Sync second({"-r", two, "sync", "--host", "web02", "--exec", "exit 4", url}, log, env("web02"));
     auto hosts = [&](std::vector<std::string> args = {}) {
         args.insert(args.begin(), "hosts");
         return as("root", args);
@@ -896,29 +885,6 @@ TEST_F(EtcdFleet, HostsTellWhereEveryMirrorStandsAndADeadOneGoes) {
     EXPECT_TRUE(row("web02", hosts().out).empty()) << hosts().out;
 }
 
-TEST_F(EtcdSync, TheCommandSeesTheMirrorAndOnlyInstancesWhoseViewChanged) {
-    auto sync = start_sync({"--splay", "1", "--exec",
-                            "printf '%s %s--\\n' \"$HGX_REPOSITORY\" \"$HGX_CHANGED\" >> " + seen});
-    const std::string prefix = mirror + " ";
-    EXPECT_EQ(told(seen, log), prefix + "wrn:/app/db:default\nwrn:/app/web:default\n--\n");
-    // What kelvo does not read of the instance: the live groups beside its
-    // snapshot, a group general that the snapshot does not have.
-    const std::string pg = WERN + "/:properties/";
-    ASSERT_EQ(cluster({"setprop", pg + "config/p0", "live"}).status, 0);
-    ASSERT_EQ(cluster({"addpg", pg + "general", "framework"}).status, 0);
-    // What it reads: a new snapshot, and the group general always live.
-    ASSERT_EQ(cluster({"snapshot", WERN}).status, 0);
-    EXPECT_EQ(told(seen, log), prefix + WERN + "\n--\n");
-    ASSERT_EQ(cluster({"setprop", pg + "general/enabled", "-t", "boolean", "false"}).status, 0);
-    EXPECT_EQ(told(seen, log), prefix + WERN + "\n--\n");
-    // A mirror file removed under the mirror is copied whole at the next revision.
-    for (const char* suffix : {"", "-wal", "-shm"}) std::remove((mirror + suffix).c_str());
-    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 5)).status, 0);
-    ASSERT_TRUE(eventually([&] { return value() == "g5\n"; })) << e2e::read_file(log);
-    EXPECT_TRUE(mirrored());
-    EXPECT_EQ(sync->stop(), 0);
-}
-
 // systemd (Type=notify) hears READY=1 once the mirror holds a copy.
 TEST_F(EtcdSync, TellsSystemdWhenTheFirstCopyIsThere) {
     const std::string path = dir / "notify";
@@ -930,7 +896,7 @@ TEST_F(EtcdSync, TellsSystemdWhenTheFirstCopyIsThere) {
     ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
     timeval wait{30, 0};  // a bound against a hang
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-    Sync sync({"-r", mirror, "sync", url}, log, 0, {{"NOTIFY_SOCKET", path}});
+    Sync sync({"-r", mirror, "sync", url}, log, {{"NOTIFY_SOCKET", path}});
     std::string messages, at_ready;
     while (messages.find("READY=1") == std::string::npos) {
         char buf[4096];
