@@ -106,6 +106,7 @@ class EtcdSync : public ::testing::Test {
         mirror = dir / "mirror.db";
         log = dir / "sync.log";
         seen = dir / "changed";
+        if (!seeded) return;
         ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 0)).status, 0);
         ASSERT_EQ(cluster({"import", "-"}, manifest("app/db", 0)).status, 0);
     }
@@ -132,6 +133,7 @@ class EtcdSync : public ::testing::Test {
     etcd_testing::EtcdServer server;
     e2e::TempDir dir;
     std::string url, mirror, log, seen;
+    bool seeded = true;  // the services app/web and app/db, generation 0
 };
 
 // The command reads the mirror, and hears of the instances whose view
@@ -339,42 +341,35 @@ class EtcdSyncThree : public EtcdSync {
         three.members = 3;
         return three;
     }
-    // Starts a mirror and waits until it follows the cluster.
-    std::unique_ptr<Sync> following() {
+};
+
+// The watch leaves a member that is gone or hangs for the next; a change
+// reaches the mirror (how soon is bench/failover.sh's to measure: seconds)
+// and the mirror never thinks the cluster lost. Without a majority, it says
+// so once, tries again unlogged, and catches up.
+TEST_F(EtcdSyncThree, FollowsThroughAMemberKilledOrHungAndCatchesUpWithoutAMajority) {
+    // A mirror whose watch follows the cluster.
+    auto following = [&] {
+        std::remove(log.c_str());
         auto sync = start_sync();
         EXPECT_TRUE(eventually([&] { return value() == "g0\n"; })) << e2e::read_file(log);
         EXPECT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
         EXPECT_TRUE(eventually([&] { return value() == "g1\n"; })) << e2e::read_file(log);
         return sync;
-    }
-};
-
-// The watch leaves a member that is gone or hangs for the next; a change
-// reaches the mirror (how soon is bench/failover.sh's to measure: seconds)
-// and the mirror never thinks the cluster lost.
-TEST_F(EtcdSyncThree, FollowsTheClusterWhenTheWatchedMemberIsKilledOrHung) {
+    };
     for (bool hung : {false, true}) {
         SCOPED_TRACE(hung ? "hung" : "killed");
         auto sync = following();
-        if (hung)
-            server.freeze(true, 0);
-        else
-            server.kill_member(0);
+        hung ? server.freeze(true, 0) : server.kill_member(0);
         ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 2)).status, 0);
         EXPECT_TRUE(eventually([&] { return value() == "g2\n"; })) << e2e::read_file(log);
         EXPECT_EQ(sync->stop(), 0);
         EXPECT_EQ(e2e::read_file(log).find("lost the cluster"), std::string::npos)
             << e2e::read_file(log);
-        if (hung)
-            server.freeze(false, 0);
-        else
-            server.restart_member(0);
+        hung ? server.freeze(false, 0) : server.restart_member(0);
         ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 0)).status, 0);
-        std::remove(log.c_str());
     }
-}
 
-TEST_F(EtcdSyncThree, WithoutAMajorityItLogsOnceBacksOffAndCatchesUp) {
     auto sync = following();
     server.kill_member(1);
     server.kill_member(2);
@@ -544,14 +539,9 @@ TEST_F(EtcdSync, TheCommandRunsWithoutTheClusterCredentials) {
 const std::string FLEET = "wrn:/network/http";
 const std::string SERVER_NAME = "$%{sites/www/server_name} $%{config/user}\n";
 
-class EtcdFleet : public ::testing::Test {
+class EtcdFleet : public EtcdSync {
   protected:
-    void SetUp() override {
-        ETCD_START_OR_SKIP(server, etcd_testing::Options{});
-        url = server.url("fleet");
-        log = dir / "sync.log";
-        seen = dir / "changed";
-    }
+    EtcdFleet() { seeded = false; }
     // The environment of an etcd user of these tests (password USER-pw);
     // none for "".
     static e2e::Env creds(const std::string& user) {
@@ -568,7 +558,7 @@ class EtcdFleet : public ::testing::Test {
         e2e::Result r = e2e::kelvo(repository, {"-f", wern}, SERVER_NAME, creds(user));
         return r.status == 0 ? r.out : "status " + std::to_string(r.status) + ": " + r.err;
     }
-    std::unique_ptr<Sync> start_sync(const std::string& mirror, std::vector<std::string> options,
+    std::unique_ptr<Sync> fleet_sync(const std::string& mirror, std::vector<std::string> options,
                                      const std::string& user = "", const std::string& where = "") {
         std::vector<std::string> args = {"-r", mirror, "sync", "--exec",
                                          "printf '%s--\\n' \"$HGX_CHANGED\" >> " + seen};
@@ -594,10 +584,6 @@ class EtcdFleet : public ::testing::Test {
     }
     // What the command was told since the last look.
     std::string told() { return ::told(seen, log); }
-
-    etcd_testing::EtcdServer server;
-    e2e::TempDir dir;
-    std::string url, log, seen;
 };
 
 TEST_F(EtcdFleet, AHostUserReadsItsOwnInstanceAndNothingOfAnotherHost) {
@@ -605,7 +591,7 @@ TEST_F(EtcdFleet, AHostUserReadsItsOwnInstanceAndNothingOfAnotherHost) {
 
     // A's mirror follows its instance, and kelvo reads it there and in the cluster.
     const std::string mirror = dir / "web01.db";
-    auto sync = start_sync(mirror, {}, "web01");
+    auto sync = fleet_sync(mirror, {}, "web01");
     ASSERT_TRUE(eventually([&] { return list(mirror) == FLEET + "\n" + FLEET + ":web01\n"; }))
         << e2e::read_file(log);
     EXPECT_EQ(kelvo(mirror, FLEET + ":web01"), "web01.example.org www-data\n");
@@ -665,8 +651,7 @@ TEST_F(EtcdFleet, AMirrorOfSomeInstancesHoldsThemWithTheirServicesOwnGroups) {
     ASSERT_EQ(
         as("", {"import", "-"}, e2e::read_file(e2e::source_dir() + "/examples/fleet.json")).status,
         0);
-    const std::string mirror = dir / "mirror.db";
-    auto sync = start_sync(mirror, {"--instance", FLEET + ":web0[12]"});
+    auto sync = fleet_sync(mirror, {"--instance", FLEET + ":web0[12]"});
     const std::string both = FLEET + ":web01\n" + FLEET + ":web02\n";
     ASSERT_TRUE(eventually([&] { return list(mirror) == FLEET + "\n" + both; }))
         << e2e::read_file(log);
@@ -726,8 +711,7 @@ TEST_F(EtcdFleet, APrefixOfTheFirstLayoutIsNamedAndUpgradedWithAMirrorFollowing)
     EXPECT_EQ(listed.status, 1);
     EXPECT_NE(listed.err.find(text), std::string::npos) << listed.err;
 
-    const std::string mirror = dir / "mirror.db";
-    auto sync = start_sync(mirror, {}, "", legacy);
+    auto sync = fleet_sync(mirror, {}, "", legacy);
     ASSERT_TRUE(eventually([&] { return e2e::read_file(log).find(text) != std::string::npos; }));
     e2e::Result up = as("", {"upgrade"}, "", legacy);
     ASSERT_EQ(e2e::whole(up), e2e::Whole(0, legacy + ": converted to the current layout\n", ""));
@@ -774,14 +758,14 @@ TEST_F(EtcdFleet, ABigServiceIsCopiedWholeOnABusyHost) {
     }
     e2e::Run copy;
     copy.wrapper = {"nice", "-n", "10"};
-    copy.args = {e2e::hgxrepo_bin(), "-r", dir / "mirror.db", "sync", "--once", url};
+    copy.args = {e2e::hgxrepo_bin(), "-r", mirror, "sync", "--once", url};
     e2e::Result r = e2e::run(copy);
     for (pid_t pid : busy) {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
     ASSERT_EQ(r.status, 0) << r.err;
-    std::string listed = list(dir / "mirror.db");
+    std::string listed = list(mirror);
     EXPECT_EQ(std::count(listed.begin(), listed.end(), '\n'), hosts + 1);
 }
 
