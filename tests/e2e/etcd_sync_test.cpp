@@ -267,30 +267,28 @@ TEST_F(EtcdSync, ANameNoImportWouldTakeIsRefusedAndTheMirrorStaysPut) {
     // HGX_CHANGED (app/web's keys under that name), with a head and a record
     // of the commit that name it, as a writer's commit would.
     const std::string endpoints = server.endpoints();
-    std::string keys = e2e::etcdctl(endpoints, {"get", "--prefix", "fleet/", "--keys-only"}).out;
-    auto read = [&](const std::string& key) {
-        std::string v = e2e::etcdctl(endpoints, {"get", "--print-value-only", key}).out;
-        v.pop_back();
-        return v;
-    };
+    const std::string all = e2e::etcdctl(endpoints, {"get", "--prefix", "fleet/"}).out;
     const std::string bad = "x$(touch " + (dir / "P") + ")\nwrn:/injected/line:default";
     const std::string web = "fleet/o/app/web:/";
-    std::vector<std::pair<std::string, std::string>> planted;
-    for (size_t at = 0, nl; (nl = keys.find('\n', at)) != std::string::npos; at = nl + 1) {
-        std::string key = keys.substr(at, nl - at);
-        if (key.starts_with(web))
-            planted.emplace_back("fleet/o/" + bad + ":/" + key.substr(web.size()), read(key));
-        else if (key.starts_with("fleet/l/") && key.ends_with("/app/web"))
-            planted.emplace_back(key.substr(0, key.size() - 7) + bad, read(key));
-    }
-    ASSERT_EQ(planted.size(), 3u) << keys;
     std::string txn = "{\"success\":[";
     auto put = [&](const std::string& key, const std::string& v) {
         txn += "{\"request_put\":{\"key\":\"" + etcd_testing::b64(key) + "\",\"value\":\"" +
                etcd_testing::b64(v) + "\"}},";
     };
-    for (const auto& [key, v] : planted) put(key, v);
-    put("fleet/repository", read("fleet/repository"));
+    std::vector<std::string> planted;  // etcdctl gives a key, then its value, a line each
+    for (size_t at = 0, nl, end; (nl = all.find('\n', at)) != std::string::npos &&
+                                 (end = all.find('\n', nl + 1)) != std::string::npos;
+         at = end + 1) {
+        std::string key = all.substr(at, nl - at), value = all.substr(nl + 1, end - nl - 1);
+        if (key.starts_with(web))
+            planted.push_back("fleet/o/" + bad + ":/" + key.substr(web.size()));
+        else if (key.starts_with("fleet/l/") && key.ends_with("/app/web"))
+            planted.push_back(key.substr(0, key.size() - 7) + bad);
+        else if (key != "fleet/repository")
+            continue;
+        put(key == "fleet/repository" ? key : planted.back(), value);
+    }
+    ASSERT_EQ(planted.size(), 3u) << all;
     std::string escaped = bad;
     escaped.replace(escaped.find('\n'), 1, "\\n");
     put("fleet/changes", "{\"commit\":\"planted\",\"changed\":{\"" + escaped + "\":\"*\"}}");
@@ -317,7 +315,7 @@ TEST_F(EtcdSync, ANameNoImportWouldTakeIsRefusedAndTheMirrorStaysPut) {
     EXPECT_FALSE(e2e::exists(dir / "copy.db"));
 
     // Without it, the next commit brings everything since the last one applied.
-    for (const auto& [key, v] : planted) ASSERT_EQ(e2e::etcdctl(endpoints, {"del", key}).status, 0);
+    for (const auto& key : planted) ASSERT_EQ(e2e::etcdctl(endpoints, {"del", key}).status, 0);
     ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 2)).status, 0);
     EXPECT_TRUE(eventually([&] { return mirrored() && value() == "g2\n"; })) << e2e::read_file(log);
     EXPECT_EQ(sync->stop(), 0);
