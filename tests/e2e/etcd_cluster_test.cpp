@@ -53,6 +53,14 @@ class EtcdCluster : public ::testing::Test {
     e2e::Result kelvo(const std::string& stencil, e2e::Env env = {}) {
         return e2e::kelvo(url, {"-f", WERN}, stencil, std::move(env));
     }
+    e2e::Whole p0(const e2e::Env& env = {}) { return e2e::whole(kelvo("$%{config/p0}\n", env)); }
+    // What kelvo and hgxrepo say where the repository fails them.
+    e2e::Whole unable(const std::string& text) const {
+        return {3, "", "kelvo: Unable to get properties for " + WERN + ": " + text + "\n"};
+    }
+    e2e::Whole refused(const std::string& text) const {
+        return {1, "", "hgxrepo: " + url + ": " + text + "\n"};
+    }
 
     etcd_testing::EtcdServer server;
     std::string url;
@@ -93,35 +101,22 @@ TEST_F(EtcdCluster, EveryRunSeesOneGenerationWhileImportsRewriteTheInstance) {
 TEST_F(EtcdCluster, AStoppedOrHangingClusterEndsTheRunWithStatusThree) {
     if (!start()) return;
     ASSERT_EQ(repo({"import", "-"}, generation(0, 2)).status, 0);
-    ASSERT_EQ(kelvo("$%{config/p0}\n").out, "g0\n");
-
+    ASSERT_EQ(p0(), e2e::Whole(0, "g0\n", ""));
     // Frozen: connections are accepted and never answered. The run ends by
     // its own time budget (the message says so); a hang would meet the
-    // test's timeout instead.
+    // test's timeout instead. A write gives up as well, with the text and
+    // nothing of the client's.
     server.freeze(true);
-    e2e::Result hung = kelvo("$%{config/p0}\n");
+    const e2e::Whole hung = p0(),
+                     silent = e2e::whole(repo({"setprop", WERN + "/:properties/config/p0", "x"}));
     server.freeze(false);
-    EXPECT_EQ(e2e::whole(hung), e2e::Whole(3, "",
-                                           "kelvo: Unable to get properties for " + WERN +
-                                               ": The etcd cluster did not answer in time\n"));
-
-    // A write gives up as well, with the text and nothing of the client's.
-    server.freeze(true);
-    e2e::Result silent = repo({"setprop", WERN + "/:properties/config/p0", "x"});
-    server.freeze(false);
-    EXPECT_EQ(e2e::whole(silent),
-              e2e::Whole(1, "", "hgxrepo: " + url + ": The etcd cluster did not answer in time\n"));
-
+    EXPECT_EQ(hung, unable("The etcd cluster did not answer in time"));
+    EXPECT_EQ(silent, refused("The etcd cluster did not answer in time"));
     server.kill_member(0);
-    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n")),
-              e2e::Whole(3, "",
-                         "kelvo: Unable to get properties for " + WERN +
-                             ": No member of the etcd cluster answers\n"));
-    e2e::Result write = repo({"setprop", WERN + "/:properties/config/p0", "x"});
-    EXPECT_EQ(e2e::whole(write),
-              e2e::Whole(1, "",
-                         "hgxrepo: " + url + ": No member of the etcd cluster answers: " +
-                             server.endpoints(true) + ": Connection refused\n"));
+    EXPECT_EQ(p0(), unable("No member of the etcd cluster answers"));
+    EXPECT_EQ(e2e::whole(repo({"setprop", WERN + "/:properties/config/p0", "x"})),
+              refused("No member of the etcd cluster answers: " + server.endpoints(true) +
+                      ": Connection refused"));
 }
 
 // The cluster fails after a run has bound and read its instance. kelvo reads
@@ -222,7 +217,7 @@ TEST_F(EtcdCluster, RunsGoOnThroughTheOtherMembersWhenOneHangsOrTheLeaderDies) {
     server.freeze(true, 0);
     EXPECT_EQ(e2e::whole(repo({"setprop", "--snapshot", WERN + "/:properties/config/p0", "hung"})),
               e2e::Whole(0, "", ""));
-    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n")), e2e::Whole(0, "hung\n", ""));
+    EXPECT_EQ(p0(), e2e::Whole(0, "hung\n", ""));
     server.freeze(false, 0);
 
     int leader = server.leader();
@@ -232,7 +227,7 @@ TEST_F(EtcdCluster, RunsGoOnThroughTheOtherMembersWhenOneHangsOrTheLeaderDies) {
     e2e::Result set = repo({"setprop", WERN + "/:properties/config/p0", "after"});
     EXPECT_EQ(set.status, 0) << set.err;
     EXPECT_EQ(repo({"snapshot", WERN}).status, 0);
-    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n")), e2e::Whole(0, "after\n", ""));
+    EXPECT_EQ(p0(), e2e::Whole(0, "after\n", ""));
 }
 
 TEST_F(EtcdCluster, TlsWithClientCertificates) {
@@ -247,7 +242,7 @@ TEST_F(EtcdCluster, TlsWithClientCertificates) {
     const e2e::Env certs = certs_of(server);
     e2e::Result r = repo({"import", "-"}, generation(7, 2), certs);
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(e2e::whole(kelvo("$%{config/p1}\n", certs)), e2e::Whole(0, "g7\n", ""));
+    EXPECT_EQ(p0(certs), e2e::Whole(0, "g7\n", ""));
 
     // Each failure gives the text, then what failed: the file, the
     // verification or the host name.
@@ -275,12 +270,8 @@ TEST_F(EtcdCluster, TlsWithClientCertificates) {
         SCOPED_TRACE(c.name);
         auto env = certs;
         for (const auto& [k, v] : c.env) env[k] = v;
-        EXPECT_EQ(e2e::whole(repo({"list"}, "", env)),
-                  e2e::Whole(1, "", "hgxrepo: " + url + ": " + text + c.says + "\n"));
-        EXPECT_EQ(e2e::whole(kelvo("$%{config/p1}\n", env)),
-                  e2e::Whole(
-                      3, "",
-                      "kelvo: Unable to get properties for " + WERN + ": " + text + c.says + "\n"));
+        EXPECT_EQ(e2e::whole(repo({"list"}, "", env)), refused(text + c.says));
+        EXPECT_EQ(p0(env), unable(text + c.says));
     }
 
     // A member whose certificate names another host.
@@ -301,9 +292,8 @@ TEST_F(EtcdCluster, TlsWithClientCertificates) {
 TEST_F(EtcdCluster, CredentialsAreCheckedAndWhatAUserMayNotDoIsToldSo) {
     if (!start()) return;
     ASSERT_EQ(repo({"import", "-"}, generation(3, 2)).status, 0);
-    const std::string endpoints = server.endpoints();
     auto etcdctl = [&](std::vector<std::string> args) {
-        e2e::Result r = e2e::etcdctl(endpoints, args);
+        e2e::Result r = e2e::etcdctl(server.endpoints(), args);
         EXPECT_EQ(r.status, 0) << r.err;
     };
     etcdctl({"role", "add", "reader"});
@@ -314,37 +304,28 @@ TEST_F(EtcdCluster, CredentialsAreCheckedAndWhatAUserMayNotDoIsToldSo) {
         etcdctl({"user", "add", std::string(user) + ":pw" + user});
         etcdctl({"user", "grant-role", user, user});
     }
-    etcdctl({"user", "add", "root:secret"});
-    etcdctl({"user", "grant-role", "root", "root"});
-    etcdctl({"auth", "enable"});
+    ASSERT_TRUE(server.enable_auth("pwroot"));
 
     const std::string text =
         "The etcd user (HGX_ETCD_USER) is not permitted to do this in the repository";
-    auto as = [](const char* user) {
-        return e2e::Env{{"HGX_ETCD_USER", user}, {"HGX_ETCD_PASSWORD", std::string("pw") + user}};
+    auto as = [](const char* user, const char* password = nullptr) {
+        return e2e::Env{{"HGX_ETCD_USER", user},
+                        {"HGX_ETCD_PASSWORD", password ? password : std::string("pw") + user}};
     };
     auto setprop = [&](const char* user) {
         return e2e::whole(repo({"setprop", WERN + "/:properties/config/p0", "x"}, "", as(user)));
     };
-    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n", as("reader"))), e2e::Whole(0, "g3\n", ""));
-    EXPECT_EQ(setprop("reader"),
-              e2e::Whole(1, "", "hgxrepo: " + url + ": cannot write: " + text + "\n"));
-    EXPECT_EQ(
-        e2e::whole(kelvo("$%{config/p0}\n", as("stranger"))),
-        e2e::Whole(3, "", "kelvo: Unable to get properties for " + WERN + ": " + text + "\n"));
-    EXPECT_EQ(setprop("stranger"), e2e::Whole(1, "", "hgxrepo: " + url + ": " + text + "\n"));
-
-    const e2e::Env right = {{"HGX_ETCD_USER", "root"}, {"HGX_ETCD_PASSWORD", "secret"}};
-    e2e::Result r = repo({"import", "-"}, generation(4, 2), right);
+    EXPECT_EQ(p0(as("reader")), e2e::Whole(0, "g3\n", ""));
+    EXPECT_EQ(setprop("reader"), refused("cannot write: " + text));
+    EXPECT_EQ(p0(as("stranger")), unable(text));
+    EXPECT_EQ(setprop("stranger"), refused(text));
+    e2e::Result r = repo({"import", "-"}, generation(4, 2), as("root"));
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n", right)), e2e::Whole(0, "g4\n", ""));
-    const std::string refused =
-        "kelvo: Unable to get properties for " + WERN +
-        ": The etcd cluster refused the credentials (HGX_ETCD_USER, HGX_ETCD_PASSWORD)\n";
-    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n",
-                               {{"HGX_ETCD_USER", "root"}, {"HGX_ETCD_PASSWORD", "wrong"}})),
-              e2e::Whole(3, "", refused));
-    EXPECT_EQ(e2e::whole(kelvo("$%{config/p0}\n")), e2e::Whole(3, "", refused));
+    EXPECT_EQ(p0(as("root")), e2e::Whole(0, "g4\n", ""));
+    const char* wrong =
+        "The etcd cluster refused the credentials (HGX_ETCD_USER, HGX_ETCD_PASSWORD)";
+    EXPECT_EQ(p0(as("root", "wrong")), unable(wrong));
+    EXPECT_EQ(p0(), unable(wrong));
 }
 
 TEST_F(EtcdCluster, BadInputIsRefusedAndAWholeRepositoryIsCopiedToAFileAndBack) {
@@ -464,34 +445,29 @@ TEST_F(EtcdCluster, CommitsOfEverySizeGiveWhatTheyGiveAFile) {
 TEST_F(EtcdCluster, RacingWritersAllLand) {
     if (!start()) return;
     ASSERT_EQ(repo({"import", "-"}, generation(0, 2)).status, 0);
-    std::vector<std::thread> writers;
-    std::atomic<int> failed{0};
-    for (int i = 0; i < 8; ++i)
-        writers.emplace_back([&, i] {
-            std::string n = std::to_string(i);
-            if (repo({"setprop", WERN + "/:properties/config/w" + n, "v" + n}).status) ++failed;
-        });
-    for (auto& t : writers) t.join();
-    EXPECT_EQ(failed.load(), 0);
+    ASSERT_EQ(repo({"import", "-"}, e2e::fleet_manifest("fleet/web", 300, 5, 0)).status, 0);
+    // Runs the commands at once; how many failed.
+    auto race = [&](const std::vector<std::vector<std::string>>& commands) {
+        std::atomic<int> failed{0};
+        std::vector<std::thread> writers;
+        for (const auto& c : commands)
+            writers.emplace_back([&, c] { failed += repo(c).status != 0; });
+        for (auto& t : writers) t.join();
+        return failed.load();
+    };
+    std::vector<std::vector<std::string>> one, many = {{"snapshot", "wrn:/fleet/web", "later"}};
+    for (int i = 0; i < 8; ++i) {
+        const std::string n = std::to_string(i), host = numbered("wrn:/fleet/web:host0000", i);
+        one.push_back({"setprop", WERN + "/:properties/config/w" + n, "v" + n});
+        many.push_back({"setprop", host + "/:properties/config/w", "v" + n});
+    }
+    EXPECT_EQ(race(one), 0);
     std::string shown = repo({"show", WERN}).out;
     for (int i = 0; i < 8; ++i)
         EXPECT_NE(shown.find(numbered("config/w", i) + numbered(" astring \"v", i)),
                   std::string::npos)
             << shown;
-
-    ASSERT_EQ(repo({"import", "-"}, e2e::fleet_manifest("fleet/web", 300, 5, 0)).status, 0);
-    writers.clear();
-    writers.emplace_back([&] {
-        if (repo({"snapshot", "wrn:/fleet/web", "later"}).status != 0) ++failed;
-    });
-    for (int i = 0; i < 8; ++i)
-        writers.emplace_back([&, i] {
-            std::string host = numbered("wrn:/fleet/web:host0000", i);
-            if (repo({"setprop", host + "/:properties/config/w", numbered("v", i)}).status)
-                ++failed;
-        });
-    for (auto& t : writers) t.join();
-    EXPECT_EQ(failed.load(), 0);
+    EXPECT_EQ(race(many), 0);
     for (int i = 0; i < 8; ++i) {
         std::string host = numbered("wrn:/fleet/web:host0000", i);
         EXPECT_NE(repo({"show", host}).out.find(numbered("config/w astring \"v", i)),
@@ -506,28 +482,26 @@ TEST_F(EtcdCluster, RacingWritersAllLand) {
 // one clean commit leaves it.
 TEST_F(EtcdCluster, KeysOfWritersThatDiedAreRemovedByTheNextWriter) {
     if (!start()) return;
-    auto count = [&](const std::string& prefix) { return server.count(prefix); };
     ASSERT_EQ(repo({"import", "-"}, e2e::fleet_manifest("fleet/web", 1000, 5, 0)).status, 0);
+    auto count = [&](const char* prefix) { return server.count(prefix); };
     const long clean = count("kelvo/");
+    e2e::TempDir dir;
+    const std::string manifest = dir / "fleet.json";
     int caught = 0;
     for (int gen = 1; gen <= 20; ++gen) {
-        // A group of its own, so that the hgxrepo it runs is killed with it.
+        e2e::write_file(manifest, e2e::fleet_manifest("fleet/web", 1000, 5, gen));
         pid_t pid = fork();
         if (pid == 0) {
-            setpgid(0, 0);
-            int null = open("/dev/null", O_RDWR);
-            dup2(null, 1);
-            dup2(null, 2);
-            e2e::Result r = repo({"import", "-"}, e2e::fleet_manifest("fleet/web", 1000, 5, gen));
-            _exit(r.status);
+            for (int fd : {1, 2}) dup2(open("/dev/null", O_WRONLY), fd);
+            execl(e2e::hgxrepo_bin(), "hgxrepo", "-r", url.c_str(), "import", manifest.c_str(),
+                  nullptr);
+            _exit(127);
         }
-        setpgid(pid, pid);
         // Killed as soon as it has written something of its commit.
         auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (count("kelvo/t/") == 0 && std::chrono::steady_clock::now() < until)
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         caught += count("kelvo/t/") > 0;
-        kill(-pid, SIGKILL);
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
