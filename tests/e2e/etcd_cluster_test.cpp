@@ -490,13 +490,7 @@ TEST_F(EtcdCluster, KeysOfWritersThatDiedAreRemovedByTheNextWriter) {
     int caught = 0;
     for (int gen = 1; gen <= 20; ++gen) {
         e2e::write_file(manifest, e2e::fleet_manifest("fleet/web", 1000, 5, gen));
-        pid_t pid = fork();
-        if (pid == 0) {
-            for (int fd : {1, 2}) dup2(open("/dev/null", O_WRONLY), fd);
-            execl(e2e::hgxrepo_bin(), "hgxrepo", "-r", url.c_str(), "import", manifest.c_str(),
-                  nullptr);
-            _exit(127);
-        }
+        pid_t pid = etcd_testing::spawn({e2e::hgxrepo_bin(), "-r", url, "import", manifest});
         // Killed as soon as it has written something of its commit.
         auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (count("kelvo/t/") == 0 && std::chrono::steady_clock::now() < until)

@@ -503,26 +503,6 @@ TEST_F(EtcdSync, OnceCopiesTheClusterOrTheServicesNamedAndOnlySyncWritesAMirror)
     EXPECT_EQ(hgxrepo({"-r", other_mirror, "export"}).out, held);
 }
 
-// The command after a change reads the mirror: it gets none of the
-// cluster's credentials, only the CA (no secret).
-TEST_F(EtcdSync, TheCommandRunsWithoutTheClusterCredentials) {
-    ASSERT_TRUE(server.enable_auth("secret"));
-    const std::string seen = dir / "env";
-    e2e::Run sync;
-    sync.args = {e2e::hgxrepo_bin(), "-r",     mirror,          "sync",
-                 "--once",           "--exec", "env > " + seen, url};
-    sync.env = {
-        {"HGX_ETCD_USER", "root"}, {"HGX_ETCD_PASSWORD", "secret"},    {"HGX_ETCD_CERT", log},
-        {"HGX_ETCD_KEY", log},     {"HGX_ETCD_CACERT", "/etc/ca.pem"}, {"HGX_ETCD_TOKEN", "t"}};
-    e2e::Result r = e2e::run(sync);
-    ASSERT_EQ(r.status, 0) << r.err;
-    const std::string env = e2e::read_file(seen);
-    EXPECT_NE(env.find("HGX_CHANGED=wrn:/app/db:default"), std::string::npos) << env;
-    EXPECT_NE(env.find("\nHGX_ETCD_CACERT=/etc/ca.pem\n"), std::string::npos) << env;
-    for (const char* name : {"USER", "PASSWORD", "CERT=", "KEY", "TOKEN"})
-        EXPECT_EQ(env.find(std::string("HGX_ETCD_") + name), std::string::npos) << name;
-}
-
 // ---- a fleet: one service, an instance per host ---------------------------------
 
 const std::string FLEET = "wrn:/network/http";
@@ -728,14 +708,8 @@ TEST_F(EtcdFleet, ABigServiceIsCopiedWholeOnABusyHost) {
     const int hosts = 2000;
     ASSERT_EQ(as("", {"import", "-"}, e2e::fleet_manifest("fleet/web", hosts, 20, 0)).status, 0);
     std::vector<pid_t> busy;
-    for (int i = 0; i < 2; ++i) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            execl("/bin/sh", "sh", "-c", "while :; do :; done", static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        busy.push_back(pid);
-    }
+    for (int i = 0; i < 2; ++i)
+        busy.push_back(etcd_testing::spawn({"sh", "-c", "while :; do :; done"}));
     e2e::Run copy;
     copy.wrapper = {"nice", "-n", "10"};
     copy.args = {e2e::hgxrepo_bin(), "-r", mirror, "sync", "--once", url};
@@ -768,19 +742,25 @@ std::string metric(const std::string& text, const std::string& name) {
 TEST_F(EtcdFleet, HostsTellWhereEveryMirrorStandsAndADeadOneGoes) {
     ASSERT_NO_FATAL_FAILURE(with_host_users());
     // Host 1's command waits for the test; host 2's fails. Each writes its
-    // own status key with its own user, under a short lease.
-    const std::string release = dir / "release", metrics = dir / "web01.prom";
-    const std::string ttl = "3";
-    auto env = [&](const std::string& user) {
-        auto e = creds(user);
-        e.emplace("HGX_SYNC_STATUS_TTL", ttl);
+    // own status key with its own user, under a short lease. A command reads
+    // the mirror: it gets none of the cluster's credentials, only the CA (no
+    // secret).
+    const std::string release = dir / "release", metrics = dir / "web01.prom", env = dir / "env";
+    auto with_ttl = [&](e2e::Env e) {
+        e.emplace("HGX_SYNC_STATUS_TTL", "3");
         return e;
     };
+    e2e::Env all = with_ttl(creds("web02"));
+    all.insert({{"HGX_ETCD_CERT", log},
+                {"HGX_ETCD_KEY", log},
+                {"HGX_ETCD_CACERT", "/etc/ca.pem"},
+                {"HGX_ETCD_TOKEN", "t"}});
     const std::string one = dir / "web01.db", two = dir / "web02.db";
     Sync first({"-r", one, "sync", "--host", "web01", "--metrics", metrics, "--exec",
                 "until [ -e " + release + " ]; do sleep 0.05; done", url},
-               log, env("web01"));
-    Sync second({"-r", two, "sync", "--host", "web02", "--exec", "exit 4", url}, log, env("web02"));
+               log, with_ttl(creds("web01")));
+    Sync second({"-r", two, "sync", "--host", "web02", "--exec", "env > " + env + "; exit 4", url},
+                log, all);
     auto hosts = [&](std::vector<std::string> args = {}) {
         args.insert(args.begin(), "hosts");
         return as("root", args);
@@ -806,6 +786,11 @@ TEST_F(EtcdFleet, HostsTellWhereEveryMirrorStandsAndADeadOneGoes) {
     EXPECT_EQ(failed.err, "hgxrepo: web02: the command failed (status 4) for revision " +
                               revision_of(two) + "\n");
     EXPECT_EQ(hosts({"--behind", "0"}).status, 0) << hosts({"--behind", "0"}).err;
+    const std::string told_env = e2e::read_file(env);
+    EXPECT_NE(told_env.find("HGX_CHANGED=" + FLEET + ":web02"), std::string::npos) << told_env;
+    EXPECT_NE(told_env.find("\nHGX_ETCD_CACERT=/etc/ca.pem\n"), std::string::npos) << told_env;
+    for (const char* name : {"USER", "PASSWORD", "CERT=", "KEY", "TOKEN"})
+        EXPECT_EQ(told_env.find(std::string("HGX_ETCD_") + name), std::string::npos) << name;
 
     // A change reaches the second host; the first is held by its command.
     ASSERT_NO_FATAL_FAILURE(set("root", FLEET + "/:properties/config/user", "nobody"));
@@ -859,19 +844,16 @@ TEST_F(EtcdSync, TellsSystemdWhenTheFirstCopyIsThere) {
     timeval wait{30, 0};  // a bound against a hang
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
     Sync sync({"-r", mirror, "sync", url}, log, {{"NOTIFY_SOCKET", path}});
-    std::string messages, at_ready;
+    std::string messages;
+    char buf[4096];
     while (messages.find("READY=1") == std::string::npos) {
-        char buf[4096];
         ssize_t n = recv(fd, buf, sizeof buf, 0);
         ASSERT_GT(n, 0) << messages << e2e::read_file(log);
         messages.append(buf, static_cast<size_t>(n)).push_back('|');
     }
-    at_ready = value();
-    EXPECT_EQ(at_ready, "g0\n");
+    EXPECT_EQ(value(), "g0\n");
     EXPECT_EQ(sync.stop(), 0);
-    char buf[4096];
-    ssize_t n;
-    while ((n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0)
+    for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;)
         messages.append(buf, static_cast<size_t>(n));
     close(fd);
     EXPECT_NE(messages.find("STATUS=following " + url), std::string::npos) << messages;

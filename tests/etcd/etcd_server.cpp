@@ -51,8 +51,8 @@ int connect_to(int port) {
     return -1;
 }
 
-// A child running argv with its standard streams on /dev/null; -1 when
-// none could be made.
+}  // namespace
+
 pid_t spawn(const std::vector<std::string>& argv) {
     pid_t pid = fork();
     if (pid == 0) {
@@ -66,6 +66,8 @@ pid_t spawn(const std::vector<std::string>& argv) {
     }
     return pid;
 }
+
+namespace {
 
 int run_quietly(const std::vector<std::string>& argv) {
     int status = 0;

@@ -85,6 +85,10 @@ class EtcdServer {
 // this is not CI, where they must run.
 bool may_skip(const std::string& why);
 
+// A child running argv with its standard streams on /dev/null; -1 when
+// none could be made. The caller waits for it.
+pid_t spawn(const std::vector<std::string>& argv);
+
 // base64 of a text, for requests to the gateway.
 std::string b64(const std::string& s);
 
