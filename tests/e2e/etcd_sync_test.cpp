@@ -102,19 +102,21 @@ class EtcdSync : public ::testing::Test {
         ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 0)).status, 0);
         ASSERT_EQ(cluster({"import", "-"}, manifest("app/db", 0)).status, 0);
     }
-    e2e::Result cluster(std::vector<std::string> args, const std::string& input = "") {
+    e2e::Result cluster(std::vector<std::string> args, const std::string& input = "",
+                        const e2e::Env& env = {}) {
         args.insert(args.begin(), {"-r", url});
-        return hgxrepo(args, input);
+        return hgxrepo(args, input, env);
     }
     e2e::Result local(std::vector<std::string> args) {
         args.insert(args.begin(), {"-r", mirror});
         return hgxrepo(args);
     }
-    std::unique_ptr<Sync> start_sync(std::vector<std::string> extra = {}) {
+    std::unique_ptr<Sync> start_sync(std::vector<std::string> extra = {},
+                                     const e2e::Env& env = {}) {
         std::vector<std::string> args = {"-r", mirror, "sync"};
         args.insert(args.end(), extra.begin(), extra.end());
         args.push_back(url);
-        return std::make_unique<Sync>(args, log);
+        return std::make_unique<Sync>(args, log, env);
     }
     std::string value(const std::string& prop = "p0") {
         e2e::Result r = e2e::kelvo(mirror, {"-f", WERN}, "$%{config/" + prop + "}\n");
@@ -136,11 +138,30 @@ class EtcdSync : public ::testing::Test {
     bool seeded = true;  // the services app/web and app/db, generation 0
 };
 
-// The command reads the mirror, and hears of the instances whose view
-// (what kelvo reads) changed.
-TEST_F(EtcdSync, FollowsTheClusterAndRunsTheCommandWithTheChangedInstances) {
+// systemd (Type=notify) hears READY=1 once the mirror holds a copy. The
+// command reads the mirror, and hears of the instances whose view (what
+// kelvo reads) changed.
+TEST_F(EtcdSync, FollowsTheClusterTellsSystemdAndRunsTheCommandWithTheChangedInstances) {
+    const std::string notify = dir / "notify";
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    ASSERT_LT(notify.size(), sizeof addr.sun_path);
+    std::strcpy(addr.sun_path, notify.c_str());
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    timeval wait{30, 0};  // a bound against a hang
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
     auto sync = start_sync({"--splay", "1", "--exec",
-                            "printf '%s %s--\\n' \"$HGX_REPOSITORY\" \"$HGX_CHANGED\" >> " + seen});
+                            "printf '%s %s--\\n' \"$HGX_REPOSITORY\" \"$HGX_CHANGED\" >> " + seen},
+                           {{"NOTIFY_SOCKET", notify}});
+    std::string messages;
+    char buf[4096];
+    while (messages.find("READY=1") == std::string::npos) {
+        ssize_t n = recv(fd, buf, sizeof buf, 0);
+        ASSERT_GT(n, 0) << messages << e2e::read_file(log);
+        messages.append(buf, static_cast<size_t>(n)).push_back('|');
+    }
+    EXPECT_EQ(value(), "g0\n");
     const std::string prefix = mirror + " ";
     EXPECT_EQ(told(), prefix + "wrn:/app/db:default\nwrn:/app/web:default\n--\n");
     ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
@@ -162,6 +183,11 @@ TEST_F(EtcdSync, FollowsTheClusterAndRunsTheCommandWithTheChangedInstances) {
     ASSERT_TRUE(eventually([&] { return value() == "g2\n"; })) << e2e::read_file(log);
     EXPECT_TRUE(mirrored());
     EXPECT_EQ(sync->stop(), 0);
+    for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;)
+        messages.append(buf, static_cast<size_t>(n));
+    close(fd);
+    EXPECT_NE(messages.find("STATUS=following " + url), std::string::npos) << messages;
+    EXPECT_NE(messages.find("STOPPING=1"), std::string::npos) << messages;
 
     // A failing command is reported and the mirror goes on. A cluster
     // restarted under the mirror is caught up with nothing lost or twice:
@@ -498,22 +524,18 @@ class EtcdFleet : public EtcdSync {
         return {{"HGX_ETCD_USER", user}, {"HGX_ETCD_PASSWORD", user + "-pw"}};
     }
     e2e::Result as(const std::string& user, std::vector<std::string> args,
-                   const std::string& input = "", const std::string& where = "") {
-        args.insert(args.begin(), {"-r", where.empty() ? url : where});
-        return hgxrepo(args, input, creds(user));
+                   const std::string& input = "") {
+        return cluster(args, input, creds(user));
     }
     std::string kelvo(const std::string& repository, const std::string& wern,
                       const std::string& user = "") {
         e2e::Result r = e2e::kelvo(repository, {"-f", wern}, SERVER_NAME, creds(user));
         return r.status == 0 ? r.out : "status " + std::to_string(r.status) + ": " + r.err;
     }
-    std::unique_ptr<Sync> fleet_sync(const std::string& mirror, std::vector<std::string> options,
-                                     const std::string& user = "", const std::string& where = "") {
-        std::vector<std::string> args = {"-r", mirror, "sync", "--exec",
-                                         "printf '%s--\\n' \"$HGX_CHANGED\" >> " + seen};
-        args.insert(args.end(), options.begin(), options.end());
-        args.push_back(where.empty() ? url : where);
-        return std::make_unique<Sync>(args, log, creds(user));
+    // A mirror as the user whose command tells what changed.
+    std::unique_ptr<Sync> following(std::vector<std::string> options, const std::string& user) {
+        options.insert(options.begin(), {"--exec", "printf '%s--\\n' \"$HGX_CHANGED\" >> " + seen});
+        return start_sync(options, creds(user));
     }
     std::string list(const std::string& mirror) { return hgxrepo({"-r", mirror, "list"}).out; }
     // The fleet of examples/fleet.json with etcd's authentication on, and
@@ -540,8 +562,7 @@ TEST_F(EtcdFleet, AHostUserReadsItsOwnInstanceAndNothingOfAnotherHost) {
     ASSERT_NO_FATAL_FAILURE(with_host_users());
 
     // A's mirror follows its instance, and kelvo reads it there and in the cluster.
-    const std::string mirror = dir / "web01.db";
-    auto sync = fleet_sync(mirror, {}, "web01");
+    auto sync = following({}, "web01");
     ASSERT_TRUE(eventually([&] { return list(mirror) == FLEET + "\n" + FLEET + ":web01\n"; }))
         << e2e::read_file(log);
     EXPECT_EQ(kelvo(mirror, FLEET + ":web01"), "web01.example.org www-data\n");
@@ -573,7 +594,8 @@ TEST_F(EtcdFleet, AHostUserReadsItsOwnInstanceAndNothingOfAnotherHost) {
     EXPECT_NE(get.err.find("permission denied"), std::string::npos) << get.err;
     EXPECT_EQ(get.out, "");
     e2e::Result other =
-        as("web01", {"sync", "--once", "--instance", FLEET + ":web02", url}, "", dir / "other.db");
+        hgxrepo({"-r", dir / "other.db", "sync", "--once", "--instance", FLEET + ":web02", url}, "",
+                creds("web01"));
     EXPECT_EQ(other.status, 1);
     EXPECT_NE(other.err.find(refused), std::string::npos) << other.err;
     // Its own host's status key is A's to write, not another's.
@@ -590,9 +612,9 @@ TEST_F(EtcdFleet, AHostUserReadsItsOwnInstanceAndNothingOfAnotherHost) {
 
 TEST_F(EtcdFleet, AMirrorOfSomeInstancesHoldsThemWithTheirServicesOwnGroups) {
     ASSERT_EQ(
-        as("", {"import", "-"}, e2e::read_file(e2e::source_dir() + "/examples/fleet.json")).status,
+        cluster({"import", "-"}, e2e::read_file(e2e::source_dir() + "/examples/fleet.json")).status,
         0);
-    auto sync = fleet_sync(mirror, {"--instance", FLEET + ":web0[12]"});
+    auto sync = following({"--instance", FLEET + ":web0[12]"}, "");
     const std::string both = FLEET + ":web01\n" + FLEET + ":web02\n";
     ASSERT_TRUE(eventually([&] { return list(mirror) == FLEET + "\n" + both; }))
         << e2e::read_file(log);
@@ -608,13 +630,13 @@ TEST_F(EtcdFleet, AMirrorOfSomeInstancesHoldsThemWithTheirServicesOwnGroups) {
     EXPECT_EQ(told(), both + "--\n");
     EXPECT_EQ(kelvo(mirror, FLEET + ":web01"), "web01.example.org nobody\n");
     // An instance removed from the cluster leaves the mirror.
-    ASSERT_EQ(as("", {"delete", FLEET + ":web01"}).status, 0);
+    ASSERT_EQ(cluster({"delete", FLEET + ":web01"}).status, 0);
     ASSERT_TRUE(eventually([&] { return list(mirror) == FLEET + "\n" + FLEET + ":web02\n"; }))
         << e2e::read_file(log);
     EXPECT_EQ(told(), FLEET + ":web01\n--\n");
     EXPECT_EQ(sync->stop(), 0);
     EXPECT_EQ(hgxrepo({"-r", mirror, "show", FLEET + ":web02", "running"}).out,
-              as("", {"show", FLEET + ":web02", "running"}).out);
+              cluster({"show", FLEET + ":web02", "running"}).out);
 }
 
 TEST_F(EtcdFleet, APrefixOfTheFirstLayoutIsNamedAndUpgradedWithAMirrorFollowing) {
@@ -622,7 +644,7 @@ TEST_F(EtcdFleet, APrefixOfTheFirstLayoutIsNamedAndUpgradedWithAMirrorFollowing)
     // manifests examples/fleet.json and examples/guide.json imported, the
     // snapshot "before" of web02 taken, and web03's config/log_level set to
     // "debug" without a snapshot. Values are in base64 already.
-    const std::string legacy = server.url("legacy");
+    url = server.url("legacy");
     const auto keys = nlohmann::json::parse(
         std::ifstream(e2e::source_dir() + "/tests/e2e/fixtures/schema1-keys.json"));
     ASSERT_GT(keys.size(), 10u);
@@ -633,45 +655,45 @@ TEST_F(EtcdFleet, APrefixOfTheFirstLayoutIsNamedAndUpgradedWithAMirrorFollowing)
     const std::string text =
         "The etcd prefix holds a repository of another schema version; convert it with hgxrepo "
         "-r URL upgrade";
-    EXPECT_EQ(kelvo(legacy, FLEET + ":web01"),
+    EXPECT_EQ(kelvo(url, FLEET + ":web01"),
               "status 3: kelvo: Unable to get properties for " + FLEET + ":web01: " + text + "\n");
-    e2e::Result listed = as("", {"list"}, "", legacy);
+    e2e::Result listed = cluster({"list"});
     EXPECT_EQ(listed.status, 1);
     EXPECT_NE(listed.err.find(text), std::string::npos) << listed.err;
 
-    auto sync = fleet_sync(mirror, {}, "", legacy);
+    auto sync = following({}, "");
     ASSERT_TRUE(eventually([&] { return e2e::read_file(log).find(text) != std::string::npos; }));
-    e2e::Result up = as("", {"upgrade"}, "", legacy);
-    ASSERT_EQ(e2e::whole(up), e2e::Whole(0, legacy + ": converted to the current layout\n", ""));
+    EXPECT_EQ(e2e::whole(cluster({"upgrade"})),
+              e2e::Whole(0, url + ": converted to the current layout\n", ""));
     // The mirror copies afresh, and both hold what the same commands give a file.
-    const std::string file = dir / "file.db";
-    for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"import", e2e::source_dir() + "/examples/fleet.json",
-                                   e2e::source_dir() + "/examples/guide.json"},
-          {"snapshot", FLEET + ":web02", "before"},
-          {"setprop", FLEET + ":web03/:properties/config/log_level", "debug"}})
-        as("", args, "", file);
-    const std::string exported = as("", {"export"}, "", file).out;
-    EXPECT_EQ(as("", {"export"}, "", legacy).out, exported);
-    ASSERT_TRUE(eventually([&] {
-        return hgxrepo({"-r", mirror, "export"}).out == exported;
-    })) << e2e::read_file(log);
+    auto file = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), {"-r", dir / "file.db"});
+        return hgxrepo(args);
+    };
+    const std::string examples = e2e::source_dir() + "/examples/";
+    file({"import", examples + "fleet.json", examples + "guide.json"});
+    file({"snapshot", FLEET + ":web02", "before"});
+    file({"setprop", FLEET + ":web03/:properties/config/log_level", "debug"});
+    const std::string exported = file({"export"}).out;
+    EXPECT_EQ(cluster({"export"}).out, exported);
+    ASSERT_TRUE(eventually([&] { return local({"export"}).out == exported; }))
+        << e2e::read_file(log);
     for (const char* snapshot : {"running", "before"})
-        EXPECT_EQ(as("", {"show", FLEET + ":web02", snapshot}, "", legacy).out,
-                  as("", {"show", FLEET + ":web02", snapshot}, "", file).out)
+        EXPECT_EQ(cluster({"show", FLEET + ":web02", snapshot}).out,
+                  file({"show", FLEET + ":web02", snapshot}).out)
             << snapshot;
     EXPECT_EQ(kelvo(mirror, FLEET + ":web03"), "web03.example.org www-data\n");
     EXPECT_EQ(sync->stop(), 0);
     // Nothing of the first layout is left, and a second upgrade has nothing to do.
     for (const char* part : {"legacy/d/", "legacy/e/"}) EXPECT_EQ(server.count(part), 0) << part;
-    EXPECT_EQ(as("", {"upgrade"}, "", legacy).out, legacy + ": already in the current layout\n");
+    EXPECT_EQ(cluster({"upgrade"}).out, url + ": already in the current layout\n");
 }
 
 // Time limits bound how long a member may stay silent, not how long a copy
 // takes: a large first copy completes on a host that is busy.
 TEST_F(EtcdFleet, ABigServiceIsCopiedWholeOnABusyHost) {
     const int hosts = 2000;
-    ASSERT_EQ(as("", {"import", "-"}, e2e::fleet_manifest("fleet/web", hosts, 20, 0)).status, 0);
+    ASSERT_EQ(cluster({"import", "-"}, e2e::fleet_manifest("fleet/web", hosts, 20, 0)).status, 0);
     std::vector<pid_t> busy;
     for (int i = 0; i < 2; ++i)
         busy.push_back(etcd_testing::spawn({"sh", "-c", "while :; do :; done"}));
@@ -795,34 +817,6 @@ TEST_F(EtcdFleet, HostsTellWhereEveryMirrorStandsAndADeadOneGoes) {
     ASSERT_TRUE(eventually([&] { return row("web01", hosts().out).empty(); })) << hosts().out;
     EXPECT_EQ(second.stop(), 0);
     EXPECT_TRUE(row("web02", hosts().out).empty()) << hosts().out;
-}
-
-// systemd (Type=notify) hears READY=1 once the mirror holds a copy.
-TEST_F(EtcdSync, TellsSystemdWhenTheFirstCopyIsThere) {
-    const std::string path = dir / "notify";
-    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    ASSERT_LT(path.size(), sizeof addr.sun_path);
-    std::strcpy(addr.sun_path, path.c_str());
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-    timeval wait{30, 0};  // a bound against a hang
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-    Sync sync({"-r", mirror, "sync", url}, log, {{"NOTIFY_SOCKET", path}});
-    std::string messages;
-    char buf[4096];
-    while (messages.find("READY=1") == std::string::npos) {
-        ssize_t n = recv(fd, buf, sizeof buf, 0);
-        ASSERT_GT(n, 0) << messages << e2e::read_file(log);
-        messages.append(buf, static_cast<size_t>(n)).push_back('|');
-    }
-    EXPECT_EQ(value(), "g0\n");
-    EXPECT_EQ(sync.stop(), 0);
-    for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;)
-        messages.append(buf, static_cast<size_t>(n));
-    close(fd);
-    EXPECT_NE(messages.find("STATUS=following " + url), std::string::npos) << messages;
-    EXPECT_NE(messages.find("STOPPING=1"), std::string::npos) << messages;
 }
 
 }  // namespace
