@@ -1,17 +1,27 @@
-// The repository on an etcd cluster, where it differs from a file: one state
-// per run while others write, racing writers, members that fail, TLS,
-// credentials, and what a cluster refuses. Each test starts its own etcd.
+// The repository on an etcd cluster, where it differs from a file (one
+// state per run while others write, racing writers, members that fail,
+// TLS, credentials, what a cluster refuses), and hgxrepo sync, a host's
+// mirror of a cluster, run in the background as on a host and stopped with
+// SIGTERM. Each test starts its own etcd.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
+#include <fstream>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <regex>
 #include <set>
 #include <thread>
@@ -22,6 +32,7 @@
 namespace {
 
 using e2e::hgxrepo;
+using namespace std::chrono_literals;
 
 const std::string WERN = "wrn:/app/web:default";
 
@@ -32,8 +43,96 @@ std::string numbered(std::string text, int n) {
     return text;
 }
 
-std::string generation(int gen, int count = 200) {
-    return e2e::generation_manifest("app/web", gen, count);
+std::string manifest(const std::string& service, int gen, int count = 3) {
+    return e2e::generation_manifest(service, gen, count);
+}
+std::string generation(int gen, int count = 200) { return manifest("app/web", gen, count); }
+
+// hgxrepo in the background, its standard error appended to log, with env
+// set and a limit on the size of the files it writes (as a full disk would
+// set one).
+class Sync {
+  public:
+    Sync(const std::vector<std::string>& args, const std::string& log, const e2e::Env& env = {},
+         rlim_t file_limit = RLIM_INFINITY) {
+        if ((pid_ = fork()) != 0) return;
+        for (const auto& [name, value] : env) setenv(name.c_str(), value->c_str(), 1);
+        signal(SIGXFSZ, SIG_IGN);                 // a write past the limit fails instead
+        rlimit limit{file_limit, RLIM_INFINITY};  // soft: lifted later without privilege
+        setrlimit(RLIMIT_FSIZE, &limit);
+        dup2(open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644), 2);
+        for (int fd : {0, 1}) dup2(open("/dev/null", O_RDWR), fd);
+        std::vector<char*> argv = {const_cast<char*>(e2e::hgxrepo_bin())};
+        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    ~Sync() {
+        if (pid_ > 0) stop();
+    }
+    pid_t pid() const { return pid_; }
+    // The exit status after the signal (128 + signal when killed).
+    int stop(int signal = SIGTERM) {
+        kill(pid_, signal);
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+  private:
+    pid_t pid_ = -1;
+};
+
+// How many lines of a text hold a phrase.
+int lines_with(const std::string& text, const std::string& phrase) {
+    int n = 0;
+    for (size_t at = 0; (at = text.find(phrase, at)) != std::string::npos; at += phrase.size()) ++n;
+    return n;
+}
+
+// Waits up to a minute for the condition: a bound against a hang, generous
+// for a loaded machine, never a measure of speed (bench/sync.sh measures).
+bool eventually(const std::function<bool()>& ok) {
+    auto until = std::chrono::steady_clock::now() + 60s;
+    while (std::chrono::steady_clock::now() < until) {
+        if (ok()) return true;
+        std::this_thread::sleep_for(20ms);
+    }
+    return ok();
+}
+
+// Runs kelvo `runs` times on the repository's app/web (200 properties)
+// while `import` puts one generation after another into the cluster: every
+// run sees one whole generation, and the runs see more than one. Returns
+// the last generation imported.
+int expect_one_generation_per_run(const std::string& repository, int runs,
+                                  const std::function<bool(int)>& import) {
+    std::atomic<bool> done{false};
+    std::atomic<int> last{0};
+    std::thread writer([&] {
+        for (int gen = 1; !done; ++gen)
+            if (import(gen)) last = gen;
+    });
+    const std::string stencil = e2e::generation_stencil(200);
+    int failed = 0, mixed = 0;
+    std::set<std::string> seen;
+    for (int run = 0; run < runs; ++run) {
+        e2e::Result r = e2e::kelvo(repository, {"-f", WERN}, stencil);
+        if (r.status != 0 && failed++ == 0) ADD_FAILURE() << r.err;
+        if (r.status != 0) continue;
+        std::string gen = e2e::generation_of(r.out, 200);
+        if (gen.empty()) ++mixed;
+        seen.insert(gen);
+    }
+    done = true;
+    writer.join();
+    EXPECT_EQ(failed, 0);
+    EXPECT_EQ(mixed, 0);
+    EXPECT_GT(last.load(), 1);
+    EXPECT_GT(seen.size(), 1u) << "the runs should have seen the imports land";
+    return last;
 }
 
 class EtcdCluster : public ::testing::Test {
@@ -69,33 +168,9 @@ class EtcdCluster : public ::testing::Test {
 TEST_F(EtcdCluster, EveryRunSeesOneGenerationWhileImportsRewriteTheInstance) {
     if (!start()) return;
     ASSERT_EQ(repo({"import", "-"}, generation(0)).status, 0);
-    std::atomic<bool> done{false};
-    std::atomic<int> imports{0};
-    std::thread writer([&] {
-        for (int gen = 1; !done; ++gen) {
-            if (repo({"import", "-"}, generation(gen)).status == 0) ++imports;
-        }
+    expect_one_generation_per_run(url, 500, [&](int gen) {
+        return repo({"import", "-"}, generation(gen)).status == 0;
     });
-    const std::string stencil = e2e::generation_stencil(200);
-    int failures = 0, mixed = 0;
-    std::set<std::string> seen;
-    for (int run = 0; run < 500; ++run) {
-        e2e::Result r = kelvo(stencil);
-        if (r.status != 0) {
-            ++failures;
-            ADD_FAILURE() << r.err;
-            continue;
-        }
-        std::string gen = e2e::generation_of(r.out, 200);
-        if (gen.empty()) ++mixed;
-        seen.insert(gen);
-    }
-    done = true;
-    writer.join();
-    EXPECT_EQ(failures, 0);
-    EXPECT_EQ(mixed, 0);
-    EXPECT_GT(imports.load(), 1);
-    EXPECT_GT(seen.size(), 1u) << "the runs should have seen the imports land";
 }
 
 TEST_F(EtcdCluster, AStoppedOrHangingClusterEndsTheRunWithStatusThree) {
@@ -538,6 +613,718 @@ TEST(EtcdClient, IsLoadedOnlyForAClusterUrlAndLibcurlOnlyForTls) {
     r = e2e::kelvo("etcds://127.0.0.1:1/x", {"-f", WERN}, "", {{"LD_DEBUG", "files"}});
     EXPECT_EQ(r.status, 3);
     EXPECT_NE(r.err.find("libcurl"), std::string::npos);
+}
+
+// ---- hgxrepo sync ----------------------------------------------------------
+
+class EtcdSync : public ::testing::Test {
+  protected:
+    virtual etcd_testing::Options options() const { return {}; }
+    void SetUp() override {
+        ETCD_START_OR_SKIP(server, options());
+        url = server.url("fleet");
+        mirror = dir / "mirror.db";
+        log = dir / "sync.log";
+        seen = dir / "changed";
+        if (!seeded) return;
+        ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 0)).status, 0);
+        ASSERT_EQ(cluster({"import", "-"}, manifest("app/db", 0)).status, 0);
+    }
+    e2e::Result cluster(std::vector<std::string> args, const std::string& input = "",
+                        const e2e::Env& env = {}) {
+        args.insert(args.begin(), {"-r", url});
+        return hgxrepo(args, input, env);
+    }
+    e2e::Result local(std::vector<std::string> args) {
+        args.insert(args.begin(), {"-r", mirror});
+        return hgxrepo(args);
+    }
+    std::unique_ptr<Sync> start_sync(std::vector<std::string> extra = {},
+                                     const e2e::Env& env = {}) {
+        std::vector<std::string> args = {"-r", mirror, "sync"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        args.push_back(url);
+        return std::make_unique<Sync>(args, log, env);
+    }
+    std::string value(const std::string& prop = "p0") {
+        e2e::Result r = e2e::kelvo(mirror, {"-f", WERN}, "$%{config/" + prop + "}\n");
+        return r.status == 0 ? r.out : "status " + std::to_string(r.status) + ": " + r.err;
+    }
+    bool mirrored() { return local({"export"}).out == cluster({"export"}).out; }
+    // What the command appended to `seen` since the last look, once it
+    // appended anything; the file is removed for the next look.
+    std::string told() {
+        EXPECT_TRUE(eventually([&] { return e2e::exists(seen); })) << e2e::read_file(log);
+        std::string t = e2e::exists(seen) ? e2e::read_file(seen) : "";
+        std::remove(seen.c_str());
+        return t;
+    }
+
+    etcd_testing::EtcdServer server;
+    e2e::TempDir dir;
+    std::string url, mirror, log, seen;
+    bool seeded = true;  // the services app/web and app/db, generation 0
+};
+
+// systemd (Type=notify) hears READY=1 once the mirror holds a copy. The
+// command reads the mirror, and hears of the instances whose view (what
+// kelvo reads) changed.
+TEST_F(EtcdSync, FollowsTheClusterTellsSystemdAndRunsTheCommandWithTheChangedInstances) {
+    const std::string notify = dir / "notify";
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    ASSERT_LT(notify.size(), sizeof addr.sun_path);
+    std::strcpy(addr.sun_path, notify.c_str());
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    timeval wait{30, 0};  // a bound against a hang
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    auto sync = start_sync({"--splay", "1", "--exec",
+                            "printf '%s %s--\\n' \"$HGX_REPOSITORY\" \"$HGX_CHANGED\" >> " + seen},
+                           {{"NOTIFY_SOCKET", notify}});
+    std::string messages;
+    char buf[4096];
+    while (messages.find("READY=1") == std::string::npos) {
+        ssize_t n = recv(fd, buf, sizeof buf, 0);
+        ASSERT_GT(n, 0) << messages << e2e::read_file(log);
+        messages.append(buf, static_cast<size_t>(n)).push_back('|');
+    }
+    EXPECT_EQ(value(), "g0\n");
+    const std::string prefix = mirror + " ";
+    EXPECT_EQ(told(), prefix + "wrn:/app/db:default\nwrn:/app/web:default\n--\n");
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
+    ASSERT_TRUE(eventually([&] { return value() == "g1\n"; })) << e2e::read_file(log);
+    EXPECT_EQ(told(), prefix + WERN + "\n--\n");
+    // What kelvo does not read of the instance: the live groups beside its
+    // snapshot, a group general that the snapshot does not have.
+    const std::string pg = WERN + "/:properties/";
+    ASSERT_EQ(cluster({"setprop", pg + "config/p0", "live"}).status, 0);
+    ASSERT_EQ(cluster({"addpg", pg + "general", "framework"}).status, 0);
+    // What it reads: a new snapshot, and the group general always live.
+    ASSERT_EQ(cluster({"snapshot", WERN}).status, 0);
+    EXPECT_EQ(told(), prefix + WERN + "\n--\n");
+    ASSERT_EQ(cluster({"setprop", pg + "general/enabled", "-t", "boolean", "false"}).status, 0);
+    EXPECT_EQ(told(), prefix + WERN + "\n--\n");
+    // A mirror file removed under the mirror is copied whole at the next revision.
+    for (const char* suffix : {"", "-wal", "-shm"}) std::remove((mirror + suffix).c_str());
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 2)).status, 0);
+    ASSERT_TRUE(eventually([&] { return value() == "g2\n"; })) << e2e::read_file(log);
+    EXPECT_TRUE(mirrored());
+    EXPECT_EQ(sync->stop(), 0);
+    for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;)
+        messages.append(buf, static_cast<size_t>(n));
+    close(fd);
+    EXPECT_NE(messages.find("STATUS=following " + url), std::string::npos) << messages;
+    EXPECT_NE(messages.find("STOPPING=1"), std::string::npos) << messages;
+
+    // A failing command is reported and the mirror goes on. A cluster
+    // restarted under the mirror is caught up with nothing lost or twice:
+    // the command runs once a commit.
+    const std::string runs = dir / "runs";
+    auto failing = start_sync({"--exec", "echo x >> " + runs + "; exit 3"});
+    ASSERT_TRUE(
+        eventually([&] { return e2e::read_file(log).find("resuming") != std::string::npos; }));
+    server.kill_member(0);
+    std::this_thread::sleep_for(300ms);
+    server.restart_member(0);
+    for (int gen = 3; gen <= 7; ++gen)
+        ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", gen)).status, 0);
+    ASSERT_TRUE(eventually([&] { return value() == "g7\n"; })) << e2e::read_file(log);
+    EXPECT_TRUE(mirrored());
+    EXPECT_EQ(failing->stop(), 0);
+    EXPECT_EQ(e2e::read_file(runs), "x\nx\nx\nx\nx\n");
+    const std::string l = e2e::read_file(log);
+    for (const char* said :
+         {"the command failed (status 3)", "lost the cluster", "connected again"})
+        EXPECT_NE(l.find(said), std::string::npos) << said << " in " << l;
+}
+
+// While the mirror makes its first copy, kelvo on its file finds no
+// repository, or the finished copy: never a file half made. After that,
+// every run sees one generation while commits land.
+TEST_F(EtcdSync, EveryRunOnTheMirrorSeesNoRepositoryOrOneWholeGeneration) {
+    const std::string db = "wrn:/app/db:default";  // large: a first copy that takes a while
+    ASSERT_EQ(cluster({"import", "-"}, generation(0)).status, 0);
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/db", 1, 20000)).status, 0);
+    auto sync = start_sync();
+    const e2e::Whole none(3, "",
+                          "kelvo: Unable to get properties for " + db +
+                              ": Repository file does not exist: " + mirror + "\n");
+    int before = 0, other = 0;
+    auto until = std::chrono::steady_clock::now() + 60s;
+    bool copied = false;
+    while (!copied && other <= 3 && std::chrono::steady_clock::now() < until) {
+        e2e::Whole seen = e2e::whole(e2e::kelvo(mirror, {"-f", db}, "$%{config/p19999}\n"));
+        copied = seen == e2e::Whole(0, "g1\n", "");
+        if (seen == none)
+            ++before;
+        else if (!copied)
+            ADD_FAILURE() << ++other << ": " << std::get<2>(seen);
+    }
+    ASSERT_TRUE(copied) << "no whole copy within a minute: " << e2e::read_file(log);
+    std::printf("kelvo runs before the first copy landed: %d\n", before);
+    const int last = expect_one_generation_per_run(mirror, 1000, [&](int gen) {
+        return cluster({"import", "-"}, generation(gen)).status == 0;
+    });
+    EXPECT_TRUE(eventually([&] { return value() == numbered("g", last) + "\n"; })) << value();
+    EXPECT_EQ(sync->stop(), 0);
+}
+
+// A mirror resumes where it stopped. A revision it cannot write (its files
+// may not grow, as on a full disk) is reported once and tried again, and
+// goes in once there is room. Past a compaction, it copies afresh.
+TEST_F(EtcdSync, ResumesTriesAgainWhatItCannotWriteAndCopiesAfreshPastACompaction) {
+    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
+    // A revision far larger than the room the mirror will have.
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1, 3000)).status, 0);
+    auto sync = std::make_unique<Sync>(std::vector<std::string>{"-r", mirror, "sync", url}, log,
+                                       e2e::Env{}, 256 * 1024);
+    const std::string stays = "revision not applied, the mirror stays at";
+    ASSERT_TRUE(eventually([&] { return lines_with(e2e::read_file(log), stays) == 1; }))
+        << e2e::read_file(log);
+    EXPECT_NE(e2e::read_file(log).find("resuming at revision"), std::string::npos);
+    // Tries go by, a second and then two later, unlogged.
+    std::this_thread::sleep_for(3500ms);
+    EXPECT_EQ(lines_with(e2e::read_file(log), stays), 1) << e2e::read_file(log);
+    EXPECT_EQ(value(), "g0\n") << "the mirror must stay whole at its revision";
+    // Room again: the same revision goes in on a later try.
+    rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};  // the soft limit, up to the hard one
+    ASSERT_EQ(prlimit(sync->pid(), RLIMIT_FSIZE, &unlimited, nullptr), 0);
+    EXPECT_TRUE(eventually([&] { return value() == "g1\n"; })) << e2e::read_file(log);
+    EXPECT_EQ(sync->stop(), 0);
+    EXPECT_TRUE(mirrored());
+    EXPECT_EQ(lines_with(e2e::read_file(log), stays), 1) << e2e::read_file(log);
+    EXPECT_EQ(lines_with(e2e::read_file(log), "the mirror follows again"), 1);
+
+    for (int gen = 2; gen <= 4; ++gen)
+        ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", gen)).status, 0);
+    server.compact();
+    sync = start_sync();
+    ASSERT_TRUE(eventually([&] { return value() == "g4\n"; })) << e2e::read_file(log);
+    EXPECT_EQ(sync->stop(), 0);
+    EXPECT_NE(e2e::read_file(log).find("compacted away: copying afresh"), std::string::npos)
+        << e2e::read_file(log);
+    EXPECT_TRUE(mirrored());
+}
+
+TEST_F(EtcdSync, ANameNoImportWouldTakeIsRefusedAndTheMirrorStaysPut) {
+    auto sync = start_sync({"--exec", "printf '%s--\\n' \"$HGX_CHANGED\" >> " + seen});
+    ASSERT_TRUE(eventually([&] { return mirrored() && e2e::exists(seen); }));
+    const std::string before = local({"export"}).out, told = e2e::read_file(seen);
+
+    // A service planted by hand under a name that would add a line to
+    // HGX_CHANGED (app/web's keys under that name), with a head and a record
+    // of the commit that name it, as a writer's commit would.
+    const std::string endpoints = server.endpoints();
+    const std::string all = e2e::etcdctl(endpoints, {"get", "--prefix", "fleet/"}).out;
+    const std::string bad = "x$(touch " + (dir / "P") + ")\nwrn:/injected/line:default";
+    const std::string web = "fleet/o/app/web:/";
+    nlohmann::json txn = {{"success", nlohmann::json::array()}};
+    auto put = [&](const std::string& key, const std::string& v) {
+        txn["success"].push_back(
+            {{"request_put", {{"key", etcd_testing::b64(key)}, {"value", etcd_testing::b64(v)}}}});
+    };
+    std::vector<std::string> planted;  // etcdctl gives a key, then its value, a line each
+    for (size_t at = 0, nl, end; (nl = all.find('\n', at)) != std::string::npos &&
+                                 (end = all.find('\n', nl + 1)) != std::string::npos;
+         at = end + 1) {
+        std::string key = all.substr(at, nl - at), value = all.substr(nl + 1, end - nl - 1);
+        if (key.starts_with(web))
+            planted.push_back("fleet/o/" + bad + ":/" + key.substr(web.size()));
+        else if (key.starts_with("fleet/l/") && key.ends_with("/app/web"))
+            planted.push_back(key.substr(0, key.size() - 7) + bad);
+        else if (key != "fleet/repository")
+            continue;
+        put(key == "fleet/repository" ? key : planted.back(), value);
+    }
+    ASSERT_EQ(planted.size(), 3u) << all;
+    put("fleet/changes", nlohmann::json{{"commit", "planted"}, {"changed", {{bad, "*"}}}}.dump());
+    ASSERT_NE(server.post(0, "/v3/kv/txn", txn.dump()).find("\"succeeded\":true"),
+              std::string::npos);
+    ASSERT_TRUE(eventually([&] {
+        return e2e::read_file(log).find("refused, the mirror stays at") != std::string::npos;
+    })) << e2e::read_file(log);
+    // While it is there, a commit that changes another service is refused too.
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/db", 1)).status, 0);
+    ASSERT_TRUE(eventually([&] { return lines_with(e2e::read_file(log), "refused") == 2; }))
+        << e2e::read_file(log);
+    EXPECT_EQ(local({"export"}).out, before);
+    EXPECT_EQ(e2e::read_file(seen), told) << "no command for a refused revision";
+    EXPECT_EQ(e2e::read_file(log).find("\nwrn:/injected"), std::string::npos) << "one line";
+    EXPECT_FALSE(e2e::exists(dir / "P"));
+
+    // A copy into a file refuses it as well, and makes no file.
+    e2e::Result copy = hgxrepo({"-r", url, "copy", dir / "copy.db"});
+    EXPECT_EQ(copy.status, 1);
+    EXPECT_NE(copy.err.find("bad service name \"x$(touch"), std::string::npos) << copy.err;
+    EXPECT_EQ(copy.err.find('\n'), copy.err.size() - 1) << copy.err;
+    EXPECT_FALSE(e2e::exists(dir / "copy.db"));
+
+    // Without it, the next commit brings everything since the last one applied.
+    for (const auto& key : planted) ASSERT_EQ(e2e::etcdctl(endpoints, {"del", key}).status, 0);
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 2)).status, 0);
+    EXPECT_TRUE(eventually([&] { return mirrored() && value() == "g2\n"; })) << e2e::read_file(log);
+    EXPECT_EQ(sync->stop(), 0);
+}
+
+// A cluster of three; the mirror's URL names member 0 first, and its watch
+// starts there.
+class EtcdSyncThree : public EtcdSync {
+  protected:
+    etcd_testing::Options options() const override {
+        etcd_testing::Options three;
+        three.members = 3;
+        return three;
+    }
+};
+
+// The watch leaves a member that is gone or hangs for the next; a change
+// reaches the mirror (how soon is bench/failover.sh's to measure: seconds)
+// and the mirror never thinks the cluster lost. Without a majority, it says
+// so once, tries again unlogged, and catches up.
+TEST_F(EtcdSyncThree, FollowsThroughAMemberKilledOrHungAndCatchesUpWithoutAMajority) {
+    // A mirror whose watch follows the cluster.
+    auto following = [&] {
+        std::remove(log.c_str());
+        auto sync = start_sync();
+        EXPECT_TRUE(eventually([&] { return value() == "g0\n"; })) << e2e::read_file(log);
+        EXPECT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
+        EXPECT_TRUE(eventually([&] { return value() == "g1\n"; })) << e2e::read_file(log);
+        return sync;
+    };
+    for (bool hung : {false, true}) {
+        SCOPED_TRACE(hung ? "hung" : "killed");
+        auto sync = following();
+        hung ? server.freeze(true, 0) : server.kill_member(0);
+        ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 2)).status, 0);
+        EXPECT_TRUE(eventually([&] { return value() == "g2\n"; })) << e2e::read_file(log);
+        EXPECT_EQ(sync->stop(), 0);
+        EXPECT_EQ(e2e::read_file(log).find("lost the cluster"), std::string::npos)
+            << e2e::read_file(log);
+        hung ? server.freeze(false, 0) : server.restart_member(0);
+        ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 0)).status, 0);
+    }
+
+    auto sync = following();
+    server.kill_member(1);
+    server.kill_member(2);
+    const std::string lost = "lost the cluster", back = "connected again";
+    ASSERT_TRUE(eventually([&] { return lines_with(e2e::read_file(log), lost) == 1; }))
+        << e2e::read_file(log);
+    std::this_thread::sleep_for(4000ms);  // tries go by, unlogged
+    EXPECT_EQ(lines_with(e2e::read_file(log), lost), 1) << e2e::read_file(log);
+    server.restart_member(1);
+    server.restart_member(2);
+    // The cluster elects a leader before it takes a write.
+    EXPECT_TRUE(eventually([&] {
+        return cluster({"import", "-"}, manifest("app/web", 2)).status == 0;
+    }));
+    EXPECT_TRUE(eventually([&] { return value() == "g2\n"; })) << e2e::read_file(log);
+    EXPECT_EQ(sync->stop(), 0);
+    const std::string l = e2e::read_file(log);
+    EXPECT_EQ(lines_with(l, lost), 1) << l;
+    EXPECT_EQ(lines_with(l, back), 1) << l;
+}
+
+mode_t mode_of(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+// A copy once is the cluster exactly, or the services named. A mirror
+// holds what a password protects: its file and logs are its owner's alone
+// unless --mode says otherwise; an existing file keeps its mode. Every
+// command that writes refuses a mirror with one line: sync alone writes it.
+// A mirror copied to a cluster replaces all there: only a whole mirror, and
+// only with --force. A file that is not the mirror of this prefix is refused
+// and left alone.
+TEST_F(EtcdSync, OnceCopiesTheClusterOrTheServicesNamedAndOnlySyncWritesAMirror) {
+    const std::string wide = dir / "wide.db", part = dir / "part.db", other = dir / "other.db";
+    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
+    EXPECT_EQ(local({"export"}).out, cluster({"export"}).out);
+    EXPECT_EQ(local({"show", WERN, "running"}).out, cluster({"show", WERN, "running"}).out);
+    EXPECT_EQ(value(), "g0\n");
+    ASSERT_EQ(hgxrepo({"-r", part, "sync", "--once", "--service", "app/w.*", url}).status, 0);
+    EXPECT_EQ(hgxrepo({"-r", part, "list"}).out, "wrn:/app/web\nwrn:/app/web:default\n");
+    ASSERT_EQ(hgxrepo({"-r", wide, "sync", "--once", "--mode", "0640", url}).status, 0);
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        EXPECT_EQ(mode_of(mirror + suffix), 0600u) << suffix;
+        EXPECT_EQ(mode_of(wide + suffix), 0640u) << suffix;
+    }
+    for (const char* bad : {"0644x", "1777", "-1", ""})
+        EXPECT_EQ(hgxrepo({"-r", wide, "sync", "--mode", bad, url}).status, 2) << bad;
+
+    const std::string before = e2e::read_file(mirror), prop = WERN + "/:properties/config/p0";
+    e2e::make_repository(other, manifest("x/y", 0));
+    const std::vector<std::vector<std::string>> writes = {
+        {"-r", mirror, "import", "-"},
+        {"-r", mirror, "setprop", "--snapshot", prop, "x"},
+        {"-r", mirror, "delete", WERN},
+        {"-r", other, "copy", mirror},
+    };
+    const e2e::Whole refused(
+        1, "", "hgxrepo: " + mirror + " is the mirror of " + url + "; change the cluster\n");
+    for (const auto& c : writes) {
+        EXPECT_EQ(e2e::whole(hgxrepo(c, manifest("app/web", 7))), refused) << c[2];
+        EXPECT_TRUE(e2e::read_file(mirror) == before) << c[2] << " changed the mirror";
+    }
+
+    const std::string target = server.url("target");
+    ASSERT_EQ(hgxrepo({"-r", target, "import", "-"}, manifest("keep/me", 0)).status, 0);
+    const std::string kept = hgxrepo({"-r", target, "list"}).out;
+    struct Case {
+        std::string from;
+        bool force;
+        const char* says;
+    } cases[] = {
+        {mirror, false, "at revision"},
+        {part, false, "a mirror of part of"},
+        {part, true, "a mirror of part of"},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> args = {"-r", c.from, "copy", target};
+        if (c.force) args.insert(args.begin() + 3, "--force");
+        e2e::Result r = hgxrepo(args);
+        EXPECT_EQ(r.status, 1) << c.from;
+        EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+        EXPECT_EQ(hgxrepo({"-r", target, "list"}).out, kept);
+    }
+    EXPECT_EQ(local({"copy", "--force", target}).status, 0);
+    EXPECT_EQ(hgxrepo({"-r", target, "export"}).out, local({"export"}).out);
+    EXPECT_EQ(local({"copy", dir / "backup.db"}).status, 0);
+
+    ASSERT_EQ(chmod(mirror.c_str(), 0640), 0);
+    ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
+    ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
+    EXPECT_EQ(value(), "g1\n");
+    EXPECT_EQ(mode_of(mirror), 0640u);
+
+    // Not a repository; a repository of its own; the mirror of another prefix.
+    const std::string text = dir / "text.db", other_mirror = dir / "target.db";
+    e2e::write_file(text, "some text\n");
+    EXPECT_EQ(hgxrepo({"-r", text, "sync", "--once", url}).status, 1);
+    EXPECT_EQ(e2e::read_file(text), "some text\n");
+    e2e::Result r = hgxrepo({"-r", other, "sync", "--once", url});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("a repository that is no mirror"), std::string::npos) << r.err;
+    EXPECT_EQ(hgxrepo({"-r", other, "list"}).out, "wrn:/x/y\nwrn:/x/y:default\n");
+    ASSERT_EQ(hgxrepo({"-r", other_mirror, "sync", "--once", target}).status, 0);
+    const std::string held = hgxrepo({"-r", other_mirror, "export"}).out;
+    r = hgxrepo({"-r", other_mirror, "sync", "--once", url});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("prefix target, not"), std::string::npos) << r.err;
+    EXPECT_EQ(hgxrepo({"-r", other_mirror, "export"}).out, held);
+}
+
+// ---- a fleet: one service, an instance per host ---------------------------------
+
+const std::string FLEET = "wrn:/network/http";
+const std::string SERVER_NAME = "$%{sites/www/server_name} $%{config/user}\n";
+
+class EtcdFleet : public EtcdSync {
+  protected:
+    EtcdFleet() { seeded = false; }
+    // The environment of an etcd user of these tests (password USER-pw);
+    // none for "".
+    static e2e::Env creds(const std::string& user) {
+        if (user.empty()) return {};
+        return {{"HGX_ETCD_USER", user}, {"HGX_ETCD_PASSWORD", user + "-pw"}};
+    }
+    e2e::Result as(const std::string& user, std::vector<std::string> args,
+                   const std::string& input = "") {
+        return cluster(args, input, creds(user));
+    }
+    std::string kelvo(const std::string& repository, const std::string& wern,
+                      const std::string& user = "") {
+        e2e::Result r = e2e::kelvo(repository, {"-f", wern}, SERVER_NAME, creds(user));
+        return r.status == 0 ? r.out : "status " + std::to_string(r.status) + ": " + r.err;
+    }
+    // A mirror as the user whose command tells what changed.
+    std::unique_ptr<Sync> following(std::vector<std::string> options, const std::string& user) {
+        options.insert(options.begin(), {"--exec", "printf '%s--\\n' \"$HGX_CHANGED\" >> " + seen});
+        return start_sync(options, creds(user));
+    }
+    std::string list(const std::string& mirror) { return hgxrepo({"-r", mirror, "list"}).out; }
+    // The fleet of examples/fleet.json with etcd's authentication on, and
+    // the users web01 and web02, each granted its own instance and status key.
+    void with_host_users() {
+        for (const char* user : {"web01", "web02"})
+            server.post(
+                0, "/v3/auth/user/add",
+                std::string("{\"name\":\"") + user + "\",\"password\":\"" + user + "-pw\"}");
+        ASSERT_TRUE(server.enable_auth("root-pw"));
+        const std::string fleet = e2e::read_file(e2e::source_dir() + "/examples/fleet.json");
+        ASSERT_EQ(as("root", {"import", "-"}, fleet).status, 0);
+        for (const std::string user : {"web01", "web02"}) {
+            e2e::Result g = as("root", {"grant", user, "--host", user, FLEET + ":" + user});
+            ASSERT_EQ(g.status, 0) << g.err;
+        }
+    }
+    void set(const std::string& user, const std::string& what, const std::string& value) {
+        ASSERT_EQ(as(user, {"setprop", "--snapshot", what, value}).status, 0) << what;
+    }
+};
+
+TEST_F(EtcdFleet, AHostUserReadsItsOwnInstanceAndNothingOfAnotherHost) {
+    ASSERT_NO_FATAL_FAILURE(with_host_users());
+
+    // A's mirror follows its instance, and kelvo reads it there and in the cluster.
+    auto sync = following({}, "web01");
+    ASSERT_TRUE(eventually([&] { return list(mirror) == FLEET + "\n" + FLEET + ":web01\n"; }))
+        << e2e::read_file(log);
+    EXPECT_EQ(kelvo(mirror, FLEET + ":web01"), "web01.example.org www-data\n");
+    EXPECT_EQ(kelvo(url, FLEET + ":web01", "web01"), "web01.example.org www-data\n");
+    EXPECT_EQ(told(), FLEET + ":web01\n--\n");
+    // Another host's change is none of its business; its own and the fleet's are.
+    ASSERT_NO_FATAL_FAILURE(set("root", FLEET + ":web02/:properties/sites/www/server_name", "b"));
+    ASSERT_NO_FATAL_FAILURE(set("root", FLEET + "/:properties/config/user", "nobody"));
+    ASSERT_TRUE(eventually([&] {
+        return kelvo(mirror, FLEET + ":web01") == "web01.example.org nobody\n";
+    })) << e2e::read_file(log);
+    EXPECT_EQ(told(), FLEET + ":web01\n--\n");
+
+    // A reads nothing of B's: not through hgxrepo, kelvo, etcdctl or a mirror.
+    const std::string refused =
+        "The etcd user (HGX_ETCD_USER) is not permitted to do this in the repository";
+    e2e::Result show = as("web01", {"show", FLEET + ":web02"});
+    EXPECT_EQ(show.status, 1);
+    EXPECT_NE(show.err.find(refused), std::string::npos) << show.err;
+    EXPECT_EQ(
+        kelvo(url, FLEET + ":web02", "web01"),
+        "status 3: kelvo: Unable to get properties for " + FLEET + ":web02: " + refused + "\n");
+    auto etcdctl = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), {"--user", "web01:web01-pw"});
+        return e2e::etcdctl(server.endpoints(), args);
+    };
+    e2e::Result get = etcdctl({"get", "--prefix", "fleet/o/network/http:web02/"});
+    EXPECT_NE(get.status, 0);
+    EXPECT_NE(get.err.find("permission denied"), std::string::npos) << get.err;
+    EXPECT_EQ(get.out, "");
+    e2e::Result other =
+        hgxrepo({"-r", dir / "other.db", "sync", "--once", "--instance", FLEET + ":web02", url}, "",
+                creds("web01"));
+    EXPECT_EQ(other.status, 1);
+    EXPECT_NE(other.err.find(refused), std::string::npos) << other.err;
+    // Its own host's status key is A's to write, not another's.
+    EXPECT_EQ(etcdctl({"put", "fleet/hosts/web01", "up"}).status, 0);
+    EXPECT_NE(etcdctl({"put", "fleet/hosts/web02", "up"}).status, 0);
+
+    // Granted again, the role holds the new grants alone.
+    ASSERT_EQ(as("root", {"grant", "web01", FLEET + ":web03"}).status, 0);
+    EXPECT_EQ(as("web01", {"show", FLEET + ":web03"}).status, 0);
+    EXPECT_NE(as("web01", {"show", FLEET + ":web01"}).err.find(refused), std::string::npos);
+    EXPECT_NE(etcdctl({"put", "fleet/hosts/web01", "up"}).status, 0);
+    EXPECT_EQ(sync->stop(), 0);
+}
+
+TEST_F(EtcdFleet, AMirrorOfSomeInstancesHoldsThemWithTheirServicesOwnGroups) {
+    ASSERT_EQ(
+        cluster({"import", "-"}, e2e::read_file(e2e::source_dir() + "/examples/fleet.json")).status,
+        0);
+    auto sync = following({"--instance", FLEET + ":web0[12]"}, "");
+    const std::string both = FLEET + ":web01\n" + FLEET + ":web02\n";
+    ASSERT_TRUE(eventually([&] { return list(mirror) == FLEET + "\n" + both; }))
+        << e2e::read_file(log);
+    EXPECT_EQ(kelvo(mirror, FLEET + ":web02"), "web02.example.org www-data\n");
+    EXPECT_EQ(told(), both + "--\n");
+
+    // Each change names what it changed among what the mirror holds: an
+    // instance it does not hold, none; the service's own groups, all it holds.
+    set("", FLEET + ":web03/:properties/sites/www/server_name", "c.example");
+    set("", FLEET + ":web02/:properties/sites/www/server_name", "b.example");
+    EXPECT_EQ(told(), FLEET + ":web02\n--\n");
+    set("", FLEET + "/:properties/config/user", "nobody");
+    EXPECT_EQ(told(), both + "--\n");
+    EXPECT_EQ(kelvo(mirror, FLEET + ":web01"), "web01.example.org nobody\n");
+    // An instance removed from the cluster leaves the mirror.
+    ASSERT_EQ(cluster({"delete", FLEET + ":web01"}).status, 0);
+    ASSERT_TRUE(eventually([&] { return list(mirror) == FLEET + "\n" + FLEET + ":web02\n"; }))
+        << e2e::read_file(log);
+    EXPECT_EQ(told(), FLEET + ":web01\n--\n");
+    EXPECT_EQ(sync->stop(), 0);
+    EXPECT_EQ(hgxrepo({"-r", mirror, "show", FLEET + ":web02", "running"}).out,
+              cluster({"show", FLEET + ":web02", "running"}).out);
+}
+
+TEST_F(EtcdFleet, APrefixOfTheFirstLayoutIsNamedAndUpgradedWithAMirrorFollowing) {
+    // The keys a writer of the first layout left (tests/e2e/fixtures): the
+    // manifests examples/fleet.json and examples/guide.json imported, the
+    // snapshot "before" of web02 taken, and web03's config/log_level set to
+    // "debug" without a snapshot. Values are in base64 already.
+    url = server.url("legacy");
+    const auto keys = nlohmann::json::parse(
+        std::ifstream(e2e::source_dir() + "/tests/e2e/fixtures/schema1-keys.json"));
+    ASSERT_GT(keys.size(), 10u);
+    for (const auto& kv : keys)
+        server.post(0, "/v3/kv/put",
+                    "{\"key\":\"" + etcd_testing::b64("legacy/" + kv[0].get<std::string>()) +
+                        "\",\"value\":\"" + kv[1].get<std::string>() + "\"}");
+    const std::string text =
+        "The etcd prefix holds a repository of another schema version; convert it with hgxrepo "
+        "-r URL upgrade";
+    EXPECT_EQ(kelvo(url, FLEET + ":web01"),
+              "status 3: kelvo: Unable to get properties for " + FLEET + ":web01: " + text + "\n");
+    e2e::Result listed = cluster({"list"});
+    EXPECT_EQ(listed.status, 1);
+    EXPECT_NE(listed.err.find(text), std::string::npos) << listed.err;
+
+    auto sync = following({}, "");
+    ASSERT_TRUE(eventually([&] { return e2e::read_file(log).find(text) != std::string::npos; }));
+    EXPECT_EQ(e2e::whole(cluster({"upgrade"})),
+              e2e::Whole(0, url + ": converted to the current layout\n", ""));
+    // The mirror copies afresh, and both hold what the same commands give a file.
+    auto file = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), {"-r", dir / "file.db"});
+        return hgxrepo(args);
+    };
+    const std::string examples = e2e::source_dir() + "/examples/";
+    file({"import", examples + "fleet.json", examples + "guide.json"});
+    file({"snapshot", FLEET + ":web02", "before"});
+    file({"setprop", FLEET + ":web03/:properties/config/log_level", "debug"});
+    const std::string exported = file({"export"}).out;
+    EXPECT_EQ(cluster({"export"}).out, exported);
+    ASSERT_TRUE(eventually([&] { return local({"export"}).out == exported; }))
+        << e2e::read_file(log);
+    for (const char* snapshot : {"running", "before"})
+        EXPECT_EQ(cluster({"show", FLEET + ":web02", snapshot}).out,
+                  file({"show", FLEET + ":web02", snapshot}).out)
+            << snapshot;
+    EXPECT_EQ(kelvo(mirror, FLEET + ":web03"), "web03.example.org www-data\n");
+    EXPECT_EQ(sync->stop(), 0);
+    // Nothing of the first layout is left, and a second upgrade has nothing to do.
+    for (const char* part : {"legacy/d/", "legacy/e/"}) EXPECT_EQ(server.count(part), 0) << part;
+    EXPECT_EQ(cluster({"upgrade"}).out, url + ": already in the current layout\n");
+}
+
+// Time limits bound how long a member may stay silent, not how long a copy
+// takes: a large first copy completes on a host that is busy.
+TEST_F(EtcdFleet, ABigServiceIsCopiedWholeOnABusyHost) {
+    const int hosts = 2000;
+    ASSERT_EQ(cluster({"import", "-"}, e2e::fleet_manifest("fleet/web", hosts, 20, 0)).status, 0);
+    std::vector<pid_t> busy;
+    for (int i = 0; i < 2; ++i)
+        busy.push_back(etcd_testing::spawn({"sh", "-c", "while :; do :; done"}));
+    e2e::Run copy;
+    copy.wrapper = {"nice", "-n", "10"};
+    copy.args = {e2e::hgxrepo_bin(), "-r", mirror, "sync", "--once", url};
+    e2e::Result r = e2e::run(copy);
+    for (pid_t pid : busy) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::string listed = list(mirror);
+    EXPECT_EQ(std::count(listed.begin(), listed.end(), '\n'), hosts + 1);
+}
+
+// ---- what the mirror tells of itself, and what its command is given --------
+
+// The mirror's file's own record of the revision it holds.
+std::string revision_of(const std::string& mirror) {
+    e2e::Run r;
+    r.args = {"sqlite3", mirror, "select value from mirror where key = 'revision'"};
+    std::string out = e2e::run(r).out;
+    return out.substr(0, out.find('\n'));
+}
+
+// The value of a metric in a metrics file's text, "" where it is missing.
+std::string metric(const std::string& text, const std::string& name) {
+    std::smatch m;
+    return std::regex_search(text, m, std::regex("\n" + name + " ([0-9]+)\n")) ? m[1].str() : "";
+}
+
+TEST_F(EtcdFleet, HostsTellWhereEveryMirrorStandsAndADeadOneGoes) {
+    ASSERT_NO_FATAL_FAILURE(with_host_users());
+    // Host 1's command waits for the test; host 2's fails. Each writes its
+    // own status key with its own user, under a short lease. A command reads
+    // the mirror: it gets none of the cluster's credentials, only the CA (no
+    // secret).
+    const std::string release = dir / "release", metrics = dir / "web01.prom", env = dir / "env";
+    auto with_ttl = [&](e2e::Env e) {
+        e.emplace("HGX_SYNC_STATUS_TTL", "3");
+        return e;
+    };
+    e2e::Env all = with_ttl(creds("web02"));
+    all.insert({{"HGX_ETCD_CERT", log},
+                {"HGX_ETCD_KEY", log},
+                {"HGX_ETCD_CACERT", "/etc/ca.pem"},
+                {"HGX_ETCD_TOKEN", "t"}});
+    const std::string one = dir / "web01.db", two = dir / "web02.db";
+    Sync first({"-r", one, "sync", "--host", "web01", "--metrics", metrics, "--exec",
+                "until [ -e " + release + " ]; do sleep 0.05; done", url},
+               log, with_ttl(creds("web01")));
+    Sync second({"-r", two, "sync", "--host", "web02", "--exec", "env > " + env + "; exit 4", url},
+                log, all);
+    auto hosts = [&](std::vector<std::string> args = {}) {
+        args.insert(args.begin(), "hosts");
+        return as("root", args);
+    };
+    auto row = [](const std::string& name, const std::string& out) {
+        std::smatch m;
+        std::regex line("(^|\n)" + name +
+                        " +([0-9-]+) +([0-9-]+) +([0-9-]+) +([0-9-]+) +[0-9-]+\n");
+        return std::regex_search(out, m, line) ? m[2].str() + " " + m[3].str() + " " + m[5].str()
+                                               : "";
+    };
+    // Both copied; the second's command failed.
+    ASSERT_TRUE(eventually([&] {
+        return row("web02", hosts().out).find(" 4") != std::string::npos;
+    })) << hosts().out
+        << e2e::read_file(log);
+    ASSERT_TRUE(eventually([&] { return !row("web01", hosts().out).empty(); }));
+    std::string out = hosts().out;
+    EXPECT_EQ(row("web01", out), revision_of(one) + " 0 -");
+    EXPECT_EQ(row("web02", out), revision_of(two) + " 0 4");
+    e2e::Result failed = hosts({"--failed"});
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_EQ(failed.err, "hgxrepo: web02: the command failed (status 4) for revision " +
+                              revision_of(two) + "\n");
+    EXPECT_EQ(hosts({"--behind", "0"}).status, 0) << hosts({"--behind", "0"}).err;
+    const std::string told_env = e2e::read_file(env);
+    EXPECT_NE(told_env.find("HGX_CHANGED=" + FLEET + ":web02"), std::string::npos) << told_env;
+    EXPECT_NE(told_env.find("\nHGX_ETCD_CACERT=/etc/ca.pem\n"), std::string::npos) << told_env;
+    for (const char* name : {"USER", "PASSWORD", "CERT=", "KEY", "TOKEN"})
+        EXPECT_EQ(told_env.find(std::string("HGX_ETCD_") + name), std::string::npos) << name;
+
+    // A change reaches the second host; the first is held by its command.
+    ASSERT_NO_FATAL_FAILURE(set("root", FLEET + "/:properties/config/user", "nobody"));
+    ASSERT_TRUE(
+        eventually([&] { return kelvo(two, FLEET + ":web02") == "web02.example.org nobody\n"; }));
+    std::this_thread::sleep_for(1100ms);
+    e2e::Result behind = hosts({"--behind", "0", "--json"});
+    EXPECT_EQ(behind.status, 1);
+    EXPECT_NE(behind.err.find("hgxrepo: web01: 1 revisions and "), std::string::npos) << behind.err;
+    EXPECT_EQ(behind.err.find("web02"), std::string::npos) << behind.err;
+    EXPECT_NE(behind.out.find("\"revisions\":1"), std::string::npos) << behind.out;
+    EXPECT_EQ(hosts({"--behind", "3600"}).status, 0);
+    e2e::write_file(release, "");
+    ASSERT_TRUE(eventually([&] { return hosts({"--behind", "0"}).status == 0; })) << hosts().out;
+
+    // The metrics file is in the exposition format, at the mirror's revision.
+    ASSERT_TRUE(eventually([&] {
+        return metric(e2e::read_file(metrics), "hgx_mirror_command_runs_total") == "2";
+    })) << e2e::read_file(metrics);
+    e2e::Run check;
+    check.args = {"promtool", "check", "metrics"};
+    check.input = e2e::read_file(metrics);
+    e2e::Result promtool = e2e::run(check);
+    EXPECT_EQ(promtool.status, 0) << promtool.out << promtool.err;
+    EXPECT_EQ(metric(check.input, "hgx_mirror_revision"), revision_of(one));
+    EXPECT_EQ(metric(check.input, "hgx_mirror_connected"), "1");
+
+    // A name written by hand is shown on one line, escaped.
+    e2e::Result put = e2e::etcdctl(server.endpoints(),
+                                   {"--user", "root:root-pw", "put", "fleet/hosts/x\ny", "{}"});
+    ASSERT_EQ(put.status, 0) << put.err;
+    EXPECT_NE(hosts().out.find("\nx\\ny "), std::string::npos) << hosts().out;
+
+    // A mirror killed outright leaves with its lease; one stopped leaves at once.
+    EXPECT_EQ(first.stop(SIGKILL), 128 + SIGKILL);
+    EXPECT_FALSE(row("web01", hosts().out).empty());
+    ASSERT_TRUE(eventually([&] { return row("web01", hosts().out).empty(); })) << hosts().out;
+    EXPECT_EQ(second.stop(), 0);
+    EXPECT_TRUE(row("web02", hosts().out).empty()) << hosts().out;
 }
 
 }  // namespace
