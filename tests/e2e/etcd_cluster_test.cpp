@@ -135,20 +135,59 @@ int expect_one_generation_per_run(const std::string& repository, int runs,
     return last;
 }
 
-class EtcdCluster : public ::testing::Test {
+class EtcdSync : public ::testing::Test {
   protected:
-    // Starts the test's cluster; false where the test must end (skipped
-    // or failed: both only return from here).
-    bool start(etcd_testing::Options options = {}) {
-        [&] { ETCD_START_OR_SKIP(server, options); }();
-        url = server.url("kelvo");
-        return !IsSkipped() && !HasFatalFailure();
+    void SetUp() override {
+        ETCD_START_OR_SKIP(server, options);
+        url = server.url("fleet");
+        mirror = dir / "mirror.db";
+        log = dir / "sync.log";
+        seen = dir / "changed";
+        if (!seeded) return;
+        ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 0)).status, 0);
+        ASSERT_EQ(cluster({"import", "-"}, manifest("app/db", 0)).status, 0);
     }
-    e2e::Result repo(std::vector<std::string> args, const std::string& input = "",
-                     const e2e::Env& env = {}) {
+    e2e::Result cluster(std::vector<std::string> args, const std::string& input = "",
+                        const e2e::Env& env = {}) {
         args.insert(args.begin(), {"-r", url});
         return hgxrepo(args, input, env);
     }
+    e2e::Result local(std::vector<std::string> args) {
+        args.insert(args.begin(), {"-r", mirror});
+        return hgxrepo(args);
+    }
+    std::unique_ptr<Sync> start_sync(std::vector<std::string> extra = {},
+                                     const e2e::Env& env = {}) {
+        std::vector<std::string> args = {"-r", mirror, "sync"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        args.push_back(url);
+        return std::make_unique<Sync>(args, log, env);
+    }
+    std::string value(const std::string& prop = "p0") {
+        e2e::Result r = e2e::kelvo(mirror, {"-f", WERN}, "$%{config/" + prop + "}\n");
+        return r.status == 0 ? r.out : "status " + std::to_string(r.status) + ": " + r.err;
+    }
+    bool mirrored() { return local({"export"}).out == cluster({"export"}).out; }
+    // What the command appended to `seen` since the last look, once it
+    // appended anything; the file is removed for the next look.
+    std::string told() {
+        EXPECT_TRUE(eventually([&] { return e2e::exists(seen); })) << e2e::read_file(log);
+        std::string t = e2e::exists(seen) ? e2e::read_file(seen) : "";
+        std::remove(seen.c_str());
+        return t;
+    }
+
+    etcd_testing::EtcdServer server;
+    e2e::TempDir dir;
+    std::string url, mirror, log, seen;
+    etcd_testing::Options options;
+    bool seeded = true;  // the services app/web and app/db, generation 0
+};
+
+// The cluster alone, which the tests fill themselves.
+class EtcdCluster : public EtcdSync {
+  protected:
+    EtcdCluster() { seeded = false; }
     e2e::Result kelvo(const std::string& stencil, e2e::Env env = {}) {
         return e2e::kelvo(url, {"-f", WERN}, stencil, std::move(env));
     }
@@ -160,22 +199,27 @@ class EtcdCluster : public ::testing::Test {
     e2e::Whole refused(const std::string& text) const {
         return {1, "", "hgxrepo: " + url + ": " + text + "\n"};
     }
+};
 
-    etcd_testing::EtcdServer server;
-    std::string url;
+class EtcdClusterThree : public EtcdCluster {
+  protected:
+    EtcdClusterThree() { options.members = 3; }
+};
+
+class EtcdClusterTls : public EtcdCluster {
+  protected:
+    EtcdClusterTls() { options.tls = true; }
 };
 
 TEST_F(EtcdCluster, EveryRunSeesOneGenerationWhileImportsRewriteTheInstance) {
-    if (!start()) return;
-    ASSERT_EQ(repo({"import", "-"}, generation(0)).status, 0);
+    ASSERT_EQ(cluster({"import", "-"}, generation(0)).status, 0);
     expect_one_generation_per_run(url, 500, [&](int gen) {
-        return repo({"import", "-"}, generation(gen)).status == 0;
+        return cluster({"import", "-"}, generation(gen)).status == 0;
     });
 }
 
 TEST_F(EtcdCluster, AStoppedOrHangingClusterEndsTheRunWithStatusThree) {
-    if (!start()) return;
-    ASSERT_EQ(repo({"import", "-"}, generation(0, 2)).status, 0);
+    ASSERT_EQ(cluster({"import", "-"}, generation(0, 2)).status, 0);
     ASSERT_EQ(p0(), e2e::Whole(0, "g0\n", ""));
     // Frozen: connections are accepted and never answered. The run ends by
     // its own time budget (the message says so); a hang would meet the
@@ -183,13 +227,14 @@ TEST_F(EtcdCluster, AStoppedOrHangingClusterEndsTheRunWithStatusThree) {
     // nothing of the client's.
     server.freeze(true);
     const e2e::Whole hung = p0(),
-                     silent = e2e::whole(repo({"setprop", WERN + "/:properties/config/p0", "x"}));
+                     silent =
+                         e2e::whole(cluster({"setprop", WERN + "/:properties/config/p0", "x"}));
     server.freeze(false);
     EXPECT_EQ(hung, unable("The etcd cluster did not answer in time"));
     EXPECT_EQ(silent, refused("The etcd cluster did not answer in time"));
     server.kill_member(0);
     EXPECT_EQ(p0(), unable("No member of the etcd cluster answers"));
-    EXPECT_EQ(e2e::whole(repo({"setprop", WERN + "/:properties/config/p0", "x"})),
+    EXPECT_EQ(e2e::whole(cluster({"setprop", WERN + "/:properties/config/p0", "x"})),
               refused("No member of the etcd cluster answers: " + server.endpoints(true) +
                       ": Connection refused"));
 }
@@ -200,8 +245,7 @@ TEST_F(EtcdCluster, AStoppedOrHangingClusterEndsTheRunWithStatusThree) {
 // over the rest, whose reference to another service must now be pulled.
 // The run ends as a repository failure, status 3, and changes nothing.
 TEST_F(EtcdCluster, LostAfterBindingEndsTheRunWithStatusThreeAndChangesNothing) {
-    if (!start()) return;
-    ASSERT_EQ(repo({"import", "-"}, R"({"services": {
+    ASSERT_EQ(cluster({"import", "-"}, R"({"services": {
         "a/x": {"instances": {"default": {"groups": {"c": {"properties": {"v": "old"}}}}}},
         "a/y": {"instances": {"default": {"groups": {"c": {"properties": {"v": "why"}}}}}}}})")
                   .status,
@@ -248,8 +292,9 @@ TEST_F(EtcdCluster, LostAfterBindingEndsTheRunWithStatusThreeAndChangesNothing) 
     };
     // A new revision, then a compaction up to it: the run's revision is gone.
     auto compact = [&] {
-        ASSERT_EQ(repo({"setprop", "--snapshot", "wrn:/a/y:default/:properties/c/v", "new"}).status,
-                  0);
+        ASSERT_EQ(
+            cluster({"setprop", "--snapshot", "wrn:/a/y:default/:properties/c/v", "new"}).status,
+            0);
         server.compact();
     };
     const std::string reference = "x=$%{c/v} y=$%{wrn:/a/y:default/:properties/c/v}\n";
@@ -283,15 +328,13 @@ TEST_F(EtcdCluster, LostAfterBindingEndsTheRunWithStatusThreeAndChangesNothing) 
 
 // A run on a member that hangs asks the next one too (the figures are in
 // bench/failover.sh); one whose member is gone goes on through the others.
-TEST_F(EtcdCluster, RunsGoOnThroughTheOtherMembersWhenOneHangsOrTheLeaderDies) {
-    etcd_testing::Options three;
-    three.members = 3;
-    if (!start(three)) return;
-    ASSERT_EQ(repo({"import", "-"}, generation(0, 2)).status, 0);
+TEST_F(EtcdClusterThree, RunsGoOnThroughTheOtherMembersWhenOneHangsOrTheLeaderDies) {
+    ASSERT_EQ(cluster({"import", "-"}, generation(0, 2)).status, 0);
     // The URL names the hung member first.
     server.freeze(true, 0);
-    EXPECT_EQ(e2e::whole(repo({"setprop", "--snapshot", WERN + "/:properties/config/p0", "hung"})),
-              e2e::Whole(0, "", ""));
+    EXPECT_EQ(
+        e2e::whole(cluster({"setprop", "--snapshot", WERN + "/:properties/config/p0", "hung"})),
+        e2e::Whole(0, "", ""));
     EXPECT_EQ(p0(), e2e::Whole(0, "hung\n", ""));
     server.freeze(false, 0);
 
@@ -299,23 +342,20 @@ TEST_F(EtcdCluster, RunsGoOnThroughTheOtherMembersWhenOneHangsOrTheLeaderDies) {
     ASSERT_GE(leader, 0);
     server.kill_member(leader);
     // The URL still names the dead member, and names it first where it led.
-    e2e::Result set = repo({"setprop", WERN + "/:properties/config/p0", "after"});
+    e2e::Result set = cluster({"setprop", WERN + "/:properties/config/p0", "after"});
     EXPECT_EQ(set.status, 0) << set.err;
-    EXPECT_EQ(repo({"snapshot", WERN}).status, 0);
+    EXPECT_EQ(cluster({"snapshot", WERN}).status, 0);
     EXPECT_EQ(p0(), e2e::Whole(0, "after\n", ""));
 }
 
-TEST_F(EtcdCluster, TlsWithClientCertificates) {
-    etcd_testing::Options tls;
-    tls.tls = true;
-    if (!start(tls)) return;
+TEST_F(EtcdClusterTls, TlsWithClientCertificates) {
     auto certs_of = [](const etcd_testing::EtcdServer& s) {
         return e2e::Env{{"HGX_ETCD_CACERT", s.ca()},
                         {"HGX_ETCD_CERT", s.client_cert()},
                         {"HGX_ETCD_KEY", s.client_key()}};
     };
     const e2e::Env certs = certs_of(server);
-    e2e::Result r = repo({"import", "-"}, generation(7, 2), certs);
+    e2e::Result r = cluster({"import", "-"}, generation(7, 2), certs);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(p0(certs), e2e::Whole(0, "g7\n", ""));
 
@@ -345,15 +385,15 @@ TEST_F(EtcdCluster, TlsWithClientCertificates) {
         SCOPED_TRACE(c.name);
         auto env = certs;
         for (const auto& [k, v] : c.env) env[k] = v;
-        EXPECT_EQ(e2e::whole(repo({"list"}, "", env)), refused(text + c.says));
+        EXPECT_EQ(e2e::whole(cluster({"list"}, "", env)), refused(text + c.says));
         EXPECT_EQ(p0(env), unable(text + c.says));
     }
 
     // A member whose certificate names another host.
     etcd_testing::EtcdServer elsewhere;
+    etcd_testing::Options tls = options;
     tls.tls_names = "DNS:elsewhere.invalid";
-    [&] { ETCD_START_OR_SKIP(elsewhere, tls); }();
-    if (IsSkipped() || HasFatalFailure()) return;
+    ETCD_START_OR_SKIP(elsewhere, tls);
     const std::string there = "127.0.0.1:" + std::to_string(elsewhere.client_port(0));
     EXPECT_EQ(e2e::whole(hgxrepo({"-r", elsewhere.url("kelvo"), "list"}, "", certs_of(elsewhere))),
               e2e::Whole(1, "",
@@ -365,14 +405,13 @@ TEST_F(EtcdCluster, TlsWithClientCertificates) {
 // whose roles do not reach the prefix, or reach it for reading only, is
 // told so, apart from refused credentials.
 TEST_F(EtcdCluster, CredentialsAreCheckedAndWhatAUserMayNotDoIsToldSo) {
-    if (!start()) return;
-    ASSERT_EQ(repo({"import", "-"}, generation(3, 2)).status, 0);
+    ASSERT_EQ(cluster({"import", "-"}, generation(3, 2)).status, 0);
     auto etcdctl = [&](std::vector<std::string> args) {
         e2e::Result r = e2e::etcdctl(server.endpoints(), args);
         EXPECT_EQ(r.status, 0) << r.err;
     };
     etcdctl({"role", "add", "reader"});
-    etcdctl({"role", "grant-permission", "reader", "read", "kelvo/", "--prefix=true"});
+    etcdctl({"role", "grant-permission", "reader", "read", "fleet/", "--prefix=true"});
     etcdctl({"role", "add", "stranger"});
     etcdctl({"role", "grant-permission", "stranger", "readwrite", "other/", "--prefix=true"});
     for (const char* user : {"reader", "stranger"}) {
@@ -388,13 +427,13 @@ TEST_F(EtcdCluster, CredentialsAreCheckedAndWhatAUserMayNotDoIsToldSo) {
                         {"HGX_ETCD_PASSWORD", password ? password : std::string("pw") + user}};
     };
     auto setprop = [&](const char* user) {
-        return e2e::whole(repo({"setprop", WERN + "/:properties/config/p0", "x"}, "", as(user)));
+        return e2e::whole(cluster({"setprop", WERN + "/:properties/config/p0", "x"}, "", as(user)));
     };
     EXPECT_EQ(p0(as("reader")), e2e::Whole(0, "g3\n", ""));
     EXPECT_EQ(setprop("reader"), refused("cannot write: " + text));
     EXPECT_EQ(p0(as("stranger")), unable(text));
     EXPECT_EQ(setprop("stranger"), refused(text));
-    e2e::Result r = repo({"import", "-"}, generation(4, 2), as("root"));
+    e2e::Result r = cluster({"import", "-"}, generation(4, 2), as("root"));
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(p0(as("root")), e2e::Whole(0, "g4\n", ""));
     const char* wrong =
@@ -404,9 +443,8 @@ TEST_F(EtcdCluster, CredentialsAreCheckedAndWhatAUserMayNotDoIsToldSo) {
 }
 
 TEST_F(EtcdCluster, BadInputIsRefusedAndAWholeRepositoryIsCopiedToAFileAndBack) {
-    if (!start()) return;
-    ASSERT_EQ(repo({"import", "-"}, generation(1, 2)).status, 0);
-    const std::string before = repo({"export"}).out;
+    ASSERT_EQ(cluster({"import", "-"}, generation(1, 2)).status, 0);
+    const std::string before = cluster({"export"}).out;
 
     struct Case {
         const char* name;
@@ -444,10 +482,10 @@ TEST_F(EtcdCluster, BadInputIsRefusedAndAWholeRepositoryIsCopiedToAFileAndBack) 
     // 300 values of 4,000 bytes each: 1.2 MB in one instance.
     std::string big = std::regex_replace(generation(1, 300), std::regex("\"g1\""),
                                          "\"" + std::string(4000, 'x') + "\"");
-    e2e::Result r = repo({"import", "-"}, big);
+    e2e::Result r = cluster({"import", "-"}, big);
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("Too large for one etcd request"), std::string::npos) << r.err;
-    EXPECT_EQ(repo({"export"}).out, before);
+    EXPECT_EQ(cluster({"export"}).out, before);
 
     // A whole repository copied to the cluster and back to a file.
     e2e::TempDir dir;
@@ -455,23 +493,22 @@ TEST_F(EtcdCluster, BadInputIsRefusedAndAWholeRepositoryIsCopiedToAFileAndBack) 
     const std::string manifest = e2e::read_file(e2e::source_dir() + "/examples/services.json");
     ASSERT_EQ(hgxrepo({"-r", file, "import", "-"}, manifest).status, 0);
     ASSERT_EQ(hgxrepo({"-r", file, "copy", url}).status, 0);
-    ASSERT_EQ(repo({"copy", back}).status, 0);
+    ASSERT_EQ(cluster({"copy", back}).status, 0);
     EXPECT_EQ(hgxrepo({"-r", back, "export"}).out, hgxrepo({"-r", file, "export"}).out);
     for (const char* w : {"wrn:/network/http:default", "wrn:/system/timesync:default"})
         EXPECT_EQ(hgxrepo({"-r", back, "show", w, "running"}).out,
                   hgxrepo({"-r", file, "show", w, "running"}).out)
             << w;
     // A copy replaces what the target held.
-    ASSERT_EQ(repo({"import", "-"}, generation(0, 1)).status, 0);
+    ASSERT_EQ(cluster({"import", "-"}, generation(0, 1)).status, 0);
     ASSERT_EQ(hgxrepo({"-r", file, "copy", url}).status, 0);
-    EXPECT_EQ(repo({"list"}).out, hgxrepo({"-r", file, "list"}).out);
+    EXPECT_EQ(cluster({"list"}).out, hgxrepo({"-r", file, "list"}).out);
 }
 
 // Every kind of commit, from one property to a new epoch of every
 // service, leaves the cluster holding what the same commands leave in a
 // file.
 TEST_F(EtcdCluster, CommitsOfEverySizeGiveWhatTheyGiveAFile) {
-    if (!start()) return;
     e2e::TempDir dir;
     const std::string file = dir / "same.db";
     // 60 services at once: more pointers than one switch moves.
@@ -501,15 +538,16 @@ TEST_F(EtcdCluster, CommitsOfEverySizeGiveWhatTheyGiveAFile) {
         {"a service removed", {"delete", "wrn:/many/s3"}, ""},
     };
     for (const Step& step : steps) {
-        e2e::Result c = repo(step.args, step.input);
+        e2e::Result c = cluster(step.args, step.input);
         std::vector<std::string> args = step.args;
         args.insert(args.begin(), {"-r", file});
         e2e::Result f = hgxrepo(args, step.input);
         ASSERT_EQ(e2e::whole(c), e2e::whole(f)) << step.what;
-        ASSERT_EQ(repo({"export"}).out, hgxrepo({"-r", file, "export"}).out) << step.what;
+        ASSERT_EQ(cluster({"export"}).out, hgxrepo({"-r", file, "export"}).out) << step.what;
         for (const char* w : {"wrn:/fleet/web:host00007", "wrn:/fleet/web:host00100"})
             for (const char* snap : {"running", "before"})
-                EXPECT_EQ(repo({"show", w, snap}).out, hgxrepo({"-r", file, "show", w, snap}).out)
+                EXPECT_EQ(cluster({"show", w, snap}).out,
+                          hgxrepo({"-r", file, "show", w, snap}).out)
                     << step.what << ": " << w << " " << snap;
     }
 }
@@ -518,15 +556,14 @@ TEST_F(EtcdCluster, CommitsOfEverySizeGiveWhatTheyGiveAFile) {
 // service anew) races small ones on single instances: every one lands,
 // none undoes another.
 TEST_F(EtcdCluster, RacingWritersAllLand) {
-    if (!start()) return;
-    ASSERT_EQ(repo({"import", "-"}, generation(0, 2)).status, 0);
-    ASSERT_EQ(repo({"import", "-"}, e2e::fleet_manifest("fleet/web", 300, 5, 0)).status, 0);
+    ASSERT_EQ(cluster({"import", "-"}, generation(0, 2)).status, 0);
+    ASSERT_EQ(cluster({"import", "-"}, e2e::fleet_manifest("fleet/web", 300, 5, 0)).status, 0);
     // Runs the commands at once; how many failed.
     auto race = [&](const std::vector<std::vector<std::string>>& commands) {
         std::atomic<int> failed{0};
         std::vector<std::thread> writers;
         for (const auto& c : commands)
-            writers.emplace_back([&, c] { failed += repo(c).status != 0; });
+            writers.emplace_back([&, c] { failed += cluster(c).status != 0; });
         for (auto& t : writers) t.join();
         return failed.load();
     };
@@ -537,7 +574,7 @@ TEST_F(EtcdCluster, RacingWritersAllLand) {
         many.push_back({"setprop", host + "/:properties/config/w", "v" + n});
     }
     EXPECT_EQ(race(one), 0);
-    std::string shown = repo({"show", WERN}).out;
+    std::string shown = cluster({"show", WERN}).out;
     for (int i = 0; i < 8; ++i)
         EXPECT_NE(shown.find(numbered("config/w", i) + numbered(" astring \"v", i)),
                   std::string::npos)
@@ -545,10 +582,11 @@ TEST_F(EtcdCluster, RacingWritersAllLand) {
     EXPECT_EQ(race(many), 0);
     for (int i = 0; i < 8; ++i) {
         std::string host = numbered("wrn:/fleet/web:host0000", i);
-        EXPECT_NE(repo({"show", host}).out.find(numbered("config/w astring \"v", i)),
+        EXPECT_NE(cluster({"show", host}).out.find(numbered("config/w astring \"v", i)),
                   std::string::npos)
             << host;
-        EXPECT_NE(repo({"show", host, "later"}).out.find("config/p0"), std::string::npos) << host;
+        EXPECT_NE(cluster({"show", host, "later"}).out.find("config/p0"), std::string::npos)
+            << host;
     }
 }
 
@@ -556,10 +594,9 @@ TEST_F(EtcdCluster, RacingWritersAllLand) {
 // writer removes them once their leases have lapsed, leaving the prefix as
 // one clean commit leaves it.
 TEST_F(EtcdCluster, KeysOfWritersThatDiedAreRemovedByTheNextWriter) {
-    if (!start()) return;
-    ASSERT_EQ(repo({"import", "-"}, e2e::fleet_manifest("fleet/web", 1000, 5, 0)).status, 0);
+    ASSERT_EQ(cluster({"import", "-"}, e2e::fleet_manifest("fleet/web", 1000, 5, 0)).status, 0);
     auto count = [&](const char* prefix) { return server.count(prefix); };
-    const long clean = count("kelvo/");
+    const long clean = count("fleet/");
     e2e::TempDir dir;
     const std::string manifest = dir / "fleet.json";
     int caught = 0;
@@ -568,22 +605,22 @@ TEST_F(EtcdCluster, KeysOfWritersThatDiedAreRemovedByTheNextWriter) {
         pid_t pid = etcd_testing::spawn({e2e::hgxrepo_bin(), "-r", url, "import", manifest});
         // Killed as soon as it has written something of its commit.
         auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (count("kelvo/t/") == 0 && std::chrono::steady_clock::now() < until)
+        while (count("fleet/t/") == 0 && std::chrono::steady_clock::now() < until)
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        caught += count("kelvo/t/") > 0;
+        caught += count("fleet/t/") > 0;
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
-    const long left = count("kelvo/");
+    const long left = count("fleet/");
     // The next writer comes along, again and again, until the leases lapse.
     auto until = std::chrono::steady_clock::now() + std::chrono::seconds(120);
     do {
-        ASSERT_EQ(repo({"setprop", "wrn:/fleet/web:host00001/:properties/config/p0", "x"}).status,
-                  0);
-        if (count("kelvo/t/") == 0) break;
+        ASSERT_EQ(
+            cluster({"setprop", "wrn:/fleet/web:host00001/:properties/config/p0", "x"}).status, 0);
+        if (count("fleet/t/") == 0) break;
         std::this_thread::sleep_for(std::chrono::seconds(1));
     } while (std::chrono::steady_clock::now() < until);
-    const long after = count("kelvo/");
+    const long after = count("fleet/");
     std::printf(
         "keys: %ld after a clean import, %ld after 20 killed imports (%d caught writing), "
         "%ld after the next writer\n",
@@ -616,55 +653,6 @@ TEST(EtcdClient, IsLoadedOnlyForAClusterUrlAndLibcurlOnlyForTls) {
 }
 
 // ---- hgxrepo sync ----------------------------------------------------------
-
-class EtcdSync : public ::testing::Test {
-  protected:
-    virtual etcd_testing::Options options() const { return {}; }
-    void SetUp() override {
-        ETCD_START_OR_SKIP(server, options());
-        url = server.url("fleet");
-        mirror = dir / "mirror.db";
-        log = dir / "sync.log";
-        seen = dir / "changed";
-        if (!seeded) return;
-        ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 0)).status, 0);
-        ASSERT_EQ(cluster({"import", "-"}, manifest("app/db", 0)).status, 0);
-    }
-    e2e::Result cluster(std::vector<std::string> args, const std::string& input = "",
-                        const e2e::Env& env = {}) {
-        args.insert(args.begin(), {"-r", url});
-        return hgxrepo(args, input, env);
-    }
-    e2e::Result local(std::vector<std::string> args) {
-        args.insert(args.begin(), {"-r", mirror});
-        return hgxrepo(args);
-    }
-    std::unique_ptr<Sync> start_sync(std::vector<std::string> extra = {},
-                                     const e2e::Env& env = {}) {
-        std::vector<std::string> args = {"-r", mirror, "sync"};
-        args.insert(args.end(), extra.begin(), extra.end());
-        args.push_back(url);
-        return std::make_unique<Sync>(args, log, env);
-    }
-    std::string value(const std::string& prop = "p0") {
-        e2e::Result r = e2e::kelvo(mirror, {"-f", WERN}, "$%{config/" + prop + "}\n");
-        return r.status == 0 ? r.out : "status " + std::to_string(r.status) + ": " + r.err;
-    }
-    bool mirrored() { return local({"export"}).out == cluster({"export"}).out; }
-    // What the command appended to `seen` since the last look, once it
-    // appended anything; the file is removed for the next look.
-    std::string told() {
-        EXPECT_TRUE(eventually([&] { return e2e::exists(seen); })) << e2e::read_file(log);
-        std::string t = e2e::exists(seen) ? e2e::read_file(seen) : "";
-        std::remove(seen.c_str());
-        return t;
-    }
-
-    etcd_testing::EtcdServer server;
-    e2e::TempDir dir;
-    std::string url, mirror, log, seen;
-    bool seeded = true;  // the services app/web and app/db, generation 0
-};
 
 // systemd (Type=notify) hears READY=1 once the mirror holds a copy. The
 // command reads the mirror, and hears of the instances whose view (what
@@ -871,11 +859,7 @@ TEST_F(EtcdSync, ANameNoImportWouldTakeIsRefusedAndTheMirrorStaysPut) {
 // starts there.
 class EtcdSyncThree : public EtcdSync {
   protected:
-    etcd_testing::Options options() const override {
-        etcd_testing::Options three;
-        three.members = 3;
-        return three;
-    }
+    EtcdSyncThree() { options.members = 3; }
 };
 
 // The watch leaves a member that is gone or hangs for the next; a change
