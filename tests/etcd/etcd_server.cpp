@@ -146,12 +146,10 @@ bool EtcdServer::launch(int m, bool existing) {
         "--logger=zap",
         "--log-outputs=" + dir_ + "/" + me.name + ".log",
     };
-    if (options_.tls) {
-        argv.push_back("--cert-file=" + dir_ + "/server.pem");
-        argv.push_back("--key-file=" + dir_ + "/server.key");
-        argv.push_back("--trusted-ca-file=" + dir_ + "/ca.pem");
-        argv.push_back("--client-cert-auth");
-    }
+    if (options_.tls)
+        argv.insert(argv.end(),
+                    {"--cert-file=" + dir_ + "/server.pem", "--key-file=" + dir_ + "/server.key",
+                     "--trusted-ca-file=" + dir_ + "/ca.pem", "--client-cert-auth"});
     me.pid = spawn(argv);
     return me.pid > 0;
 }
@@ -287,14 +285,11 @@ std::string EtcdServer::post(int m, const std::string& path, const std::string& 
     std::string req = "POST " + path + " HTTP/1.0\r\nHost: 127.0.0.1\r\nContent-Length: " +
                       std::to_string(body.size()) + "\r\nContent-Type: application/json\r\n";
     req += "\r\n" + body;
-    if (write(fd, req.data(), req.size()) != static_cast<ssize_t>(req.size())) {
-        close(fd);
-        return "";
-    }
     std::string resp;
     char buf[4096];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof buf)) > 0) resp.append(buf, static_cast<size_t>(n));
+    if (write(fd, req.data(), req.size()) == static_cast<ssize_t>(req.size()))
+        for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;)
+            resp.append(buf, static_cast<size_t>(n));
     close(fd);
     size_t at = resp.find("\r\n\r\n");
     return at == std::string::npos ? "" : resp.substr(at + 4);
