@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <sstream>
 
 #include "hgxrepo.h"
 
@@ -88,19 +89,11 @@ int hgxrepo(const std::vector<std::string>& args, std::string* out) {
     std::vector<char*> argv;
     for (std::string& w : words) argv.push_back(w.data());
     argv.push_back(nullptr);
-    int capture = memfd_create("stdout", MFD_CLOEXEC);
-    if (capture < 0) abort();
-    std::cout.flush();
-    fflush(stdout);
-    int saved = dup(1);
-    dup2(capture, 1);
+    std::ostringstream captured;
+    std::streambuf* saved = std::cout.rdbuf(captured.rdbuf());
     int status = hgxrepo_main(static_cast<int>(words.size()), argv.data());
-    std::cout.flush();
-    fflush(stdout);
-    dup2(saved, 1);
-    close(saved);
-    *out = contents(capture);
-    close(capture);
+    std::cout.rdbuf(saved);
+    *out = captured.str();
     return status;
 }
 
@@ -109,10 +102,8 @@ void ensure_repository() {
     if (ready) return;
     std::string path = scratch_dir() + "/repo.db";
     std::string error;
-    if (hgxrepo_import_text(path, MANIFEST, true, &error) != 0) {
-        std::fprintf(stderr, "fuzz: cannot make the repository: %s\n", error.c_str());
-        abort();
-    }
+    if (hgxrepo_import_text(path, MANIFEST, true, &error) != 0)
+        finding("the repository cannot be made", error);
     setenv("HGX_REPOSITORY", path.c_str(), 1);
     unsetenv("QRM_METHOD");
     unsetenv("QRM_RESTARTER");
