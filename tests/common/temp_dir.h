@@ -3,12 +3,10 @@
 #pragma once
 
 #include <stdlib.h>
-#include <string.h>
 
 #include <filesystem>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 namespace testing_support {
 
@@ -17,14 +15,9 @@ namespace testing_support {
 // caller removes it.
 inline std::string make_temp_dir(const std::string& prefix) {
     const char* base = getenv("TMPDIR");
-    if (base == nullptr || *base == '\0') base = "/tmp";
-    std::vector<char> name(base, base + strlen(base));
-    name.push_back('/');
-    name.insert(name.end(), prefix.begin(), prefix.end());
-    for (const char* p = "-XXXXXX"; *p != '\0'; ++p) name.push_back(*p);
-    name.push_back('\0');
-    if (mkdtemp(name.data()) == nullptr) return std::string();
-    return std::string(name.data());
+    std::string name = base != nullptr && *base != '\0' ? base : "/tmp";
+    name.append("/").append(prefix).append("-XXXXXX");
+    return mkdtemp(name.data()) != nullptr ? name : std::string();
 }
 
 // A scratch directory, removed with its contents when the object goes.
