@@ -96,11 +96,10 @@ TEST_F(HgxEtcd, AMalformedDocumentIsAnErrorCode) {
     std::unique_ptr<FILE, int (*)(FILE*)> keys(
         popen((ctl + "get --prefix unit/o/ --keys-only").c_str(), "r"), pclose);
     ASSERT_NE(keys, nullptr);
-    char line[512];
     int overwritten = 0;
-    while (fgets(line, sizeof line, keys.get()) != nullptr) {
+    for (char line[512]; fgets(line, sizeof line, keys.get()) != nullptr;) {
         std::string key(line);
-        while (!key.empty() && (key.back() == '\n' || key.back() == '\r')) key.pop_back();
+        key.erase(key.find_last_not_of("\r\n") + 1);
         if (key.empty()) continue;
         server.put(key, "{\"doc\":5}");
         ++overwritten;
