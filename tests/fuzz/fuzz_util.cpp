@@ -59,18 +59,10 @@ const std::string& scratch_dir() {
 
 int memory_file(const void* data, size_t size) {
     int fd = memfd_create("fuzz", MFD_CLOEXEC);
-    if (fd < 0) return -1;
-    const char* bytes = static_cast<const char*>(data);
-    size_t done = 0;
-    while (done < size) {
-        ssize_t n = write(fd, bytes + done, size - done);
-        if (n <= 0) {
-            close(fd);
-            return -1;
-        }
-        done += static_cast<size_t>(n);
+    if (fd >= 0 && pwrite(fd, data, size, 0) != static_cast<ssize_t>(size)) {
+        close(fd);
+        return -1;
     }
-    lseek(fd, 0, SEEK_SET);
     return fd;
 }
 
