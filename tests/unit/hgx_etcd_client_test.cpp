@@ -171,10 +171,11 @@ struct Posted {
     std::string body, error;
 };
 
-// One client of the endpoints for the requests, one POST each; the client's
-// open failing is a status like the others.
+// One client of the endpoints for the requests, one POST each, and then the
+// stream if one is given; the client's open failing is a status like the others.
 std::vector<Posted> post(const std::string& endpoints, std::vector<std::string> bodies,
-                         long timeout_ms = 5000, const char* path = "/v3/kv/range") {
+                         long timeout_ms = 5000, const char* path = "/v3/kv/range",
+                         hgx_etcd_stream* stream = nullptr) {
     const hgx_etcd_client_api* api = hgx_etcd_client();
     hgx_etcd_options o{endpoints.c_str(), 0, nullptr, nullptr, nullptr, nullptr, nullptr};
     int status = 0;
@@ -190,6 +191,7 @@ std::vector<Posted> post(const std::string& endpoints, std::vector<std::string> 
         out.push_back({s, r.http_status, r.body ? std::string(r.body, r.size) : "", error});
         api->release(&r);
     }
+    if (stream) out.push_back({api->stream(c, stream, error, sizeof error), 0, "", error});
     api->close(c);
     return out;
 }
@@ -275,16 +277,9 @@ TEST(LeanClient, SpeaksToARealEtcdInLengthsChunksAndAStream) {
     };
     s.keep_going = [](void*) { return 1; };
     s.context = &seen;
-    const std::string endpoints = server.endpoints();
-    hgx_etcd_options o{endpoints.c_str(), 0, nullptr, nullptr, nullptr, nullptr, nullptr};
-    int status = 0;
-    char error[512] = "";
-    const hgx_etcd_client_api* api = hgx_etcd_client();
-    void* c = api->open(&o, &status, error, sizeof error);
-    ASSERT_NE(c, nullptr) << error;
-    EXPECT_EQ(api->stream(c, &s, error, sizeof error), HGX_ETCD_STOPPED) << error;
+    p = post(server.endpoints(), {}, 5000, "", &s);
+    EXPECT_EQ(p[0].status, HGX_ETCD_STOPPED) << p[0].error;
     EXPECT_NE(seen.find(etcd_testing::b64(big)), std::string::npos);
-    api->close(c);
 }
 
 }  // namespace
