@@ -1,10 +1,12 @@
-// The tests' scratch directories: one helper for the unit tests, the
-// end-to-end tests and the test etcd.
+// The tests' scratch directories and files: one helper for the unit tests,
+// the end-to-end tests and the test etcd.
 #pragma once
 
 #include <stdlib.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -52,5 +54,16 @@ class TempDir {
   private:
     std::string path_;
 };
+
+// Makes the file at path hold text, and nothing else.
+inline void write_file(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+// What the file at path holds, whole.
+inline std::string read_file(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+}
 
 }  // namespace testing_support

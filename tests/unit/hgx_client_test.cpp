@@ -15,14 +15,14 @@
 #include <string>
 #include <vector>
 
+#include "common/temp_dir.h"
 #include "hgx.h"
 #include "hgx_ptr.h"
 #include "hgx_write.h"
-#include "unit_util.h"
 
 namespace {
 
-using unit::TempDir;
+using testing_support::read_file, testing_support::TempDir, testing_support::write_file;
 
 hgx_owner pg(hgx_writer_t* w, const hgx_owner& owner, const char* name,
              const char* type = "application") {
@@ -357,8 +357,8 @@ TEST(Bind, EachFailureHasItsOwnCodeAndText) {
     };
     const std::string text = dir / "text", other = dir / "other.db", empty = dir / "empty",
                       sub = dir / "sub", bare = dir / "bare.db", foreign = dir / "foreign.db";
-    unit::write_file(text, "this is not a database at all, just some text that is long enough\n");
-    unit::write_file(empty, "");
+    write_file(text, "this is not a database at all, just some text that is long enough\n");
+    write_file(empty, "");
     std::filesystem::create_directory(sub);
     sqlite(other, "CREATE TABLE t(x); PRAGMA user_version=7;");
     sqlite(bare, "PRAGMA journal_mode=WAL; BEGIN; CREATE TABLE t(x); ROLLBACK;");
@@ -380,7 +380,7 @@ TEST(Bind, EachFailureHasItsOwnCodeAndText) {
     std::set<std::string> texts;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.file);
-        const std::string before = c.file == sub ? "" : unit::read_file(c.file);
+        const std::string before = c.file == sub ? "" : read_file(c.file);
         hgx_handle_t* h = hgx_handle_create(HGX_VERSION);
         ASSERT_NE(h, nullptr);
         // Through the environment, as a reader finds its repository.
@@ -412,7 +412,7 @@ TEST(Bind, EachFailureHasItsOwnCodeAndText) {
             hgx_handle_destroy(h);
         } else {
             EXPECT_EQ(hgx_error(), c.written) << message;
-            EXPECT_EQ(c.file == sub ? "" : unit::read_file(c.file), before);
+            EXPECT_EQ(c.file == sub ? "" : read_file(c.file), before);
         }
     }
     unsetenv("HGX_REPOSITORY");

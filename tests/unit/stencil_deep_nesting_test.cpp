@@ -8,10 +8,10 @@
 #include <cstdlib>
 #include <string>
 
+#include "common/temp_dir.h"
 #include "hgxrepo.h"
 #include "stack_guard.h"
 #include "stencil_internal.h"
-#include "unit_util.h"
 
 namespace {
 
@@ -42,7 +42,7 @@ class DeepNesting : public ::testing::Test {
     }
 
     stencil_error_t load(const std::string& text) {
-        unit::write_file(dir_ / "stencil", text);
+        testing_support::write_file(dir_ / "stencil", text);
         stencil_destroy(stencil_);
         stencil_ = nullptr;
         return stencil_load((dir_ / "stencil").c_str(), &stencil_, nullptr);
@@ -62,7 +62,7 @@ class DeepNesting : public ::testing::Test {
         return lo;
     }
 
-    unit::TempDir dir_;
+    testing_support::TempDir dir_;
     repository_t* repository_ = nullptr;
     stencil_t* stencil_ = nullptr;
 };

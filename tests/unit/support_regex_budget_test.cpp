@@ -8,9 +8,9 @@
 #include <regex>
 #include <string>
 
+#include "common/temp_dir.h"
 #include "regex_budget.h"
 #include "support_internal.h"
-#include "unit_util.h"
 
 namespace {
 
@@ -55,7 +55,7 @@ TEST(RegexBudget, EveryPatternOfTheExamplesAndTestsPasses) {
         for (const auto& entry :
              std::filesystem::recursive_directory_iterator(std::string(SOURCE_DIR) + dir)) {
             if (!entry.is_regular_file()) continue;
-            const std::string s = unit::read_file(entry.path());
+            const std::string s = testing_support::read_file(entry.path());
             for (auto it = std::sregex_iterator(s.begin(), s.end(), section);
                  it != std::sregex_iterator(); ++it) {
                 const std::string pattern = std::string("^").append((*it)[1].str()).append("$");

@@ -7,10 +7,10 @@
 #include <cstdlib>
 #include <string>
 
+#include "common/temp_dir.h"
 #include "etcd_gtest.h"
 #include "hgxrepo.h"
 #include "kelvo_tool.h"
-#include "unit_util.h"
 
 namespace {
 
@@ -40,8 +40,8 @@ TEST(RepositoryLost, ACompactedRevisionEndsTheRunANameThatNamesNothingDoesNot) {
     EXPECT_EQ(repository_match_properties(view, "^wrn:/a/y:default/:properties/c/v$", 0), nullptr);
     EXPECT_EQ(repository_failure(view), HGX_ERROR_REVISION_COMPACTED);
 
-    unit::TempDir dir;
-    unit::write_file(dir / "s", "y=$%{wrn:/a/y:default/:properties/c/v}\n");
+    testing_support::TempDir dir;
+    testing_support::write_file(dir / "s", "y=$%{wrn:/a/y:default/:properties/c/v}\n");
     defines_t* defines = defines_create();
     stencil_output_buffer_t* text = nullptr;
     testing::internal::CaptureStderr();
