@@ -1,14 +1,14 @@
-// The tests' scratch directories: one helper for the unit tests, the
-// end-to-end tests and the test etcd.
+// The tests' scratch directories and files: one helper for the unit tests,
+// the end-to-end tests and the test etcd.
 #pragma once
 
 #include <stdlib.h>
-#include <string.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 namespace testing_support {
 
@@ -17,14 +17,9 @@ namespace testing_support {
 // caller removes it.
 inline std::string make_temp_dir(const std::string& prefix) {
     const char* base = getenv("TMPDIR");
-    if (base == nullptr || *base == '\0') base = "/tmp";
-    std::vector<char> name(base, base + strlen(base));
-    name.push_back('/');
-    name.insert(name.end(), prefix.begin(), prefix.end());
-    for (const char* p = "-XXXXXX"; *p != '\0'; ++p) name.push_back(*p);
-    name.push_back('\0');
-    if (mkdtemp(name.data()) == nullptr) return std::string();
-    return std::string(name.data());
+    std::string name = base != nullptr && *base != '\0' ? base : "/tmp";
+    name.append("/").append(prefix).append("-XXXXXX");
+    return mkdtemp(name.data()) != nullptr ? name : std::string();
 }
 
 // A scratch directory, removed with its contents when the object goes.
@@ -59,5 +54,16 @@ class TempDir {
   private:
     std::string path_;
 };
+
+// Makes the file at path hold text, and nothing else.
+inline void write_file(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+// What the file at path holds, whole.
+inline std::string read_file(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+}
 
 }  // namespace testing_support

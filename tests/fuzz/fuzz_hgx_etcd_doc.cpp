@@ -4,10 +4,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 #include <string_view>
 
+#include "fuzz_util.h"
 #include "hgx_etcd_doc.h"
 
 using hgx_detail::etcd::decode_doc;
@@ -19,13 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!decode_doc(std::string_view(reinterpret_cast<const char*>(data), size), &doc)) return 0;
     const std::string encoded = encode_doc(doc);
     Doc again;
-    if (!decode_doc(encoded, &again)) {
-        std::fprintf(stderr, "fuzz_hgx_etcd_doc: an encoded document does not decode\n");
-        __builtin_trap();
-    }
-    if (encode_doc(again) != encoded) {
-        std::fprintf(stderr, "fuzz_hgx_etcd_doc: a document changed on its way through a value\n");
-        __builtin_trap();
-    }
+    if (!decode_doc(encoded, &again)) fuzz::finding("an encoded document does not decode", encoded);
+    if (encode_doc(again) != encoded)
+        fuzz::finding("a document changed on its way through a value", encoded);
     return 0;
 }

@@ -6,7 +6,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 
 #include "fuzz_util.h"
@@ -23,11 +22,6 @@ std::string fresh(const char* name) {
     return path;
 }
 
-[[noreturn]] void finding(const char* what, const std::string& detail) {
-    std::fprintf(stderr, "fuzz_manifest: %s\n%s\n", what, detail.c_str());
-    __builtin_trap();
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -37,22 +31,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     manifest::quote(text);
     manifest::escape(text);
     if (manifest::parse(text, "<fuzz>", &document, &error) != 0) {
-        if (error.empty()) finding("a refused manifest without a message", "");
+        if (error.empty()) fuzz::finding("a refused manifest without a message");
         return 0;
     }
     // What parse accepted is checked against the library's rules: the
     // writer must take it.
     const std::string first = fresh("first.db");
     if (hgxrepo_import_text(first, text, true, &error) != 0)
-        finding("an accepted manifest does not import", error);
+        fuzz::finding("an accepted manifest does not import", error);
     std::string exported;
     if (fuzz::hgxrepo({"-r", first, "export"}, &exported) != 0)
-        finding("an imported manifest does not export", text);
+        fuzz::finding("an imported manifest does not export", text);
     const std::string second = fresh("second.db");
     if (hgxrepo_import_text(second, exported, true, &error) != 0)
-        finding("an export does not import", error + "\n" + exported);
+        fuzz::finding("an export does not import", error + "\n" + exported);
     std::string again;
     if (fuzz::hgxrepo({"-r", second, "export"}, &again) != 0 || again != exported)
-        finding("an export changed on its way through import", exported + "\n---\n" + again);
+        fuzz::finding("an export changed on its way through import", exported + "\n---\n" + again);
     return 0;
 }

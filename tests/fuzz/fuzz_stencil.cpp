@@ -17,11 +17,6 @@
 
 namespace {
 
-[[noreturn]] void finding(const char* what) {
-    std::fprintf(stderr, "fuzz_stencil: %s\n", what);
-    __builtin_trap();
-}
-
 // The syntax report as kelvo prints it; the lines go nowhere (the report's
 // own stream is swapped, so the sanitizers' reports still show).
 void report(stencil_t* stencil) {
@@ -59,7 +54,7 @@ void compare(stencil_output_buffer_t* out, const std::string& file, const std::s
     const bool holds =
         file == text || (file.size() > text.size() && file.compare(0, text.size(), text) == 0 &&
                          file[text.size()] == '\0');
-    if (same && !holds) finding("a file that does not hold the text compares equal");
+    if (same && !holds) fuzz::finding("a file that does not hold the text compares equal");
 }
 
 void deliver(stencil_output_buffer_t* out, const std::string& input) {
@@ -70,8 +65,8 @@ void deliver(stencil_output_buffer_t* out, const std::string& input) {
     // Written as kelvo writes a file, and read back.
     int fd = fuzz::memory_file("", 0);
     if (fd < 0) return;
-    if (stencil_output_buffer_emit(out, fd) != STENCIL_SUCCESS) finding("a write failed");
-    if (fuzz::contents(fd) != whole) finding("the file written is not the text");
+    if (stencil_output_buffer_emit(out, fd) != STENCIL_SUCCESS) fuzz::finding("a write failed");
+    if (fuzz::contents(fd) != whole) fuzz::finding("the file written is not the text");
     close(fd);
     compare(out, whole, whole);
     compare(out, whole + "x", whole);
@@ -127,7 +122,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     stencil_error_t loaded = stencil_load(path, &stencil, defines);
     stencil_t* from_stdin = nullptr;
     if (load_stdin(fd, &from_stdin, defines) != loaded)
-        finding("a file and standard input load differently");
+        fuzz::finding("a file and standard input load differently");
     stencil_destroy(from_stdin);
     close(fd);
     // One view for the whole run, as configfile mode keeps one for all its
@@ -135,7 +130,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static repository_t* repository = [] {
         repository_t* view = nullptr;
         if (repository_create(fuzz::INSTANCE, nullptr, &view) != REPOSITORY_SUCCESS)
-            finding("the repository view cannot be made");
+            fuzz::finding("the repository view cannot be made");
         return view;
     }();
     // Sections nested n deep cost the matches to the power n (kelvo(1),

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <sstream>
 
 #include "hgxrepo.h"
 
@@ -58,18 +59,10 @@ const std::string& scratch_dir() {
 
 int memory_file(const void* data, size_t size) {
     int fd = memfd_create("fuzz", MFD_CLOEXEC);
-    if (fd < 0) return -1;
-    const char* bytes = static_cast<const char*>(data);
-    size_t done = 0;
-    while (done < size) {
-        ssize_t n = write(fd, bytes + done, size - done);
-        if (n <= 0) {
-            close(fd);
-            return -1;
-        }
-        done += static_cast<size_t>(n);
+    if (fd >= 0 && pwrite(fd, data, size, 0) != static_cast<ssize_t>(size)) {
+        close(fd);
+        return -1;
     }
-    lseek(fd, 0, SEEK_SET);
     return fd;
 }
 
@@ -88,19 +81,11 @@ int hgxrepo(const std::vector<std::string>& args, std::string* out) {
     std::vector<char*> argv;
     for (std::string& w : words) argv.push_back(w.data());
     argv.push_back(nullptr);
-    int capture = memfd_create("stdout", MFD_CLOEXEC);
-    if (capture < 0) abort();
-    std::cout.flush();
-    fflush(stdout);
-    int saved = dup(1);
-    dup2(capture, 1);
+    std::ostringstream captured;
+    std::streambuf* saved = std::cout.rdbuf(captured.rdbuf());
     int status = hgxrepo_main(static_cast<int>(words.size()), argv.data());
-    std::cout.flush();
-    fflush(stdout);
-    dup2(saved, 1);
-    close(saved);
-    *out = contents(capture);
-    close(capture);
+    std::cout.rdbuf(saved);
+    *out = captured.str();
     return status;
 }
 
@@ -109,10 +94,8 @@ void ensure_repository() {
     if (ready) return;
     std::string path = scratch_dir() + "/repo.db";
     std::string error;
-    if (hgxrepo_import_text(path, MANIFEST, true, &error) != 0) {
-        std::fprintf(stderr, "fuzz: cannot make the repository: %s\n", error.c_str());
-        abort();
-    }
+    if (hgxrepo_import_text(path, MANIFEST, true, &error) != 0)
+        finding("the repository cannot be made", error);
     setenv("HGX_REPOSITORY", path.c_str(), 1);
     unsetenv("QRM_METHOD");
     unsetenv("QRM_RESTARTER");

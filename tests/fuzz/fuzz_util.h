@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -25,8 +26,15 @@ int memory_file(const void* data, size_t size);
 // What an in-memory file holds, from its start.
 std::string contents(int fd);
 
-// Runs hgxrepo with args (the program's name not among them), its standard
-// output captured: the exit status, and the output in *out.
+// Runs hgxrepo with args (the program's name not among them), what it writes
+// to std::cout captured: the exit status, and the output in *out.
 int hgxrepo(const std::vector<std::string>& args, std::string* out);
+
+// Reports what a target found, with detail, and ends the run as a crash
+// (libFuzzer keeps the input).
+[[noreturn]] inline void finding(const char* what, const std::string& detail = "") {
+    std::fprintf(stderr, "finding: %s\n%s\n", what, detail.c_str());
+    __builtin_trap();
+}
 
 }  // namespace fuzz

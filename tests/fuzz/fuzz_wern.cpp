@@ -28,17 +28,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     hgx_parse_wern(copy.data(), &scope, &scope_path, &service, &instance, &pg, &property,
                    &snapshot);
 
-    hgx_scope_t* s = hgx_scope_create(handle);
-    hgx_service_t* sv = hgx_service_create(handle);
-    hgx_instance_t* in = hgx_instance_create(handle);
-    hgx_propertygroup_t* g = hgx_pg_create(handle);
-    hgx_property_t* p = hgx_property_create(handle);
+    // Made once with the handle, as a reader decodes into the same objects.
+    static hgx_scope_t* s = hgx_scope_create(handle);
+    static hgx_service_t* sv = hgx_service_create(handle);
+    static hgx_instance_t* in = hgx_instance_create(handle);
+    static hgx_propertygroup_t* g = hgx_pg_create(handle);
+    static hgx_property_t* p = hgx_property_create(handle);
     for (int flags : {0, HGX_DECODE_INSTANCE_ONLY, HGX_DECODE_SERVICE_ONLY})
         hgx_handle_decode_wern(handle, text, s, sv, in, g, p, flags);
-    hgx_property_destroy(p);
-    hgx_pg_destroy(g);
-    hgx_instance_destroy(in);
-    hgx_service_destroy(sv);
-    hgx_scope_destroy(s);
     return 0;
 }

@@ -8,14 +8,14 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <mutex>
+#include <cerrno>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "etcd_gtest.h"
@@ -25,14 +25,9 @@ namespace {
 
 using hgx_client::ResponseReader;
 
-struct Read {
-    ResponseReader::State state;
-    std::string body;
-    bool reusable;
-};
-
 // Feeds text in pieces of at most `piece` bytes, as a socket might give it.
-Read read_in_pieces(const std::string& text, size_t piece) {
+std::tuple<ResponseReader::State, std::string, bool> read_in_pieces(const std::string& text,
+                                                                    size_t piece) {
     ResponseReader r;
     r.reset();
     for (size_t at = 0; at < text.size() && r.state() == ResponseReader::MORE; at += piece) {
@@ -86,77 +81,56 @@ TEST(HttpReader, TakesWellFormedAnswersAndRefusesTheRest) {
         {"huge chunk", BIG, "", false, te + "chunked\r\n\r\nffffffffffffffff\r\n"},
     };
     for (const Case& c : cases)
-        for (size_t piece : {c.text.size(), size_t{1}, size_t{7}}) {
-            Read r = read_in_pieces(c.text, piece);
-            EXPECT_EQ(r.state, c.state) << c.name << ", pieces of " << piece;
-            EXPECT_EQ(r.body, c.body) << c.name << ", pieces of " << piece;
-            EXPECT_EQ(r.reusable, c.reusable) << c.name << ", pieces of " << piece;
-        }
+        for (size_t piece : {c.text.size(), size_t{1}, size_t{7}})
+            EXPECT_EQ(read_in_pieces(c.text, piece), std::tuple(c.state, c.body, c.reusable))
+                << c.name << ", pieces of " << piece;
 }
 
-TEST(HttpReader, HandsAStreamToItsSinkUntilItSaysStop) {
-    std::string got;
-    auto sink = [](void* p, const char* data, size_t size) {
-        auto* s = static_cast<std::string*>(p);
-        s->append(data, size);
-        return s->find("stop") == std::string::npos;
-    };
-    const std::string text =
-        "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n6\r\nline1\n\r\n5\r\nstop\n\r\n";
-    ResponseReader r;
-    r.reset(sink, &got);
-    size_t used = 0;
-    EXPECT_EQ(r.feed(text.data(), text.size(), &used), ResponseReader::STOPPED);
-    EXPECT_EQ(got, "line1\nstop\n");
-    EXPECT_TRUE(r.body().empty());
+// A socket listening on a free port of loopback; its port in *port.
+int listen_loopback(int* port) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof a;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&a), size) != 0 || listen(fd, 8) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &size) != 0)
+        ADD_FAILURE() << "no loopback socket";
+    *port = ntohs(a.sin_port);
+    return fd;
 }
 
-// A member on loopback that answers each request with the next of its
-// canned answers, and closes the connection after each answer when told
-// to; an empty answer is none at all (the member hangs). Counts the
-// connections it accepted.
+// A member on loopback that serves the connections it accepts one at a
+// time, answering each request with the next of its canned answers and
+// closing the connection after each answer when told to; an empty answer is
+// none at all (the member hangs). Counts the connections it accepted.
 class FakeMember {
   public:
     explicit FakeMember(std::vector<std::string> answers, bool close_after = false)
         : answers_(std::move(answers)), close_after_(close_after) {
-        listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof a;
-        if (bind(listener_, reinterpret_cast<sockaddr*>(&a), size) != 0 ||
-            listen(listener_, 8) != 0 ||
-            getsockname(listener_, reinterpret_cast<sockaddr*>(&a), &size) != 0)
-            ADD_FAILURE() << "no loopback socket";
-        port_ = ntohs(a.sin_port);
-        acceptor_ = std::thread([this] { accept_all(); });
+        listener_ = listen_loopback(&port_);
+        acceptor_ = std::thread([this] {
+            for (int fd; (fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;
+                 close(fd)) {
+                ++accepted_;
+                // Clients keep their connections: the wait for a request
+                // looks up every 50 ms whether the member is going.
+                timeval tick{0, 50000};
+                setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tick, sizeof tick);
+                serve(fd);
+            }
+        });
     }
     ~FakeMember() {
         stopping_ = true;
         shutdown(listener_, SHUT_RDWR);
         acceptor_.join();
-        {
-            std::lock_guard<std::mutex> hold(lock_);
-            for (int fd : open_) shutdown(fd, SHUT_RDWR);
-        }
-        for (std::thread& t : connections_) t.join();
-        for (int fd : open_) close(fd);
         close(listener_);
     }
     std::string endpoint() const { return "127.0.0.1:" + std::to_string(port_); }
-    int accepted() const { return static_cast<int>(accepted_); }
+    int accepted() const { return accepted_; }
 
   private:
-    void accept_all() {
-        while (!stopping_) {
-            int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd < 0) return;
-            ++accepted_;
-            std::lock_guard<std::mutex> hold(lock_);
-            open_.push_back(fd);
-            connections_.emplace_back([this, fd] { serve(fd); });
-        }
-    }
     // Requests on one connection: a head to its blank line, then its body.
     void serve(int fd) {
         std::string in;
@@ -168,8 +142,7 @@ class FakeMember {
                 size_t length = at < head ? std::stoul(in.substr(at + 16)) : 0;
                 if (in.size() >= head + 4 + length) {
                     in.erase(0, head + 4 + length);
-                    size_t n = next_++;
-                    std::string answer = n < answers_.size() ? answers_[n] : "";
+                    std::string answer = next_ < answers_.size() ? answers_[next_++] : "";
                     if (answer.empty()) continue;  // hangs: the client gives up
                     if (send(fd, answer.data(), answer.size(), MSG_NOSIGNAL) < 0 || close_after_)
                         break;
@@ -177,21 +150,18 @@ class FakeMember {
                 }
             }
             ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+            if (n < 0 && errno == EAGAIN && !stopping_) continue;
             if (n <= 0) break;
             in.append(buffer, static_cast<size_t>(n));
         }
-        shutdown(fd, SHUT_RDWR);  // closed when the member goes
     }
 
     std::vector<std::string> answers_;
     bool close_after_;
+    size_t next_ = 0;  // the connections are served in turn
     int listener_ = -1, port_ = 0;
     std::atomic<bool> stopping_{false};
     std::atomic<int> accepted_{0};
-    std::atomic<size_t> next_{0};
-    std::mutex lock_;
-    std::vector<int> open_;
-    std::vector<std::thread> connections_;
     std::thread acceptor_;
 };
 
@@ -201,10 +171,11 @@ struct Posted {
     std::string body, error;
 };
 
-// One client of the endpoints for the requests, one POST each; the client's
-// open failing is a status like the others.
+// One client of the endpoints for the requests, one POST each, and then the
+// stream if one is given; the client's open failing is a status like the others.
 std::vector<Posted> post(const std::string& endpoints, std::vector<std::string> bodies,
-                         long timeout_ms = 5000, const char* path = "/v3/kv/range") {
+                         long timeout_ms = 5000, const char* path = "/v3/kv/range",
+                         hgx_etcd_stream* stream = nullptr) {
     const hgx_etcd_client_api* api = hgx_etcd_client();
     hgx_etcd_options o{endpoints.c_str(), 0, nullptr, nullptr, nullptr, nullptr, nullptr};
     int status = 0;
@@ -220,6 +191,7 @@ std::vector<Posted> post(const std::string& endpoints, std::vector<std::string> 
         out.push_back({s, r.http_status, r.body ? std::string(r.body, r.size) : "", error});
         api->release(&r);
     }
+    if (stream) out.push_back({api->stream(c, stream, error, sizeof error), 0, "", error});
     api->close(c);
     return out;
 }
@@ -259,15 +231,9 @@ TEST(LeanClient, AMemberThatDoesNotAnswerRightFailsTheCallWithWhatWentWrong) {
         EXPECT_NE(p[0].error.find(c.error), std::string::npos) << c.name << ": " << p[0].error;
     }
     // A port nobody listens on; the descriptor is closed before the call.
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof a;
-    bind(fd, reinterpret_cast<sockaddr*>(&a), size);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &size);
-    close(fd);
-    std::vector<Posted> p = post("127.0.0.1:" + std::to_string(ntohs(a.sin_port)), {"{}"});
+    int port = 0;
+    close(listen_loopback(&port));
+    std::vector<Posted> p = post("127.0.0.1:" + std::to_string(port), {"{}"});
     EXPECT_EQ(p[0].status, HGX_ETCD_UNREACHABLE);
     EXPECT_NE(p[0].error.find("Connection refused"), std::string::npos) << p[0].error;
 }
@@ -292,9 +258,7 @@ TEST(LeanClient, SpeaksToARealEtcdInLengthsChunksAndAStream) {
     EXPECT_NE(p[1].body.find("\"count\":\"1\""), std::string::npos) << p[1].body;
 
     // A watch from the first revision hands on both puts as they stream in.
-    struct Seen {
-        std::string text;
-    } seen;
+    std::string seen;
     const std::string body = "{\"create_request\":{\"key\":\"" + etcd_testing::b64("k/") +
                              "\",\"range_end\":\"" + etcd_testing::b64("k0") +
                              "\",\"start_revision\":\"1\"}}";
@@ -307,22 +271,15 @@ TEST(LeanClient, SpeaksToARealEtcdInLengthsChunksAndAStream) {
     s.probe_size = 2;
     s.idle_ms = 1500;
     s.on_data = [](void* p, const char* data, size_t size) {
-        auto* seen = static_cast<Seen*>(p);
-        seen->text.append(data, size);
-        return seen->text.find(etcd_testing::b64("k/small")) == std::string::npos ? 1 : 0;
+        auto* seen = static_cast<std::string*>(p);
+        seen->append(data, size);
+        return seen->find(etcd_testing::b64("k/small")) == std::string::npos ? 1 : 0;
     };
     s.keep_going = [](void*) { return 1; };
     s.context = &seen;
-    const std::string endpoints = server.endpoints();
-    hgx_etcd_options o{endpoints.c_str(), 0, nullptr, nullptr, nullptr, nullptr, nullptr};
-    int status = 0;
-    char error[512] = "";
-    const hgx_etcd_client_api* api = hgx_etcd_client();
-    void* c = api->open(&o, &status, error, sizeof error);
-    ASSERT_NE(c, nullptr) << error;
-    EXPECT_EQ(api->stream(c, &s, error, sizeof error), HGX_ETCD_STOPPED) << error;
-    EXPECT_NE(seen.text.find(etcd_testing::b64(big)), std::string::npos);
-    api->close(c);
+    p = post(server.endpoints(), {}, 5000, "", &s);
+    EXPECT_EQ(p[0].status, HGX_ETCD_STOPPED) << p[0].error;
+    EXPECT_NE(seen.find(etcd_testing::b64(big)), std::string::npos);
 }
 
 }  // namespace

@@ -8,10 +8,10 @@
 #include <cstdlib>
 #include <string>
 
+#include "common/temp_dir.h"
 #include "hgxrepo.h"
 #include "stack_guard.h"
 #include "stencil_internal.h"
-#include "unit_util.h"
 
 namespace {
 
@@ -42,7 +42,7 @@ class DeepNesting : public ::testing::Test {
     }
 
     stencil_error_t load(const std::string& text) {
-        unit::write_file(dir_ / "stencil", text);
+        testing_support::write_file(dir_ / "stencil", text);
         stencil_destroy(stencil_);
         stencil_ = nullptr;
         return stencil_load((dir_ / "stencil").c_str(), &stencil_, nullptr);
@@ -62,58 +62,47 @@ class DeepNesting : public ::testing::Test {
         return lo;
     }
 
-    unit::TempDir dir_;
+    testing_support::TempDir dir_;
     repository_t* repository_ = nullptr;
     stencil_t* stencil_ = nullptr;
 };
 
-TEST_F(DeepNesting, ParserStopsAtItsBudget) {
+// The parser stops at its budget, and so does the copier of definition
+// bodies: a body is copied where it is invoked, and while each of the two
+// below loads on its own, the copy inside the nesting goes beyond the budget.
+TEST_F(DeepNesting, ParserAndCopierStopAtTheirBudget) {
     stack_guard_set_budget(BUDGET);
     const int deepest = deepest_loadable();
     EXPECT_GT(deepest, 10);
     EXPECT_LT(deepest, 1 << 16);
     EXPECT_EQ(load(nested(deepest + 1)), STENCIL_ERROR_NO_MEMORY);
+    const int depth = deepest * 9 / 10;
+    const std::string definition = "$%define m {" + nested(depth) + "}";
+    ASSERT_EQ(load(definition + "$%[m]"), STENCIL_SUCCESS);
+    ASSERT_EQ(load("$%define m {x}" + nested(depth, "$%[m]")), STENCIL_SUCCESS);
+    EXPECT_EQ(load(definition + nested(depth, "$%[m]")), STENCIL_ERROR_NO_MEMORY);
     // The default budget takes far more; nothing is lost for shallow texts.
     stack_guard_set_budget(0);
     EXPECT_EQ(load(nested(deepest + 1)), STENCIL_SUCCESS);
 }
 
-// The body of a definition is copied where it is invoked: each of the two
-// loads on its own, but the copy inside the nesting goes beyond the budget.
-TEST_F(DeepNesting, CopierStopsAtItsBudget) {
-    stack_guard_set_budget(BUDGET);
-    const int depth = deepest_loadable() * 9 / 10;
-    const std::string definition = "$%define m {" + nested(depth) + "}";
-    ASSERT_EQ(load(definition + "$%[m]"), STENCIL_SUCCESS);
-    ASSERT_EQ(load("$%define m {x}" + nested(depth, "$%[m]")), STENCIL_SUCCESS);
-    EXPECT_EQ(load(definition + nested(depth, "$%[m]")), STENCIL_ERROR_NO_MEMORY);
-}
-
+// The evaluator stops at its budget, also where running out happens in a
+// section's operands (which by the rules of sections give no text), and
+// evaluates the same stencil again once there is room.
 TEST_F(DeepNesting, EvaluatorStopsAtItsBudget) {
-    ASSERT_EQ(load(nested(500)), STENCIL_SUCCESS);
-    stencil_output_buffer_t* out = nullptr;
-    ASSERT_EQ(stencil_apply(stencil_, repository_, STENCIL_OUTPUT_NORMAL, &out), STENCIL_SUCCESS);
-    stencil_output_buffer_destroy(out);
-    out = nullptr;
-    stack_guard_set_budget(BUDGET / 4);
-    EXPECT_EQ(stencil_apply(stencil_, repository_, STENCIL_OUTPUT_NORMAL, &out),
-              STENCIL_ERROR_NO_MEMORY);
-    EXPECT_EQ(out, nullptr);
-    // The same stencil evaluates again once there is room.
-    stack_guard_set_budget(0);
-    ASSERT_EQ(stencil_apply(stencil_, repository_, STENCIL_OUTPUT_NORMAL, &out), STENCIL_SUCCESS);
-    stencil_output_buffer_destroy(out);
-}
-
-// A section whose operands run out of stack gives no text by the rules of
-// sections; running out is reported all the same.
-TEST_F(DeepNesting, ExhaustionInASectionOperandIsStillReported) {
-    ASSERT_EQ(load("$%define sec /net/(.*)/ {$%1}$%[sec:'" + nested(500) + "/y]"), STENCIL_SUCCESS);
-    stencil_output_buffer_t* out = nullptr;
-    stack_guard_set_budget(BUDGET / 4);
-    EXPECT_EQ(stencil_apply(stencil_, repository_, STENCIL_OUTPUT_NORMAL, &out),
-              STENCIL_ERROR_NO_MEMORY);
-    EXPECT_EQ(out, nullptr);
+    for (const std::string& text :
+         {nested(500), "$%define sec /net/(.*)/ {$%1}$%[sec:'" + nested(500) + "/y]"}) {
+        ASSERT_EQ(load(text), STENCIL_SUCCESS);
+        stencil_output_buffer_t* out = nullptr;
+        stack_guard_set_budget(BUDGET / 4);
+        EXPECT_EQ(stencil_apply(stencil_, repository_, STENCIL_OUTPUT_NORMAL, &out),
+                  STENCIL_ERROR_NO_MEMORY);
+        EXPECT_EQ(out, nullptr);
+        stack_guard_set_budget(0);
+        ASSERT_EQ(stencil_apply(stencil_, repository_, STENCIL_OUTPUT_NORMAL, &out),
+                  STENCIL_SUCCESS);
+        stencil_output_buffer_destroy(out);
+    }
 }
 
 }  // namespace

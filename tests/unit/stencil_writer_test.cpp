@@ -19,19 +19,15 @@ TEST(Writer, LongTextThroughAPipeComesOutWhole) {
     // Larger than a pipe's buffer, so the write is taken in pieces.
     const std::string big(1 << 20, 'w');
     stencil_output_buffer_t root{};
-    stencil_output_buffer_t* slot = grow_chain(&root);
-    slot->buffer = strdup(big.c_str());
-    slot = grow_chain(&root);
-    slot->buffer = strdup("end");
+    grow_chain(&root)->buffer = strdup(big.c_str());
+    grow_chain(&root)->buffer = strdup("end");
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
     std::string received;
     std::thread reader([&] {
         char chunk[4096];
-        ssize_t n;
-        while ((n = read(fds[0], chunk, sizeof chunk)) > 0) {
+        for (ssize_t n; (n = read(fds[0], chunk, sizeof chunk)) > 0;)
             received.append(chunk, static_cast<size_t>(n));
-        }
     });
     EXPECT_EQ(stencil_output_buffer_emit(&root, fds[1]), STENCIL_SUCCESS);
     close(fds[1]);

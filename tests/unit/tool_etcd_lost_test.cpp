@@ -41,10 +41,7 @@ TEST(RepositoryLost, ACompactedRevisionEndsTheRunANameThatNamesNothingDoesNot) {
     EXPECT_EQ(repository_failure(view), HGX_ERROR_REVISION_COMPACTED);
 
     testing_support::TempDir dir;
-    FILE* f = fopen((dir / "s").c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    fputs("y=$%{wrn:/a/y:default/:properties/c/v}\n", f);
-    fclose(f);
+    testing_support::write_file(dir / "s", "y=$%{wrn:/a/y:default/:properties/c/v}\n");
     defines_t* defines = defines_create();
     stencil_output_buffer_t* text = nullptr;
     testing::internal::CaptureStderr();

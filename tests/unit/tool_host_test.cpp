@@ -12,9 +12,9 @@
 #include <sstream>
 #include <string>
 
+#include "common/temp_dir.h"
 #include "host.h"
 #include "kelvo.h"
-#include "unit_util.h"
 
 namespace {
 
@@ -42,7 +42,7 @@ TEST(ToolHost, MountinfoPaths) {
     std::string field, mount_point;
     for (int i = 0; i < 5 && fields >> field; ++i) mount_point = field;
     EXPECT_EQ(host_is_mount_point(mountinfo_unescape(mount_point).c_str()), 1) << first;
-    unit::TempDir dir;
+    testing_support::TempDir dir;
     EXPECT_EQ(host_is_mount_point(dir.path().c_str()), 0);
 }
 
@@ -68,12 +68,12 @@ TEST(ToolHost, OutputRootKeepsPathsInside) {
         {"missing/f", nullptr, ENOENT},
     };
     for (bool walk : {false, true}) {
-        unit::TempDir dir;
+        testing_support::TempDir dir;
         const std::string root = dir / "root";
         ASSERT_EQ(mkdir(root.c_str(), 0755), 0);
         ASSERT_EQ(mkdir((root + "/x").c_str(), 0755), 0);
         ASSERT_EQ(mkdir((root + "/x/y").c_str(), 0755), 0);
-        unit::write_file(root + "/x/plain", "");
+        testing_support::write_file(root + "/x/plain", "");
         // The same names outside the root: a lookup that escapes finds these.
         ASSERT_EQ(mkdir((dir / "x").c_str(), 0755), 0);
         for (const auto& [name, target] : {std::pair{"abs", "/x"},
