@@ -174,10 +174,15 @@ class EtcdSync : public ::testing::Test {
         return r.status == 0 ? r.out : "status " + std::to_string(r.status) + ": " + r.err;
     }
     bool mirrored() { return local({"export"}).out == cluster({"export"}).out; }
+    // eventually(), with the mirror's log where it fails.
+    ::testing::AssertionResult soon(const std::function<bool()>& ok) {
+        if (eventually(ok)) return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure() << e2e::read_file(log);
+    }
     // What the command appended to `seen` since the last look, once it
     // appended anything; the file is removed for the next look.
     std::string told() {
-        EXPECT_TRUE(eventually([&] { return e2e::exists(seen); })) << e2e::read_file(log);
+        EXPECT_TRUE(soon([&] { return e2e::exists(seen); }));
         std::string t = e2e::exists(seen) ? e2e::read_file(seen) : "";
         std::remove(seen.c_str());
         return t;
@@ -677,7 +682,7 @@ TEST_F(EtcdSync, FollowsTheClusterTellsSystemdAndRunsTheCommandWithTheChangedIns
     const std::string prefix = mirror + " ";
     EXPECT_EQ(told(), prefix + "wrn:/app/db:default\nwrn:/app/web:default\n--\n");
     ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
-    ASSERT_TRUE(eventually([&] { return value() == "g1\n"; })) << e2e::read_file(log);
+    ASSERT_TRUE(soon([&] { return value() == "g1\n"; }));
     EXPECT_EQ(told(), prefix + WERN + "\n--\n");
     // What kelvo does not read of the instance: the live groups beside its
     // snapshot, a group general that the snapshot does not have.
@@ -692,7 +697,7 @@ TEST_F(EtcdSync, FollowsTheClusterTellsSystemdAndRunsTheCommandWithTheChangedIns
     // A mirror file removed under the mirror is copied whole at the next revision.
     for (const char* suffix : {"", "-wal", "-shm"}) std::remove((mirror + suffix).c_str());
     ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 2)).status, 0);
-    ASSERT_TRUE(eventually([&] { return value() == "g2\n"; })) << e2e::read_file(log);
+    ASSERT_TRUE(soon([&] { return value() == "g2\n"; }));
     EXPECT_TRUE(mirrored());
     EXPECT_EQ(sync->stop(), 0);
     for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;)
@@ -713,7 +718,7 @@ TEST_F(EtcdSync, FollowsTheClusterTellsSystemdAndRunsTheCommandWithTheChangedIns
     server.restart_member(0);
     for (int gen = 3; gen <= 7; ++gen)
         ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", gen)).status, 0);
-    ASSERT_TRUE(eventually([&] { return value() == "g7\n"; })) << e2e::read_file(log);
+    ASSERT_TRUE(soon([&] { return value() == "g7\n"; }));
     EXPECT_TRUE(mirrored());
     EXPECT_EQ(failing->stop(), 0);
     EXPECT_EQ(e2e::read_file(runs), "x\nx\nx\nx\nx\n");
@@ -764,8 +769,7 @@ TEST_F(EtcdSync, ResumesTriesAgainWhatItCannotWriteAndCopiesAfreshPastACompactio
     auto sync = std::make_unique<Sync>(std::vector<std::string>{"-r", mirror, "sync", url}, log,
                                        e2e::Env{}, 256 * 1024);
     const std::string stays = "revision not applied, the mirror stays at";
-    ASSERT_TRUE(eventually([&] { return lines_with(e2e::read_file(log), stays) == 1; }))
-        << e2e::read_file(log);
+    ASSERT_TRUE(soon([&] { return lines_with(e2e::read_file(log), stays) == 1; }));
     EXPECT_NE(e2e::read_file(log).find("resuming at revision"), std::string::npos);
     // Tries go by, a second and then two later, unlogged.
     std::this_thread::sleep_for(3500ms);
@@ -774,7 +778,7 @@ TEST_F(EtcdSync, ResumesTriesAgainWhatItCannotWriteAndCopiesAfreshPastACompactio
     // Room again: the same revision goes in on a later try.
     rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};  // the soft limit, up to the hard one
     ASSERT_EQ(prlimit(sync->pid(), RLIMIT_FSIZE, &unlimited, nullptr), 0);
-    EXPECT_TRUE(eventually([&] { return value() == "g1\n"; })) << e2e::read_file(log);
+    EXPECT_TRUE(soon([&] { return value() == "g1\n"; }));
     EXPECT_EQ(sync->stop(), 0);
     EXPECT_TRUE(mirrored());
     EXPECT_EQ(lines_with(e2e::read_file(log), stays), 1) << e2e::read_file(log);
@@ -784,7 +788,7 @@ TEST_F(EtcdSync, ResumesTriesAgainWhatItCannotWriteAndCopiesAfreshPastACompactio
         ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", gen)).status, 0);
     server.compact();
     sync = start_sync();
-    ASSERT_TRUE(eventually([&] { return value() == "g4\n"; })) << e2e::read_file(log);
+    ASSERT_TRUE(soon([&] { return value() == "g4\n"; }));
     EXPECT_EQ(sync->stop(), 0);
     EXPECT_NE(e2e::read_file(log).find("compacted away: copying afresh"), std::string::npos)
         << e2e::read_file(log);
@@ -825,13 +829,12 @@ TEST_F(EtcdSync, ANameNoImportWouldTakeIsRefusedAndTheMirrorStaysPut) {
     put("fleet/changes", nlohmann::json{{"commit", "planted"}, {"changed", {{bad, "*"}}}}.dump());
     ASSERT_NE(server.post(0, "/v3/kv/txn", txn.dump()).find("\"succeeded\":true"),
               std::string::npos);
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(soon([&] {
         return e2e::read_file(log).find("refused, the mirror stays at") != std::string::npos;
-    })) << e2e::read_file(log);
+    }));
     // While it is there, a commit that changes another service is refused too.
     ASSERT_EQ(cluster({"import", "-"}, manifest("app/db", 1)).status, 0);
-    ASSERT_TRUE(eventually([&] { return lines_with(e2e::read_file(log), "refused") == 2; }))
-        << e2e::read_file(log);
+    ASSERT_TRUE(soon([&] { return lines_with(e2e::read_file(log), "refused") == 2; }));
     EXPECT_EQ(local({"export"}).out, before);
     EXPECT_EQ(e2e::read_file(seen), told) << "no command for a refused revision";
     EXPECT_EQ(e2e::read_file(log).find("\nwrn:/injected"), std::string::npos) << "one line";
@@ -847,7 +850,7 @@ TEST_F(EtcdSync, ANameNoImportWouldTakeIsRefusedAndTheMirrorStaysPut) {
     // Without it, the next commit brings everything since the last one applied.
     for (const auto& key : planted) ASSERT_EQ(e2e::etcdctl(endpoints, {"del", key}).status, 0);
     ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 2)).status, 0);
-    EXPECT_TRUE(eventually([&] { return mirrored() && value() == "g2\n"; })) << e2e::read_file(log);
+    EXPECT_TRUE(soon([&] { return mirrored() && value() == "g2\n"; }));
     EXPECT_EQ(sync->stop(), 0);
 }
 
@@ -867,9 +870,9 @@ TEST_F(EtcdSyncThree, FollowsThroughAMemberKilledOrHungAndCatchesUpWithoutAMajor
     auto following = [&] {
         std::remove(log.c_str());
         auto sync = start_sync();
-        EXPECT_TRUE(eventually([&] { return value() == "g0\n"; })) << e2e::read_file(log);
+        EXPECT_TRUE(soon([&] { return value() == "g0\n"; }));
         EXPECT_EQ(cluster({"import", "-"}, manifest("app/web", 1)).status, 0);
-        EXPECT_TRUE(eventually([&] { return value() == "g1\n"; })) << e2e::read_file(log);
+        EXPECT_TRUE(soon([&] { return value() == "g1\n"; }));
         return sync;
     };
     for (bool hung : {false, true}) {
@@ -877,7 +880,7 @@ TEST_F(EtcdSyncThree, FollowsThroughAMemberKilledOrHungAndCatchesUpWithoutAMajor
         auto sync = following();
         hung ? server.freeze(true, 0) : server.kill_member(0);
         ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 2)).status, 0);
-        EXPECT_TRUE(eventually([&] { return value() == "g2\n"; })) << e2e::read_file(log);
+        EXPECT_TRUE(soon([&] { return value() == "g2\n"; }));
         EXPECT_EQ(sync->stop(), 0);
         EXPECT_EQ(e2e::read_file(log).find("lost the cluster"), std::string::npos)
             << e2e::read_file(log);
@@ -889,8 +892,7 @@ TEST_F(EtcdSyncThree, FollowsThroughAMemberKilledOrHungAndCatchesUpWithoutAMajor
     server.kill_member(1);
     server.kill_member(2);
     const std::string lost = "lost the cluster", back = "connected again";
-    ASSERT_TRUE(eventually([&] { return lines_with(e2e::read_file(log), lost) == 1; }))
-        << e2e::read_file(log);
+    ASSERT_TRUE(soon([&] { return lines_with(e2e::read_file(log), lost) == 1; }));
     std::this_thread::sleep_for(4000ms);  // tries go by, unlogged
     EXPECT_EQ(lines_with(e2e::read_file(log), lost), 1) << e2e::read_file(log);
     server.restart_member(1);
@@ -899,7 +901,7 @@ TEST_F(EtcdSyncThree, FollowsThroughAMemberKilledOrHungAndCatchesUpWithoutAMajor
     EXPECT_TRUE(eventually([&] {
         return cluster({"import", "-"}, manifest("app/web", 2)).status == 0;
     }));
-    EXPECT_TRUE(eventually([&] { return value() == "g2\n"; })) << e2e::read_file(log);
+    EXPECT_TRUE(soon([&] { return value() == "g2\n"; }));
     EXPECT_EQ(sync->stop(), 0);
     const std::string l = e2e::read_file(log);
     EXPECT_EQ(lines_with(l, lost), 1) << l;
@@ -1043,17 +1045,15 @@ TEST_F(EtcdFleet, AHostUserReadsItsOwnInstanceAndNothingOfAnotherHost) {
 
     // A's mirror follows its instance, and kelvo reads it there and in the cluster.
     auto sync = following({}, "web01");
-    ASSERT_TRUE(eventually([&] { return list(mirror) == FLEET + "\n" + FLEET + ":web01\n"; }))
-        << e2e::read_file(log);
+    ASSERT_TRUE(soon([&] { return list(mirror) == FLEET + "\n" + FLEET + ":web01\n"; }));
     EXPECT_EQ(kelvo(mirror, FLEET + ":web01"), "web01.example.org www-data\n");
     EXPECT_EQ(kelvo(url, FLEET + ":web01", "web01"), "web01.example.org www-data\n");
     EXPECT_EQ(told(), FLEET + ":web01\n--\n");
     // Another host's change is none of its business; its own and the fleet's are.
     ASSERT_NO_FATAL_FAILURE(set("root", FLEET + ":web02/:properties/sites/www/server_name", "b"));
     ASSERT_NO_FATAL_FAILURE(set("root", FLEET + "/:properties/config/user", "nobody"));
-    ASSERT_TRUE(eventually([&] {
-        return kelvo(mirror, FLEET + ":web01") == "web01.example.org nobody\n";
-    })) << e2e::read_file(log);
+    ASSERT_TRUE(
+        soon([&] { return kelvo(mirror, FLEET + ":web01") == "web01.example.org nobody\n"; }));
     EXPECT_EQ(told(), FLEET + ":web01\n--\n");
 
     // A reads nothing of B's: not through hgxrepo, kelvo, etcdctl or a mirror.
@@ -1116,8 +1116,7 @@ TEST_F(EtcdFleet, ABigServiceIsCopiedOnABusyHostAndAMirrorOfSomeInstancesHoldsTh
         0);
     auto sync = following({"--instance", FLEET + ":web0[12]"}, "");
     const std::string both = FLEET + ":web01\n" + FLEET + ":web02\n";
-    ASSERT_TRUE(eventually([&] { return list(mirror) == FLEET + "\n" + both; }))
-        << e2e::read_file(log);
+    ASSERT_TRUE(soon([&] { return list(mirror) == FLEET + "\n" + both; }));
     EXPECT_EQ(kelvo(mirror, FLEET + ":web02"), "web02.example.org www-data\n");
     EXPECT_EQ(told(), both + "--\n");
 
@@ -1131,8 +1130,7 @@ TEST_F(EtcdFleet, ABigServiceIsCopiedOnABusyHostAndAMirrorOfSomeInstancesHoldsTh
     EXPECT_EQ(kelvo(mirror, FLEET + ":web01"), "web01.example.org nobody\n");
     // An instance removed from the cluster leaves the mirror.
     ASSERT_EQ(cluster({"delete", FLEET + ":web01"}).status, 0);
-    ASSERT_TRUE(eventually([&] { return list(mirror) == FLEET + "\n" + FLEET + ":web02\n"; }))
-        << e2e::read_file(log);
+    ASSERT_TRUE(soon([&] { return list(mirror) == FLEET + "\n" + FLEET + ":web02\n"; }));
     EXPECT_EQ(told(), FLEET + ":web01\n--\n");
     EXPECT_EQ(sync->stop(), 0);
     EXPECT_EQ(hgxrepo({"-r", mirror, "show", FLEET + ":web02", "running"}).out,
@@ -1176,8 +1174,7 @@ TEST_F(EtcdFleet, APrefixOfTheFirstLayoutIsNamedAndUpgradedWithAMirrorFollowing)
     file({"setprop", FLEET + ":web03/:properties/config/log_level", "debug"});
     const std::string exported = file({"export"}).out;
     EXPECT_EQ(cluster({"export"}).out, exported);
-    ASSERT_TRUE(eventually([&] { return local({"export"}).out == exported; }))
-        << e2e::read_file(log);
+    ASSERT_TRUE(soon([&] { return local({"export"}).out == exported; }));
     for (const char* snapshot : {"running", "before"})
         EXPECT_EQ(cluster({"show", FLEET + ":web02", snapshot}).out,
                   file({"show", FLEET + ":web02", snapshot}).out)
