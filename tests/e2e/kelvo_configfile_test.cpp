@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "e2e_util.h"
@@ -60,13 +61,16 @@ TEST_F(KelvoConfigfile, EachGroupWritesItsFile) {
     // a lookup of the names.
     EXPECT_EQ(whole(run({"-m", "644", "-O", "no-such-user-kelvo", "-g", "no-such-group-kelvo"})),
               Whole(0, "", ""));
-    EXPECT_EQ(e2e::read_file(out("a")), "port=8080\n");
-    EXPECT_EQ(e2e::read_file(out("b")), "other\n");
-    struct stat st {};
-    ASSERT_EQ(stat(out("a").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
-    ASSERT_EQ(stat(out("b").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    for (const auto& [name, text, mode] :
+         {std::tuple{"a", "port=8080\n", 0640u}, std::tuple{"b", "other\n", 0600u}}) {
+        EXPECT_EQ(e2e::read_file(out(name)), text);
+        struct stat st {};
+        ASSERT_EQ(stat(out(name).c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, mode) << name;
+    }
+    // List mode writes the names of the references to each path instead.
+    EXPECT_EQ(whole(run({"-l"})), Whole(0, "", ""));
+    EXPECT_EQ(e2e::read_file(out("a")), "config/port\n");
 }
 
 // Groups a and b: how each one ends decides the run's status, with and
@@ -211,12 +215,6 @@ TEST_F(KelvoConfigfile, OwnerAndUser) {
     EXPECT_EQ(whole(run()), Whole(3, "",
                                   "Property a/owner may only have one value\n"
                                   "Property a/user may only have one value\n"));
-}
-
-TEST_F(KelvoConfigfile, ListModeWritesEachPath) {
-    repository(group("a"));
-    EXPECT_EQ(whole(run({"-l"})), Whole(0, "", ""));
-    EXPECT_EQ(e2e::read_file(out("a")), "config/port\n");
 }
 
 TEST_F(KelvoConfigfile, Undo) {
