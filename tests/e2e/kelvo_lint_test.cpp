@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -33,35 +34,29 @@ using e2e::Whole;
 // paragraph beginning with "gives" follows.
 std::vector<std::pair<int, std::string>> guide_examples(const std::string& text) {
     std::vector<std::string> lines;
-    for (size_t at = 0, end; at < text.size(); at = end + 1) {
-        end = text.find('\n', at);
-        if (end == std::string::npos) end = text.size();
-        lines.push_back(text.substr(at, end - at));
-    }
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
     auto trimmed = [](const std::string& l) {
         return l.substr(std::min(l.find_first_not_of(' '), l.size()));
     };
     std::vector<std::pair<int, std::string>> examples;
-    bool stencil_table = false;
+    bool table = false;
     for (size_t i = 0; i < lines.size(); ++i) {
         const std::string line = trimmed(lines[i]);
-        if (line.rfind("```", 0) == 0) {
-            const size_t indent = lines[i].size() - line.size();
-            std::string block;
-            size_t j = i + 1;
-            for (; j < lines.size() && trimmed(lines[j]).rfind("```", 0) != 0; ++j)
-                block += lines[j].substr(std::min(indent, lines[j].size())) + "\n";
-            size_t next = j + 1;
-            while (next < lines.size() && trimmed(lines[next]).empty()) ++next;
-            if (line == "```" && next < lines.size() && trimmed(lines[next]).rfind("gives", 0) == 0)
-                examples.emplace_back(static_cast<int>(i + 1), block);
-            i = j;
-            continue;
-        }
-        if (line.rfind("| Stencil | Output |", 0) == 0) stencil_table = true;
-        if (line.rfind("|", 0) != 0) stencil_table = false;
-        if (stencil_table && line.rfind("| `", 0) == 0)
+        table = line.rfind("| Stencil | Output |", 0) == 0 || (table && line.rfind("|", 0) == 0);
+        if (table && line.rfind("| `", 0) == 0)
             examples.emplace_back(static_cast<int>(i + 1), line.substr(3, line.find("` |") - 3));
+        if (line.rfind("```", 0) != 0) continue;
+        const size_t indent = lines[i].size() - line.size();
+        std::string block;
+        size_t j = i + 1;
+        for (; j < lines.size() && trimmed(lines[j]).rfind("```", 0) != 0; ++j)
+            block += lines[j].substr(std::min(indent, lines[j].size())) + "\n";
+        size_t next = j + 1;
+        while (next < lines.size() && trimmed(lines[next]).empty()) ++next;
+        if (line == "```" && next < lines.size() && trimmed(lines[next]).rfind("gives", 0) == 0)
+            examples.emplace_back(static_cast<int>(i + 1), block);
+        i = j;
     }
     return examples;
 }
