@@ -322,11 +322,10 @@ TEST_F(Hgxrepo, RefusedCommandsSayWhatAndWhereAndChangeNothing) {
     // Files that are not repositories are left alone.
     const std::string text = dir / "text";
     write_file(text, "plain text, not a database, long enough to have a header.........\n");
-    for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"list"}, {"delete", "wrn:/a"}, {"import", dir / "good.json"}}) {
-        std::vector<std::string> full = {"-r", text};
-        full.insert(full.end(), args.begin(), args.end());
-        e2e::Result r = hgxrepo(full);
+    for (const std::vector<std::string>& args : {std::vector<std::string>{"-r", text, "list"},
+                                                 {"-r", text, "delete", "wrn:/a"},
+                                                 {"-r", text, "import", dir / "good.json"}}) {
+        e2e::Result r = hgxrepo(args);
         EXPECT_EQ(r.status, 1);
         EXPECT_NE(r.err.find("not a database"), std::string::npos) << r.err;
     }
