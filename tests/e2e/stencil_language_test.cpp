@@ -64,7 +64,7 @@ class Stencil : public ::testing::Test {
     static inline std::optional<e2e::TempDir> shared_dir;
 };
 
-TEST_F(Stencil, EscapesAndDollars) {
+TEST_F(Stencil, TextAndNamedForms) {
     run_cases({
         {"plain dollar", "price $5", "price $5"},
         {"double dollar keeps the form", "$$%1", "$$%1"},
@@ -79,11 +79,6 @@ TEST_F(Stencil, EscapesAndDollars) {
         {"percent", "$%% and $%%1", "% and %1"},
         {"unknown form", "$%x $%host", "$%x $%host"},
         {"absent grabs stay", "$%1 $%0 $%-1 $%0x10", "$%1 $%0 $%-1 $%0x10"},
-    });
-}
-
-TEST_F(Stencil, NamedForms) {
-    run_cases({
         {"wern", "[$%f]", "[wrn:/net/foo:default]"},
         {"instance and service", "$%i of $%s", "default of net/foo"},
         {"method unset", "$%m", "no method"},
@@ -92,9 +87,6 @@ TEST_F(Stencil, NamedForms) {
     });
     run_cases({{"method and restarter set", "$%m by $%r", "refresh by wrn:/system/r:default"}}, {},
               {{"QRM_METHOD", "refresh"}, {"QRM_RESTARTER", "wrn:/system/r:default"}});
-}
-
-TEST_F(Stencil, ServiceWernHasNoInstanceName) {
     run_cases({{"service wern", "[$%i][$%s]", "[][net/foo]"}}, {}, {}, "wrn:/net/foo");
 }
 
@@ -113,7 +105,6 @@ TEST_F(Stencil, PropertyOperators) {
         {"bool looks at the first value only", "$%{config/tf:?on/off} $%{config/ft:?on/off}",
          "on off"},
         {"bool without else", "[$%{config/a:?on}]", "[]"},
-        {"bool else may hold slashes", "$%{config/f:?x/y/z}", "y/z"},
         {"prefix suffix", "$%{config/a:^p/s}|$%{config/a:^*p/s}", "pxspys|pxspys"},
         {"prefix suffix undefined", "[$%{config/nope:^p/s}][$%{config/nope:^*p/s}]", "[][]"},
         {"replace first per value", "$%{config/a:'x/z}", "z y"},
@@ -123,12 +114,6 @@ TEST_F(Stencil, PropertyOperators) {
         {"trailing star takes the rest", "$%{config/one:'o*/_}", "s_"},
         {"replace undefined", "[$%{config/nope:'x/z}]", "[]"},
         {"operands hold forms", "$%{config/a:+$%{config/one:?y/n}}", "n"},
-        {"operand spans lines", "$%{config/a:,one\ntwo}", "xone\ntwoy"},
-    });
-}
-
-TEST_F(Stencil, EmptyValuedAndGroupNames) {
-    run_cases({
         {"one empty value is defined", "[$%{config/blank}][$%{config/blank:+yes}]", "[][yes]"},
         {"no values is undefined", "[$%{config/empty:+yes}][$%{config/empty:-no}]", "[][no]"},
         {"group name is undefined", "[$%{config:-no}][$%{g:+yes}][$%{g}]", "[no][][]"},
@@ -150,11 +135,16 @@ TEST_F(Stencil, ListMode) {
              "$%/config/(o.*)/ {$%{config/$%1}$%{x/$%1}}", "config/one\nx/one\n"},
             {"macro arguments are values, the body is listed",
              "$%define m v {$%v$%{config/$%v}}$%[m $%{config/one}]", "config/solo\n"},
+            {"final names after transforms",
+             "$%define inner /(q)/ {$%{aXa}}$%define outer /(q)/ {$%[inner:'a/b]}"
+             "$%[outer:^pa\\//_s]",
+             "pa/bXa_s\n"},
+            {"no match lists nothing", "$%/nomatch/ {$%{x}}", ""},
         },
         {"-l"});
 }
 
-TEST_F(Stencil, Matching) {
+TEST_F(Stencil, Sections) {
     run_cases({
         {"one body per match", "$%/net/(.*)/ {$%1=$%{net/$%1};}", "host=h1;port=80;"},
         {"plain body repeated", "[$%/net/.*/ {ab}]", "[abab]"},
@@ -167,11 +157,6 @@ TEST_F(Stencil, Matching) {
         {"unmatched group stays", "$%/net/(h)?(p.*)/ {[$%1][$%2]}", "[$%1][port]"},
         {"grab numbers", "$%/net/(h.*)/ {$%01|$%0x1|$%1abc|$%12|$%0|$$%1}",
          "host|host|hostabc|$%12|$%0|$$%1"},
-    });
-}
-
-TEST_F(Stencil, NestedAndNamed) {
-    run_cases({
         {"nested sections number grabs on", "$%/(net)/ {$%/$%1/(.*)/ {[$%1:$%2]}}",
          "[net:host][net:port]"},
         {"inner grab numbers", "$%/(net)/ {$%/$%1/(h.*)/ {[$%01:$%02:$%3]}}", "[net:host:$%3]"},
@@ -242,18 +227,6 @@ TEST_F(Stencil, Macros) {
         {"argument forms are evaluated once", "$%define m a {$%a$%a}$%[m $%{config/one}]",
          "solosolo"},
     });
-}
-
-TEST_F(Stencil, SectionListMode) {
-    run_cases(
-        {
-            {"final names after transforms",
-             "$%define inner /(q)/ {$%{aXa}}$%define outer /(q)/ {$%[inner:'a/b]}"
-             "$%[outer:^pa\\//_s]",
-             "pa/bXa_s\n"},
-            {"no match lists nothing", "$%/nomatch/ {$%{x}}", ""},
-        },
-        {"-l"});
 }
 
 // How the scanner splits a text: comments, forms that end the text, operands
