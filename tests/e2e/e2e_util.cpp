@@ -134,7 +134,6 @@ Result run(const Run& given) {
             else
                 unsetenv(k.c_str());
         }
-        if (!r.cwd.empty() && chdir(r.cwd.c_str()) != 0) _exit(126);
         execvp(argv[0], argv.data());
         _exit(127);
     }

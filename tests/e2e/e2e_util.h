@@ -29,7 +29,6 @@ struct Run {
     std::vector<std::string> args;  // argv, argv[0] included
     std::string input;              // fed to standard input
     Env env;
-    std::string cwd;  // empty: the test's working directory
     // Prefix of the command (e.g. {"setpriv", "--inh-caps=-all", ...}).
     std::vector<std::string> wrapper;
 };
