@@ -96,26 +96,6 @@ Result hgxrepo(const std::vector<std::string>& args, const std::string& input = 
 Result etcdctl(const std::string& endpoints, const std::vector<std::string>& args,
                const std::string& input = "");
 
-// A test with a repository made from a manifest in its scratch directory,
-// and hgxrepo run on it.
-class RepositoryTest : public ::testing::Test {
-  protected:
-    explicit RepositoryTest(std::string manifest) : manifest_(std::move(manifest)) {}
-    void SetUp() override {
-        repo = dir / "repo.db";
-        make_repository(repo, manifest_);
-    }
-    Result run(std::vector<std::string> args, const std::string& input = "") {
-        args.insert(args.begin(), {"-r", repo});
-        return hgxrepo(args, input);
-    }
-    TempDir dir;
-    std::string repo;
-
-  private:
-    std::string manifest_;
-};
-
 // A scratch directory holding the paths a run of the programs uses: the
 // repository (made by the test), a stencil directory, and a root prefix
 // with its etc/.

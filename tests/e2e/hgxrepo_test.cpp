@@ -31,9 +31,16 @@ const char MANIFEST[] = R"({"services": {"net/foo": {"groups": {"general": {"typ
 using e2e::whole;
 using e2e::Whole;
 
-class Hgxrepo : public e2e::RepositoryTest {
+// A repository made from a manifest in the test's scratch directory, and
+// hgxrepo run on it.
+class Hgxrepo : public ::testing::Test {
   protected:
-    Hgxrepo() : RepositoryTest(MANIFEST) {}
+    explicit Hgxrepo(std::string manifest = MANIFEST) : manifest_(std::move(manifest)) {}
+    void SetUp() override { e2e::make_repository(repo, manifest_); }
+    e2e::Result run(std::vector<std::string> args, const std::string& input = "") {
+        args.insert(args.begin(), {"-r", repo});
+        return hgxrepo(args, input);
+    }
     // A command that must fail with one line naming `what` and leave the
     // repository file as it was.
     void refused(const std::vector<std::string>& args, const std::string& what,
@@ -58,6 +65,8 @@ class Hgxrepo : public e2e::RepositoryTest {
         return e2e::run(r);
     }
     std::string last_err;
+    TempDir dir;
+    std::string repo = dir / "repo.db", manifest_;
 };
 
 // Each form of a property gives its type; export, import and export again
@@ -424,9 +433,9 @@ const std::string HINT =
     "hgxrepo: kelvo sees this change after \"hgxrepo snapshot wrn:/net/foo:default\" "
     "(or give --snapshot)\n";
 
-class HgxrepoGuidance : public e2e::RepositoryTest {
+class HgxrepoGuidance : public Hgxrepo {
   protected:
-    HgxrepoGuidance() : RepositoryTest(GUIDANCE_MANIFEST) {}
+    HgxrepoGuidance() : Hgxrepo(GUIDANCE_MANIFEST) {}
 };
 
 TEST_F(HgxrepoGuidance, SetpropKeepsTheInheritedType) {

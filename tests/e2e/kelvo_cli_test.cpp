@@ -53,14 +53,12 @@ class KelvoCli : public e2e::ProgramTest {
     }
 };
 
-struct UsageCase {
-    std::vector<std::string> args;
-    std::string message;  // before the usage text
-};
-
 TEST_F(KelvoCli, CombinationChecksInOrder) {
     const std::string w = WERN, prog = e2e::kelvo_bin();
-    const std::vector<UsageCase> cases = {
+    const struct {
+        std::vector<std::string> args;
+        std::string message;  // before the usage text
+    } cases[] = {
         // A stray word is refused before any check of the combination.
         {{"-a", "-D", "x=y", "-f", w, "extra"}, "kelvo: Illegal argument -- extra\n"},
         {{"-f", w, "extra", "-a"}, "kelvo: Illegal argument -- extra\n"},
@@ -96,7 +94,7 @@ TEST_F(KelvoCli, CombinationChecksInOrder) {
         {{"-z", "-f", w}, prog + ": invalid option -- 'z'\n"},
         {{"-f"}, prog + ": option requires an argument -- 'f'\n"},
     };
-    for (const UsageCase& c : cases) {
+    for (const auto& c : cases) {
         std::string joined;
         for (const auto& a : c.args) joined += a + " ";
         SCOPED_TRACE(joined);

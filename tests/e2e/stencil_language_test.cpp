@@ -185,11 +185,7 @@ TEST_F(Stencil, Sections) {
          "$%define inner /(q)/ {$%{aXa}}$%define outer /(q)/ {$%[inner:'a/b]}"
          "$%[outer:^pa\\//_s]",
          "deep"},
-    });
-}
-
-TEST_F(Stencil, OtherServices) {
-    run_cases({
+        // Patterns and names of another service.
         {"absolute property", "$%{wrn:/net/bar:default/:properties/cfg/x}", "bar-x"},
         {"absolute pattern pulls the service",
          "$%/wrn:/net/bar:default/:properties/cfg/(.*)/ "
