@@ -97,16 +97,23 @@ Result etcdctl(const std::string& endpoints, const std::vector<std::string>& arg
                const std::string& input = "");
 
 // A scratch directory holding the paths a run of the programs uses: the
-// repository (made by the test), a stencil directory, and a root prefix
-// with its etc/.
+// repository (made from manifest, or by the test when that is empty), a
+// stencil directory with a stencil "s" that prints config/port, and a root
+// prefix with its etc/.
 class ProgramTest : public ::testing::Test {
   protected:
+    explicit ProgramTest(std::string manifest = "") : manifest_(std::move(manifest)) {}
     void SetUp() override {
         for (const std::string& d : {stencils, root, root + "/etc"})
             ASSERT_EQ(mkdir(d.c_str(), 0755), 0) << d;
+        write_file(stencils + "/s", "port=$%{config/port}\n");
+        if (!manifest_.empty()) make_repository(repo, manifest_);
     }
     TempDir dir;
     std::string repo = dir / "repo.db", stencils = dir / "stencils", root = dir / "root";
+
+  private:
+    std::string manifest_;
 };
 
 // A manifest of one service whose instance "default" has a group "config"

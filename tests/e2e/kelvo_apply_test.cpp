@@ -34,7 +34,6 @@ class KelvoApply : public e2e::ProgramTest {
     void SetUp() override {
         ProgramTest::SetUp();
         ASSERT_EQ(mkdir(tmp.c_str(), 0755), 0);
-        e2e::write_file(stencils + "/s", "port=$%{config/port}\n");
         e2e::write_file(stencils + "/t", "fixed\n");
     }
     void instance(const std::string& port, const std::vector<Group>& groups) {

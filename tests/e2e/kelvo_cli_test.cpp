@@ -43,10 +43,7 @@ using e2e::Whole;
 
 class KelvoCli : public e2e::ProgramTest {
   protected:
-    void SetUp() override {
-        ProgramTest::SetUp();
-        e2e::make_repository(repo, MANIFEST);
-    }
+    KelvoCli() : ProgramTest(MANIFEST) {}
     e2e::Result run(const std::vector<std::string>& args, const std::string& input = "",
                     const e2e::Env& env = {}) {
         return e2e::kelvo(repo, args, input, env);
@@ -104,7 +101,6 @@ TEST_F(KelvoCli, CombinationChecksInOrder) {
 }
 
 TEST_F(KelvoCli, AcceptedModesAndCombinations) {
-    e2e::write_file(stencils + "/s", "port=$%{config/port}\n");
     for (const char* mode : {"644", "0644", "1644"}) {
         EXPECT_EQ(whole(run({"-m", mode, "-S", stencils, "-i", "s", "-f", WERN})),
                   Whole(0, "port=8080\n", ""))

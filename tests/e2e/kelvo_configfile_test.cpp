@@ -20,10 +20,6 @@ using e2e::Whole;
 
 class KelvoConfigfile : public e2e::ProgramTest {
   protected:
-    void SetUp() override {
-        ProgramTest::SetUp();
-        e2e::write_file(stencils + "/s", "port=$%{config/port}\n");
-    }
     // groups: the JSON members of the instance's "groups" object, beside the
     // group "config" that stencil "s" reads.
     void repository(const std::string& groups) {

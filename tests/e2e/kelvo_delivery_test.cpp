@@ -33,11 +33,7 @@ struct stat stat_of(const std::string& path) {
 
 class KelvoDelivery : public e2e::ProgramTest {
   protected:
-    void SetUp() override {
-        ProgramTest::SetUp();
-        e2e::make_repository(repo, MANIFEST);
-        e2e::write_file(stencils + "/s", "port=$%{config/port}\n");
-    }
+    KelvoDelivery() : ProgramTest(MANIFEST) {}
     e2e::Result run(const std::vector<std::string>& extra) {
         std::vector<std::string> args = {"-f", WERN, "-S", stencils, "-i", "s"};
         args.insert(args.end(), extra.begin(), extra.end());

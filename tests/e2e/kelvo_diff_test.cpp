@@ -39,10 +39,10 @@ std::string tree_of(const std::string& dir) {
 
 class KelvoDiff : public e2e::ProgramTest {
   protected:
+    KelvoDiff() : ProgramTest(manifest("8080", "0640")) {}
     void SetUp() override {
         ProgramTest::SetUp();
         e2e::write_file(stencils + "/foo", "# foo\nport=$%{config/port}\nend\n");
-        e2e::make_repository(repo, manifest("8080", "0640"));
     }
     e2e::Result diff(const std::vector<std::string>& args) {
         return e2e::program(e2e::kelvo_diff_bin(), repo, args);

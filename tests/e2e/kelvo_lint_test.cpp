@@ -63,10 +63,7 @@ std::vector<std::pair<int, std::string>> guide_examples(const std::string& text)
 
 class KelvoLint : public e2e::ProgramTest {
   protected:
-    void SetUp() override {
-        ProgramTest::SetUp();
-        e2e::make_repository(repo, MANIFEST);
-    }
+    KelvoLint() : ProgramTest(MANIFEST) {}
     e2e::Result lint(const std::vector<std::string>& args) {
         return e2e::program(e2e::kelvo_lint_bin(), repo, args);
     }
