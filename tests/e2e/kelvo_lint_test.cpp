@@ -67,9 +67,10 @@ class KelvoLint : public e2e::ProgramTest {
     e2e::Result lint(const std::vector<std::string>& args) {
         return e2e::program(e2e::kelvo_lint_bin(), repo, args);
     }
-    e2e::Result lint_text(const std::string& text) {
+    e2e::Result lint_text(const std::string& text, std::vector<std::string> args = {}) {
         e2e::write_file(stencils + "/s", text);
-        return lint({"-f", WERN, "-S", stencils, "-i", "s"});
+        args.insert(args.end(), {"-f", WERN, "-S", stencils, "-i", "s"});
+        return lint(args);
     }
 };
 
@@ -140,17 +141,14 @@ TEST_F(KelvoLint, AllConfigfileStencilsWithTheirDefines) {
 }
 
 TEST_F(KelvoLint, DefinesAsKelvoTakesThem) {
-    e2e::write_file(stencils + "/s", "$%{$%[g]/port}\n$%{$%[g]/prot}\n");
-    EXPECT_EQ(whole(lint({"-f", WERN, "-S", stencils, "-D", "g=config", "-i", "s"})),
+    EXPECT_EQ(whole(lint_text("$%{$%[g]/port}\n$%{$%[g]/prot}\n", {"-D", "g=config"})),
               (Whole{1, stencils + "/s:2: config/prot\n", ""}));
-    e2e::write_file(stencils + "/t", "$%[g]$%{config/$%[h]}\n");
-    EXPECT_EQ(
-        whole(lint({"-f", WERN, "-S", stencils, "-D", "g=con}fig", "-D", "h=a=b", "-i", "t"})),
-        (Whole{1,
-               "-D g: \"}\" cuts the value \"con}fig\" to \"con\"; \"fig}\" lands in front "
-               "of the file (write \"\\}\")\n" +
-                   stencils + "/t:1: config/a=b\n",
-               ""}));
+    EXPECT_EQ(whole(lint_text("$%[g]$%{config/$%[h]}\n", {"-D", "g=con}fig", "-D", "h=a=b"})),
+              (Whole{1,
+                     "-D g: \"}\" cuts the value \"con}fig\" to \"con\"; \"fig}\" lands in front "
+                     "of the file (write \"\\}\")\n" +
+                         stencils + "/s:1: config/a=b\n",
+                     ""}));
 }
 
 // Quiet on what the project ships: the demo's stencils with its repository,
