@@ -165,12 +165,11 @@ TEST_F(KelvoDelivery, OnlyRegularFilesAreWritten) {
              {std::vector<std::string>{"-o", path, "-m", "0666"},
               std::vector<std::string>{"-o", path.substr(dir.path().size()), "-R", dir.path(), "-m",
                                        "0666"}}) {
-            e2e::Run r;
-            r.args = {"timeout", "60", e2e::kelvo_bin(), "-f", WERN, "-S", stencils, "-i", "s"};
-            r.args.insert(r.args.end(), extra.begin(), extra.end());
-            r.env = {{"HGX_REPOSITORY", repo}};
+            std::vector<std::string> args = {"60", e2e::kelvo_bin(), "-f", WERN,
+                                             "-S", stencils,         "-i", "s"};
+            args.insert(args.end(), extra.begin(), extra.end());
             const std::string shown = extra.size() > 4 ? dir.path() + "/" + extra[1] : path;
-            EXPECT_EQ(whole(e2e::run(r)),
+            EXPECT_EQ(whole(e2e::program("timeout", repo, args)),
                       Whole(1, "", shown + " exists and is not a regular file\n"));
             struct stat st {};
             ASSERT_EQ(lstat(path.c_str(), &st), 0) << path;

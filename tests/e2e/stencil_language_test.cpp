@@ -144,7 +144,7 @@ TEST_F(Stencil, ListMode) {
         {"-l"});
 }
 
-TEST_F(Stencil, Sections) {
+TEST_F(Stencil, SectionsAndMacros) {
     run_cases({
         {"one body per match", "$%/net/(.*)/ {$%1=$%{net/$%1};}", "host=h1;port=80;"},
         {"plain body repeated", "[$%/net/.*/ {ab}]", "[abab]"},
@@ -202,11 +202,7 @@ TEST_F(Stencil, Sections) {
          "[|||]"},
         {"a pattern that selects no service", "[$%/wrn:/none/.*:default/:properties/(.*)/ {$%1}]",
          "[]"},
-    });
-}
-
-TEST_F(Stencil, Macros) {
-    run_cases({
+        // Macros.
         {"worked example", "$%define greet who {hello $%who}$%[greet world]", "hello world"},
         {"a definition gives nothing", "a$%define m {x}b", "ab"},
         {"no arguments", "$%define m {body}$%[m]$%[m ]", "bodybody"},
