@@ -2,7 +2,8 @@
 # A cluster of three members on 127.0.0.1 (stopped at the end), the URL
 # naming member 1 first, while that member is healthy, hung (SIGSTOP: it
 # accepts connections and never answers) or killed:
-#   - a kelvo run and an hgxrepo write, healthy beside member 1 hung;
+#   - a kelvo run, an hgxrepo write, an export and the hosts' table (read
+#     page by page), healthy beside member 1 hung;
 #   - a write to a cluster whose every member hangs: when it gives up;
 #   - a running mirror (hgxrepo sync): from a write in the cluster to the
 #     mirror, healthy, with the member its watch is on hung, and killed.
@@ -27,6 +28,8 @@ printf '$%%{config/p0}\n' > "$WORK/failover.stencil"
 export HGX_REPOSITORY=$URL
 RUN="$KELVO -f $WERN -S $WORK -i failover.stencil"
 WRITE="$HGXREPO -r $URL setprop $WERN/:properties/config/p1 x"
+EXPORT="$HGXREPO -r $URL export"
+HOSTS="$HGXREPO -r $URL hosts"
 
 RUNS=${BENCH_RUNS:-10}
 echo "member 1 of 3 healthy beside hung ($RUNS runs each)"
@@ -34,11 +37,19 @@ measure "kelvo run, healthy" "$RUN"
 HEALTHY=$MEAN_MS
 measure "hgxrepo setprop, healthy" "$WRITE"
 WRITE_HEALTHY=$MEAN_MS
+measure "hgxrepo export, healthy" "$EXPORT"
+EXPORT_HEALTHY=$MEAN_MS
+measure "hgxrepo hosts, healthy" "$HOSTS"
+HOSTS_HEALTHY=$MEAN_MS
 kill -STOP "$FIRST"
 measure "kelvo run, member 1 hung" "$RUN"
 echo "    = $(ratio "$MEAN_MS" "$HEALTHY") x healthy"
 measure "hgxrepo setprop, member 1 hung" "$WRITE"
 echo "    = $(ratio "$MEAN_MS" "$WRITE_HEALTHY") x healthy"
+measure "hgxrepo export, member 1 hung" "$EXPORT"
+echo "    = $(ratio "$MEAN_MS" "$EXPORT_HEALTHY") x healthy"
+measure "hgxrepo hosts, member 1 hung" "$HOSTS"
+echo "    = $(ratio "$MEAN_MS" "$HOSTS_HEALTHY") x healthy"
 kill -CONT "$FIRST"
 
 echo "a write to a cluster whose every member hangs"

@@ -21,8 +21,9 @@ namespace {
 using nlohmann::json;
 
 std::optional<int64_t> number(const json& record, const char* name) {
-    auto it = record.is_object() ? record.find(name) : record.end();
-    if (!record.is_object() || it == record.end() || !it->is_number_integer()) return std::nullopt;
+    if (!record.is_object()) return std::nullopt;
+    auto it = record.find(name);
+    if (it == record.end() || !it->is_number_integer()) return std::nullopt;
     return it->get<int64_t>();
 }
 

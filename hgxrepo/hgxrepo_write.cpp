@@ -251,10 +251,6 @@ int cmd_snapshot(const Invocation& inv) {
 
 namespace {
 
-bool is_cluster(const std::string& path) {
-    return path.rfind("etcd://", 0) == 0 || path.rfind("etcds://", 0) == 0;
-}
-
 // A host's mirror copied to a cluster replaces everything there with what
 // the mirror holds: refused for a mirror of some services only (the others
 // would be removed), and for a whole one unless forced.

@@ -60,7 +60,7 @@ int range_all(Cluster& c, const std::string& key, const std::string& end, int64_
         if (at) req["revision"] = std::to_string(at);
         if (keys_only) req["keys_only"] = true;
         json reply;
-        if (c.call("/v3/kv/range", req, &reply, message) < 0) return -1;
+        if (c.call("/v3/kv/range", req, &reply, message, true) < 0) return -1;
         // Every page reads the revision the first one did.
         if (!at && reply.contains("header") && reply["header"].contains("revision")) {
             const json& r = reply["header"]["revision"];

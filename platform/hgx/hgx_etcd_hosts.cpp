@@ -126,10 +126,11 @@ hgx_status_key_t* hgx_status_key_open(const char* url, std::string_view name, in
                                       std::string* message) {
     return guarded<hgx_status_key_t*>(nullptr, [&]() -> hgx_status_key_t* {
         std::string where = url ? url : "";
-        if (!is_cluster_url(where) || !valid_segment(name) || ttl < 2) {
-            *message = !is_cluster_url(where) ? where + ": a host's status is kept in a cluster"
-                       : ttl < 2              ? "a status key's lease lasts 2 seconds or more"
-                                              : std::string(name) + ": not a host name";
+        if (cluster_only(where, "a host's status is kept in a cluster", message) < 0)
+            return nullptr;
+        if (!valid_segment(name) || ttl < 2) {
+            *message = ttl < 2 ? "a status key's lease lasts 2 seconds or more"
+                               : std::string(name) + ": not a host name";
             fail(HGX_ERROR_INVALID_ARGUMENT);
             return nullptr;
         }
@@ -188,10 +189,8 @@ int hgx_hosts_read(const char* url, std::map<std::string, std::string>* records,
                    hgx_commit_info* head, std::string* message) {
     return guarded(-1, [&]() -> int {
         std::string where = url ? url : "";
-        if (!is_cluster_url(where)) {
-            *message = where + ": hosts keep their status in a cluster, not in a file";
-            return fail(HGX_ERROR_INVALID_ARGUMENT);
-        }
+        if (cluster_only(where, "hosts keep their status in a cluster, not in a file", message) < 0)
+            return -1;
         Client c;
         if (open_client(where, true, &c, message) < 0) return -1;
         int64_t at = 0;

@@ -130,7 +130,8 @@ struct Removal {
 };
 
 // A range read whole, page by page (each page one request of at most
-// PAGE_KEYS keys), at a revision; keys_only leaves the values empty.
+// PAGE_KEYS keys, which a silent member passes to the next like any read),
+// at a revision; keys_only leaves the values empty.
 int range_all(Cluster& c, const std::string& key, const std::string& end, int64_t at,
               std::vector<Kv>* out, std::string* message, bool keys_only = false);
 

@@ -222,6 +222,9 @@ enum class OpenMode {
 std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode, std::string* message,
                                   int64_t at_revision = 0);
 bool is_cluster_url(std::string_view where);
+// For what only a cluster has: 0 when where is an etcd URL; else -1 with
+// HGX_ERROR_INVALID_ARGUMENT set and "where: what" in *message.
+int cluster_only(const std::string& where, std::string_view what, std::string* message);
 // The two stores behind open_store. A file that CREATE makes gets the
 // permission bits file_mode exactly, or (negative) 0644 under the umask.
 std::unique_ptr<Store> open_file_store(const std::string& file, OpenMode mode, std::string* message,

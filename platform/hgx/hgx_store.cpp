@@ -30,6 +30,13 @@ bool is_cluster_url(std::string_view where) {
     return where.substr(0, 7) == "etcd://" || where.substr(0, 8) == "etcds://";
 }
 
+int cluster_only(const std::string& where, std::string_view what, std::string* message) {
+    if (is_cluster_url(where)) return 0;
+    *message = where + ": ";
+    *message += what;
+    return fail(HGX_ERROR_INVALID_ARGUMENT);
+}
+
 std::unique_ptr<Store> open_store(const std::string& where, OpenMode mode, std::string* message,
                                   int64_t at_revision) {
     if (is_cluster_url(where)) {

@@ -530,10 +530,9 @@ int64_t hgx_cluster_bytes_read() { return cluster_bytes_read(); }
 int hgx_upgrade(const char* url, std::string* message) {
     return guarded(-1, [&]() -> int {
         std::string where = url ? url : "";
-        if (!is_cluster_url(where)) {
-            *message = where + ": upgrade converts a repository in an etcd cluster, not a file";
-            return fail(HGX_ERROR_INVALID_ARGUMENT);
-        }
+        if (cluster_only(where, "upgrade converts a repository in an etcd cluster, not a file",
+                         message) < 0)
+            return -1;
         return upgrade_cluster(where, message);
     });
 }
@@ -543,10 +542,9 @@ int hgx_grant(const char* url, const std::string& user, const std::string& host,
               std::string* message) {
     return guarded(-1, [&]() -> int {
         std::string where = url ? url : "";
-        if (!is_cluster_url(where)) {
-            *message = where + ": grant gives an etcd user access to a cluster, not to a file";
-            return fail(HGX_ERROR_INVALID_ARGUMENT);
-        }
+        if (cluster_only(where, "grant gives an etcd user access to a cluster, not to a file",
+                         message) < 0)
+            return -1;
         return grant_cluster_role(where, user, host, werns, missing, message);
     });
 }
