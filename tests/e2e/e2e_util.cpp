@@ -11,14 +11,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
-
-extern char** environ;
 
 namespace e2e {
 
@@ -138,7 +134,6 @@ Result run(const Run& given) {
             else
                 unsetenv(k.c_str());
         }
-        if (!r.cwd.empty() && chdir(r.cwd.c_str()) != 0) _exit(126);
         execvp(argv[0], argv.data());
         _exit(127);
     }
@@ -172,58 +167,48 @@ bool exists(const std::string& path) {
     return lstat(path.c_str(), &st) == 0;
 }
 
-const char* kelvo_bin() { return KELVO_BIN; }
-const char* hgxrepo_bin() { return HGXREPO_BIN; }
-const char* kelvo_diff_bin() { return KELVO_DIFF_BIN; }
-const char* kelvo_lint_bin() { return KELVO_LINT_BIN; }
-const char* kelvo_apply_bin() { return KELVO_APPLY_BIN; }
-std::string source_dir() { return SOURCE_DIR; }
+namespace {
+Result command(std::vector<std::string> head, const std::vector<std::string>& args,
+               const std::string& input, Env env) {
+    Run r;
+    r.args = std::move(head);
+    r.args.insert(r.args.end(), args.begin(), args.end());
+    r.input = input;
+    r.env = std::move(env);
+    return run(r);
+}
+}  // namespace
 
 Result etcdctl(const std::string& endpoints, const std::vector<std::string>& args,
                const std::string& input) {
-    Run r;
-    r.args = {"etcdctl", "--endpoints=" + endpoints};
-    r.args.insert(r.args.end(), args.begin(), args.end());
-    r.input = input;
-    r.env = {{"ETCDCTL_API", "3"}};
-    return run(r);
+    return command({"etcdctl", "--endpoints=" + endpoints}, args, input, {{"ETCDCTL_API", "3"}});
 }
 
 void make_repository(const std::string& path, const std::string& manifest_json, bool snapshot) {
-    Result res =
-        hgxrepo(snapshot ? std::vector<std::string>{"-r", path, "import", "-"}
-                         : std::vector<std::string>{"-r", path, "import", "--no-snapshot", "-"},
-                manifest_json);
+    std::vector<std::string> args = {"-r", path, "import", "-"};
+    if (!snapshot) args.insert(args.end() - 1, "--no-snapshot");
+    Result res = hgxrepo(args, manifest_json);
     if (res.status != 0)
         ADD_FAILURE() << "hgxrepo import failed (" << res.status << "): " << res.err;
 }
 
 Result kelvo(const std::string& repository, const std::vector<std::string>& args,
-             const std::string& input, std::map<std::string, std::optional<std::string>> env) {
-    return program(kelvo_bin(), repository, args, input, std::move(env));
+             const std::string& input, const Env& env) {
+    return program(kelvo_bin(), repository, args, input, env);
 }
 
 Result program(const char* bin, const std::string& repository, const std::vector<std::string>& args,
-               const std::string& input, std::map<std::string, std::optional<std::string>> env) {
-    Run r;
-    r.args = {bin};
-    r.args.insert(r.args.end(), args.begin(), args.end());
-    r.input = input;
-    r.env = {{"HGX_REPOSITORY", repository},
-             {"QRM_WERN", std::nullopt},
-             {"QRM_METHOD", std::nullopt},
-             {"QRM_RESTARTER", std::nullopt}};
-    for (auto& [k, v] : env) r.env[k] = v;
-    return run(r);
+               const std::string& input, const Env& env) {
+    Env full = {{"HGX_REPOSITORY", repository},
+                {"QRM_WERN", std::nullopt},
+                {"QRM_METHOD", std::nullopt},
+                {"QRM_RESTARTER", std::nullopt}};
+    for (auto& [k, v] : env) full[k] = v;
+    return command({bin}, args, input, std::move(full));
 }
 
 Result hgxrepo(const std::vector<std::string>& args, const std::string& input, const Env& env) {
-    Run r;
-    r.args = {hgxrepo_bin()};
-    r.args.insert(r.args.end(), args.begin(), args.end());
-    r.input = input;
-    r.env = env;
-    return run(r);
+    return command({hgxrepo_bin()}, args, input, env);
 }
 
 // Written to a stream: GCC 12 at -O3 takes "literal" + std::string&& for an
@@ -272,20 +257,6 @@ std::string generation_of(const std::string& out, int count) {
         expected += ' ';
     }
     return out == expected + "\n" ? first : "";
-}
-
-void expect_stencil_cases(const std::string& repository, const std::string& wern,
-                          const std::vector<StencilCase>& cases,
-                          const std::vector<std::string>& extra,
-                          const std::map<std::string, std::optional<std::string>>& env) {
-    for (const StencilCase& c : cases) {
-        std::vector<std::string> args = {"-f", wern};
-        args.insert(args.end(), extra.begin(), extra.end());
-        Result r = kelvo(repository, args, c.stencil, env);
-        EXPECT_EQ(r.out, c.out) << c.name << ": stencil [" << c.stencil << "]";
-        EXPECT_EQ(r.err, c.err) << c.name;
-        EXPECT_EQ(r.status, c.status) << c.name;
-    }
 }
 
 }  // namespace e2e

@@ -21,13 +21,14 @@ struct Result {
     std::string err;
 };
 
+// Environment changes on top of the test's own environment: a value sets the
+// variable, std::nullopt removes it.
+using Env = std::map<std::string, std::optional<std::string>>;
+
 struct Run {
     std::vector<std::string> args;  // argv, argv[0] included
     std::string input;              // fed to standard input
-    // Environment changes on top of the test's own environment: a value sets
-    // the variable, std::nullopt removes it.
-    std::map<std::string, std::optional<std::string>> env;
-    std::string cwd;  // empty: the test's working directory
+    Env env;
     // Prefix of the command (e.g. {"setpriv", "--inh-caps=-all", ...}).
     std::vector<std::string> wrapper;
 };
@@ -65,12 +66,12 @@ void write_file(const std::string& path, const std::string& content);
 std::string read_file(const std::string& path);
 bool exists(const std::string& path);
 
-const char* kelvo_bin();
-const char* hgxrepo_bin();
-const char* kelvo_diff_bin();
-const char* kelvo_lint_bin();
-const char* kelvo_apply_bin();
-std::string source_dir();
+inline const char* kelvo_bin() { return KELVO_BIN; }
+inline const char* hgxrepo_bin() { return HGXREPO_BIN; }
+inline const char* kelvo_diff_bin() { return KELVO_DIFF_BIN; }
+inline const char* kelvo_lint_bin() { return KELVO_LINT_BIN; }
+inline const char* kelvo_apply_bin() { return KELVO_APPLY_BIN; }
+inline std::string source_dir() { return SOURCE_DIR; }
 
 // Imports the manifest text into a new repository file at path with
 // hgxrepo; fails the current test (ADD_FAILURE) when the import fails.
@@ -81,15 +82,12 @@ void make_repository(const std::string& path, const std::string& manifest_json,
 // file; HGX_REPOSITORY is set, QRM_WERN, QRM_METHOD and QRM_RESTARTER are
 // unset unless env says otherwise.
 Result kelvo(const std::string& repository, const std::vector<std::string>& args,
-             const std::string& input = "",
-             std::map<std::string, std::optional<std::string>> env = {});
+             const std::string& input = "", const Env& env = {});
 
 // As kelvo(), for another program that reads the repository as kelvo does.
 Result program(const char* bin, const std::string& repository, const std::vector<std::string>& args,
-               const std::string& input = "",
-               std::map<std::string, std::optional<std::string>> env = {});
+               const std::string& input = "", const Env& env = {});
 
-using Env = std::map<std::string, std::optional<std::string>>;
 // hgxrepo with the arguments (argv[0] added), env as in Run.
 Result hgxrepo(const std::vector<std::string>& args, const std::string& input = "",
                const Env& env = {});
@@ -98,37 +96,24 @@ Result hgxrepo(const std::vector<std::string>& args, const std::string& input = 
 Result etcdctl(const std::string& endpoints, const std::vector<std::string>& args,
                const std::string& input = "");
 
-// A test with a repository made from a manifest in its scratch directory,
-// and hgxrepo run on it.
-class RepositoryTest : public ::testing::Test {
-  protected:
-    explicit RepositoryTest(std::string manifest) : manifest_(std::move(manifest)) {}
-    void SetUp() override {
-        repo = dir / "repo.db";
-        make_repository(repo, manifest_);
-    }
-    Result run(std::vector<std::string> args, const std::string& input = "") {
-        args.insert(args.begin(), {"-r", repo});
-        return hgxrepo(args, input);
-    }
-    TempDir dir;
-    std::string repo;
-
-  private:
-    std::string manifest_;
-};
-
 // A scratch directory holding the paths a run of the programs uses: the
-// repository (made by the test), a stencil directory, and a root prefix
-// with its etc/.
+// repository (made from manifest, or by the test when that is empty), a
+// stencil directory with a stencil "s" that prints config/port, and a root
+// prefix with its etc/.
 class ProgramTest : public ::testing::Test {
   protected:
+    explicit ProgramTest(std::string manifest = "") : manifest_(std::move(manifest)) {}
     void SetUp() override {
         for (const std::string& d : {stencils, root, root + "/etc"})
             ASSERT_EQ(mkdir(d.c_str(), 0755), 0) << d;
+        write_file(stencils + "/s", "port=$%{config/port}\n");
+        if (!manifest_.empty()) make_repository(repo, manifest_);
     }
     TempDir dir;
     std::string repo = dir / "repo.db", stencils = dir / "stencils", root = dir / "root";
+
+  private:
+    std::string manifest_;
 };
 
 // A manifest of one service whose instance "default" has a group "config"
@@ -144,21 +129,5 @@ std::string fleet_manifest(const std::string& service, int instances, int count,
 // that mixes generations or is no such line.
 std::string generation_stencil(int count);
 std::string generation_of(const std::string& out, int count);
-
-// One stencil fed to kelvo on standard input, and everything it must print.
-struct StencilCase {
-    const char* name;
-    std::string stencil;
-    std::string out;
-    std::string err = "";
-    int status = 0;
-};
-
-// Runs each case as `kelvo -f wern extra...` against the repository and
-// checks standard output, standard error and the status as whole texts.
-void expect_stencil_cases(const std::string& repository, const std::string& wern,
-                          const std::vector<StencilCase>& cases,
-                          const std::vector<std::string>& extra = {},
-                          const std::map<std::string, std::optional<std::string>>& env = {});
 
 }  // namespace e2e

@@ -51,8 +51,8 @@ TEST(FirstImport, KilledPartWayLeavesNothingOrAWholeRepository) {
     auto begin = clock();
     ASSERT_EQ(hgxrepo({"-r", dir / "timing.db", "import", big}).status, 0);
     auto took = std::chrono::duration_cast<std::chrono::microseconds>(clock() - begin);
-    std::filesystem::remove(dir / "timing.db");
-    for (const char* suffix : {"-wal", "-shm"}) std::filesystem::remove(dir / "timing.db" + suffix);
+    for (const char* suffix : {"", "-wal", "-shm"})
+        std::filesystem::remove(dir / "timing.db" + suffix);
 
     int nothing = 0, whole = 0;
     for (int round = 0; round < 24; ++round) {
@@ -76,8 +76,7 @@ TEST(FirstImport, KilledPartWayLeavesNothingOrAWholeRepository) {
         EXPECT_EQ(e2e::whole(e2e::kelvo(repo, {"-f", "wrn:/app/web:default"},
                                         "$%{config/p0} $%{config/p19999}\n")),
                   e2e::Whole(0, "g1 g1\n", ""));
-        std::filesystem::remove(repo);
-        for (const char* suffix : {"-wal", "-shm"}) std::filesystem::remove(repo + suffix);
+        for (const char* suffix : {"", "-wal", "-shm"}) std::filesystem::remove(repo + suffix);
     }
     std::printf("killed first imports: %d left nothing, %d a whole repository\n", nothing, whole);
 
@@ -167,14 +166,11 @@ TEST(FileModes, ANewFileIs0644UnderTheUmaskAnExistingOneKeepsItsMode) {
     ASSERT_EQ(chmod((repo + "-wal").c_str(), 0666), 0);
     ASSERT_EQ(hgxrepo({"-r", repo, "import", "-"}, manifest).status, 0);
     ASSERT_EQ(hgxrepo({"-r", repo, "setprop", "--snapshot",
-                       "wrn:/app/web:default/:properties/"
-                       "config/p0",
-                       "x"})
+                       "wrn:/app/web:default/:properties/config/p0", "x"})
                   .status,
               0);
-    EXPECT_EQ(mode_of(repo), 0640u);
-    EXPECT_EQ(mode_of(repo + "-wal"), 0640u);
-    EXPECT_EQ(mode_of(repo + "-shm"), 0640u);
+    for (const char* suffix : {"", "-wal", "-shm"})
+        EXPECT_EQ(mode_of(repo + suffix), 0640u) << suffix;
 }
 
 }  // namespace

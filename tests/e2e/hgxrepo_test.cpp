@@ -1,11 +1,12 @@
 // hgxrepo as users run it: import, export and the round trip, the types of
 // the property forms, the editing commands, refused input and manifests (one
-// line naming the place, status 1, file unchanged), bad command lines (usage,
-// status 2).
+// line naming the place, status 1, file unchanged), what it tells users, bad
+// command lines (usage, status 2).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -27,20 +28,19 @@ const char MANIFEST[] = R"({"services": {"net/foo": {"groups": {"general": {"typ
     "mode": {"type": "astring", "values": ["0644"]}, "empty": []},
     "groups": {"tls": {"properties": {"on": false}}}}}}}}, "other": {}}})";
 
-// Status, standard output and standard error as one text.
-std::string whole_of(const e2e::Result& r) {
-    return std::to_string(r.status) + "|" + r.out + "|" + r.err;
-}
+using e2e::whole;
+using e2e::Whole;
 
-size_t lines(const std::string& s) {
-    size_t n = 0;
-    for (char c : s) n += c == '\n';
-    return n;
-}
-
-class Hgxrepo : public e2e::RepositoryTest {
+// A repository made from a manifest in the test's scratch directory, and
+// hgxrepo run on it.
+class Hgxrepo : public ::testing::Test {
   protected:
-    Hgxrepo() : RepositoryTest(MANIFEST) {}
+    explicit Hgxrepo(std::string manifest = MANIFEST) : manifest_(std::move(manifest)) {}
+    void SetUp() override { e2e::make_repository(repo, manifest_); }
+    e2e::Result run(std::vector<std::string> args, const std::string& input = "") {
+        args.insert(args.begin(), {"-r", repo});
+        return hgxrepo(args, input);
+    }
     // A command that must fail with one line naming `what` and leave the
     // repository file as it was.
     void refused(const std::vector<std::string>& args, const std::string& what,
@@ -49,48 +49,70 @@ class Hgxrepo : public e2e::RepositoryTest {
         const std::string before = read_file(repo);
         e2e::Result r = run(args, input);
         EXPECT_EQ(r.status, 1) << r.err;
-        EXPECT_EQ(lines(r.err), 1u) << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
         EXPECT_EQ(r.err.rfind("hgxrepo: ", 0), 0u) << r.err;
         EXPECT_NE(r.err.find(what), std::string::npos) << r.err;
         EXPECT_TRUE(read_file(repo) == before) << "repository file changed";
         last_err = r.err;
     }
+    // kelvo printing config/port of the instance, behind the wrapper.
+    e2e::Result kelvo_port(std::vector<std::string> wrapper = {}) {
+        e2e::Run r;
+        r.args = {e2e::kelvo_bin(), "-f", "wrn:/net/foo:default"};
+        r.input = "$%{config/port}\n";
+        r.env = {{"HGX_REPOSITORY", repo}};
+        r.wrapper = std::move(wrapper);
+        return e2e::run(r);
+    }
     std::string last_err;
+    TempDir dir;
+    std::string repo = dir / "repo.db", manifest_;
 };
 
-TEST_F(Hgxrepo, ExportOfImportedExportIsTheSame) {
+// Each form of a property gives its type; export, import and export again
+// give the same text, and the values that need the object form survive.
+TEST_F(Hgxrepo, PropertyFormsGiveTheirTypesAndSurviveTheRoundTrip) {
     const std::string a = dir / "a.db", b = dir / "b.db";
-    e2e::make_repository(a, R"({"services": {
-      "net/foo": {
-        "groups": {"general": {"type": "framework", "properties": {"enabled": true}}},
-        "instances": {
-          "default": {"groups": {"config": {"type": "application", "properties": {
-              "port": 8080, "hosts": ["a.example", "b.example"], "empty": [],
-              "mode": {"type": "astring", "values": ["0644"]},
-              "lead": {"type": "count", "values": ["007"]},
-              "posint": {"type": "integer", "values": ["5"]},
-              "noflags": {"type": "boolean"},
-              "t": {"type": "time", "values": ["1.5"]},
-              "quote": "a \"b\" \\ \n é"},
-            "groups": {"tls": {"properties": {"on": false}, "groups": {"deep": {}}}}}}},
-          "bare": {}
-        }
-      },
-      "empty": {}
-    }})");
+    e2e::make_repository(a, R"({"services": {"s": {
+      "groups": {"general": {"type": "framework", "properties": {"enabled": true}}},
+      "instances": {"bare": {}, "i": {"groups": {"g": {"properties": {
+          "str": "x", "yes": true, "n": 7, "neg": -3, "empty": [],
+          "strs": ["b", "a"], "bools": [false, true], "counts": [3, 1], "ints": [2, -1],
+          "obj": {"type": "net_address_v6", "values": "::1"},
+          "objs": {"type": "integer", "values": ["5", "-5"]},
+          "lead": {"type": "count", "values": ["007"]}, "t": {"type": "time", "values": ["1.5"]},
+          "novalues": {"type": "count"}, "quote": "a \"b\" \\ \n é"},
+        "groups": {"tls": {"properties": {"on": false}, "groups": {"deep": {}}}}}}}}},
+      "empty": {}}})");
     e2e::Result first = hgxrepo({"-r", a, "export"});
     ASSERT_EQ(first.status, 0) << first.err;
-    e2e::Result imported = hgxrepo({"-r", b, "import", "-"}, first.out);
-    ASSERT_EQ(imported.status, 0) << imported.err;
-    e2e::Result second = hgxrepo({"-r", b, "export"});
-    ASSERT_EQ(second.status, 0) << second.err;
-    EXPECT_EQ(first.out, second.out);
-    // The values that need the object form survive the trip.
-    std::string shown = hgxrepo({"-r", b, "show", "wrn:/net/foo:default"}).out;
-    for (const char* line :
-         {"config/lead count \"007\"", "config/posint integer \"5\"", "config/noflags boolean\n",
-          "config/tls/deep/ application", "config/hosts astring \"a.example\" \"b.example\""})
-        EXPECT_NE(shown.find(line), std::string::npos) << line << "\n" << shown;
+    ASSERT_EQ(hgxrepo({"-r", b, "import", "-"}, first.out).status, 0);
+    EXPECT_EQ(hgxrepo({"-r", b, "export"}).out, first.out);
+    for (const std::string& r : {a, b})
+        EXPECT_EQ(hgxrepo({"-r", r, "show", "wrn:/s:i"}).out,
+                  "g/ application\n"
+                  "g/bools boolean \"false\" \"true\"\n"
+                  "g/counts count \"3\" \"1\"\n"
+                  "g/empty astring\n"
+                  "g/ints integer \"2\" \"-1\"\n"
+                  "g/lead count \"007\"\n"
+                  "g/n count \"7\"\n"
+                  "g/neg integer \"-3\"\n"
+                  "g/novalues count\n"
+                  "g/obj net_address_v6 \"::1\"\n"
+                  "g/objs integer \"5\" \"-5\"\n"
+                  "g/quote astring \"a \\\"b\\\" \\\\ \\n é\"\n"
+                  "g/str astring \"x\"\n"
+                  "g/strs astring \"b\" \"a\"\n"
+                  "g/t time \"1.5\"\n"
+                  "g/yes boolean \"true\"\n"
+                  "g/tls/ application\n"
+                  "g/tls/on boolean \"false\"\n"
+                  "g/tls/deep/ application\n"
+                  "general/ framework\n"
+                  "general/enabled boolean \"true\"\n")
+            << r;
+    EXPECT_EQ(hgxrepo({"-r", b, "list"}).out, "wrn:/empty\nwrn:/s\nwrn:/s:bare\nwrn:/s:i\n");
 
     // One instance alone, and the listing.
     e2e::Result one = run({"export", "wrn:/net/foo:default"});
@@ -98,33 +120,6 @@ TEST_F(Hgxrepo, ExportOfImportedExportIsTheSame) {
     EXPECT_EQ(one.out.find("\"general\""), std::string::npos);
     EXPECT_NE(one.out.find("\"default\""), std::string::npos);
     EXPECT_EQ(run({"list"}).out, "wrn:/net/foo\nwrn:/net/foo:default\nwrn:/other\n");
-}
-
-TEST_F(Hgxrepo, PropertyFormsGiveTheirTypes) {
-    ASSERT_EQ(run({"import", "-"}, R"({"services": {"s": {"instances": {"i": {"groups": {"g": {
-        "properties": {
-          "str": "x", "yes": true, "n": 7, "neg": -3, "empty": [],
-          "strs": ["b", "a"], "bools": [false, true], "counts": [3, 1], "ints": [2, -1],
-          "obj": {"type": "net_address_v6", "values": "::1"},
-          "objs": {"type": "integer", "values": ["5", "-5"]},
-          "novalues": {"type": "count"}
-        }}}}}}}})")
-                  .status,
-              0);
-    EXPECT_EQ(run({"show", "wrn:/s:i"}).out,
-              "g/ application\n"
-              "g/bools boolean \"false\" \"true\"\n"
-              "g/counts count \"3\" \"1\"\n"
-              "g/empty astring\n"
-              "g/ints integer \"2\" \"-1\"\n"
-              "g/n count \"7\"\n"
-              "g/neg integer \"-3\"\n"
-              "g/novalues count\n"
-              "g/obj net_address_v6 \"::1\"\n"
-              "g/objs integer \"5\" \"-5\"\n"
-              "g/str astring \"x\"\n"
-              "g/strs astring \"b\" \"a\"\n"
-              "g/yes boolean \"true\"\n");
 }
 
 TEST_F(Hgxrepo, ImportReplacesNamedServicesWhollyAndSnapshotsInstances) {
@@ -205,16 +200,12 @@ TEST_F(Hgxrepo, RefusedManifestsNameTheirPlace) {
         size_t mark = text.find('`');
         ASSERT_NE(mark, std::string::npos);
         text.erase(mark, 1);
-        size_t line = 1, col = 1;
-        for (size_t i = 0; i < mark; ++i) {
-            if (text[i] == '\n') {
-                ++line;
-                col = 0;
-            }
-            ++col;
-        }
+        const std::string head = text.substr(0, mark);
+        const size_t line_start = head.rfind('\n') + 1;  // no line break: npos + 1, 0
         refused({"import", "-"},
-                "<stdin>:" + std::to_string(line) + ":" + std::to_string(col) + ": ", text);
+                "<stdin>:" + std::to_string(1 + std::count(head.begin(), head.end(), '\n')) + ":" +
+                    std::to_string(mark - line_start + 1) + ": ",
+                text);
         EXPECT_NE(last_err.find(c.what), std::string::npos) << last_err;
     }
 }
@@ -249,9 +240,10 @@ TEST_F(Hgxrepo, TextThatForgesLinesIsEscaped) {
     e2e::Result show = run({"show", "wrn:/net/foo:default"});
     EXPECT_NE(show.out.find(group + prop), std::string::npos) << show.out;
     EXPECT_EQ(run({"diff", "wrn:/net/foo:default"}).out, "+ " + group + "+ " + prop);
-    EXPECT_EQ(whole_of(run({"get", pg + "/p"})), "0|a\\nb\nc\\\\d\n\\x01\\t\n|");
-    EXPECT_EQ(whole_of(run({"get", "-0", pg + "/p"})), std::string("0|a\nb\0c\\d\0\x01\t\0|", 14));
-    EXPECT_EQ(whole_of(run({"get", pg})), "1||hgxrepo: " + pg + ": names no property\n");
+    EXPECT_EQ(whole(run({"get", pg + "/p"})), Whole(0, "a\\nb\nc\\\\d\n\\x01\\t\n", ""));
+    EXPECT_EQ(whole(run({"get", "-0", pg + "/p"})),
+              Whole(0, std::string("a\nb\0c\\d\0\x01\t\0", 11), ""));
+    EXPECT_EQ(whole(run({"get", pg})), Whole(1, "", "hgxrepo: " + pg + ": names no property\n"));
 
     e2e::Result json = run({"show", "--json", "wrn:/net/foo:default"});
     ASSERT_EQ(json.status, 0) << json.err;
@@ -268,41 +260,28 @@ TEST_F(Hgxrepo, TextThatForgesLinesIsEscaped) {
     refused({"show", "wrn:/net/foo:x\ny"}, "wrn:/net/foo:x\\ny");
 }
 
+// The snapshot of the import holds the old state until it is taken again,
+// for the service's instances or under a name of its own.
 TEST_F(Hgxrepo, EditingCommandsAndSnapshots) {
-    const std::string c = "wrn:/net/foo:default/:properties/config";
+    const std::string w = "wrn:/net/foo:default", c = w + "/:properties/config";
     for (const std::vector<std::string>& edit :
-         {std::vector<std::string>{"setprop", c + "/port", "9090"},
-          {"setprop", c + "/list", "-t", "integer", "-1", "2"},
+         {std::vector<std::string>{"setprop", c + "/list", "-t", "integer", "-1", "2"},
           {"addpg", c + "/cf", "configfile"},
           {"setprop", c + "/cf/path"},
-          {"delprop", c + "/hosts"},
-          {"delpg", c + "/tls"}})
+          {"delprop", c + "/hosts"}})
         ASSERT_EQ(run(edit).status, 0) << edit[1];
-
-    e2e::Result show = run({"show", "wrn:/net/foo:default"});
-    ASSERT_EQ(show.status, 0) << show.err;
-    EXPECT_EQ(show.out,
-              "config/ application\n"
-              "config/base astring \"s\"\n"
-              "config/empty astring\n"
-              "config/list integer \"-1\" \"2\"\n"
-              "config/mode astring \"0644\"\n"
-              "config/port count \"9090\"\n"
-              "config/cf/ configfile\n"
-              "config/cf/path astring\n"
-              "general/ framework\n"
-              "general/enabled boolean \"true\"\n");
-    // The snapshot of the import still holds the old state until retaken.
-    e2e::Result snap = run({"show", "wrn:/net/foo:default", "running"});
-    EXPECT_NE(snap.out.find("config/port count \"8080\""), std::string::npos) << snap.out;
-    EXPECT_NE(snap.out.find("config/tls/on boolean \"false\""), std::string::npos) << snap.out;
+    EXPECT_EQ(whole(run({"diff", w})), Whole(0,
+                                             "+ config/cf/ configfile\n"
+                                             "+ config/cf/path astring\n"
+                                             "- config/hosts astring \"a.example\" \"b.example\"\n"
+                                             "+ config/list integer \"-1\" \"2\"\n",
+                                             ""));
     ASSERT_EQ(run({"snapshot", "wrn:/net/foo"}).status, 0);
-    snap = run({"show", "wrn:/net/foo:default", "running"});
-    EXPECT_EQ(snap.out, show.out);
-    ASSERT_EQ(run({"snapshot", "wrn:/net/foo:default", "before"}).status, 0);
-    EXPECT_EQ(run({"show", "wrn:/net/foo:default", "before"}).out, show.out);
+    EXPECT_EQ(whole(run({"diff", w})), Whole(0, "", ""));
+    ASSERT_EQ(run({"snapshot", w, "before"}).status, 0);
+    EXPECT_EQ(run({"show", w, "before"}).out, run({"show", w}).out);
 
-    ASSERT_EQ(run({"delete", "wrn:/net/foo:default"}).status, 0);
+    ASSERT_EQ(run({"delete", w}).status, 0);
     ASSERT_EQ(run({"delete", "wrn:/other"}).status, 0);
     EXPECT_EQ(run({"list"}).out, "wrn:/net/foo\n");
 }
@@ -324,7 +303,9 @@ TEST_F(Hgxrepo, RefusedCommandsSayWhatAndWhereAndChangeNothing) {
     refused({"setprop", "wrn:/net/foo:default/:properties/config/p", "-t", "nosuch", "x"},
             "unknown type");
     refused({"setprop", "wrn:/net/foo:nope/:properties/config/p", "x"}, "no such instance");
-    refused({"setprop", "wrn:net", "x"}, "not a valid wern");
+    refused({"setprop", "wrn:net", "x"},
+            "not a valid wern: \"wrn:net\"; a wern looks like wrn:/SERVICE, wrn:/SERVICE:INSTANCE "
+            "or wrn:/SERVICE:INSTANCE/:properties/GROUP/PROPERTY\n");
     refused({"delprop", "wrn:/net/foo:default/:properties/config/nope"}, "no such property");
     refused({"addpg", "wrn:/net/foo:default/:properties/config", "x"}, "exists");
     refused({"delpg", "wrn:/net/foo/:properties/nope"}, "no group");
@@ -335,76 +316,41 @@ TEST_F(Hgxrepo, RefusedCommandsSayWhatAndWhereAndChangeNothing) {
     // Files that are not repositories are left alone.
     const std::string text = dir / "text";
     write_file(text, "plain text, not a database, long enough to have a header.........\n");
-    for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"list"}, {"delete", "wrn:/a"}, {"import", dir / "good.json"}}) {
-        std::vector<std::string> full = {"-r", text};
-        full.insert(full.end(), args.begin(), args.end());
-        e2e::Result r = hgxrepo(full);
+    for (const std::vector<std::string>& args : {std::vector<std::string>{"-r", text, "list"},
+                                                 {"-r", text, "delete", "wrn:/a"},
+                                                 {"-r", text, "import", dir / "good.json"}}) {
+        e2e::Result r = hgxrepo(args);
         EXPECT_EQ(r.status, 1);
         EXPECT_NE(r.err.find("not a database"), std::string::npos) << r.err;
     }
     EXPECT_EQ(read_file(text),
               "plain text, not a database, long enough to have a header.........\n");
-    e2e::Result missing = hgxrepo({"-r", dir / "none.db", "export"});
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_NE(missing.err.find(std::string("none.db: ") + e2e::missing_repository_text()),
-              std::string::npos)
-        << missing.err;
-    EXPECT_FALSE(e2e::exists(dir / "none.db"));
     e2e::Result failed_new = hgxrepo({"-r", dir / "new.db", "import", bad});
     EXPECT_EQ(failed_new.status, 1);
     EXPECT_FALSE(e2e::exists(dir / "new.db"));
-}
-
-// A user who cannot write the repository's directory still reads the
-// repository that root wrote: through the -wal and -shm files the writer
-// leaves behind, or, where those are gone and the log held nothing, from the
-// file alone. A log that cannot be read is said so.
-TEST_F(Hgxrepo, UserWhoCannotWriteTheDirectoryReadsTheRepository) {
-    if (geteuid() != 0 || access("/usr/bin/setpriv", X_OK) != 0)
-        GTEST_SKIP() << "needs root and setpriv to run kelvo as another user";
-    if (e2e::on_cluster()) GTEST_SKIP() << "file permissions: a cluster has none";
-    ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
-    ASSERT_EQ(chmod(repo.c_str(), 0644), 0);
-    auto kelvo_as_nobody = [&] {
-        e2e::Run r;
-        r.args = {e2e::kelvo_bin(), "-f", "wrn:/net/foo:default"};
-        r.input = "$%{config/port}\n";
-        r.env = {{"HGX_REPOSITORY", repo}};
-        r.wrapper = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
-        return e2e::run(r);
-    };
-    e2e::Result r = kelvo_as_nobody();
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "8080\n");
-
-    std::remove((repo + "-wal").c_str());
-    std::remove((repo + "-shm").c_str());
-    r = kelvo_as_nobody();
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "8080\n");
-
-    write_file(repo + "-wal", "a log whose index is gone");
-    r = kelvo_as_nobody();
-    EXPECT_EQ(r.status, 3);
-    EXPECT_NE(r.err.find("write-ahead log cannot be read"), std::string::npos) << r.err;
+    // An edit of a repository that is not there says how to name or make one.
+    e2e::Result r =
+        hgxrepo({"-r", dir / "none.db", "delprop", "wrn:/net/foo:default/:properties/config/port"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find(std::string("none.db: ") + e2e::missing_repository_text() +
+                         (e2e::on_cluster() ? "; name the cluster and prefix with -r URL"
+                                            : "; name the file with -r FILE") +
+                         " or HGX_REPOSITORY, or create it with hgxrepo import\n"),
+              std::string::npos)
+        << r.err;
+    EXPECT_FALSE(e2e::exists(dir / "none.db"));
 }
 
 // kelvo reads without writing: the repository and the files beside it keep
 // their times, and a repository on a read-only file system reads as any
 // other. Root is held back by no permission bit, so root reads it through a
 // read-only bind mount in a private mount namespace; another user, from a
-// directory and files without write permission.
+// directory and files without write permission. Such a user reads what root
+// wrote through the -wal and -shm files the writer leaves behind, or, where
+// those are gone and the log held nothing, from the file alone; a log that
+// cannot be read is said so.
 TEST_F(Hgxrepo, KelvoReadsWithoutWritingAlsoFromAReadOnlyFileSystem) {
     if (e2e::on_cluster()) GTEST_SKIP() << "file systems: a cluster has none";
-    auto kelvo = [&](std::vector<std::string> wrapper) {
-        e2e::Run r;
-        r.args = {e2e::kelvo_bin(), "-f", "wrn:/net/foo:default"};
-        r.input = "$%{config/port}\n";
-        r.env = {{"HGX_REPOSITORY", repo}};
-        r.wrapper = std::move(wrapper);
-        return e2e::run(r);
-    };
     auto times = [&] {
         std::string out;
         for (const char* suffix : {"", "-wal", "-shm"}) {
@@ -416,9 +362,9 @@ TEST_F(Hgxrepo, KelvoReadsWithoutWritingAlsoFromAReadOnlyFileSystem) {
         }
         return out;
     };
-    ASSERT_EQ(kelvo({}).out, "8080\n");  // the -shm index as any first reader leaves it
+    ASSERT_EQ(kelvo_port().out, "8080\n");  // the -shm index as any first reader leaves it
     const std::string before = times();
-    EXPECT_EQ(whole(kelvo({})), e2e::Whole(0, "8080\n", ""));
+    EXPECT_EQ(whole(kelvo_port()), Whole(0, "8080\n", ""));
     EXPECT_EQ(times(), before);
 
     if (geteuid() == 0) {
@@ -429,66 +375,154 @@ TEST_F(Hgxrepo, KelvoReadsWithoutWritingAlsoFromAReadOnlyFileSystem) {
                         "{ mount --bind \"$0\" \"$0\" && mount -o remount,bind,ro \"$0\" && "
                         "! touch \"$0/x\" 2>/dev/null; } || exit 97; exec \"$@\"",
                         dir.path()});
-        e2e::Result r = kelvo(wrapper);
+        e2e::Result r = kelvo_port(wrapper);
         if (r.status == 97 || (r.status != 0 && r.out.empty() && r.err.find("kelvo") != 0)) {
             if (!etcd_testing::may_skip("no read-only mount"))
                 FAIL() << "cannot make a read-only bind mount here: " << r.err;
             GTEST_SKIP() << "cannot make a read-only bind mount here (status " << r.status
                          << "): " << r.err;
         }
-        EXPECT_EQ(whole(r), e2e::Whole(0, "8080\n", ""));
+        EXPECT_EQ(whole(r), Whole(0, "8080\n", ""));
     } else {
         for (const char* suffix : {"", "-wal", "-shm"})
             ASSERT_EQ(chmod((repo + suffix).c_str(), 0444), 0);
         ASSERT_EQ(chmod(dir.path().c_str(), 0555), 0);
-        e2e::Result r = kelvo({});
+        e2e::Result r = kelvo_port();
         ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
-        EXPECT_EQ(whole(r), e2e::Whole(0, "8080\n", ""));
+        EXPECT_EQ(whole(r), Whole(0, "8080\n", ""));
     }
     EXPECT_EQ(times(), before);
+
+    if (geteuid() != 0 || access("/usr/bin/setpriv", X_OK) != 0)
+        GTEST_SKIP() << "needs root and setpriv to run kelvo as another user";
+    ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+    ASSERT_EQ(chmod(repo.c_str(), 0644), 0);
+    const std::vector<std::string> nobody = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534",
+                                             "--clear-groups"};
+    EXPECT_EQ(whole(kelvo_port(nobody)), Whole(0, "8080\n", ""));
+    std::remove((repo + "-wal").c_str());
+    std::remove((repo + "-shm").c_str());
+    EXPECT_EQ(whole(kelvo_port(nobody)), Whole(0, "8080\n", ""));
+    write_file(repo + "-wal", "a log whose index is gone");
+    e2e::Result r = kelvo_port(nobody);
+    EXPECT_EQ(r.status, 3);
+    EXPECT_NE(r.err.find("write-ahead log cannot be read"), std::string::npos) << r.err;
+}
+
+// What hgxrepo tells its users: kept types, what an import removes, when
+// kelvo sees an edit, and the diff of the running snapshot.
+const char GUIDANCE_MANIFEST[] = R"({"services": {"net/foo": {
+  "groups": {"config": {"properties": {"limit": 5, "port": 80}}, "old": {}},
+  "instances": {
+    "default": {"groups": {"config": {"properties": {"port": 8080}, "groups": {"tls": {}}},
+                           "general": {}}},
+    "spare": {}}}}})";
+
+const std::string WERN = "wrn:/net/foo:default";
+const std::string CONFIG = WERN + "/:properties/config";
+const std::string HINT =
+    "hgxrepo: kelvo sees this change after \"hgxrepo snapshot wrn:/net/foo:default\" "
+    "(or give --snapshot)\n";
+
+class HgxrepoGuidance : public Hgxrepo {
+  protected:
+    HgxrepoGuidance() : Hgxrepo(GUIDANCE_MANIFEST) {}
+};
+
+TEST_F(HgxrepoGuidance, SetpropKeepsTheInheritedType) {
+    EXPECT_EQ(whole(run({"setprop", CONFIG + "/limit", "7"})), (Whole{0, "", HINT}));
+    EXPECT_EQ(run({"show", WERN}).out.find("config/limit count \"7\"") != std::string::npos, true);
+    // A value the inherited type refuses is refused; -t still decides.
+    EXPECT_EQ(run({"setprop", CONFIG + "/port", "x"}).status, 1);
+    EXPECT_EQ(run({"setprop", CONFIG + "/limit", "-t", "astring", "x"}).status, 0);
+    EXPECT_NE(run({"show", WERN}).out.find("config/limit astring \"x\""), std::string::npos);
+    // Without a service property of that name the type is astring.
+    EXPECT_EQ(run({"setprop", CONFIG + "/fresh", "1"}).status, 0);
+    EXPECT_NE(run({"show", WERN}).out.find("config/fresh astring \"1\""), std::string::npos);
+}
+
+TEST_F(HgxrepoGuidance, EditsHintOrSnapshotAndDiffShowsWhatKelvoWouldSee) {
+    EXPECT_EQ(whole(run({"diff", WERN})), (Whole{0, "", ""}));
+    for (const std::vector<std::string>& edit :
+         {std::vector<std::string>{"setprop", CONFIG + "/port", "9090"},
+          {"addpg", WERN + "/:properties/extra", "application"},
+          {"delpg", CONFIG + "/tls"},
+          {"setprop", CONFIG + "/added", "a b"},
+          {"delprop", CONFIG + "/added"}})
+        EXPECT_EQ(whole(run(edit)), (Whole{0, "", HINT})) << edit[0];
+    // kelvo reads the group general from the current view: no hint.
+    EXPECT_EQ(whole(run({"setprop", WERN + "/:properties/general/on", "true"})),
+              (Whole{0, "", ""}));
+    EXPECT_EQ(whole(run({"diff", WERN})), (Whole{0,
+                                                 "~ config/port count \"8080\" -> count \"9090\"\n"
+                                                 "- config/tls/ application\n"
+                                                 "+ extra/ application\n"
+                                                 "+ general/on astring \"true\"\n",
+                                                 ""}));
+    EXPECT_EQ(whole(kelvo_port()), Whole(0, "8080\n", ""));
+
+    EXPECT_EQ(whole(run({"setprop", "--snapshot", CONFIG + "/port", "1"})), (Whole{0, "", ""}));
+    EXPECT_EQ(whole(run({"diff", WERN})), (Whole{0, "", ""}));
+    EXPECT_EQ(whole(kelvo_port()), Whole(0, "1\n", ""));
+    EXPECT_EQ(whole(run({"delpg", "--snapshot", WERN + "/:properties/extra"})), (Whole{0, "", ""}));
+    EXPECT_EQ(whole(run({"diff", WERN})), (Whole{0, "", ""}));
+
+    EXPECT_EQ(run({"diff", "wrn:/net/foo"}).status, 1);
+    e2e::make_repository(dir / "bare.db", GUIDANCE_MANIFEST, false);
+    e2e::Result bare = hgxrepo({"-r", dir / "bare.db", "diff", WERN});
+    EXPECT_EQ(bare.status, 1);
+    EXPECT_NE(bare.err.find("no snapshot \"running\" yet"), std::string::npos) << bare.err;
+}
+
+TEST_F(HgxrepoGuidance, ImportWarnsAboutWhatTheManifestNoLongerHas) {
+    const char* smaller = R"({"services": {"net/foo": {
+      "groups": {"config": {}},
+      "instances": {"default": {"groups": {"config": {}}}}}}})";
+    EXPECT_EQ(whole(run({"import", "-"}, smaller)),
+              (Whole{0, "",
+                     "hgxrepo: wrn:/net/foo: group \"old\" is not in the manifest; the import "
+                     "removes it\n"
+                     "hgxrepo: wrn:/net/foo:default: group \"config/tls\" is not in the "
+                     "manifest; the import removes it\n"
+                     "hgxrepo: wrn:/net/foo:default: group \"general\" is not in the manifest; "
+                     "the import removes it\n"
+                     "hgxrepo: wrn:/net/foo:spare: instance is not in the manifest; the import "
+                     "removes it\n"}));
+    EXPECT_EQ(run({"list"}).out, "wrn:/net/foo\nwrn:/net/foo:default\n");
+    // The same manifest again loses nothing more.
+    EXPECT_EQ(whole(run({"import", "-"}, smaller)), (Whole{0, "", ""}));
 }
 
 // The reason comes first, then the usage: of the command where one was
 // named, else of all of them. "CMD --help" is that usage, on standard output.
 TEST(HgxrepoCommandLine, BadCommandLinesSayWhyThenGiveUsage) {
-    static const std::string ALL = "usage: hgxrepo [-r FILE] import [--no-snapshot] MANIFEST...\n";
+    static const std::string ALL = "import [--no-snapshot] MANIFEST...";
     const struct {
         std::vector<std::string> args;
-        std::string reason, usage;  // usage: its first line
+        std::string reason, usage;  // usage: its first line behind "usage: hgxrepo [-r FILE] "
     } cases[] = {
         {{}, "no command given", ALL},
         {{"-r"}, "-r needs a FILE", ALL},
         {{"-x", "list"}, "unknown option \"-x\"", ALL},
-        {{"bogus"}, "unknown command \"bogus\"", ALL},
+        {{"bogus", "x"}, "unknown command \"bogus\"", ALL},
         {{"import"}, "import: missing MANIFEST", ALL},
         {{"import", "--no-snapshot"}, "import: missing MANIFEST", ALL},
-        {{"export", "a", "b"},
-         "export: unexpected argument \"b\"",
-         "usage: hgxrepo [-r FILE] export [WERN]\n"},
-        {{"list", "extra"},
-         "list: unexpected argument \"extra\"",
-         "usage: hgxrepo [-r FILE] list\n"},
-        {{"show"},
-         "show: missing WERN",
-         "usage: hgxrepo [-r FILE] show [--json] WERN [SNAPSHOT]\n"},
-        {{"copy"}, "copy: missing TARGET", "usage: hgxrepo [-r FILE] copy [--force] TARGET\n"},
-        {{"copy", "--force"},
-         "copy: missing TARGET",
-         "usage: hgxrepo [-r FILE] copy [--force] TARGET\n"},
-        {{"addpg", "wrn:/a/:properties/g"},
-         "addpg: missing TYPE",
-         "usage: hgxrepo [-r FILE] addpg [--snapshot] WERN TYPE\n"},
-        {{"addpg", "--snapshot"},
-         "addpg: missing WERN",
-         "usage: hgxrepo [-r FILE] addpg [--snapshot] WERN TYPE\n"},
+        {{"export", "a", "b"}, "export: unexpected argument \"b\"", "export [WERN]"},
+        {{"list", "extra"}, "list: unexpected argument \"extra\"", "list"},
+        {{"list", "--snapshot"}, "--snapshot goes with setprop, delprop, addpg and delpg", "list"},
+        {{"show"}, "show: missing WERN", "show [--json] WERN [SNAPSHOT]"},
+        {{"copy"}, "copy: missing TARGET", "copy [--force] TARGET"},
+        {{"copy", "--force"}, "copy: missing TARGET", "copy [--force] TARGET"},
+        {{"addpg", "wrn:/a/:properties/g"}, "addpg: missing TYPE", "addpg [--snapshot] WERN TYPE"},
+        {{"addpg", "--snapshot"}, "addpg: missing WERN", "addpg [--snapshot] WERN TYPE"},
         {{"setprop", "wrn:/a/:properties/g/p", "-t"},
          "setprop: -t needs a TYPE",
-         "usage: hgxrepo [-r FILE] setprop [--snapshot] WERN [-t TYPE] [VALUE...]\n"},
+         "setprop [--snapshot] WERN [-t TYPE] [VALUE...]"},
         {{"setprop", "-t", "count", "wrn:/a/:properties/g/p", "1"},
          "setprop: -t goes behind the WERN",
-         "usage: hgxrepo [-r FILE] setprop [--snapshot] WERN [-t TYPE] [VALUE...]\n"},
-        {{"snapshot"}, "snapshot: missing WERN", "usage: hgxrepo [-r FILE] snapshot WERN [NAME]\n"},
-        {{"delete"}, "delete: missing WERN", "usage: hgxrepo [-r FILE] delete WERN\n"},
+         "setprop [--snapshot] WERN [-t TYPE] [VALUE...]"},
+        {{"snapshot"}, "snapshot: missing WERN", "snapshot WERN [NAME]"},
+        {{"delete"}, "delete: missing WERN", "delete WERN"},
     };
     for (const auto& c : cases) {
         e2e::Result r = hgxrepo(c.args);
@@ -496,7 +530,8 @@ TEST(HgxrepoCommandLine, BadCommandLinesSayWhyThenGiveUsage) {
         EXPECT_EQ(r.status, 2) << name;
         EXPECT_EQ(r.out, "") << name;
         EXPECT_EQ(r.err.substr(0, r.err.find('\n') + 1), "hgxrepo: " + c.reason + "\n") << r.err;
-        EXPECT_EQ(r.err.find(c.usage), r.err.find('\n') + 1) << r.err;
+        EXPECT_EQ(r.err.find("usage: hgxrepo [-r FILE] " + c.usage + "\n"), r.err.find('\n') + 1)
+            << r.err;
     }
     for (const char* command : {"import", "show", "sync", "copy"}) {
         e2e::Result r = hgxrepo({command, "--help"});
@@ -506,12 +541,14 @@ TEST(HgxrepoCommandLine, BadCommandLinesSayWhyThenGiveUsage) {
         EXPECT_EQ(r.err, "") << command;
     }
     EXPECT_EQ(hgxrepo({"help", "copy"}).out, "usage: hgxrepo [-r FILE] copy [--force] TARGET\n");
-    e2e::Result help = hgxrepo({"--help"});
-    EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(help.out.rfind(ALL, 0), 0u);
-    e2e::Result version = hgxrepo({"--version"});
-    EXPECT_EQ(version.status, 0);
-    EXPECT_EQ(version.out, "hgxrepo " KELVO_VERSION "\n");
+    for (const char* word : {"help", "--help"}) {
+        e2e::Result help = hgxrepo({word});
+        EXPECT_EQ(help.status, 0) << word;
+        EXPECT_EQ(help.out.rfind("usage: hgxrepo [-r FILE] " + ALL + "\n", 0), 0u) << word;
+        EXPECT_NE(help.out.find("hgxrepo [-r FILE] diff WERN\n"), std::string::npos) << word;
+        EXPECT_EQ(help.err, "") << word;
+    }
+    EXPECT_EQ(whole(hgxrepo({"--version"})), Whole(0, "hgxrepo " KELVO_VERSION "\n", ""));
 }
 
 }  // namespace

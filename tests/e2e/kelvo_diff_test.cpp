@@ -39,6 +39,7 @@ std::string tree_of(const std::string& dir) {
 
 class KelvoDiff : public e2e::ProgramTest {
   protected:
+    KelvoDiff() : ProgramTest(manifest("8080", "0640")) {}
     void SetUp() override {
         ProgramTest::SetUp();
         e2e::write_file(stencils + "/foo", "# foo\nport=$%{config/port}\nend\n");
@@ -48,12 +49,11 @@ class KelvoDiff : public e2e::ProgramTest {
     }
     e2e::Result diff() { return diff({"-f", WERN, "-R", root, "-S", stencils}); }
     e2e::Result kelvo() { return e2e::kelvo(repo, {"-a", "-f", WERN, "-R", root, "-S", stencils}); }
+    const std::string path = root + "//etc/foo.conf";  // as the diff names it
 };
 
 TEST_F(KelvoDiff, NewFileShowsModeAndContentAndWritesNothing) {
-    e2e::make_repository(repo, manifest("8080", "0640"));
     const std::string before = tree_of(root);
-    const std::string path = root + "//etc/foo.conf";
     EXPECT_EQ(whole(diff()), (Whole{1,
                                     "kelvo-diff " + path +
                                         "\nnew file mode 0640\n"
@@ -68,7 +68,6 @@ TEST_F(KelvoDiff, NewFileShowsModeAndContentAndWritesNothing) {
 // A link below the root resolves inside it: the file outside is neither
 // shown nor taken for the old text.
 TEST_F(KelvoDiff, LinkBelowTheRootShowsNothingOutside) {
-    e2e::make_repository(repo, manifest("8080", "0640"));
     e2e::write_file(dir / "secret", "# foo\nsecret\n");
     ASSERT_EQ(system(("mkdir -p " + root + dir.path()).c_str()), 0);
     e2e::write_file(root + dir.path() + "/secret", "# foo\nport=1\nend\n");
@@ -79,23 +78,13 @@ TEST_F(KelvoDiff, LinkBelowTheRootShowsNothingOutside) {
     EXPECT_NE(r.out.find("-port=1\n+port=8080\n"), std::string::npos) << r.out;
 }
 
-TEST_F(KelvoDiff, UpToDateFileShowsNothing) {
-    e2e::make_repository(repo, manifest("8080", "0640"));
+// Up to date, nothing is shown or touched; a changed property shows its line.
+TEST_F(KelvoDiff, ChangedPropertyShowsTheLine) {
     ASSERT_EQ(kelvo().status, 0);
     const std::string before = tree_of(root);
     EXPECT_EQ(whole(diff()), (Whole{0, "", ""}));
     EXPECT_EQ(tree_of(root), before);
-}
-
-TEST_F(KelvoDiff, ChangedPropertyShowsTheLine) {
-    e2e::make_repository(repo, manifest("8080", "0640"));
-    ASSERT_EQ(kelvo().status, 0);
-    ASSERT_EQ(e2e::hgxrepo(
-                  {"-r", repo, "setprop", std::string(WERN) + "/:properties/config/port", "9090"})
-                  .status,
-              0);
-    ASSERT_EQ(e2e::hgxrepo({"-r", repo, "snapshot", WERN}).status, 0);
-    const std::string path = root + "//etc/foo.conf";
+    e2e::make_repository(repo, manifest("9090", "0640"));
     EXPECT_EQ(whole(diff()), (Whole{1,
                                     "kelvo-diff " + path + "\n--- " + path + "\n+++ " + path +
                                         "\n@@ -1,3 +1,3 @@\n # foo\n-port=8080\n+port=9090\n end\n",
@@ -109,13 +98,11 @@ TEST_F(KelvoDiff, ChangedPropertyShowsTheLine) {
 // A changed mode alone is not applied by kelvo (the file already holds the
 // text); with a changed text it is, and shown.
 TEST_F(KelvoDiff, ChangedModeCountsOnlyWithAChangedText) {
-    e2e::make_repository(repo, manifest("8080", "0640"));
     ASSERT_EQ(kelvo().status, 0);
     e2e::make_repository(repo, manifest("8080", "0600"));
     EXPECT_EQ(whole(diff()), (Whole{0, "", ""}));
 
     e2e::make_repository(repo, manifest("1", "0600"));
-    const std::string path = root + "//etc/foo.conf";
     EXPECT_EQ(whole(diff()),
               (Whole{1,
                      "kelvo-diff " + path + "\nold mode 0640\nnew mode 0600\n--- " + path +
@@ -125,7 +112,6 @@ TEST_F(KelvoDiff, ChangedModeCountsOnlyWithAChangedText) {
 
 // Refused as kelvo refuses, with kelvo's texts, and nothing written.
 TEST_F(KelvoDiff, BadInput) {
-    e2e::make_repository(repo, manifest("8080", "0640"));
     const std::string before = tree_of(root);
 
     e2e::Result r = diff({"-R", root});

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -33,51 +34,43 @@ using e2e::Whole;
 // paragraph beginning with "gives" follows.
 std::vector<std::pair<int, std::string>> guide_examples(const std::string& text) {
     std::vector<std::string> lines;
-    for (size_t at = 0, end; at < text.size(); at = end + 1) {
-        end = text.find('\n', at);
-        if (end == std::string::npos) end = text.size();
-        lines.push_back(text.substr(at, end - at));
-    }
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
     auto trimmed = [](const std::string& l) {
         return l.substr(std::min(l.find_first_not_of(' '), l.size()));
     };
     std::vector<std::pair<int, std::string>> examples;
-    bool stencil_table = false;
+    bool table = false;
     for (size_t i = 0; i < lines.size(); ++i) {
         const std::string line = trimmed(lines[i]);
-        if (line.rfind("```", 0) == 0) {
-            const size_t indent = lines[i].size() - line.size();
-            std::string block;
-            size_t j = i + 1;
-            for (; j < lines.size() && trimmed(lines[j]).rfind("```", 0) != 0; ++j)
-                block += lines[j].substr(std::min(indent, lines[j].size())) + "\n";
-            size_t next = j + 1;
-            while (next < lines.size() && trimmed(lines[next]).empty()) ++next;
-            if (line == "```" && next < lines.size() && trimmed(lines[next]).rfind("gives", 0) == 0)
-                examples.emplace_back(static_cast<int>(i + 1), block);
-            i = j;
-            continue;
-        }
-        if (line.rfind("| Stencil | Output |", 0) == 0) stencil_table = true;
-        if (line.rfind("|", 0) != 0) stencil_table = false;
-        if (stencil_table && line.rfind("| `", 0) == 0)
+        table = line.rfind("| Stencil | Output |", 0) == 0 || (table && line.rfind("|", 0) == 0);
+        if (table && line.rfind("| `", 0) == 0)
             examples.emplace_back(static_cast<int>(i + 1), line.substr(3, line.find("` |") - 3));
+        if (line.rfind("```", 0) != 0) continue;
+        const size_t indent = lines[i].size() - line.size();
+        std::string block;
+        size_t j = i + 1;
+        for (; j < lines.size() && trimmed(lines[j]).rfind("```", 0) != 0; ++j)
+            block += lines[j].substr(std::min(indent, lines[j].size())) + "\n";
+        size_t next = j + 1;
+        while (next < lines.size() && trimmed(lines[next]).empty()) ++next;
+        if (line == "```" && next < lines.size() && trimmed(lines[next]).rfind("gives", 0) == 0)
+            examples.emplace_back(static_cast<int>(i + 1), block);
+        i = j;
     }
     return examples;
 }
 
 class KelvoLint : public e2e::ProgramTest {
   protected:
-    void SetUp() override {
-        ProgramTest::SetUp();
-        e2e::make_repository(repo, MANIFEST);
-    }
+    KelvoLint() : ProgramTest(MANIFEST) {}
     e2e::Result lint(const std::vector<std::string>& args) {
         return e2e::program(e2e::kelvo_lint_bin(), repo, args);
     }
-    e2e::Result lint_text(const std::string& text) {
+    e2e::Result lint_text(const std::string& text, std::vector<std::string> args = {}) {
         e2e::write_file(stencils + "/s", text);
-        return lint({"-f", WERN, "-S", stencils, "-i", "s"});
+        args.insert(args.end(), {"-f", WERN, "-S", stencils, "-i", "s"});
+        return lint(args);
     }
 };
 
@@ -148,17 +141,14 @@ TEST_F(KelvoLint, AllConfigfileStencilsWithTheirDefines) {
 }
 
 TEST_F(KelvoLint, DefinesAsKelvoTakesThem) {
-    e2e::write_file(stencils + "/s", "$%{$%[g]/port}\n$%{$%[g]/prot}\n");
-    EXPECT_EQ(whole(lint({"-f", WERN, "-S", stencils, "-D", "g=config", "-i", "s"})),
+    EXPECT_EQ(whole(lint_text("$%{$%[g]/port}\n$%{$%[g]/prot}\n", {"-D", "g=config"})),
               (Whole{1, stencils + "/s:2: config/prot\n", ""}));
-    e2e::write_file(stencils + "/t", "$%[g]$%{config/$%[h]}\n");
-    EXPECT_EQ(
-        whole(lint({"-f", WERN, "-S", stencils, "-D", "g=con}fig", "-D", "h=a=b", "-i", "t"})),
-        (Whole{1,
-               "-D g: \"}\" cuts the value \"con}fig\" to \"con\"; \"fig}\" lands in front "
-               "of the file (write \"\\}\")\n" +
-                   stencils + "/t:1: config/a=b\n",
-               ""}));
+    EXPECT_EQ(whole(lint_text("$%[g]$%{config/$%[h]}\n", {"-D", "g=con}fig", "-D", "h=a=b"})),
+              (Whole{1,
+                     "-D g: \"}\" cuts the value \"con}fig\" to \"con\"; \"fig}\" lands in front "
+                     "of the file (write \"\\}\")\n" +
+                         stencils + "/s:1: config/a=b\n",
+                     ""}));
 }
 
 // Quiet on what the project ships: the demo's stencils with its repository,
@@ -169,22 +159,18 @@ TEST(KelvoLintShipped, DemoAndGuideAreClean) {
     const std::string demo = dir / "demo.db", guide = dir / "guide.db";
     ASSERT_EQ(e2e::hgxrepo({"-r", demo, "import", src + "/examples/services.json"}).status, 0);
     ASSERT_EQ(e2e::hgxrepo({"-r", guide, "import", src + "/examples/guide.json"}).status, 0);
-    for (const char* wern : {"wrn:/network/http:default", "wrn:/system/timesync:default",
-                             "wrn:/network/resolver:default"})
-        EXPECT_EQ(whole(e2e::program(e2e::kelvo_lint_bin(), demo,
-                                     {"-f", wern, "-S", src + "/examples/stencils", "-a"})),
-                  (Whole{0, "", ""}))
-            << wern;
-    // Alone, with the define its group gives; and the disabled group's.
+    // Every instance's stencils; one alone, with the define its group gives;
+    // and the disabled group's.
+    const std::string stencils = src + "/examples/stencils";
     for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"-f", "wrn:/system/timesync:default", "-D", "keyfile=/etc/k",
-                                   "-i", "timesync.conf.stencil"},
-          {"-f", "wrn:/network/http:default", "-i", "robots.txt.stencil"}}) {
-        std::vector<std::string> full = {"-S", src + "/examples/stencils"};
-        full.insert(full.end(), args.begin(), args.end());
-        EXPECT_EQ(whole(e2e::program(e2e::kelvo_lint_bin(), demo, full)), (Whole{0, "", ""}))
-            << args.back();
-    }
+         {std::vector<std::string>{"-f", "wrn:/network/http:default", "-S", stencils, "-a"},
+          {"-f", "wrn:/system/timesync:default", "-S", stencils, "-a"},
+          {"-f", "wrn:/network/resolver:default", "-S", stencils, "-a"},
+          {"-f", "wrn:/system/timesync:default", "-S", stencils, "-D", "keyfile=/etc/k", "-i",
+           "timesync.conf.stencil"},
+          {"-f", "wrn:/network/http:default", "-S", stencils, "-i", "robots.txt.stencil"}})
+        EXPECT_EQ(whole(e2e::program(e2e::kelvo_lint_bin(), demo, args)), (Whole{0, "", ""}))
+            << args[1] << " " << args.back();
 
     const std::vector<std::pair<int, std::string>> examples =
         guide_examples(e2e::read_file(src + "/docs/stencil-language.md"));

@@ -1,7 +1,7 @@
 #!/bin/sh
 # The bash completions of hgxrepo, kelvo and its companions, in bash with
 # bash-completion's helpers loaded, against a repository of the examples:
-# hgxrepo's command words (all that `hgxrepo --commands` names), a command's
+# hgxrepo's command words (from `hgxrepo --commands`), a command's
 # options and werns, and an option of each companion.
 #
 #   sh completion_test.sh COMPLETION_DIR BIN_DIRS SOURCE_DIR
@@ -17,14 +17,6 @@ trap 'rm -rf "$T"' EXIT
 PATH=$BINS:$PATH
 export PATH
 hgxrepo -r "$T/repo.db" import "$SRC/examples/services.json" >/dev/null || { echo "FAIL: import" >&2; exit 1; }
-commands=$(hgxrepo --commands | tr '\n' ' ')
-for word in import export snapshot setprop delprop addpg delpg delete list show get copy diff sync help; do
-    case " $commands" in
-        *" $word "*) ;;
-        *) echo "FAIL: hgxrepo --commands lacks $word: $commands" >&2; exit 1 ;;
-    esac
-done
-
 got=$(HGX_REPOSITORY=$T/repo.db bash -c '
     C=$1
     . "$2"
@@ -53,7 +45,7 @@ got=$(HGX_REPOSITORY=$T/repo.db bash -c '
     complete_line kelvo-lint -f wrn:/sys
     complete_line kelvo-apply --d
 ' sh "$C" "$BASH_COMPLETION" "$T/repo.db" "$SRC/examples/stencils")
-want="hgxrepo : -r --help --version $commands
+want="hgxrepo : -r --help --version import export snapshot setprop delprop addpg delpg delete list show get copy diff sync grant upgrade hosts help
 hgxrepo he: help
 hgxrepo help sy: sync
 hgxrepo -r $T/repo.db show : wrn:/network/http wrn:/network/http:default wrn:/network/resolver wrn:/network/resolver:default wrn:/system/timesync wrn:/system/timesync:default
@@ -69,8 +61,7 @@ kelvo-lint -: -a -D -f -i -S
 kelvo-lint -f wrn:/sys: /system/timesync:default
 kelvo-apply --d: --dry-run"
 # Behind a colon only the rest of a wern is completed, as bash splits words
-# at colons. The first reply ends in a blank: the command list is joined
-# with one.
+# at colons.
 want=$(echo "$want" | sed 's/ *$//')
 got=$(echo "$got" | sed 's/ *$//')
 if [ "$got" != "$want" ]; then

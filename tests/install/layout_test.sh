@@ -65,16 +65,14 @@ fi
 
 for b in kelvo hgxrepo kelvo-diff kelvo-lint kelvo-apply; do
     [ -x "$D/usr/bin/$b" ] || fail "/usr/bin/$b is not executable"
+    head -n 1 "$D/usr/share/man/man1/$b.1" | grep -q "\"kelvo $VERSION\"" ||
+        fail "$b.1 does not carry version $VERSION: $(head -n 1 "$D/usr/share/man/man1/$b.1")"
 done
 out=$("$D/usr/bin/hgxrepo" --version) || fail "hgxrepo --version exited with $?"
 [ "$out" = "hgxrepo $VERSION" ] || fail "hgxrepo --version printed '$out'"
 # An example script is run where it is installed: it keeps its run bit.
 for f in $(cd "$SRC" && find examples -type f -perm -u+x); do
     [ -x "$D/usr/share/doc/kelvo/$f" ] || fail "/usr/share/doc/kelvo/$f lost its run bit"
-done
-for page in kelvo hgxrepo kelvo-diff kelvo-lint kelvo-apply; do
-    head -n 1 "$D/usr/share/man/man1/$page.1" | grep -q "\"kelvo $VERSION\"" ||
-        fail "$page.1 does not carry version $VERSION: $(head -n 1 "$D/usr/share/man/man1/$page.1")"
 done
 
 # The installed programs on the installed examples make the files that the
