@@ -140,9 +140,6 @@ class EtcdSync : public ::testing::Test {
     void SetUp() override {
         ETCD_START_OR_SKIP(server, options);
         url = server.url("fleet");
-        mirror = dir / "mirror.db";
-        log = dir / "sync.log";
-        seen = dir / "changed";
         if (!seeded) return;
         ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 0)).status, 0);
         ASSERT_EQ(cluster({"import", "-"}, manifest("app/db", 0)).status, 0);
@@ -174,6 +171,17 @@ class EtcdSync : public ::testing::Test {
         return r.status == 0 ? r.out : "status " + std::to_string(r.status) + ": " + r.err;
     }
     bool mirrored() { return local({"export"}).out == cluster({"export"}).out; }
+    // kelvo on the cluster, printing config/p0.
+    e2e::Whole p0(const e2e::Env& env = {}) {
+        return e2e::whole(e2e::kelvo(url, {"-f", WERN}, "$%{config/p0}\n", env));
+    }
+    // What kelvo and hgxrepo say where the repository fails them.
+    e2e::Whole unable(const std::string& text) const {
+        return {3, "", "kelvo: Unable to get properties for " + WERN + ": " + text + "\n"};
+    }
+    e2e::Whole refused(const std::string& text) const {
+        return {1, "", "hgxrepo: " + url + ": " + text + "\n"};
+    }
     // eventually(), with the mirror's log where it fails.
     ::testing::AssertionResult soon(const std::function<bool()>& ok) {
         if (eventually(ok)) return ::testing::AssertionSuccess();
@@ -190,7 +198,7 @@ class EtcdSync : public ::testing::Test {
 
     etcd_testing::EtcdServer server;
     e2e::TempDir dir;
-    std::string url, mirror, log, seen;
+    std::string url, mirror = dir / "mirror.db", log = dir / "sync.log", seen = dir / "changed";
     etcd_testing::Options options;
     bool seeded = true;  // the services app/web and app/db, generation 0
 };
@@ -199,22 +207,13 @@ class EtcdSync : public ::testing::Test {
 class EtcdCluster : public EtcdSync {
   protected:
     EtcdCluster() { seeded = false; }
-    // kelvo on the cluster, printing config/p0.
-    e2e::Whole p0(const e2e::Env& env = {}) {
-        return e2e::whole(e2e::kelvo(url, {"-f", WERN}, "$%{config/p0}\n", env));
-    }
-    // What kelvo and hgxrepo say where the repository fails them.
-    e2e::Whole unable(const std::string& text) const {
-        return {3, "", "kelvo: Unable to get properties for " + WERN + ": " + text + "\n"};
-    }
-    e2e::Whole refused(const std::string& text) const {
-        return {1, "", "hgxrepo: " + url + ": " + text + "\n"};
-    }
 };
 
-class EtcdClusterThree : public EtcdCluster {
+// A cluster of three; the mirror's URL names member 0 first, and its watch
+// starts there.
+class EtcdSyncThree : public EtcdSync {
   protected:
-    EtcdClusterThree() { options.members = 3; }
+    EtcdSyncThree() { options.members = 3; }
 };
 
 class EtcdClusterTls : public EtcdCluster {
@@ -230,31 +229,26 @@ TEST_F(EtcdCluster, EveryRunSeesOneGenerationWhileImportsRewriteTheInstance) {
 }
 
 // A cluster that hangs or is gone ends a run with status 3 and a write with
-// status 1. Then it fails after a run has bound and read its instance.
-// kelvo reads its stencil from standard input only then: the test puts the
-// first byte in the pipe, waits until kelvo has taken it, fails the
-// cluster, and hands over the rest, whose reference to another service must
-// now be pulled. The run ends as a repository failure, status 3, and
-// changes nothing.
+// status 1, also once a run has bound and read its instance: kelvo reads
+// its stencil from standard input only then, so the test fails the cluster
+// once kelvo has taken the first byte and hands over the rest, whose
+// reference to another service must now be pulled. Nothing is changed.
 TEST_F(EtcdCluster, AFailingClusterEndsTheRunWithStatusThreeAndChangesNothing) {
     ASSERT_EQ(cluster({"import", "-"}, generation(0, 2)).status, 0);
     ASSERT_EQ(p0(), e2e::Whole(0, "g0\n", ""));
-    // Frozen: connections are accepted and never answered. The run ends by
-    // its own time budget (the message says so); a hang would meet the
-    // test's timeout instead. A write gives up as well, with the text and
-    // nothing of the client's.
+    // Frozen: connections are accepted and never answered. A run or a write
+    // ends by its own time budget, with the text and nothing of the
+    // client's; a hang would meet the test's timeout instead.
+    const std::vector<std::string> set = {"setprop", WERN + "/:properties/config/p0", "x"};
     server.freeze(true);
-    const e2e::Whole hung = p0(),
-                     silent =
-                         e2e::whole(cluster({"setprop", WERN + "/:properties/config/p0", "x"}));
+    const e2e::Whole hung = p0(), silent = e2e::whole(cluster(set));
     server.freeze(false);
     EXPECT_EQ(hung, unable("The etcd cluster did not answer in time"));
     EXPECT_EQ(silent, refused("The etcd cluster did not answer in time"));
     server.kill_member(0);
     EXPECT_EQ(p0(), unable("No member of the etcd cluster answers"));
-    EXPECT_EQ(e2e::whole(cluster({"setprop", WERN + "/:properties/config/p0", "x"})),
-              refused("No member of the etcd cluster answers: " + server.endpoints(true) +
-                      ": Connection refused"));
+    EXPECT_EQ(e2e::whole(cluster(set)), refused("No member of the etcd cluster answers: " +
+                                                server.endpoints(true) + ": Connection refused"));
     server.restart_member(0);
 
     ASSERT_EQ(cluster({"import", "-"}, R"({"services": {
@@ -339,7 +333,7 @@ TEST_F(EtcdCluster, AFailingClusterEndsTheRunWithStatusThreeAndChangesNothing) {
 
 // A run on a member that hangs asks the next one too (the figures are in
 // bench/failover.sh); one whose member is gone goes on through the others.
-TEST_F(EtcdClusterThree, RunsGoOnThroughTheOtherMembersWhenOneHangsOrTheLeaderDies) {
+TEST_F(EtcdSyncThree, RunsGoOnThroughTheOtherMembersWhenOneHangsOrTheLeaderDies) {
     ASSERT_EQ(cluster({"import", "-"}, generation(0, 2)).status, 0);
     // The URL names the hung member first.
     server.freeze(true, 0);
@@ -375,7 +369,6 @@ TEST_F(EtcdClusterTls, TlsWithClientCertificates) {
     const std::string text =
         "TLS with the etcd cluster failed (HGX_ETCD_CACERT, HGX_ETCD_CERT, HGX_ETCD_KEY): ";
     const std::string member = "127.0.0.1:" + std::to_string(server.client_port(0));
-    e2e::TempDir dir;
     struct Case {
         const char* name;
         e2e::Env env;
@@ -493,7 +486,6 @@ TEST_F(EtcdCluster, BadInputIsRefusedAndAWholeRepositoryIsCopiedToAFileAndBack) 
     EXPECT_EQ(cluster({"export"}).out, before);
 
     // A whole repository copied to the cluster and back to a file.
-    e2e::TempDir dir;
     const std::string file = dir / "a.db", back = dir / "b.db";
     const std::string manifest = e2e::read_file(e2e::source_dir() + "/examples/services.json");
     ASSERT_EQ(hgxrepo({"-r", file, "import", "-"}, manifest).status, 0);
@@ -514,7 +506,6 @@ TEST_F(EtcdCluster, BadInputIsRefusedAndAWholeRepositoryIsCopiedToAFileAndBack) 
 // service, leaves the cluster holding what the same commands leave in a
 // file; racing commits all land.
 TEST_F(EtcdCluster, CommitsOfEverySizeGiveWhatTheyGiveAFileAndRacingWritersAllLand) {
-    e2e::TempDir dir;
     const std::string file = dir / "same.db";
     // 60 services at once: more pointers than one switch moves.
     std::string many = "{\"services\": {";
@@ -600,7 +591,6 @@ TEST_F(EtcdCluster, KeysOfWritersThatDiedAreRemovedByTheNextWriter) {
     ASSERT_EQ(cluster({"import", "-"}, e2e::fleet_manifest("fleet/web", 1000, 5, 0)).status, 0);
     auto count = [&](const char* prefix) { return server.count(prefix); };
     const long clean = count("fleet/");
-    e2e::TempDir dir;
     const std::string manifest = dir / "fleet.json";
     int caught = 0;
     for (int gen = 1; gen <= 20; ++gen) {
@@ -652,8 +642,6 @@ TEST(EtcdClient, IsLoadedOnlyForAClusterUrlAndLibcurlOnlyForTls) {
     EXPECT_EQ(r.status, 3);
     EXPECT_NE(r.err.find("libcurl"), std::string::npos);
 }
-
-// ---- hgxrepo sync ----------------------------------------------------------
 
 // systemd (Type=notify) hears READY=1 once the mirror holds a copy. The
 // command reads the mirror, and hears of the instances whose view (what
@@ -803,8 +791,7 @@ TEST_F(EtcdSync, ANameNoImportWouldTakeIsRefusedAndTheMirrorStaysPut) {
     // A service planted by hand under a name that would add a line to
     // HGX_CHANGED (app/web's keys under that name), with a head and a record
     // of the commit that name it, as a writer's commit would.
-    const std::string endpoints = server.endpoints();
-    const std::string all = e2e::etcdctl(endpoints, {"get", "--prefix", "fleet/"}).out;
+    const std::string all = e2e::etcdctl(server.endpoints(), {"get", "--prefix", "fleet/"}).out;
     const std::string bad = "x$(touch " + (dir / "P") + ")\nwrn:/injected/line:default";
     const std::string web = "fleet/o/app/web:/";
     nlohmann::json txn = {{"success", nlohmann::json::array()}};
@@ -848,18 +835,12 @@ TEST_F(EtcdSync, ANameNoImportWouldTakeIsRefusedAndTheMirrorStaysPut) {
     EXPECT_FALSE(e2e::exists(dir / "copy.db"));
 
     // Without it, the next commit brings everything since the last one applied.
-    for (const auto& key : planted) ASSERT_EQ(e2e::etcdctl(endpoints, {"del", key}).status, 0);
+    for (const auto& key : planted)
+        ASSERT_EQ(e2e::etcdctl(server.endpoints(), {"del", key}).status, 0);
     ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", 2)).status, 0);
     EXPECT_TRUE(soon([&] { return mirrored() && value() == "g2\n"; }));
     EXPECT_EQ(sync->stop(), 0);
 }
-
-// A cluster of three; the mirror's URL names member 0 first, and its watch
-// starts there.
-class EtcdSyncThree : public EtcdSync {
-  protected:
-    EtcdSyncThree() { options.members = 3; }
-};
 
 // The watch leaves a member that is gone or hangs for the next; a change
 // reaches the mirror (how soon is bench/failover.sh's to measure: seconds)
@@ -913,13 +894,11 @@ mode_t mode_of(const std::string& path) {
     return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 
-// A copy once is the cluster exactly, or the services named. A mirror
-// holds what a password protects: its file and logs are its owner's alone
-// unless --mode says otherwise; an existing file keeps its mode. Every
-// command that writes refuses a mirror with one line: sync alone writes it.
-// A mirror copied to a cluster replaces all there: only a whole mirror, and
-// only with --force. A file that is not the mirror of this prefix is refused
-// and left alone.
+// A copy once is the cluster, or the services named; its file and logs are
+// its owner's alone (a password protects what it holds) unless --mode says
+// otherwise, and an existing file keeps its mode. Sync alone writes a
+// mirror; copied to a cluster it replaces all there, whole and with --force
+// only. A file that is not the mirror of this prefix is left alone.
 TEST_F(EtcdSync, OnceCopiesTheClusterOrTheServicesNamedAndOnlySyncWritesAMirror) {
     const std::string wide = dir / "wide.db", part = dir / "part.db", other = dir / "other.db";
     ASSERT_EQ(hgxrepo({"-r", mirror, "sync", "--once", url}).status, 0);
@@ -1021,7 +1000,6 @@ class EtcdFleet : public EtcdSync {
         options.insert(options.begin(), {"--exec", "printf '%s--\\n' \"$HGX_CHANGED\" >> " + seen});
         return start_sync(options, creds(user));
     }
-    std::string list(const std::string& mirror) { return hgxrepo({"-r", mirror, "list"}).out; }
     // The fleet of examples/fleet.json with etcd's authentication on, and
     // the users web01 and web02, each granted its own instance and status key.
     void with_host_users() {
@@ -1045,7 +1023,7 @@ TEST_F(EtcdFleet, AHostUserReadsItsOwnInstanceAndNothingOfAnotherHost) {
 
     // A's mirror follows its instance, and kelvo reads it there and in the cluster.
     auto sync = following({}, "web01");
-    ASSERT_TRUE(soon([&] { return list(mirror) == FLEET + "\n" + FLEET + ":web01\n"; }));
+    ASSERT_TRUE(soon([&] { return local({"list"}).out == FLEET + "\n" + FLEET + ":web01\n"; }));
     EXPECT_EQ(kelvo(mirror, FLEET + ":web01"), "web01.example.org www-data\n");
     EXPECT_EQ(kelvo(url, FLEET + ":web01", "web01"), "web01.example.org www-data\n");
     EXPECT_EQ(told(), FLEET + ":web01\n--\n");
@@ -1108,7 +1086,7 @@ TEST_F(EtcdFleet, ABigServiceIsCopiedOnABusyHostAndAMirrorOfSomeInstancesHoldsTh
         waitpid(pid, nullptr, 0);
     }
     ASSERT_EQ(r.status, 0) << r.err;
-    std::string listed = list(dir / "all.db");
+    std::string listed = hgxrepo({"-r", dir / "all.db", "list"}).out;
     EXPECT_EQ(std::count(listed.begin(), listed.end(), '\n'), hosts + 1);
 
     ASSERT_EQ(
@@ -1116,7 +1094,7 @@ TEST_F(EtcdFleet, ABigServiceIsCopiedOnABusyHostAndAMirrorOfSomeInstancesHoldsTh
         0);
     auto sync = following({"--instance", FLEET + ":web0[12]"}, "");
     const std::string both = FLEET + ":web01\n" + FLEET + ":web02\n";
-    ASSERT_TRUE(soon([&] { return list(mirror) == FLEET + "\n" + both; }));
+    ASSERT_TRUE(soon([&] { return local({"list"}).out == FLEET + "\n" + both; }));
     EXPECT_EQ(kelvo(mirror, FLEET + ":web02"), "web02.example.org www-data\n");
     EXPECT_EQ(told(), both + "--\n");
 
@@ -1130,7 +1108,7 @@ TEST_F(EtcdFleet, ABigServiceIsCopiedOnABusyHostAndAMirrorOfSomeInstancesHoldsTh
     EXPECT_EQ(kelvo(mirror, FLEET + ":web01"), "web01.example.org nobody\n");
     // An instance removed from the cluster leaves the mirror.
     ASSERT_EQ(cluster({"delete", FLEET + ":web01"}).status, 0);
-    ASSERT_TRUE(soon([&] { return list(mirror) == FLEET + "\n" + FLEET + ":web02\n"; }));
+    ASSERT_TRUE(soon([&] { return local({"list"}).out == FLEET + "\n" + FLEET + ":web02\n"; }));
     EXPECT_EQ(told(), FLEET + ":web01\n--\n");
     EXPECT_EQ(sync->stop(), 0);
     EXPECT_EQ(hgxrepo({"-r", mirror, "show", FLEET + ":web02", "running"}).out,
@@ -1186,8 +1164,6 @@ TEST_F(EtcdFleet, APrefixOfTheFirstLayoutIsNamedAndUpgradedWithAMirrorFollowing)
     EXPECT_EQ(cluster({"upgrade"}).out, url + ": already in the current layout\n");
 }
 
-// ---- what the mirror tells of itself, and what its command is given --------
-
 // The mirror's file's own record of the revision it holds.
 std::string revision_of(const std::string& mirror) {
     e2e::Run r;
@@ -1209,21 +1185,18 @@ TEST_F(EtcdFleet, HostsTellWhereEveryMirrorStandsAndADeadOneGoes) {
     // the mirror: it gets none of the cluster's credentials, only the CA (no
     // secret).
     const std::string release = dir / "release", metrics = dir / "web01.prom", env = dir / "env";
-    auto with_ttl = [&](e2e::Env e) {
-        e.emplace("HGX_SYNC_STATUS_TTL", "3");
-        return e;
-    };
-    e2e::Env all = with_ttl(creds("web02"));
-    all.insert({{"HGX_ETCD_CERT", log},
-                {"HGX_ETCD_KEY", log},
-                {"HGX_ETCD_CACERT", "/etc/ca.pem"},
-                {"HGX_ETCD_TOKEN", "t"}});
+    e2e::Env env1 = creds("web01"), env2 = creds("web02");
+    for (e2e::Env* e : {&env1, &env2}) e->emplace("HGX_SYNC_STATUS_TTL", "3");
+    env2.insert({{"HGX_ETCD_CERT", log},
+                 {"HGX_ETCD_KEY", log},
+                 {"HGX_ETCD_CACERT", "/etc/ca.pem"},
+                 {"HGX_ETCD_TOKEN", "t"}});
     const std::string one = dir / "web01.db", two = dir / "web02.db";
     Sync first({"-r", one, "sync", "--host", "web01", "--metrics", metrics, "--exec",
                 "until [ -e " + release + " ]; do sleep 0.05; done", url},
-               log, with_ttl(creds("web01")));
+               log, env1);
     Sync second({"-r", two, "sync", "--host", "web02", "--exec", "env > " + env + "; exit 4", url},
-                log, all);
+                log, env2);
     auto hosts = [&](std::vector<std::string> args = {}) {
         args.insert(args.begin(), "hosts");
         return as("root", args);
