@@ -187,11 +187,11 @@ class EtcdSync : public ::testing::Test {
         if (eventually(ok)) return ::testing::AssertionSuccess();
         return ::testing::AssertionFailure() << e2e::read_file(log);
     }
-    // What the command appended to `seen` since the last look, once it
-    // appended anything; the file is removed for the next look.
+    // What the command appended to `seen` since the last look, once a run
+    // has written it whole (up to its "--" line); removed for the next look.
     std::string told() {
-        EXPECT_TRUE(soon([&] { return e2e::exists(seen); }));
-        std::string t = e2e::exists(seen) ? e2e::read_file(seen) : "";
+        std::string t;
+        EXPECT_TRUE(soon([&] { return (t = e2e::read_file(seen)).ends_with("--\n"); }));
         std::remove(seen.c_str());
         return t;
     }
@@ -785,7 +785,7 @@ TEST_F(EtcdSync, ResumesTriesAgainWhatItCannotWriteAndCopiesAfreshPastACompactio
 
 TEST_F(EtcdSync, ANameNoImportWouldTakeIsRefusedAndTheMirrorStaysPut) {
     auto sync = start_sync({"--exec", "printf '%s--\\n' \"$HGX_CHANGED\" >> " + seen});
-    ASSERT_TRUE(eventually([&] { return mirrored() && e2e::exists(seen); }));
+    ASSERT_TRUE(eventually([&] { return mirrored() && e2e::read_file(seen).ends_with("--\n"); }));
     const std::string before = local({"export"}).out, told = e2e::read_file(seen);
 
     // A service planted by hand under a name that would add a line to
