@@ -160,17 +160,13 @@ bool EtcdServer::start(const Options& options, std::string* why) {
         *why = "etcd is not installed (Debian package etcd-server)";
         return false;
     }
-    if (options.dir.empty()) {
-        dir_ = testing_support::make_temp_dir("kelvo-etcd");
-        if (dir_.empty()) {
-            *why = "cannot make a temporary directory";
-            return false;
-        }
-        own_dir_ = true;
-    } else {
-        dir_ = options.dir;
-        std::filesystem::create_directories(dir_);
+    own_dir_ = options.dir.empty();
+    dir_ = own_dir_ ? testing_support::make_temp_dir("kelvo-etcd") : options.dir;
+    if (dir_.empty()) {
+        *why = "cannot make a temporary directory";
+        return false;
     }
+    std::filesystem::create_directories(dir_);
     if (options.tls && !make_certificates(why)) return false;
     members_.resize(static_cast<size_t>(options.members));
     for (int m = 0; m < options.members; ++m) {
