@@ -55,9 +55,11 @@ class TempDir {
     std::string path_;
 };
 
-// Makes the file at path hold text, and nothing else.
+// Makes the file at path hold text, and nothing else; throws when it
+// cannot, so that a test never goes on with set-up it did not get.
 inline void write_file(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
+    std::ofstream f(path, std::ios::binary | std::ios::trunc);
+    if (!(f << text)) throw std::runtime_error("cannot write " + path);
 }
 
 // What the file at path holds, whole.

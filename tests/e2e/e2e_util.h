@@ -62,8 +62,8 @@ inline Whole whole(const Result& r) { return {r.status, r.out, r.err}; }
 // A scratch directory, removed with its contents when the object goes.
 using testing_support::TempDir;
 
-void write_file(const std::string& path, const std::string& content);
-std::string read_file(const std::string& path);
+using testing_support::read_file;
+using testing_support::write_file;
 bool exists(const std::string& path);
 
 inline const char* kelvo_bin() { return KELVO_BIN; }
