@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <thread>
 
 #include "../common/temp_dir.h"
@@ -35,8 +36,23 @@ int free_port() {
     return port;
 }
 
-// A child running argv with its standard streams on /dev/null; -1 when
-// none could be made.
+// A connection to a port of 127.0.0.1 that gives up reading after 5 s; -1
+// when none is made.
+int connect_to(int port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    timeval tv{5, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) return fd;
+    close(fd);
+    return -1;
+}
+
+}  // namespace
+
 pid_t spawn(const std::vector<std::string>& argv) {
     pid_t pid = fork();
     if (pid == 0) {
@@ -50,6 +66,8 @@ pid_t spawn(const std::vector<std::string>& argv) {
     }
     return pid;
 }
+
+namespace {
 
 int run_quietly(const std::vector<std::string>& argv) {
     int status = 0;
@@ -68,21 +86,13 @@ bool may_skip(const std::string& why) {
 std::string b64(const std::string& in) {
     static const char T[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string out;
-    size_t i = 0;
-    for (; i + 2 < in.size(); i += 3) {
-        unsigned v = static_cast<unsigned char>(in[i]) << 16 |
-                     static_cast<unsigned char>(in[i + 1]) << 8 |
-                     static_cast<unsigned char>(in[i + 2]);
-        for (int k = 18; k >= 0; k -= 6) out += T[(v >> k) & 63];
-    }
-    if (i < in.size()) {
-        unsigned v = static_cast<unsigned char>(in[i]) << 16;
-        if (i + 1 < in.size()) v |= static_cast<unsigned char>(in[i + 1]) << 8;
-        out += T[(v >> 18) & 63];
-        out += T[(v >> 12) & 63];
-        out += i + 1 < in.size() ? T[(v >> 6) & 63] : '=';
-        out += '=';
-    }
+    unsigned bits = 0;
+    int held = 0;  // bits not yet written out
+    for (unsigned char c : in)
+        for (bits = bits << 8 | c, held += 8; held >= 6; held -= 6)
+            out += T[(bits >> (held - 6)) & 63];
+    if (held > 0) out += T[(bits << (6 - held)) & 63];
+    while (out.size() % 4 != 0) out += '=';
     return out;
 }
 
@@ -136,12 +146,10 @@ bool EtcdServer::launch(int m, bool existing) {
         "--logger=zap",
         "--log-outputs=" + dir_ + "/" + me.name + ".log",
     };
-    if (options_.tls) {
-        argv.push_back("--cert-file=" + dir_ + "/server.pem");
-        argv.push_back("--key-file=" + dir_ + "/server.key");
-        argv.push_back("--trusted-ca-file=" + dir_ + "/ca.pem");
-        argv.push_back("--client-cert-auth");
-    }
+    if (options_.tls)
+        argv.insert(argv.end(),
+                    {"--cert-file=" + dir_ + "/server.pem", "--key-file=" + dir_ + "/server.key",
+                     "--trusted-ca-file=" + dir_ + "/ca.pem", "--client-cert-auth"});
     me.pid = spawn(argv);
     return me.pid > 0;
 }
@@ -152,17 +160,13 @@ bool EtcdServer::start(const Options& options, std::string* why) {
         *why = "etcd is not installed (Debian package etcd-server)";
         return false;
     }
-    if (options.dir.empty()) {
-        dir_ = testing_support::make_temp_dir("kelvo-etcd");
-        if (dir_.empty()) {
-            *why = "cannot make a temporary directory";
-            return false;
-        }
-        own_dir_ = true;
-    } else {
-        dir_ = options.dir;
-        std::filesystem::create_directories(dir_);
+    own_dir_ = options.dir.empty();
+    dir_ = own_dir_ ? testing_support::make_temp_dir("kelvo-etcd") : options.dir;
+    if (dir_.empty()) {
+        *why = "cannot make a temporary directory";
+        return false;
     }
+    std::filesystem::create_directories(dir_);
     if (options.tls && !make_certificates(why)) return false;
     members_.resize(static_cast<size_t>(options.members));
     for (int m = 0; m < options.members; ++m) {
@@ -184,16 +188,10 @@ bool EtcdServer::wait_ready(std::string* why) const {
         bool all = true;
         for (size_t m = 0; m < members_.size() && all; ++m) {
             if (members_[m].pid < 0) continue;
-            if (options_.tls) {
-                // The gateway speaks TLS only: ask through curl's command line
-                // is not available here, so a TCP connect must do.
-                int fd = socket(AF_INET, SOCK_STREAM, 0);
-                sockaddr_in a{};
-                a.sin_family = AF_INET;
-                a.sin_port = htons(static_cast<uint16_t>(members_[m].client_port));
-                a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-                all = connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-                close(fd);
+            if (options_.tls) {  // no gateway to ask without TLS: a connection must do
+                int fd = connect_to(members_[m].client_port);
+                all = fd >= 0;
+                if (fd >= 0) close(fd);
             } else {
                 all = post(static_cast<int>(m), "/v3/kv/range", "{\"key\":\"AA==\"}")
                           .find("\"header\"") != std::string::npos;
@@ -223,35 +221,26 @@ void EtcdServer::restart_member(int m) {
     if (launch(m, true)) wait_ready(&why);
 }
 
-namespace {
-
-// Whether the process is stopped, by its state in /proc.
-bool stopped(pid_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    std::getline(stat, line);
-    size_t end = line.rfind(')');
-    return end != std::string::npos && end + 2 < line.size() && line[end + 2] == 'T';
-}
-
-// A signal is delivered some time after kill() returns: a test that goes on
-// at once could still be answered by the member it meant to hang.
-void stop_or_continue(pid_t pid, bool frozen) {
-    kill(pid, frozen ? SIGSTOP : SIGCONT);
-    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (stopped(pid) != frozen && std::chrono::steady_clock::now() < until)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-}
-
-}  // namespace
-
-void EtcdServer::freeze(bool frozen) {
-    for (const Member& me : members_)
-        if (me.pid > 0) stop_or_continue(me.pid, frozen);
-}
-
-void EtcdServer::freeze_member(int m, bool frozen) {
-    if (members_[m].pid > 0) stop_or_continue(members_[m].pid, frozen);
+void EtcdServer::freeze(bool frozen, int member) {
+    for (size_t m = 0; m < members_.size(); ++m) {
+        pid_t pid = members_[m].pid;
+        if (pid < 0 || (member >= 0 && static_cast<int>(m) != member)) continue;
+        // A signal is delivered some time after kill() returns: a test that
+        // went on at once could still be answered by the member it meant to
+        // hang. /proc's state T says it is stopped.
+        kill(pid, frozen ? SIGSTOP : SIGCONT);
+        auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        for (;;) {
+            std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+            std::string line;
+            std::getline(stat, line);
+            size_t end = line.rfind(')');
+            bool stopped =
+                end != std::string::npos && end + 2 < line.size() && line[end + 2] == 'T';
+            if (stopped == frozen || std::chrono::steady_clock::now() >= until) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
 }
 
 void EtcdServer::detach() {
@@ -287,46 +276,29 @@ std::string EtcdServer::url(const std::string& prefix) const {
 }
 
 std::string EtcdServer::post(int m, const std::string& path, const std::string& body) const {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    timeval tv{5, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(members_[m].client_port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
-        close(fd);
-        return "";
-    }
+    int fd = connect_to(members_[m].client_port);
+    if (fd < 0) return "";
     std::string req = "POST " + path + " HTTP/1.0\r\nHost: 127.0.0.1\r\nContent-Length: " +
                       std::to_string(body.size()) + "\r\nContent-Type: application/json\r\n";
     req += "\r\n" + body;
-    if (write(fd, req.data(), req.size()) != static_cast<ssize_t>(req.size())) {
-        close(fd);
-        return "";
-    }
     std::string resp;
     char buf[4096];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof buf)) > 0) resp.append(buf, static_cast<size_t>(n));
+    if (write(fd, req.data(), req.size()) == static_cast<ssize_t>(req.size()))
+        for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;)
+            resp.append(buf, static_cast<size_t>(n));
     close(fd);
     size_t at = resp.find("\r\n\r\n");
     return at == std::string::npos ? "" : resp.substr(at + 4);
 }
 
 int EtcdServer::leader() const {
+    static const std::regex lead("\"leader\":\"([0-9]+)\""), me("\"member_id\":\"([0-9]+)\"");
     for (size_t m = 0; m < members_.size(); ++m) {
         if (members_[m].pid < 0) continue;
         std::string s = post(static_cast<int>(m), "/v3/maintenance/status", "{}");
-        auto field = [&](const std::string& name, size_t from) {
-            size_t at = s.find("\"" + name + "\":\"", from);
-            if (at == std::string::npos) return std::string();
-            at += name.size() + 4;
-            return s.substr(at, s.find('"', at) - at);
-        };
-        std::string lead = field("leader", 0);
-        std::string me = field("member_id", 0);
-        if (!lead.empty() && lead == me) return static_cast<int>(m);
+        std::smatch l, i;
+        if (std::regex_search(s, l, lead) && std::regex_search(s, i, me) && l[1] == i[1])
+            return static_cast<int>(m);
     }
     return -1;
 }

@@ -44,9 +44,8 @@ class EtcdServer {
     int leader() const;  // the member that leads, or -1
     void kill_member(int member);
     // SIGSTOP / SIGCONT: members that hang instead of refusing; every
-    // member, or one.
-    void freeze(bool frozen);
-    void freeze_member(int member, bool frozen);
+    // member (-1), or one.
+    void freeze(bool frozen, int member = -1);
     void restart_member(int member);
 
     // Certificates of a TLS cluster: CA, client certificate and key.
@@ -85,6 +84,10 @@ class EtcdServer {
 // True (with why) where etcd tests may be skipped: etcd is not installed and
 // this is not CI, where they must run.
 bool may_skip(const std::string& why);
+
+// A child running argv with its standard streams on /dev/null; -1 when
+// none could be made. The caller waits for it.
+pid_t spawn(const std::vector<std::string>& argv);
 
 // base64 of a text, for requests to the gateway.
 std::string b64(const std::string& s);
