@@ -257,9 +257,9 @@ TEST_F(EtcdCluster, AFailingClusterEndsTheRunWithStatusThreeAndChangesNothing) {
         "a/y": {"instances": {"default": {"groups": {"c": {"properties": {"v": "why"}}}}}}}})")
                   .status,
               0);
-    const std::string X = "wrn:/a/x:default";
+    const std::string wern = "wrn:/a/x:default";
     const std::string out = dir / "out.conf", err_log = dir / "stderr";
-    // kelvo -f X -o out on the stencil, the cluster failed by `fault` once
+    // kelvo -f wern -o out on the stencil, the cluster failed by `fault` once
     // kelvo has bound.
     auto run = [&](const std::function<void()>& fault, const std::string& stencil) {
         int in[2];
@@ -270,7 +270,7 @@ TEST_F(EtcdCluster, AFailingClusterEndsTheRunWithStatusThreeAndChangesNothing) {
             close(in[1]);
             dup2(open(err_log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
             setenv("HGX_REPOSITORY", url.c_str(), 1);
-            execl(e2e::kelvo_bin(), "kelvo", "-f", X.c_str(), "-o", out.c_str(), nullptr);
+            execl(e2e::kelvo_bin(), "kelvo", "-f", wern.c_str(), "-o", out.c_str(), nullptr);
             _exit(127);
         }
         close(in[0]);
@@ -294,7 +294,7 @@ TEST_F(EtcdCluster, AFailingClusterEndsTheRunWithStatusThreeAndChangesNothing) {
     };
     auto lost = [&](const char* text) {
         return e2e::Whole(3, "as it was\n",
-                          "kelvo: Unable to get properties for " + X + ": " + text + "\n");
+                          "kelvo: Unable to get properties for " + wern + ": " + text + "\n");
     };
     // A new revision, then a compaction up to it: the run's revision is gone.
     auto compact = [&] {

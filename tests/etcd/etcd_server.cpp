@@ -292,12 +292,12 @@ std::string EtcdServer::post(int m, const std::string& path, const std::string& 
 }
 
 int EtcdServer::leader() const {
-    static const std::regex lead("\"leader\":\"([0-9]+)\""), me("\"member_id\":\"([0-9]+)\"");
+    static const std::regex LEAD("\"leader\":\"([0-9]+)\""), ME("\"member_id\":\"([0-9]+)\"");
     for (size_t m = 0; m < members_.size(); ++m) {
         if (members_[m].pid < 0) continue;
         std::string s = post(static_cast<int>(m), "/v3/maintenance/status", "{}");
         std::smatch l, i;
-        if (std::regex_search(s, l, lead) && std::regex_search(s, i, me) && l[1] == i[1])
+        if (std::regex_search(s, l, LEAD) && std::regex_search(s, i, ME) && l[1] == i[1])
             return static_cast<int>(m);
     }
     return -1;
