@@ -205,13 +205,13 @@ TEST_F(KelvoCli, SyntaxErrorReport) {
 // anything else of the command line is looked at.
 TEST_F(KelvoCli, WithoutCapabilities) {
     auto run_without_capabilities = [&](const std::vector<std::string>& args) {
-        e2e::Run spec;
-        spec.args = {e2e::kelvo_bin()};
-        spec.args.insert(spec.args.end(), args.begin(), args.end());
-        spec.env = {{"HGX_REPOSITORY", repo}, {"QRM_WERN", std::nullopt}};
+        e2e::Run command;
+        command.args = {e2e::kelvo_bin()};
+        command.args.insert(command.args.end(), args.begin(), args.end());
+        command.env = {{"HGX_REPOSITORY", repo}, {"QRM_WERN", std::nullopt}};
         if (geteuid() == 0)
-            spec.wrapper = {"setpriv", "--inh-caps=-all", "--bounding-set=-all", "--"};
-        return e2e::run(spec);
+            command.wrapper = {"setpriv", "--inh-caps=-all", "--bounding-set=-all", "--"};
+        return e2e::run(command);
     };
     e2e::write_file(stencils + "/secret", "x\n");
     ASSERT_EQ(chmod((stencils + "/secret").c_str(), 0), 0);
