@@ -699,7 +699,8 @@ TEST_F(EtcdSync, FollowsTheClusterTellsSystemdAndRunsTheCommandWithTheChangedIns
     ASSERT_TRUE(
         eventually([&] { return e2e::read_file(log).find("resuming") != std::string::npos; }));
     server.kill_member(0);
-    std::this_thread::sleep_for(300ms);
+    ASSERT_TRUE(
+        soon([&] { return e2e::read_file(log).find("lost the cluster") != std::string::npos; }));
     server.restart_member(0);
     for (int gen = 3; gen <= 7; ++gen)
         ASSERT_EQ(cluster({"import", "-"}, manifest("app/web", gen)).status, 0);
@@ -708,8 +709,7 @@ TEST_F(EtcdSync, FollowsTheClusterTellsSystemdAndRunsTheCommandWithTheChangedIns
     EXPECT_EQ(failing->stop(), 0);
     EXPECT_EQ(e2e::read_file(runs), "x\nx\nx\nx\nx\n");
     const std::string l = e2e::read_file(log);
-    for (const char* said :
-         {"the command failed (status 3)", "lost the cluster", "connected again"})
+    for (const char* said : {"the command failed (status 3)", "connected again"})
         EXPECT_NE(l.find(said), std::string::npos) << said << " in " << l;
 }
 
