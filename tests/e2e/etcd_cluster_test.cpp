@@ -978,9 +978,8 @@ TEST_F(EtcdSync, OnceCopiesTheClusterOrTheServicesNamedAndOnlySyncWritesAMirror)
 const std::string FLEET = "wrn:/network/http";
 const std::string SERVER_NAME = "$%{sites/www/server_name} $%{config/user}\n";
 
-class EtcdFleet : public EtcdSync {
+class EtcdFleet : public EtcdCluster {
   protected:
-    EtcdFleet() { seeded = false; }
     e2e::Result as(const std::string& user, std::vector<std::string> args,
                    const std::string& input = "") {
         return cluster(args, input, creds(user));
