@@ -590,8 +590,7 @@ TEST_F(EtcdCluster, CommitsOfEverySizeGiveWhatTheyGiveAFileAndRacingWritersAllLa
 // one clean commit leaves it.
 TEST_F(EtcdCluster, KeysOfWritersThatDiedAreRemovedByTheNextWriter) {
     ASSERT_EQ(cluster({"import", "-"}, e2e::fleet_manifest("fleet/web", 1000, 5, 0)).status, 0);
-    auto count = [&](const char* prefix) { return server.count(prefix); };
-    const long clean = count("fleet/");
+    const long clean = server.count("fleet/");
     const std::string manifest = dir / "fleet.json";
     int caught = 0;
     for (int gen = 1; gen <= 20; ++gen) {
@@ -599,20 +598,20 @@ TEST_F(EtcdCluster, KeysOfWritersThatDiedAreRemovedByTheNextWriter) {
         pid_t pid = etcd_testing::spawn({e2e::hgxrepo_bin(), "-r", url, "import", manifest});
         // Killed as soon as it has written something of its commit.
         auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (count("fleet/t/") == 0 && std::chrono::steady_clock::now() < until)
+        while (server.count("fleet/t/") == 0 && std::chrono::steady_clock::now() < until)
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        caught += count("fleet/t/") > 0;
+        caught += server.count("fleet/t/") > 0;
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
-    const long left = count("fleet/");
+    const long left = server.count("fleet/");
     // The next writer comes along, again and again, until the leases lapse.
     EXPECT_TRUE(eventually([&] {
         const std::string p0 = "wrn:/fleet/web:host00001/:properties/config/p0";
         EXPECT_EQ(cluster({"setprop", p0, "x"}).status, 0);
-        return count("fleet/t/") == 0;
+        return server.count("fleet/t/") == 0;
     }));
-    const long after = count("fleet/");
+    const long after = server.count("fleet/");
     EXPECT_GT(caught, 10);
     EXPECT_GT(left, clean);
     EXPECT_EQ(after, clean);
