@@ -447,7 +447,8 @@ TEST_F(EtcdCluster, CredentialsAreCheckedAndWhatAUserMayNotDoIsToldSo) {
 TEST_F(EtcdCluster, BadInputIsRefusedAndAWholeRepositoryIsCopiedToAFileAndBack) {
     ASSERT_EQ(cluster({"import", "-"}, generation(1, 2)).status, 0);
     const std::string before = cluster({"export"}).out;
-
+    const std::string other = "etcd://" + server.endpoints() + "/other";
+    const char* const not_a_repository = "holds something other than a repository";
     struct Case {
         const char* name;
         std::string where;
@@ -461,8 +462,7 @@ TEST_F(EtcdCluster, BadInputIsRefusedAndAWholeRepositoryIsCopiedToAFileAndBack) 
         // Anything but etcd:// and etcds:// names a file.
         {"unknown scheme", "http://" + server.endpoints() + "/kelvo",
          "Repository file does not exist"},
-        {"a prefix that holds something else", "etcd://" + server.endpoints() + "/other",
-         "holds something other than a repository"},
+        {"a prefix that holds something else", other, not_a_repository},
     };
     server.put("other/config", "x");
     for (const Case& c : cases) {
@@ -473,9 +473,10 @@ TEST_F(EtcdCluster, BadInputIsRefusedAndAWholeRepositoryIsCopiedToAFileAndBack) 
     }
 
     // Such a prefix is not written either.
-    e2e::Result r = hgxrepo({"-r", cases[5].where, "import", "-"}, generation(2, 2));
+    e2e::Result r = hgxrepo({"-r", other, "import", "-"}, generation(2, 2));
     EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find(cases[5].says), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find(not_a_repository), std::string::npos) << r.err;
+    EXPECT_EQ(server.count("other/"), 1);
 
     // An instance too large for one etcd request.
     // 300 values of 4,000 bytes each: 1.2 MB in one instance.
