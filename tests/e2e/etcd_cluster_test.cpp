@@ -86,7 +86,7 @@ class Sync {
     pid_t pid_ = -1;
 };
 
-// How many lines of a text hold a phrase.
+// How many times a text says a phrase (a log says each at most once a line).
 int lines_with(const std::string& text, const std::string& phrase) {
     int n = 0;
     for (size_t at = 0; (at = text.find(phrase, at)) != std::string::npos; at += phrase.size()) ++n;
