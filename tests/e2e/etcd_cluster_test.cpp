@@ -104,38 +104,6 @@ bool eventually(const std::function<bool()>& ok) {
     return ok();
 }
 
-// Runs kelvo `runs` times on the repository's app/web (200 properties)
-// while `import` puts one generation after another into the cluster: every
-// run sees one whole generation, and the runs see more than one. Returns
-// the last generation imported.
-int expect_one_generation_per_run(const std::string& repository, int runs,
-                                  const std::function<bool(int)>& import) {
-    std::atomic<bool> done{false};
-    std::atomic<int> last{0};
-    std::thread writer([&] {
-        for (int gen = 1; !done; ++gen)
-            if (import(gen)) last = gen;
-    });
-    const std::string stencil = e2e::generation_stencil(200);
-    int failed = 0, mixed = 0;
-    std::set<std::string> seen;
-    for (int run = 0; run < runs; ++run) {
-        e2e::Result r = e2e::kelvo(repository, {"-f", WERN}, stencil);
-        if (r.status != 0 && failed++ == 0) ADD_FAILURE() << r.err;
-        if (r.status != 0) continue;
-        std::string gen = e2e::generation_of(r.out, 200);
-        if (gen.empty()) ++mixed;
-        seen.insert(gen);
-    }
-    done = true;
-    writer.join();
-    EXPECT_EQ(failed, 0);
-    EXPECT_EQ(mixed, 0);
-    EXPECT_GT(last.load(), 1);
-    EXPECT_GT(seen.size(), 1u) << "the runs should have seen the imports land";
-    return last;
-}
-
 class EtcdSync : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -149,6 +117,36 @@ class EtcdSync : public ::testing::Test {
                         const e2e::Env& env = {}) {
         args.insert(args.begin(), {"-r", url});
         return hgxrepo(args, input, env);
+    }
+    // Runs kelvo `runs` times on the repository's app/web (200 properties)
+    // while imports put one generation after another into the cluster: every
+    // run sees one whole generation, and the runs see more than one. Returns
+    // the last generation imported.
+    int expect_one_generation_per_run(const std::string& repository, int runs) {
+        std::atomic<bool> done{false};
+        std::atomic<int> last{0};
+        std::thread writer([&] {
+            for (int gen = 1; !done; ++gen)
+                if (cluster({"import", "-"}, generation(gen)).status == 0) last = gen;
+        });
+        const std::string stencil = e2e::generation_stencil(200);
+        int failed = 0, mixed = 0;
+        std::set<std::string> seen;
+        for (int run = 0; run < runs; ++run) {
+            e2e::Result r = e2e::kelvo(repository, {"-f", WERN}, stencil);
+            if (r.status != 0 && failed++ == 0) ADD_FAILURE() << r.err;
+            if (r.status != 0) continue;
+            std::string gen = e2e::generation_of(r.out, 200);
+            if (gen.empty()) ++mixed;
+            seen.insert(gen);
+        }
+        done = true;
+        writer.join();
+        EXPECT_EQ(failed, 0);
+        EXPECT_EQ(mixed, 0);
+        EXPECT_GT(last.load(), 1);
+        EXPECT_GT(seen.size(), 1u) << "the runs should have seen the imports land";
+        return last;
     }
     // The environment of an etcd user of these tests (password USER-pw);
     // none for "".
@@ -224,9 +222,7 @@ class EtcdClusterTls : public EtcdCluster {
 
 TEST_F(EtcdCluster, EveryRunSeesOneGenerationWhileImportsRewriteTheInstance) {
     ASSERT_EQ(cluster({"import", "-"}, generation(0)).status, 0);
-    expect_one_generation_per_run(url, 500, [&](int gen) {
-        return cluster({"import", "-"}, generation(gen)).status == 0;
-    });
+    expect_one_generation_per_run(url, 500);
 }
 
 // A cluster that hangs or is gone ends a run with status 3 and a write with
@@ -737,9 +733,7 @@ TEST_F(EtcdSync, EveryRunOnTheMirrorSeesNoRepositoryOrOneWholeGeneration) {
     }
     ASSERT_TRUE(copied) << "no whole copy within a minute: " << e2e::read_file(log);
     std::printf("kelvo runs before the first copy landed: %d\n", before);
-    const int last = expect_one_generation_per_run(mirror, 1000, [&](int gen) {
-        return cluster({"import", "-"}, generation(gen)).status == 0;
-    });
+    const int last = expect_one_generation_per_run(mirror, 1000);
     EXPECT_TRUE(eventually([&] { return value() == numbered("g", last) + "\n"; })) << value();
     EXPECT_EQ(sync->stop(), 0);
 }
