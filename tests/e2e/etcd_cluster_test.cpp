@@ -165,8 +165,9 @@ class EtcdSync : public ::testing::Test {
         args.push_back(url);
         return std::make_unique<Sync>(args, log, env);
     }
-    std::string value(const std::string& prop = "p0") {
-        e2e::Result r = e2e::kelvo(mirror, {"-f", WERN}, "$%{config/" + prop + "}\n");
+    // kelvo on the mirror, printing config/p0, or its status and error.
+    std::string value() {
+        e2e::Result r = e2e::kelvo(mirror, {"-f", WERN}, "$%{config/p0}\n");
         return r.status == 0 ? r.out : "status " + std::to_string(r.status) + ": " + r.err;
     }
     bool mirrored() { return local({"export"}).out == cluster({"export"}).out; }
