@@ -155,12 +155,13 @@ bool exists(const std::string& path) {
 
 namespace {
 Result command(std::vector<std::string> head, const std::vector<std::string>& args,
-               const std::string& input, Env env) {
+               const std::string& input, Env env, std::vector<std::string> wrapper = {}) {
     Run r;
     r.args = std::move(head);
     r.args.insert(r.args.end(), args.begin(), args.end());
     r.input = input;
     r.env = std::move(env);
+    r.wrapper = std::move(wrapper);
     return run(r);
 }
 }  // namespace
@@ -179,18 +180,18 @@ void make_repository(const std::string& path, const std::string& manifest_json, 
 }
 
 Result kelvo(const std::string& repository, const std::vector<std::string>& args,
-             const std::string& input, const Env& env) {
-    return program(kelvo_bin(), repository, args, input, env);
+             const std::string& input, const Env& env, std::vector<std::string> wrapper) {
+    return program(kelvo_bin(), repository, args, input, env, std::move(wrapper));
 }
 
 Result program(const char* bin, const std::string& repository, const std::vector<std::string>& args,
-               const std::string& input, const Env& env) {
+               const std::string& input, const Env& env, std::vector<std::string> wrapper) {
     Env full = {{"HGX_REPOSITORY", repository},
                 {"QRM_WERN", std::nullopt},
                 {"QRM_METHOD", std::nullopt},
                 {"QRM_RESTARTER", std::nullopt}};
     for (auto& [k, v] : env) full[k] = v;
-    return command({bin}, args, input, std::move(full));
+    return command({bin}, args, input, std::move(full), std::move(wrapper));
 }
 
 Result hgxrepo(const std::vector<std::string>& args, const std::string& input, const Env& env) {

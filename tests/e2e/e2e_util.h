@@ -80,13 +80,15 @@ void make_repository(const std::string& path, const std::string& manifest_json,
 
 // Runs kelvo with the given arguments (argv[0] added) against a repository
 // file; HGX_REPOSITORY is set, QRM_WERN, QRM_METHOD and QRM_RESTARTER are
-// unset unless env says otherwise.
+// unset unless env says otherwise; wrapper as in Run.
 Result kelvo(const std::string& repository, const std::vector<std::string>& args,
-             const std::string& input = "", const Env& env = {});
+             const std::string& input = "", const Env& env = {},
+             std::vector<std::string> wrapper = {});
 
 // As kelvo(), for another program that reads the repository as kelvo does.
 Result program(const char* bin, const std::string& repository, const std::vector<std::string>& args,
-               const std::string& input = "", const Env& env = {});
+               const std::string& input = "", const Env& env = {},
+               std::vector<std::string> wrapper = {});
 
 // hgxrepo with the arguments (argv[0] added), env as in Run.
 Result hgxrepo(const std::vector<std::string>& args, const std::string& input = "",

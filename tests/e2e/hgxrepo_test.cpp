@@ -57,12 +57,8 @@ class Hgxrepo : public ::testing::Test {
     }
     // kelvo printing config/port of the instance, behind the wrapper.
     e2e::Result kelvo_port(std::vector<std::string> wrapper = {}) {
-        e2e::Run r;
-        r.args = {e2e::kelvo_bin(), "-f", "wrn:/net/foo:default"};
-        r.input = "$%{config/port}\n";
-        r.env = {{"HGX_REPOSITORY", repo}};
-        r.wrapper = std::move(wrapper);
-        return e2e::run(r);
+        return e2e::kelvo(repo, {"-f", "wrn:/net/foo:default"}, "$%{config/port}\n", {},
+                          std::move(wrapper));
     }
     std::string last_err;
     TempDir dir;

@@ -204,14 +204,10 @@ TEST_F(KelvoCli, SyntaxErrorReport) {
 // without read permission is refused, and -L fails on the privileges before
 // anything else of the command line is looked at.
 TEST_F(KelvoCli, WithoutCapabilities) {
+    std::vector<std::string> drop;
+    if (geteuid() == 0) drop = {"setpriv", "--inh-caps=-all", "--bounding-set=-all", "--"};
     auto run_without_capabilities = [&](const std::vector<std::string>& args) {
-        e2e::Run command;
-        command.args = {e2e::kelvo_bin()};
-        command.args.insert(command.args.end(), args.begin(), args.end());
-        command.env = {{"HGX_REPOSITORY", repo}, {"QRM_WERN", std::nullopt}};
-        if (geteuid() == 0)
-            command.wrapper = {"setpriv", "--inh-caps=-all", "--bounding-set=-all", "--"};
-        return e2e::run(command);
+        return e2e::kelvo(repo, args, "", {}, drop);
     };
     e2e::write_file(stencils + "/secret", "x\n");
     ASSERT_EQ(chmod((stencils + "/secret").c_str(), 0), 0);

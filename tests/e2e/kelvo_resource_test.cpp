@@ -38,16 +38,15 @@ class Resources : public ::testing::Test {
         return run_file("s.stencil", stack_bytes);
     }
     e2e::Whole run_file(const std::string& name, long stack_bytes = 0) {
-        e2e::Run r;
-        r.args = {e2e::kelvo_bin(), "-f", "wrn:/demo:default", "-S", dir_.path(), "-i", name};
-        r.env = {{"HGX_REPOSITORY", repo_}, {"QRM_METHOD", std::nullopt}};
-        r.wrapper = {"/usr/bin/prlimit"};
+        std::vector<std::string> limits = {"/usr/bin/prlimit"};
 #ifndef KELVO_SANITIZED
-        r.wrapper.push_back("--as=" + std::to_string(2L << 30));
+        limits.push_back("--as=" + std::to_string(2L << 30));
 #endif
-        if (stack_bytes != 0) r.wrapper.push_back("--stack=" + std::to_string(stack_bytes));
-        r.wrapper.push_back("--");
-        return e2e::whole(e2e::run(r));
+        if (stack_bytes != 0) limits.push_back("--stack=" + std::to_string(stack_bytes));
+        limits.push_back("--");
+        return e2e::whole(e2e::kelvo(repo_,
+                                     {"-f", "wrn:/demo:default", "-S", dir_.path(), "-i", name}, "",
+                                     {}, std::move(limits)));
     }
 
     e2e::TempDir dir_;

@@ -381,11 +381,11 @@ TEST(Bind, EachFailureHasItsOwnCodeAndText) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.file);
         const std::string before = c.file == sub ? "" : read_file(c.file);
-        hgx_handle_t* h = hgx_handle_create(HGX_VERSION);
+        HgxPtr<hgx_handle_t> h(hgx_handle_create(HGX_VERSION));
         ASSERT_NE(h, nullptr);
         // Through the environment, as a reader finds its repository.
         setenv("HGX_REPOSITORY", c.file.c_str(), 1);
-        EXPECT_EQ(hgx_handle_bind(h), -1);
+        EXPECT_EQ(hgx_handle_bind(h.get()), -1);
         EXPECT_EQ(hgx_error(), c.code);
         std::string said = hgx_strerror(hgx_error());
         // A missing file is named: the text says which one was looked for.
@@ -395,11 +395,9 @@ TEST(Bind, EachFailureHasItsOwnCodeAndText) {
         }
         texts.insert(said);
         // A failed bind leaves the handle unbound.
-        hgx_scope_t* scope = hgx_scope_create(h);
-        EXPECT_EQ(hgx_handle_get_scope(h, "localhost", scope), -1);
+        HgxPtr<hgx_scope_t> scope(hgx_scope_create(h.get()));
+        EXPECT_EQ(hgx_handle_get_scope(h.get(), "localhost", scope.get()), -1);
         EXPECT_EQ(hgx_error(), HGX_ERROR_NOT_BOUND);
-        hgx_scope_destroy(scope);
-        hgx_handle_destroy(h);
 
         std::string message;
         hgx_writer_t* w = hgx_writer_open(c.file.c_str(), true, &message);
@@ -408,8 +406,8 @@ TEST(Bind, EachFailureHasItsOwnCodeAndText) {
             EXPECT_GT(hgx_writer_add_service(w, "s"), 0);
             EXPECT_EQ(hgx_writer_commit(w), 0) << hgx_writer_message(w);
             hgx_writer_close(w);
-            EXPECT_EQ(hgx_handle_bind(h = hgx_handle_create(HGX_VERSION)), 0);
-            hgx_handle_destroy(h);
+            HgxPtr<hgx_handle_t> filled(hgx_handle_create(HGX_VERSION));
+            EXPECT_EQ(hgx_handle_bind(filled.get()), 0);
         } else {
             EXPECT_EQ(hgx_error(), c.written) << message;
             EXPECT_EQ(c.file == sub ? "" : read_file(c.file), before);
