@@ -23,10 +23,6 @@ namespace hgxrepo {
 
 std::string one_line(std::string s) { return manifest::escape(s, false); }
 
-bool is_cluster(std::string_view path) {
-    return path.starts_with("etcd://") || path.starts_with("etcds://");
-}
-
 namespace {
 
 const char USAGE[] =

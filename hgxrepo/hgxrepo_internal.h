@@ -66,10 +66,6 @@ bool take_flag(std::vector<std::string>& words, std::string_view flag);
 // message stays one line whatever a name or value held.
 std::string one_line(std::string s);
 
-// Whether path names a repository in an etcd cluster (etcd:// or etcds://)
-// rather than a file.
-bool is_cluster(std::string_view path);
-
 using Writer = HgxPtr<hgx_writer_t>;
 using Handle = HgxPtr<hgx_handle_t>;
 using Service = HgxPtr<hgx_service_t>;

@@ -33,7 +33,7 @@ std::string failed_to(const char* what) {
 
 MirrorRecord mirror_record(hgx_writer_t* w, const std::string& path) {
     MirrorRecord record;
-    if (is_cluster(path)) return record;
+    if (hgx_is_cluster_url(path)) return record;
     // The records sync keeps of its patterns: any pattern makes a part.
     std::string patterns;
     for (const char* key : {"services", "instances"}) {

@@ -256,7 +256,7 @@ namespace {
 // would be removed), and for a whole one unless forced.
 void check_copy_of_mirror(hgx_writer_t* from, const std::string& path, const std::string& target,
                           bool force) {
-    if (!is_cluster(target)) return;
+    if (!hgx_is_cluster_url(target)) return;
     MirrorRecord mirror = mirror_record(from, path);
     if (mirror.source.empty()) return;
     if (mirror.partial)

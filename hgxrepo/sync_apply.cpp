@@ -115,12 +115,12 @@ bool Replica::prepare() {
         return false;
     literal_only_ =
         services_.empty() && !instances_.empty() && literal_instances().size() == instances_.size();
-    if (!is_cluster(o_.url)) {
+    if (!hgx_is_cluster_url(o_.url)) {
         std::fprintf(stderr, "hgxrepo: sync follows an etcd cluster: %s is no etcd URL\n",
                      manifest::escape(o_.url, false).c_str());
         return false;
     }
-    if (is_cluster(o_.file)) {
+    if (hgx_is_cluster_url(o_.file)) {
         std::fprintf(stderr, "hgxrepo: %s: a mirror is a file, not a cluster\n", o_.file.c_str());
         return false;
     }

@@ -114,6 +114,7 @@ int hgx_wern_split(const char* wern, hgx_wern_parts* parts) {
 
 bool hgx_valid_name(std::string_view name) { return valid_segment(name); }
 bool hgx_valid_service_name(std::string_view name) { return valid_service_name(name); }
+bool hgx_is_cluster_url(std::string_view where) { return is_cluster_url(where); }
 
 namespace {
 

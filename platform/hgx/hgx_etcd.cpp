@@ -62,11 +62,8 @@ int range_all(Cluster& c, const std::string& key, const std::string& end, int64_
         json reply;
         if (c.call("/v3/kv/range", req, &reply, message, true) < 0) return -1;
         // Every page reads the revision the first one did.
-        if (!at && reply.contains("header") && reply["header"].contains("revision")) {
-            const json& r = reply["header"]["revision"];
-            at = r.is_string() ? std::strtoll(r.get<std::string>().c_str(), nullptr, 10)
-                               : r.get<int64_t>();
-        }
+        if (!at && reply.contains("header") && reply["header"].contains("revision"))
+            at = as_int(reply["header"]["revision"]);
         size_t before = out->size();
         if (append_kvs(reply, out) < 0) return -1;
         if (!reply.value("more", false) || out->size() == before) return 0;

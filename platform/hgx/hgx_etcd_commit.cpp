@@ -579,15 +579,6 @@ int EtcdStore::commit_one(const Plan& p) {
     return 0;
 }
 
-namespace {
-
-int64_t number(const json& j) {
-    if (j.is_string()) return std::strtoll(j.get<std::string>().c_str(), nullptr, 10);
-    return j.is_number_integer() ? j.get<int64_t>() : 0;
-}
-
-}  // namespace
-
 // The writer's record lives as long as its lease: a writer that dies (or
 // falls silent for WRITER_TTL seconds) loses it, and the next writer then
 // removes what it had written. A writer whose record is gone fails.
@@ -597,7 +588,7 @@ int EtcdStore::keep_alive(int64_t lease) {
         0)
         return -1;
     const json& r = reply.contains("result") ? reply["result"] : reply;
-    if (number(r.value("TTL", json())) > 0) return 0;
+    if (as_int(r.value("TTL", json())) > 0) return 0;
     message_ = "this writer was silent for too long and its commit was given up";
     return fail(HGX_ERROR_CONFLICT);
 }
@@ -683,7 +674,7 @@ int EtcdStore::commit_large(Plan& p) {
     if (cluster_->call("/v3/lease/grant", {{"TTL", std::to_string(WRITER_TTL)}}, &reply,
                        &message_) < 0)
         return -1;
-    int64_t lease = number(reply.value("ID", json()));
+    int64_t lease = as_int(reply.value("ID", json()));
     if (!lease) return broken("the cluster granted no lease");
     std::vector<json> ops = p.writes;
     std::vector<std::string> keys = p.written;

@@ -16,13 +16,6 @@ namespace hgx_detail::etcd {
 
 namespace {
 
-// etcd's gateway writes 64-bit numbers as strings.
-int64_t integer(const json& j) {
-    if (j.is_number_integer()) return j.get<int64_t>();
-    if (j.is_string()) return std::strtoll(j.get_ref<const std::string&>().c_str(), nullptr, 10);
-    return 0;
-}
-
 const json& field(const json& j, const char* name) {
     static const json NONE;
     auto it = j.is_object() ? j.find(name) : j.end();
@@ -38,7 +31,7 @@ int read_commit(Cluster& c, const Layout& k, int64_t at, hgx_commit_info* out, i
     if (at) request["revision"] = std::to_string(at);
     json reply;
     if (c.call("/v3/kv/range", request, &reply, message, true) < 0) return -1;
-    if (revision) *revision = integer(field(field(reply, "header"), "revision"));
+    if (revision) *revision = as_int(field(field(reply, "header"), "revision"));
     const json& kvs = field(reply, "kvs");
     if (!kvs.is_array() || kvs.empty()) return 0;
     const json& kv = kvs[0];
@@ -46,8 +39,8 @@ int read_commit(Cluster& c, const Layout& k, int64_t at, hgx_commit_info* out, i
     if (!unb64(field(kv, "value").is_string() ? field(kv, "value").get<std::string>() : "", &value))
         return fail_with(HGX_ERROR_CONNECTION_BROKEN, "the head is not base64", message);
     json head = json::parse(value, nullptr, false);
-    *out = {integer(field(kv, "mod_revision")), integer(field(kv, "version")),
-            integer(field(head, "time"))};
+    *out = {as_int(field(kv, "mod_revision")), as_int(field(kv, "version")),
+            as_int(field(head, "time"))};
     return 1;
 }
 
@@ -94,7 +87,7 @@ int grant_lease(hgx_status_key* k) {
     if (k->client.cluster->call("/v3/lease/grant", {{"TTL", std::to_string(k->ttl)}}, &reply,
                                 &k->message) < 0)
         return -1;
-    k->lease = integer(field(reply, "ID"));
+    k->lease = as_int(field(reply, "ID"));
     if (k->lease) return 0;
     k->message = "the cluster granted no lease";
     return fail(HGX_ERROR_CONNECTION_BROKEN);
@@ -157,7 +150,7 @@ int hgx_status_key_renew(hgx_status_key_t* k) {
                                     &reply, &k->message) < 0)
             return -1;
         const json& r = reply.contains("result") ? reply["result"] : reply;
-        if (integer(field(r, "TTL")) > 0) return 0;
+        if (as_int(field(r, "TTL")) > 0) return 0;
         k->lease = 0;
         return put_record(k);
     });

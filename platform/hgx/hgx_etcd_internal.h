@@ -50,6 +50,10 @@ struct Kv {
     int64_t mod_revision = 0;
 };
 
+// A number of an answer: etcd's gateway writes 64-bit numbers as strings.
+// 0 for anything that is neither.
+int64_t as_int(const json& j);
+
 // Appends the keys of a range's answer to *out. 0, or -1 with
 // HGX_ERROR_CONNECTION_BROKEN set where a key or value is not base64.
 int append_kvs(const json& reply, std::vector<Kv>* out);

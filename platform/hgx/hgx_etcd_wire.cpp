@@ -251,15 +251,11 @@ std::string range_end(std::string prefix) {
 
 // ---- requests --------------------------------------------------------------------
 
-namespace {
-
 int64_t as_int(const json& j) {
-    if (j.is_string()) return std::strtoll(j.get<std::string>().c_str(), nullptr, 10);
+    if (j.is_string()) return std::strtoll(j.get_ref<const std::string&>().c_str(), nullptr, 10);
     if (j.is_number_integer()) return j.get<int64_t>();
     return 0;
 }
-
-}  // namespace
 
 // A random name for a generation or a commit: 16 hex digits, so that two
 // writers never pick the same one.

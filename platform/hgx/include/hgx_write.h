@@ -56,6 +56,9 @@ int hgx_wern_split(const char* wern, hgx_wern_parts* parts);
 // Give whether the name is valid; never fail, and set no error.
 bool hgx_valid_name(std::string_view name);
 bool hgx_valid_service_name(std::string_view name);
+// Whether a repository's name is an etcd URL (etcd:// or etcds://) rather
+// than a file's path; never fails.
+bool hgx_is_cluster_url(std::string_view where);
 
 // 0 when the value fits the type (and the value length limit), else -1 with
 // HGX_ERROR_INVALID_VALUE; *why (if given) receives a short reason, a static
